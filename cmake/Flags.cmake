@@ -1,0 +1,21 @@
+# Every target of this project links qxp_flags; code from elsewhere is not held to it.
+add_library(qxp_flags INTERFACE)
+target_compile_options(
+  qxp_flags
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wshadow
+            -Wnon-virtual-dtor
+            -Woverloaded-virtual
+            -Wcast-qual
+            -Wformat=2
+            -Wundef
+            -Werror)
+if(QXPMAINT_SANITIZER)
+  target_compile_options(qxp_flags INTERFACE -fsanitize=${QXPMAINT_SANITIZER} -fno-omit-frame-pointer)
+  target_link_options(qxp_flags INTERFACE -fsanitize=${QXPMAINT_SANITIZER})
+endif()
+if(QXPMAINT_TEST_HOOKS)
+  target_compile_definitions(qxp_flags INTERFACE QXPMAINT_TEST_HOOKS)
+endif()

@@ -54,9 +54,4 @@ void* CreateObject(const char* pszName);
 
 /// Gives back the plugin and frees pInterface, whatever pszName is.
 void DestroyObject(const char* pszName, void* pInterface);
-
-/// The RSA public key that scripts are verified with: the modulus as 256 upper-case hexadecimal digits, the exponent as
-/// hexadecimal digits.
-extern const char* const g_szRsaModulus;
-extern const char* const g_szRsaPublicExponent;
 }

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+
+/// Splits what a descriptor delivers into chunks as fgets with a 1024-byte buffer would: at most 1023 bytes, up to and
+/// including a newline. A chunk is complete only then or at the end of the output, however the bytes arrive.
+class CChunkReader {
+public:
+    enum class EState { Chunk, NeedData, End };
+
+    /// Chunk: the next chunk is in chunk, valid until the next call. NeedData: call Fill once the descriptor is
+    /// readable. End: the output has ended, by its end or a read error.
+    EState Next(std::string_view& chunk);
+    /// One read of what is there; blocks if nothing is.
+    void Fill(int iDescriptor);
+
+    static constexpr size_t CHUNK_LIMIT = 1023;
+
+private:
+    char m_szRaw[16384];
+    size_t m_uRawBegin = 0;
+    size_t m_uRawEnd = 0;
+    char m_szChunk[CHUNK_LIMIT];
+    size_t m_uChunk = 0;
+    bool m_bHandedOut = false;
+    bool m_bEnded = false;
+};
+
+/// The captured output of one run: the first MiB or so, and the most recent MiB or so, whatever a script writes.
+class COutputCapture {
+public:
+    /// Head and tail take a chunk as long as they hold no more than this, so each may exceed it by less than a chunk.
+    static constexpr size_t PART_LIMIT = 1048575;
+
+    void Append(std::string_view chunk);
+    /// The head, "\n...\n" if chunks of the tail were dropped, and the tail. The capture is empty afterwards.
+    std::string Take();
+
+private:
+    void DropOldestChunk();
+    void PushTail(std::string_view chunk);
+
+    std::string m_strHead;
+    // The tail is a ring: m_uTailBytes bytes from m_uTailBegin on, in chunks of the lengths in m_ChunkLengths.
+    std::string m_strRing;
+    size_t m_uTailBegin = 0;
+    size_t m_uTailBytes = 0;
+    std::deque<uint16_t> m_ChunkLengths;
+    bool m_bTruncated = false;
+};

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <semaphore>
+
+#include "maint/child_process.h"
+#include "maint/thread_gate.h"
+
+/// What a run's record and its thread share; it lives until both have let go. The launcher waits until the thread holds
+/// it before it lists the record, so a record can be freed at any time after that without its thread reaching for it.
+class CRunControl {
+public:
+    CRunControl();
+    ~CRunControl();
+    CRunControl(const CRunControl&) = delete;
+    CRunControl& operator=(const CRunControl&) = delete;
+
+    /// Wakes the run thread out of whatever it waits for. Any thread, any number of times.
+    void Wake() const;
+    /// Readable once Wake has been called; -1 when there was no descriptor to be had: the thread then looks at the stop
+    /// flag once a second.
+    int WakeDescriptor() const { return m_iWakeDescriptor; }
+
+    // Guarded by CMaintMgr::m_csRunScriptList.
+
+    /// Not 0: the record is freed or about to be, the thread must not touch it and ends what belongs to the run.
+    int32_t iStopFlag = 0;
+    /// The thread has stored its result, or found the stop flag, and may be gone: it must not be cancelled any more.
+    bool bThreadEnding = false;
+
+    /// Released by the run thread when it holds this block.
+    std::binary_semaphore Attached{0};
+    /// The run thread's place in the gate, taken by the launcher.
+    CThreadTicket Ticket;
+    /// Of the launcher, and from Attached on of the run thread.
+    CChildProcess Child;
+
+private:
+    int m_iWakeDescriptor;
+};

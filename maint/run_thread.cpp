@@ -1,0 +1,206 @@
+#include "maint/run_thread.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+
+#include <exception>
+
+#include "maint/maint_lock.h"
+#include "maint/process_tree.h"
+#include "tool/qx_log_print.h"
+
+namespace {
+
+/// How long a wait lasts before the thread looks at its stop flag and its cancellation by itself.
+constexpr int WAIT_TICK_MS = 1000;
+/// What ended processes get between SIGTERM and SIGKILL.
+constexpr int END_GRACE_MS = 2000;
+
+void SetThreadName(unsigned int dwSequenceIndex) {
+    char szName[16] = {};
+    snprintf(szName, sizeof szName - 1, "qxmaintr%04x", dwSequenceIndex);
+    prctl(PR_SET_NAME, szName);
+}
+
+}  // namespace
+
+std::shared_ptr<CRunControl> CRunThread::Attach(_RunScriptData& stRunData, CThreadTicket& ticket) {
+    std::shared_ptr<CRunControl> spControl = stRunData.spControl;
+    ticket.Adopt();
+    spControl->Ticket.HandOver();
+    spControl->Attached.release();
+    return spControl;
+}
+
+CRunThread::CRunThread(CMaintMgr& mgr, _RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl)
+    : m_Mgr(mgr), m_pRunData(pRunData), m_spControl(std::move(spControl)), m_pStream(m_spControl->Child.Stream()) {
+    Begin();
+}
+
+void CRunThread::Begin() {
+    if (!m_Mgr.GetWork()) {
+        m_ePhase = LeaveReading();
+        return;
+    }
+    unsigned int dwSequenceIndex = 0;
+    {
+        const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
+        if (m_spControl->iStopFlag) {
+            m_ePhase = EPhase::Over;
+            return;
+        }
+        m_pRunData->piStopFlag = &m_spControl->iStopFlag;
+        m_pRunData->dwRunState = RUN_RUNNING;
+        m_strCheckRet = m_pRunData->strCheckRet;
+        dwSequenceIndex = m_pRunData->dwSequenceIndex;
+        m_hRunEvent = m_pRunData->hRunEvent;
+        m_pRunData->u64StartTick = CMainTTool::MaintGetTickCount();
+    }
+    SetThreadName(dwSequenceIndex);
+    m_iResult = m_strCheckRet.empty() ? 1 : 0;
+}
+
+bool CRunThread::Step() {
+    switch (m_ePhase) {
+        case EPhase::Reading:
+            m_ePhase = ReadStep();
+            break;
+        case EPhase::WaitingForExit:
+            m_ePhase = WaitStep();
+            break;
+        case EPhase::Over:
+            break;
+    }
+    return m_ePhase != EPhase::Over;
+}
+
+CRunThread::EPhase CRunThread::ReadStep() {
+    if (m_bChunkBegins && !m_Mgr.GetWork())
+        return LeaveReading();
+    if (StopRequested())
+        return EPhase::Over;
+    if (!m_pStream)
+        return EPhase::WaitingForExit;
+    std::string_view chunk;
+    const CChunkReader::EState eState = m_Reader.Next(chunk);
+    m_bChunkBegins = eState == CChunkReader::EState::Chunk;
+    if (eState == CChunkReader::EState::Chunk)
+        TakeChunk(chunk);
+    else if (eState == CChunkReader::EState::NeedData)
+        WaitForOutput();
+    return eState == CChunkReader::EState::End ? EPhase::WaitingForExit : EPhase::Reading;
+}
+
+// Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
+CRunThread::EPhase CRunThread::LeaveReading() {
+    if (m_pStream)
+        CloseReadEnd(m_pStream);
+    return EPhase::WaitingForExit;
+}
+
+void CRunThread::TakeChunk(std::string_view chunk) {
+    chunk = chunk.substr(0, chunk.find('\0'));
+    m_Capture.Append(chunk);
+    if (!m_strCheckRet.empty() && chunk.find(m_strCheckRet.Str()) != std::string_view::npos)
+        m_iResult = 1;
+}
+
+void CRunThread::WaitForOutput() {
+    pollfd arrWait[] = {{fileno(m_pStream), POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
+    if (poll(arrWait, 2, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0)
+        m_Reader.Fill(fileno(m_pStream));
+}
+
+CRunThread::EPhase CRunThread::WaitStep() {
+    if (StopRequested() || m_spControl->Child.HasExited())
+        return EPhase::Over;
+    m_spControl->Child.WaitExit(m_spControl->WakeDescriptor(), WAIT_TICK_MS);
+    return EPhase::WaitingForExit;
+}
+
+bool CRunThread::StopRequested() {
+    const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
+    return m_spControl->iStopFlag != 0;
+}
+
+void CRunThread::Finish() {
+    if (m_bAbandoned || StopRequested())
+        EndProcesses();
+    // A child that is not known, or that even SIGKILL did not end, is waited for here and not under the lock.
+    if (!m_spControl->Child.CanBeClosedNow())
+        CloseStream();
+    if (!StoreResult()) {
+        EndProcesses();
+        CloseStream();
+    }
+    CMainTTool::MaintSetEvent(m_hRunEvent);
+}
+
+// False when the run was told to stop: the record is not touched then.
+bool CRunThread::StoreResult() {
+    CPString strOutput = m_Capture.Take();
+    const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
+    m_spControl->bThreadEnding = true;
+    if (m_spControl->iStopFlag)
+        return false;
+    m_pRunData->strRunOutData = std::move(strOutput);
+    _CreateProcessInfo& stProcessInfo = m_pRunData->stProcessInfo;
+    for (void** phHandle : {&stProcessInfo.hThread, &stProcessInfo.hReadPipe, &stProcessInfo.hWritePipe}) {
+        CMainTTool::CleanHandle(*phHandle);
+        *phHandle = nullptr;
+    }
+    CloseStream();  // the child has ended: returns at once
+    stProcessInfo.hProcess = nullptr;
+    m_pRunData->dwRunState = RUN_FINISHED;
+    m_pRunData->iRunResult = m_iResult;
+    return true;
+}
+
+void CRunThread::EndProcesses() {
+    if (!m_pStream)
+        return;
+    CloseReadEnd(m_pStream);
+    const CChildProcess& child = m_spControl->Child;
+    if (!CProcessTree(child.Identity(), child.PipeName()).End(END_GRACE_MS))
+        QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
+                   "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]", child.Identity().iPid);
+}
+
+void CRunThread::CloseStream() {
+    CMainTTool::CleanHandle(m_pStream);
+    m_pStream = nullptr;
+}
+
+void* CMaintMgr::RunScriptThread(void* pParam) {
+    DisableCancellation();
+    pthread_detach(pthread_self());
+    CThreadTicket ticket;
+    auto* pRunData = static_cast<_RunScriptData*>(pParam);
+    std::shared_ptr<CRunControl> spControl;
+    if (pRunData)
+        spControl = CRunThread::Attach(*pRunData, ticket);
+    CMaintMgr* pThis = Instance();
+    if (!pThis) {
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+                      "**qxpmaint CMaintMgr::RunScriptThread pThis is NULL");
+        return nullptr;
+    }
+    if (!pRunData) {
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+                      "**qxpmaint CMaintMgr::RunScriptThread pRunData is NULL");
+        return nullptr;
+    }
+    CRunThread run(*pThis, pRunData, std::move(spControl));
+    try {
+        while (run.Step())
+            CancellationPoint();
+    } catch (const std::exception&) {
+        run.Abandon();  // out of memory
+    } catch (...) {
+        run.Abandon();
+        run.Finish();
+        throw;  // the thread was cancelled
+    }
+    run.Finish();
+    return nullptr;
+}

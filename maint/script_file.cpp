@@ -1,0 +1,96 @@
+#include "maint/script_file.h"
+
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "maint/maint_mgr.h"
+#include "tool/qx_log_print.h"
+
+std::mutex& LaunchLock() {
+    static constinit std::mutex lock;
+    return lock;
+}
+
+// An empty directory name means that the script cannot be written where the policy wants it.
+CPString CMaintMgr::ScriptDirectory(const _MaintPolicyDetail& stPolicy) {
+    if (stPolicy.strPath.empty())
+        return m_strDataPath;
+    CPString strBare = stPolicy.strPath;
+    CPString strDirectory = stPolicy.strPath;
+    if (strDirectory.Right(1) == "/")
+        strBare = CPString(strBare.data(), strBare.size() - 1);
+    else
+        strDirectory += "/";
+    // Created from the path without its slash: with it, the last step would meet the directory it just made and fail.
+    if (access(strDirectory.c_str(), F_OK) != 0 && !CMainTTool::RecursiveCreateDir(strBare.c_str()))
+        return m_strDataPath;
+    return strDirectory;
+}
+
+int CMaintMgr::RunNewScript(const std::list<_MaintPolicyDetail>& list) {
+    for (const _MaintPolicyDetail& record : list) {
+        const unsigned int dwSequence = GetSequenceIndex();
+        CPString strName;
+        strName.Format("%s%04x", GetStrTime(0, 0).c_str(), dwSequence);
+        const int bExec = record.strType.CompareNoCase("exe") == 0 ? 1 : 0;
+        CPString strExtension;
+        if (!bExec)
+            strExtension.Format(".%s", record.strType.c_str());
+        CPString strFullPath;
+        strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
+        GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
+        CreateRunScript(strFullPath, "", dwSequence, record);
+    }
+    return 1;
+}
+
+namespace {
+
+int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, unsigned char* pText, int iLength) {
+    if (pText && iLength != 0) {
+        const auto iWritten = static_cast<int>(fwrite(pText, 1, static_cast<size_t>(iLength), pFile));
+        if (iWritten == iLength)
+            return 1;
+        QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
+                   "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] iLength[%d] "
+                   "pText[%p]",
+                   errno, strerror(errno), iWritten, strPath.c_str(), iLength, static_cast<void*>(pText));
+        return 0;
+    }
+    const auto iWritten = static_cast<int>(fwrite(strText.data(), 1, strText.size(), pFile));
+    if (static_cast<size_t>(iWritten) == strText.size())
+        return 1;
+    QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
+               "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] strText[%d][%s]",
+               errno, strerror(errno), iWritten, strPath.c_str(), static_cast<int>(strText.size()), strText.c_str());
+    return 0;
+}
+
+}  // namespace
+
+int CMaintMgr::GenScriptFile(const CPString& strPath, const CPString& strText, unsigned char* pText, int iLength,
+                             int bExec) {
+    int iResult = 0;
+    {
+        // No launch may fork while the file is open for writing: its child would hold the descriptor until it executes,
+        // and running the file would fail with "Text file busy".
+        const std::lock_guard lock(LaunchLock());
+        if (FILE* pFile = fopen(strPath.c_str(), "wb+e")) {
+            // Unbuffered, so that a full disk is seen by the write and not lost in the close.
+            setvbuf(pFile, nullptr, _IONBF, 0);
+            iResult = WriteBody(pFile, strPath, strText, pText, iLength);
+            fclose(pFile);
+        } else {
+            QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+                       "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", errno, strerror(errno),
+                       strPath.c_str());
+        }
+    }
+    if (bExec)
+        chmod(strPath.c_str(), 0755);
+    return iResult;
+}

@@ -1,0 +1,120 @@
+#include "plugin/command.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "maint/maint_mgr.h"
+#include "plugin/plugin_core.h"
+#include "plugin/plugin_state.h"
+#include "plugin/send_to_mgr.h"
+#include "qxhost/json.h"
+#include "tool/qx_log_print.h"
+
+namespace qxpmaint_impl {
+
+namespace {
+
+constexpr char RECV_FUNCTION[] = "plugin_recv_handler";
+
+/// The type value of a command that runs scripts, 0 for any other command.
+unsigned int PolicyType(const CPString& strCommand) {
+    if (strCommand == "RunScriptNormal")
+        return 1;
+    if (strCommand == "RunScriptFile" || strCommand == "RunScriptProcess")
+        return 2;
+    return 0;
+}
+
+// True when the command was accepted. On refusal strID and strCommand hold what could be read of it.
+bool TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
+    if (!pJsonData || !*pJsonData) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv empty msg");
+        return false;
+    }
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint recv msg:%s", pJsonData);
+    {
+        // Gone before the manager reads the same text into nodes of its own: a document may be large.
+        qxtools::CPJsonParse json;
+        if (!json.LoadBuffer(pJsonData)) {
+            QXLogPrint(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
+                       "qxpmaint CMaintMgr::SetPolicy LoadBuffer Error pJsonData[%s]", pJsonData);
+            return false;
+        }
+        void* pID = json.GetNode(nullptr, "ID");
+        if (!pID) {
+            QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
+                          "qxpmaint CMaintMgr::SetPolicy GetNode ID Error");
+            return false;
+        }
+        strID = json.GetValue(pID);
+        if (strID.empty()) {
+            QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__, "qxpmaint CMaintMgr::SetPolicy ID is NULL");
+            return false;
+        }
+        void* pCommand = json.GetNode(nullptr, "Command");
+        if (!pCommand) {
+            QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
+                          "qxpmaint CMaintMgr::SetPolicy GetNode Command Error");
+            return false;
+        }
+        strCommand = json.GetValue(pCommand);
+    }
+    const unsigned int dwPolicyType = PolicyType(strCommand);
+    if (dwPolicyType == 0)
+        return false;
+    CMaintMgr* pMaintMgr = CMaintMgr::Instance();
+    if (!pMaintMgr) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
+        return false;
+    }
+    return pMaintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0;
+}
+
+void SendRefusal(const CPString& strID, const CPString& strCommand) {
+    char szSendBuffer[256] = {};
+    if (!strID.empty())
+        snprintf(szSendBuffer, sizeof szSendBuffer, R"({"ID":"%s","msg_type":"4","data_type":"%s"})", strID.c_str(),
+                 strCommand.c_str());
+    if (!g_qxpmaint_send_to_mgr.load() || !szSendBuffer[0])
+        return;
+    const EncodedText spEncoded(QxJsonEncodeStr(szSendBuffer), free);
+    if (!spEncoded || !*spEncoded) {
+        const int iRet = SendToMgr(szSendBuffer, strlen(szSendBuffer));
+        LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint plugin_recv_handler g_qxpmaint_send_to_mgr iRet[%d] szSendBuffer[%s]",
+                  iRet, szSendBuffer);
+    } else {
+        const int iRet = SendToMgr(spEncoded.get(), strlen(spEncoded.get()));
+        LogPrintC(QXPMAINT_MODULE, 5,
+                  "qxpmaint plugin_recv_handler g_qxpmaint_send_to_mgr JsonEncodeStr iRet[%d] pszEncodeData[%s]", iRet,
+                  spEncoded.get());
+    }
+}
+
+}  // namespace
+
+int plugin_recv_handler(const char* pJsonData) {
+    CPString strID;
+    CPString strCommand;
+    if (!TakeCommand(pJsonData, strID, strCommand))
+        SendRefusal(strID, strCommand);
+    return 0;
+}
+
+int connect(const char* pszHost, int iPort) {
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint connect %s:%d", pszHost ? pszHost : "", iPort & 0xffff);
+    return 0;
+}
+
+int disconnect() {
+    LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint disconnect");
+    return 0;
+}
+
+int notify_mgr_to_plugin(int iId, const char* pszText) {
+    LogPrintC(QXPMAINT_MODULE, 1, "qxpmaint notify_mgr_to_plugin id[%d] buf[%s]", iId, pszText ? pszText : "");
+    return 0;
+}
+
+}  // namespace qxpmaint_impl

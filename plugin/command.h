@@ -1,0 +1,16 @@
+#pragma once
+
+namespace qxpmaint_impl {
+
+// The handlers that init hands to the adapter. Bus threads call them, possibly several at once; plugin_recv_handler is
+// called by the loader thread as well.
+
+/// Takes a command message. Always 0; a refused command that has an ID is answered with a short reply.
+int plugin_recv_handler(const char* pJsonData);
+
+// These only log.
+int connect(const char* pszHost, int iPort);
+int disconnect();
+int notify_mgr_to_plugin(int iId, const char* pszText);
+
+}  // namespace qxpmaint_impl

@@ -1,0 +1,36 @@
+#include "plugin/directory_list.h"
+
+#include <dirent.h>
+
+#include <cstring>
+
+namespace qxpmaint_impl {
+
+namespace {
+
+bool IsPassedOver(const dirent& entry) {
+    return entry.d_name[0] == '\0' || strcmp(entry.d_name, ".") == 0 || strcmp(entry.d_name, "..") == 0 ||
+           entry.d_type == DT_LNK || entry.d_type == DT_DIR;
+}
+
+}  // namespace
+
+bool GetDirJsonFileList(const char* pszDirectory, std::list<_FilePathInfo>& listFile) {
+    if (!pszDirectory || !*pszDirectory)
+        return false;
+    DIR* pDirectory = opendir(pszDirectory);
+    if (!pDirectory)
+        return false;
+    while (const dirent* pEntry = readdir(pDirectory)) {
+        if (IsPassedOver(*pEntry))
+            continue;
+        CPString strFullPath;
+        strFullPath.Format("%s/%s", pszDirectory, pEntry->d_name);
+        if (strFullPath.Right(5).CompareNoCase(".json") == 0)
+            listFile.push_back({strFullPath, pEntry->d_name});
+    }
+    closedir(pDirectory);
+    return true;
+}
+
+}  // namespace qxpmaint_impl

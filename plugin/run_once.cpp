@@ -1,0 +1,71 @@
+#include <cstdio>
+
+#include "maint/maint_mgr.h"
+#include "maint/thread_gate.h"
+#include "plugin/directory_list.h"
+#include "plugin/plugin_core.h"
+#include "plugin/plugin_state.h"
+#include "qxhost/file.h"
+#include "qxhost/log.h"
+
+namespace qxpmaint_impl {
+
+namespace {
+
+CPString FindPolicyFile(const CPString& strName) {
+    std::list<_FilePathInfo> listFile;
+    GetDirJsonFileList(g_szPolicyProcessPath, listFile);
+    for (const _FilePathInfo& file : listFile) {
+        if (file.strFileName == strName)
+            return file.strFullPath;
+    }
+    return {};
+}
+
+bool RunPolicyFile(CMaintMgr& mgr, const char* pszID, const CPString& strFilePath) {
+    char* pJsonData = QxReadFileData(strFilePath.c_str());
+    if (!pJsonData) {
+        LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pJsonData is NULL pszID[%s] strFilePath[%s]", pszID,
+                  strFilePath.c_str());
+        return false;
+    }
+    std::list<_MaintPolicyDetail> maintPolicyDataList;
+    bool bResult = false;
+    if (mgr.ParsePolicy(pJsonData, pszID, 2, maintPolicyDataList) && !maintPolicyDataList.empty())
+        bResult = mgr.RunOnceTask(maintPolicyDataList) != 0;
+    else
+        LogPrintC(QXPMAINT_MODULE, 2,
+                  "*qxpmaint RunOnceScriptTask maintPolicyDataList is NULL pszID[%s] strFilePath[%s] pJsonData[%s]",
+                  pszID, strFilePath.c_str(), pJsonData);
+    QxReleaseFileData(pJsonData);
+    return bResult;
+}
+
+}  // namespace
+
+bool RunOnceScriptTask(const char* pszID) {
+    if (!pszID || !*pszID) {
+        LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pszID is NULL");
+        return false;
+    }
+    // Counted like a thread of the plugin: the manager is not destroyed under it.
+    CThreadTicket ticket;
+    ticket.Take();
+    CMaintMgr* pMaintMgr = CMaintMgr::Instance();
+    if (!pMaintMgr) {
+        LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pMaintMgr is NULL pszID[%s]", pszID);
+        return false;
+    }
+    const CPString strFilePath = FindPolicyFile(pszID);
+    if (strFilePath.empty()) {
+        LogPrintC(QXPMAINT_MODULE, 2,
+                  "*qxpmaint RunOnceScriptTask strFilePath is NULL pszID[%s] g_szPolicyProcessPath[%s]", pszID,
+                  g_szPolicyProcessPath);
+        return false;
+    }
+    const bool bResult = RunPolicyFile(*pMaintMgr, pszID, strFilePath);
+    remove(strFilePath.c_str());
+    return bResult;
+}
+
+}  // namespace qxpmaint_impl

@@ -1,0 +1,119 @@
+#include "tests/plugin/plugin_host.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void Require(bool condition, const std::string& what) {
+    if (!condition)
+        throw std::runtime_error(what);
+}
+
+void ClaimProcess() {
+    static bool claimed = false;
+    Require(!claimed, "one plugin host a process: run these tests through ctest, or one at a time");
+    claimed = true;
+}
+
+void BuildTree(const fs::path& root) {
+    for (const char* directory : {"bin", "lib", "etc/plugins/qxpmaint", "etc/trusted-keys", "data"})
+        fs::create_directories(root / directory);
+    fs::copy_file(QXPMAINT_TEST_LIBRARY, root / "lib/libqxpmaint.so");
+    fs::copy_file(QXPMAINT_TEST_HOST_LIBRARY, root / "lib/libqxhost.so");
+    std::ofstream(root / "etc/plugins/qxpmaint/qxpmaint.conf") << "[qxpmaint]\ncheckcycle=1\n";
+}
+
+LogRecord ParseRecord(const std::string& line) {
+    LogRecord record;
+    std::istringstream in(line);
+    std::string time;
+    std::string thread;
+    in >> time >> record.severity >> thread >> record.source >> record.level;
+    Require(!in.fail(), "not a log record: " + line);
+    in.get();
+    std::getline(in, record.text);
+    return record;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
+    return out << record.severity << ' ' << record.source << ' ' << record.level << ' ' << record.text;
+}
+
+PluginHost::PluginHost() : signer(QXPMAINT_TEST_SIGNING_KEY) {
+    ClaimProcess();
+    BuildTree(Root());
+    Require(chdir((Root() / "bin").c_str()) == 0, "cannot enter bin/");
+    setenv("QXHOST_LOG", (Root() / "log").c_str(), 1);
+    setenv("QXHOST_LOG_LEVEL", "trace", 1);
+    library_ = dlopen(LibraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
+    Require(library_, library_ ? "" : dlerror());
+    create_plugin = Symbol<decltype(&::create_plugin)>("create_plugin");
+    destroy_plugin = Symbol<decltype(&::destroy_plugin)>("destroy_plugin");
+    runonce_plugin = Symbol<decltype(&::runonce_plugin)>("runonce_plugin");
+    create_object = Symbol<decltype(&::CreateObject)>("CreateObject");
+    destroy_object = Symbol<decltype(&::DestroyObject)>("DestroyObject");
+    Require(create_plugin && destroy_plugin && runonce_plugin && create_object && destroy_object,
+            "an entry point is missing");
+}
+
+PluginHost::~PluginHost() {
+    Shutdown();
+    // The directory is removed now; nobody may stay in it.
+    static_cast<void>(chdir("/") == 0);
+}
+
+void PluginHost::Launch() {
+    object = static_cast<PluginObjInterface*>(create_object(PLUGIN_CLSID));
+    Require(object, "CreateObject failed");
+    object->SetCtx(&endpoint);
+    Require(object->Initialize(&init_block) == 0, "Initialize failed");
+    Require(object->Start() == 0, "Start failed");
+}
+
+void PluginHost::Shutdown() {
+    if (!object)
+        return;
+    if (object->GetStatus() == 2)
+        object->Stop();
+    if (object->GetStatus() == 1 || object->GetStatus() == 3)
+        object->Uninitialize();
+    destroy_object(PLUGIN_CLSID, object);
+    object = nullptr;
+}
+
+bool PluginHost::SendCommand(const std::string& json, void* token) {
+    return endpoint.Deliver(20001, SERVER_DATA, json, token);
+}
+
+std::vector<std::string> PluginHost::WaitForReports(size_t count, std::chrono::milliseconds deadline) {
+    Require(endpoint.WaitForCalls("SendAsync", count, deadline), "too few reports");
+    std::vector<std::string> reports;
+    for (const BusCall& call : endpoint.Calls("SendAsync"))
+        reports.push_back(DecodeEnvelope(call.data).json);
+    return reports;
+}
+
+std::vector<LogRecord> PluginHost::Log() const {
+    std::vector<LogRecord> records;
+    std::ifstream file(Root() / "log");
+    for (std::string line; std::getline(file, line);)
+        records.push_back(ParseRecord(line));
+    return records;
+}
+
+std::vector<LogRecord> PluginHost::LogWith(const std::string& part) const {
+    std::vector<LogRecord> records = Log();
+    records.erase(std::remove_if(records.begin(), records.end(),
+                                 [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; }),
+                  records.end());
+    return records;
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "adapter/entry_points.h"
+#include "adapter/plugin_fun_table.h"
+#include "qxhost/init_block.h"
+#include "tests/plugin/script_signer.h"
+#include "tests/plugin/scripted_endpoint.h"
+#include "tests/support/temp_dir.h"
+
+/// One record of the host's log.
+struct LogRecord {
+    std::string severity;
+    std::string source;  ///< a module number or a source unit
+    int level = 0;
+    std::string text;
+
+    bool operator==(const LogRecord&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const LogRecord& record);
+
+/// A host that loads the built plugin from a private installation tree, in the order and with the calls that a vendor's
+/// agent makes:
+///
+///   bin/        the working directory      etc/plugins/qxpmaint/qxpmaint.conf, etc/trusted-keys/
+///   lib/        copies of both libraries   data/qxpmaint/   made by the plugin
+///
+/// The plugin is one a process and is never unloaded, so every test needs a process of its own, as ctest gives it; a
+/// second host in one process throws.
+class PluginHost {
+public:
+    /// Builds the tree and loads the plugin. Throws std::runtime_error.
+    PluginHost();
+    /// Ends a plugin that is still started, initialised or created.
+    ~PluginHost();
+    PluginHost(const PluginHost&) = delete;
+    PluginHost& operator=(const PluginHost&) = delete;
+
+    std::filesystem::path Root() const { return root_.Path(); }
+    std::filesystem::path Data() const { return Root() / "data/qxpmaint"; }
+    std::string LibraryPath() const { return (Root() / "lib/libqxpmaint.so").string(); }
+
+    /// An exported symbol of the plugin; null when there is none.
+    template <typename Pointer>
+    Pointer Symbol(const char* name) const {
+        return reinterpret_cast<Pointer>(dlsym(library_, name));
+    }
+
+    /// CreateObject, SetCtx, Initialize and Start, each of which must succeed.
+    void Launch();
+    /// Stop, Uninitialize and DestroyObject, as far as they are due.
+    void Shutdown();
+
+    /// Hands the plugin a command from the server and waits until it was handled. False when it is not registered.
+    bool SendCommand(const std::string& json, void* token = nullptr);
+    /// Waits for count reports and returns the JSON text of each; throws when the deadline passes first.
+    std::vector<std::string> WaitForReports(size_t count, std::chrono::milliseconds deadline = DEADLINE);
+
+    /// The log so far, in order.
+    std::vector<LogRecord> Log() const;
+    /// The records whose text contains a part.
+    std::vector<LogRecord> LogWith(const std::string& part) const;
+
+    decltype(&::create_plugin) create_plugin = nullptr;
+    decltype(&::destroy_plugin) destroy_plugin = nullptr;
+    decltype(&::runonce_plugin) runonce_plugin = nullptr;
+    decltype(&::CreateObject) create_object = nullptr;
+    decltype(&::DestroyObject) destroy_object = nullptr;
+
+    PluginObjInterface* object = nullptr;
+    ScriptedEndpoint endpoint;
+    /// The key that the loaded plugin trusts.
+    ScriptSigner signer;
+    QxInitBlock init_block{nullptr};
+
+private:
+    TempDir root_;
+    void* library_ = nullptr;
+};

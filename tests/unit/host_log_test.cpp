@@ -1,0 +1,263 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host_temporary_directory.h"
+#include "qxhost/log.h"
+
+namespace {
+
+using std::string_literals::operator""s;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using Environment = std::map<std::string, std::string>;
+
+struct Ended {
+    pid_t pid;
+    std::vector<std::string> lines;  // of its standard error
+};
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+/// What follows the time in each record: "LEVEL thread/tid module level text" without "thread/tid ".
+std::vector<std::string> Records(const std::vector<std::string>& lines) {
+    static const std::regex form("\\S+ (\\S+) \\S+/\\d+ ([^]*)");
+    std::vector<std::string> records;
+    for (const std::string& line : lines) {
+        std::smatch match;
+        records.push_back(std::regex_match(line, match, form) ? match.str(1) + " " + match.str(2) : "?" + line);
+    }
+    return records;
+}
+
+[[noreturn]] void RunChild(const Environment& environment, const std::string& error_file,
+                           const std::function<void()>& body) {
+    unsetenv("QXHOST_LOG");
+    unsetenv("QXHOST_LOG_LEVEL");
+    for (const auto& [name, value] : environment) {
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    tzset();
+    const int file = open(error_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (file < 0 || dup2(file, STDERR_FILENO) < 0) {
+        _exit(100);
+    }
+    body();
+    _exit(0);
+}
+
+/// Runs the body in a process of its own, because the environment is read once a process.
+Ended InProcess(const Environment& environment, const std::function<void()>& body) {
+    const TemporaryDirectory directory;
+    const std::string error_file = directory.Path() / "stderr";
+    const pid_t child = fork();
+    if (child == 0) {
+        RunChild(environment, error_file, body);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadWhole(error_file);
+    return {child, Lines(ReadWhole(error_file))};
+}
+
+std::string LocalTime(time_t now, long offset) {
+    now += offset;
+    tm parts = {};
+    gmtime_r(&now, &parts);
+    std::array<char, 32> text = {};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts)};
+}
+
+TEST(Log, WritesOneLineARecordInItsForm) {
+    const std::map<std::string, std::pair<std::string, long>> zones = {
+        {"XXX-8", {"\\+08:00", 8 * 3600}}, {"XXX3:30", {"-03:30", -12600}}, {"UTC0", {"\\+00:00", 0}}};
+    for (const auto& [zone, expected] : zones) {
+        const std::string before = LocalTime(time(nullptr), expected.second);
+        const Ended run = InProcess({{"TZ", zone}}, [] {
+            pthread_setname_np(pthread_self(), "run 7\n");
+            LogPrintC(93, 2, "*cannot open \"%s\": %d", "a b", 5);
+        });
+        const std::string after = LocalTime(time(nullptr), expected.second);
+        ASSERT_EQ(run.lines.size(), 1U);
+        EXPECT_TRUE(std::regex_match(
+            run.lines[0],
+            std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}" + expected.first +
+                       " warn run\\\\x207\\\\n/" + std::to_string(run.pid) + " 93 2 \\*cannot open \"a b\": 5")))
+            << run.lines[0];
+        EXPECT_LE(before, run.lines[0].substr(0, before.size()));
+        EXPECT_GE(after, run.lines[0].substr(0, after.size()));
+    }
+}
+
+TEST(Log, MapsTheLevelsAndKeepsBackWhatIsOff) {
+    const auto log_all = [] {
+        CLogDebug* const log = CLogDebug::Instance();
+        std::string on;
+        for (int level = 0; level <= 7; ++level) {
+            LogPrintC(93, level, "text");
+            log->LogPrint(level, "source", __func__, __LINE__, "%s", "text");
+            on += log->CheckLogLevel(level) ? std::to_string(level) : "";
+        }
+        LogPrintC(1, 3, "%s", on.c_str());
+    };
+    EXPECT_THAT(
+        Records(InProcess({{"QXHOST_LOG_LEVEL", "trace"}}, log_all).lines),
+        ElementsAre("debug 93 0 text", "info source 0 text", "debug 93 1 text", "info source 1 text", "warn 93 2 text",
+                    "info source 2 text", "error 93 3 text", "warn source 3 text", "info 93 4 text",
+                    "error source 4 text", "info 93 5 text", "info source 5 text", "info 93 6 text",
+                    "trace source 6 text", "info 93 7 text", "info source 7 text", "error 1 3 01234567"));
+    EXPECT_THAT(
+        Records(InProcess({{"QXHOST_LOG_LEVEL", "warn"}}, log_all).lines),
+        ElementsAre("warn 93 2 text", "error 93 3 text", "warn source 3 text", "error source 4 text", "error 1 3 34"));
+    EXPECT_THAT(Records(InProcess({}, log_all).lines), testing::Contains("error 1 3 0123457"));
+    EXPECT_THAT(InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", "/no/such/file"}}, log_all).lines, IsEmpty());
+    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG_LEVEL", "loud"}}, log_all).lines).at(0),
+                EndsWith("QXHOST_LOG_LEVEL is \"loud\", not trace, debug, info, warn, error or off; "
+                         "logging from info on"));
+}
+
+TEST(Log, NoTextCanForgeARecord) {
+    const Ended run = InProcess({}, [] {
+        CLogDebug* const log = CLogDebug::Instance();
+        log->LogPrintStr(2, "source", "f", 1, "a\\n\nb\t\r\x1b[0m\x7f%s \xC3\xA9\x01");
+        log->LogPrintStr(2, "x 4\ny", "f", 1, nullptr);
+        log->LogPrintStr(2, nullptr, nullptr, 0, "");
+    });
+    EXPECT_THAT(Records(run.lines), ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01",
+                                                "info x\\x204\\ny 2 ", "info - 2 "));
+}
+
+TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {
+    constexpr size_t kLimit = 16384;
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {std::string(kLimit, 'a'), std::string(kLimit, 'a')},
+        {std::string(kLimit, 'a') + "b", std::string(kLimit, 'a') + " (+1 bytes)"},
+        {std::string(500'000, 'a'), std::string(kLimit, 'a') + " (+483616 bytes)"},
+        {std::string(kLimit - 1, 'a') + "\n\n", std::string(kLimit - 1, 'a') + "\\n (+1 bytes)"},
+        {std::string(kLimit - 2, 'a') + "\xE2\x82\xAC.", std::string(kLimit - 2, 'a') + " (+4 bytes)"},
+        {std::string(kLimit + 9, '\x80'), std::string(kLimit, '\x80') + " (+9 bytes)"},
+        {std::string(511, 'a'), std::string(511, 'a')},
+        {std::string(512, 'a'), std::string(512, 'a')}};
+    const Ended run = InProcess({}, [&] {
+        for (const auto& [text, written] : cases) {
+            LogPrintC(93, 5, "%s", text.c_str());
+            CLogDebug::Instance()->LogPrintStr(2, "s", "f", 1, text.c_str());
+        }
+    });
+    ASSERT_EQ(run.lines.size(), 2 * cases.size());
+    const std::vector<std::string> records = Records(run.lines);
+    for (size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_TRUE(records[2 * i] == "info 93 5 " + cases[i].second) << i << records[2 * i].substr(16000);
+        EXPECT_TRUE(records[2 * i + 1] == "info s 2 " + cases[i].second) << i;
+    }
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"  // %m is an extension of the C library
+TEST(Log, KeepsErrnoAndFormatsIt) {
+    const Ended run = InProcess({}, [] {
+        errno = ENOENT;
+        LogPrintC(93, 3, "cannot open: %m");
+        const int after_record = errno;
+        LogPrintC(93, 0, "off");
+        LogPrintC(93, 3, "%d %d", after_record, errno);
+    });
+    EXPECT_THAT(Records(run.lines), ElementsAre("error 93 3 cannot open: No such file or directory", "error 93 3 2 2"));
+}
+#pragma GCC diagnostic pop
+
+TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
+    const TemporaryDirectory directory;
+    const std::string file = directory.Path() / "agent.log";
+    const auto log_once = [] {
+        LogPrintC(93, 5, "once");
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code ignored;
+            if (read_symlink(entry.path(), ignored).filename() == "agent.log") {
+                const int fd = std::stoi(entry.path().filename());
+                LogPrintC(93, 5, "close-on-exec %d", fcntl(fd, F_GETFD) & FD_CLOEXEC);
+            }
+        }
+    };
+    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
+    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
+    EXPECT_THAT(Records(Lines(ReadWhole(file))), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1",
+                                                             "info 93 5 once", "info 93 5 close-on-exec 1"));
+    struct stat info = {};
+    ASSERT_EQ(stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777 & ~0640, 0U);
+    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", file + "/x"}}, log_once).lines),
+                ElementsAre("error qxhost 3 cannot open the log file " + file +
+                                "/x: Not a directory; logging to the standard error",
+                            "info 93 5 once"));
+}
+
+TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
+    constexpr size_t kRecords = 200;
+    const TemporaryDirectory directory;
+    const std::string file = directory.Path() / "agent.log";
+    const Environment environment = {{"QXHOST_LOG", file}};
+    const auto log_many = [] {
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < 3; ++thread) {
+            threads.emplace_back([thread] {
+                const std::string text(static_cast<size_t>(thread) * 3000 + 10, static_cast<char>('a' + thread));
+                for (size_t i = 0; i < kRecords; ++i) {
+                    LogPrintC(93, 5, "%s", text.c_str());
+                }
+            });
+        }
+    };
+    InProcess(environment, [&] {
+        const pid_t second = fork();
+        log_many();
+        if (second != 0) {
+            int status = -1;
+            waitpid(second, &status, 0);
+            _exit(status == 0 ? 0 : 1);
+        }
+    });
+    std::map<std::string, size_t> counts;
+    for (const std::string& record : Records(Lines(ReadWhole(file)))) {
+        ++counts[record];
+    }
+    EXPECT_EQ(counts.size(), 3U);
+    for (const auto& [record, count] : counts) {
+        EXPECT_EQ(count, 2 * kRecords) << record.substr(0, 40);
+    }
+}
+
+TEST(Log, WorksWhileTheProcessExits) {
+    const Ended run = InProcess({}, [] {
+        std::atexit([] { LogPrintC(93, 5, "at exit"); });  // before the first record: runs after the logger's own
+        LogPrintC(93, 5, "first");
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe)
+    });
+    EXPECT_THAT(Records(run.lines), ElementsAre("info 93 5 first", "info 93 5 at exit"));
+}
+
+}  // namespace

@@ -6,6 +6,7 @@
 #include "maint/process_tree.h"
 #include "maint/run_control.h"
 #include "maint/script_file.h"
+#include "maint/test_point.h"
 #include "tool/qx_log_print.h"
 
 CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*strLogPath*/, const CPString& strType,
@@ -104,6 +105,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
                "qxpmaint CMaintMgr::CreateRunScript Create RunScriptThread u64ThreadId[%llu] strPath[%s]", u64ThreadId,
                strPath.c_str());
+    TestPoint("launch listing");
     {
         const CMaintLockGuard lock(m_csRunScriptList);
         pRunData->u64ThreadId = u64ThreadId;

@@ -7,6 +7,7 @@
 
 #include "maint/maint_lock.h"
 #include "maint/process_tree.h"
+#include "maint/test_point.h"
 #include "tool/qx_log_print.h"
 
 namespace {
@@ -63,9 +64,11 @@ void CRunThread::Begin() {
 bool CRunThread::Step() {
     switch (m_ePhase) {
         case EPhase::Reading:
+            TestPoint("run reading");
             m_ePhase = ReadStep();
             break;
         case EPhase::WaitingForExit:
+            TestPoint("run waiting");
             m_ePhase = WaitStep();
             break;
         case EPhase::Over:
@@ -129,10 +132,12 @@ void CRunThread::Finish() {
     // A child that is not known, or that even SIGKILL did not end, is waited for here and not under the lock.
     if (!m_spControl->Child.CanBeClosedNow())
         CloseStream();
+    TestPoint("run storing");
     if (!StoreResult()) {
         EndProcesses();
         CloseStream();
     }
+    TestPoint("run stored");
     CMainTTool::MaintSetEvent(m_hRunEvent);
 }
 
@@ -179,6 +184,7 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
     std::shared_ptr<CRunControl> spControl;
     if (pRunData)
         spControl = CRunThread::Attach(*pRunData, ticket);
+    TestPoint("run attached");
     CMaintMgr* pThis = Instance();
     if (!pThis) {
         QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,

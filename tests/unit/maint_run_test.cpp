@@ -1,120 +1,8 @@
 // Runs of real scripts under the manager: results, endings, time-outs, and that nothing is left behind.
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
-
-#include "maint/maint_mgr.h"
-#include "maint/thread_gate.h"
-#include "plugin/plugin_core.h"
-#include "qxhost/json.h"
-#include "tests/support/temp_dir.h"
-#include "tests/support/wait.h"
+#include "tests/unit/maint_run_fixture.h"
 
 namespace {
-
-std::mutex g_reportsLock;
-std::list<std::string> g_reports;  // guarded by g_reportsLock
-
-int KeepReport(int /*type*/, const char* /*name1*/, const char* /*name2*/, int /*value*/, const unsigned char* data,
-               unsigned int length) {
-    const std::lock_guard lock(g_reportsLock);
-    g_reports.emplace_back(reinterpret_cast<const char*>(data), length);
-    return 0;
-}
-
-void Ignore(int, const unsigned char*) {
-}
-
-struct Result {
-    std::string script;
-    std::string result;
-    std::string output;
-    std::string seconds;
-    std::string end;
-};
-
-class RunTest : public testing::Test {
-protected:
-    RunTest() {
-        {
-            const std::lock_guard lock(g_reportsLock);
-            g_reports.clear();
-        }
-        PluginInitParam param{};
-        param.notify_to_mgr = Ignore;
-        param.send_to_mgr = KeepReport;
-        param.kv = "agent_type=KSTL";
-        EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
-        manager_ = CMaintMgr::Instance();
-        manager_->Start();
-        descriptors_ = CountEntries("/proc/self/fd");
-    }
-
-    ~RunTest() override {
-        qxpmaint_impl::uninit();
-        EXPECT_EQ(CThreadGate::Instance().Count(), 0U);
-        EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
-    }
-
-    _MaintPolicyDetail Script(const std::string& body, const std::string& id = "script") {
-        _MaintPolicyDetail script;
-        script.strID = "policy";
-        script.strScriptId = id;
-        script.strType = "sh";
-        script.strText = body;
-        script.strPath = directory_.Path().string();
-        return script;
-    }
-
-    void Launch(const _MaintPolicyDetail& script) { manager_->RunNewScript({script}); }
-
-    // Disposes of finished runs until none is listed, and returns what was reported.
-    std::vector<Result> Collect() {
-        EXPECT_TRUE(WaitUntil([&] {
-            manager_->DisposeScriptList(MT_RUNCOMPLETE);
-            return manager_->GetPRunScriptListSize() == 0;
-        }));
-        return Reported();
-    }
-
-    static std::vector<Result> Reported() {
-        std::vector<Result> results;
-        const std::lock_guard lock(g_reportsLock);
-        for (const std::string& text : g_reports) {
-            qxtools::CPJsonParse json;
-            EXPECT_TRUE(json.LoadBuffer(text.c_str())) << text;
-            std::list<void*> runs;
-            json.GetAllNode(json.GetNode(json.GetNode(nullptr, "data"), "result"), runs);
-            for (void* run : runs) {
-                const auto value = [&](const char* key) { return json.GetValue(json.GetNode(run, key)).Str(); };
-                results.push_back({value("scriptid"), value("run_result"), value("run_outdata"),
-                                   value("run_runningtime"), value("run_endtime")});
-            }
-        }
-        return results;
-    }
-
-    // The pid that a script has written to a file of this name.
-    pid_t PidIn(const std::string& name) {
-        std::string text;
-        EXPECT_TRUE(WaitUntil([&] { return (text = ReadFile(directory_ / name)).find('\n') != std::string::npos; }));
-        return static_cast<pid_t>(std::stol(text));
-    }
-
-    void ExpectGone(pid_t pid) {
-        EXPECT_TRUE(WaitUntil([&] { return !ProcessRuns(pid); })) << "process " << pid << " is left";
-    }
-
-    TempDir directory_;
-    CMaintMgr* manager_ = nullptr;
-    long descriptors_ = 0;
-};
 
 TEST_F(RunTest, ResultFollowsTheMarkerAndNotTheExitStatus) {
     auto found = Script("echo all is well; exit 1", "found");
@@ -122,12 +10,12 @@ TEST_F(RunTest, ResultFollowsTheMarkerAndNotTheExitStatus) {
     auto missing = Script("echo all is lost", "missing");
     missing.strCheckRet = "is well";
     manager_->RunNewScript({Script("exit 7", "silent"), found, missing});
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 3U);
-    EXPECT_EQ(results[0].result + results[0].output, "1");
-    EXPECT_EQ(results[1].result + results[1].output, "1all is well\n");
-    EXPECT_EQ(results[2].result + results[2].output, "0all is lost\n");
-    EXPECT_EQ(results[0].end.size(), 19U);
+    EXPECT_EQ(results["silent"].result + results["silent"].output, "1");
+    EXPECT_EQ(results["found"].result + results["found"].output, "1all is well\n");
+    EXPECT_EQ(results["missing"].result + results["missing"].output, "0all is lost\n");
+    EXPECT_EQ(results["silent"].end.size(), 19U);
     EXPECT_TRUE(std::filesystem::is_empty(directory_.Path())) << "script files are deleted";
 }
 
@@ -139,18 +27,18 @@ TEST_F(RunTest, AMarkerIsFoundWithinAChunkAndNotAcrossTwo) {
         return script;
     };
     manager_->RunNewScript({at(1019, "fits"), at(1020, "split"), at(1023, "next")});
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 3U);
-    EXPECT_EQ(results[0].result, "1");
-    EXPECT_EQ(results[1].result, "0");
-    EXPECT_EQ(results[2].result, "1");
+    EXPECT_EQ(results["fits"].result, "1");
+    EXPECT_EQ(results["split"].result, "0");
+    EXPECT_EQ(results["next"].result, "1");
 }
 
 TEST_F(RunTest, OutputEndsAtANulByteOfEachChunkAndIsMadeAscii) {
     Launch(Script("printf 'a\\0hidden\\nb\\377\\303\\251\"\\\\\\n'"));
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results[0].output, "ab\xef\xbf\xbd\xc3\xa9\"\\\n");
+    EXPECT_EQ(results["script"].output, "ab\xef\xbf\xbd\xc3\xa9\"\\\n");
 }
 
 TEST_F(RunTest, ExecutablesRunByThemselvesAndOtherTypesNeverDo) {
@@ -162,10 +50,10 @@ TEST_F(RunTest, ExecutablesRunByThemselvesAndOtherTypesNeverDo) {
     auto archive = Script("", "zip");
     archive.strType = "zip";
     manager_->RunNewScript({executable, archive});
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results[0].script, "exe");
-    EXPECT_TRUE(results[0].output.starts_with(directory_.Path().string())) << results[0].output;
+    EXPECT_EQ(results["exe"].script, "exe");
+    EXPECT_TRUE(results["exe"].output.starts_with(directory_.Path().string())) << results["exe"].output;
     // The archive's empty file stays where it was written.
     ASSERT_EQ(CountEntries(directory_.Path().c_str()), 1);
     EXPECT_EQ(std::filesystem::directory_iterator(directory_.Path())->path().extension(), ".zip");
@@ -174,13 +62,15 @@ TEST_F(RunTest, ExecutablesRunByThemselvesAndOtherTypesNeverDo) {
 TEST_F(RunTest, ARunThatCannotStartIsReportedWithEmptyOutput) {
     _MaintPolicyDetail script = Script("", "gone");
     script.strType = "exe";
+    script.strScriptId = "first";
     manager_->CreateRunScript(directory_ / "no-such-file", "", 1, script);
+    script.strScriptId = "second";
     script.strCheckRet = "anything";
     manager_->CreateRunScript(directory_ / "no-such-file", "", 2, script);
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 2U);
-    EXPECT_EQ(results[0].result + results[0].output, "1");
-    EXPECT_EQ(results[1].result + results[1].output, "0");
+    EXPECT_EQ(results["first"].result + results["first"].output, "1");
+    EXPECT_EQ(results["second"].result + results["second"].output, "0");
 }
 
 // What popen gives a child of this process that holds nothing of the plugin yet.
@@ -206,13 +96,13 @@ TEST_F(RunTest, ScriptsStartWithAnEmptySignalMaskAndNoDescriptorOfOurs) {
     manager_->RunNewScript({Script("sleep 1", "neighbour"), Script(body, "observer")});
     pthread_sigmask(SIG_SETMASK, &before, &after);
     EXPECT_TRUE(sigismember(&after, SIGUSR1));
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 2U);
-    EXPECT_EQ(results[results[0].script == "observer" ? 0 : 1].output, expected);
+    EXPECT_EQ(results["observer"].output, expected);
 }
 
 TEST_F(RunTest, AScriptThatClosesItsOutputStillRunsAndHoldsNothingUp) {
-    Launch(Script("echo $$ > '" + (directory_ / "pid") + "'; exec >&- 2>&-; sleep 1000", "quiet"));
+    LaunchAlone("echo $$ > '" + (directory_ / "pid") + "'; exec >&- 2>&-; sleep 1000", "quiet");
     const pid_t pid = PidIn("pid");
     Launch(Script("echo done", "other"));
     EXPECT_TRUE(WaitUntil([&] {
@@ -276,9 +166,9 @@ TEST_F(RunTest, RunsOfAManagerThatDoesNotWorkFinishWithNothing) {
     manager_->SetWork(0);
     auto script = Script("echo lost");
     Launch(script);
-    const auto results = Collect();
+    auto results = Collect();
     ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results[0].result + results[0].output, "0");
+    EXPECT_EQ(results["script"].result + results["script"].output, "0");
 }
 
 TEST_F(RunTest, CloseEndsRunsThatStopLeft) {

@@ -1,0 +1,132 @@
+// A run that is ended or cancelled at each stage of its life, by holding its thread there.
+
+#include <condition_variable>
+#include <thread>
+
+#include "maint/test_point.h"
+#include "tests/unit/maint_run_fixture.h"
+
+namespace {
+
+/// Holds the first thread that reaches a named place until it is released.
+class Barrier {
+public:
+    explicit Barrier(std::string point_name) : point_(std::move(point_name)) {
+        current_ = this;
+        g_pfnTestPoint = [](const char* reached) { current_->Reach(reached); };
+    }
+    ~Barrier() {
+        Release();
+        g_pfnTestPoint = nullptr;
+    }
+
+    bool WaitReached() {
+        std::unique_lock lock(lock_);
+        return changed_.wait_for(lock, DEADLINE, [this] { return reached_; });
+    }
+    void Release() {
+        const std::lock_guard lock(lock_);
+        released_ = true;
+        changed_.notify_all();
+    }
+    pthread_t Thread() {
+        const std::lock_guard lock(lock_);
+        return thread_;
+    }
+
+private:
+    void Reach(const std::string& point) {
+        std::unique_lock lock(lock_);
+        if (point != point_ || reached_)
+            return;
+        reached_ = true;
+        thread_ = pthread_self();
+        changed_.notify_all();
+        changed_.wait_for(lock, DEADLINE, [this] { return released_; });
+    }
+
+    static inline Barrier* current_ = nullptr;
+    const std::string point_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool reached_ = false;  // guarded by lock_, as are the next two
+    bool released_ = false;
+    pthread_t thread_{};
+};
+
+struct Order {
+    const char* point;
+    const char* script;  ///< One that takes its thread to that place.
+};
+
+std::ostream& operator<<(std::ostream& out, const Order& order) {
+    return out << order.point;
+}
+
+class RunOrderTest : public RunTest, public testing::WithParamInterface<Order> {
+protected:
+    void ExpectNothingLeft() {
+        EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(60000));
+        EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
+        EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    }
+};
+
+TEST_P(RunOrderTest, Disposed) {
+    Barrier barrier(GetParam().point);
+    LaunchAlone(GetParam().script);
+    ASSERT_TRUE(barrier.WaitReached());
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
+    Launch(Script("echo next"));  // may get the memory and the descriptors of the one before
+    barrier.Release();
+    auto results = Collect();
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results["script"].output, "next\n");
+    ExpectNothingLeft();
+}
+
+TEST_P(RunOrderTest, Cancelled) {
+    Barrier barrier(GetParam().point);
+    LaunchAlone(GetParam().script);
+    ASSERT_TRUE(barrier.WaitReached());
+    pthread_cancel(barrier.Thread());
+    barrier.Release();
+    EXPECT_EQ(Collect().size(), 1U) << "the run is finished and reported";
+    ExpectNothingLeft();
+}
+
+TEST_P(RunOrderTest, Closed) {
+    Barrier barrier(GetParam().point);
+    LaunchAlone(GetParam().script);
+    ASSERT_TRUE(barrier.WaitReached());
+    std::thread closing([] { qxpmaint_impl::uninit(); });
+    // The close has ended the run and waits for its thread, which is held here.
+    EXPECT_TRUE(WaitUntil([&] { return manager_->GetPRunScriptListSize() == 0; }));
+    EXPECT_EQ(CThreadGate::Instance().Count(), 1U);
+    barrier.Release();
+    closing.join();
+    EXPECT_EQ(CThreadGate::Instance().Count(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStage, RunOrderTest,
+                         testing::Values(Order{"run attached", "sleep 1000"}, Order{"run reading", "sleep 1000"},
+                                         Order{"run waiting", "exec >&-; sleep 1000"}, Order{"run storing", "echo x"},
+                                         Order{"run stored", "echo x"}),
+                         [](const auto& order) { return std::string(order.param.point).substr(4); });
+
+TEST_F(RunTest, ARunThatFinishesBeforeItIsListedIsReportedAllTheSame) {
+    Barrier barrier("launch listing");
+    std::thread launcher([&] { Launch(Script("echo quick")); });
+    ASSERT_TRUE(barrier.WaitReached());
+    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(60000)) << "the run is over";
+    EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
+    barrier.Release();
+    launcher.join();
+    auto results = Collect();
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results["script"].output, "quick\n");
+}
+
+}  // namespace

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr long RUN_ONCE_WAIT_MS = 5000;
-/// How long a run-once keeps away from the event after it passed a signal on to the work thread.
+/// How long a waiter keeps away from the event after it passed a signal on to the other one.
 constexpr timespec PASS_ON_PAUSE{0, 20'000'000};
 
 }  // namespace
@@ -66,18 +66,22 @@ bool CMaintMgr::HasQueuedPolicy() {
     return !m_MaintPolicyList.empty();
 }
 
+void CMaintMgr::PassSignalOn() {
+    CMainTTool::MaintSetEvent(m_hWorkEvent);
+    nanosleep(&PASS_ON_PAUSE, nullptr);
+}
+
 int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {
     if (list.empty() || !RunNewScript(list))
         return 0;
+    ++m_iRunOnceWaiting;
     do {
         CMainTTool::MaintWaitEvent(m_hWorkEvent, RUN_ONCE_WAIT_MS);
-        if (HasQueuedPolicy()) {
-            // The signal was meant for the work thread, which waits for the same event.
-            CMainTTool::MaintSetEvent(m_hWorkEvent);
-            nanosleep(&PASS_ON_PAUSE, nullptr);
-        }
+        if (HasQueuedPolicy())
+            PassSignalOn();  // it was meant for the work thread, which waits for the same event
         DisposeScriptList(MT_RUNCOMPLETE);
     } while (GetPRunScriptListSize() != 0);
+    --m_iRunOnceWaiting;
     // The last signal taken here may have stood for a policy as well.
     CMainTTool::MaintSetEvent(m_hWorkEvent);
     return 1;

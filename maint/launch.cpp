@@ -106,13 +106,16 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
                "qxpmaint CMaintMgr::CreateRunScript Create RunScriptThread u64ThreadId[%llu] strPath[%s]", u64ThreadId,
                strPath.c_str());
     TestPoint("launch listing");
+    bool bFinished = false;
     {
         const CMaintLockGuard lock(m_csRunScriptList);
         pRunData->u64ThreadId = u64ThreadId;
+        bFinished = pRunData->dwRunState == RUN_FINISHED;
         m_PRunScriptList.splice(m_PRunScriptList.end(), listEntry);
         spRunData.release();
     }
-    if (u64ThreadId == 0)
+    // The signal of a run that was over before it was listed may have been taken by a pass that could not see it.
+    if (bFinished)
         CMainTTool::MaintSetEvent(m_hWorkEvent);
     return 0;
 }

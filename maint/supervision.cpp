@@ -124,6 +124,8 @@ void CMaintMgr::WorkPass() {
         RunNewScript(listPolicy);
         DisposeScriptList(MT_RUNTIMEOUT);
     }
+    if (m_iRunOnceWaiting != 0 && GetPRunScriptListSize() == 0)
+        PassSignalOn();  // a run-once waits for the same event, and now it can return
 }
 
 // A thread that Stop gave up may leave after another was started: then the id is not its own.
@@ -163,13 +165,16 @@ void* CMaintMgr::WorkThread(void* /*pParam*/) {
 
 int CMaintMgr::Stop() {
     QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Stop begin");
-    SetWork(0);
-    CMainTTool::MaintSetEvent(m_hWorkEvent);
     const auto readWorkThreadId = [this] {
         const CMaintLockGuard lock(m_csWorkThread);
         return m_u64WorkThreadId;
     };
-    if (readWorkThreadId() == 0) {
+    // Looked at before the signal as well: a work thread that is quick to leave must not make this stop one without a
+    // work thread, which would leave its runs alone.
+    const bool bHadWorkThread = readWorkThreadId() != 0;
+    SetWork(0);
+    CMainTTool::MaintSetEvent(m_hWorkEvent);
+    if (!bHadWorkThread && readWorkThreadId() == 0) {
         QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Stop Already Stop");
     } else {
         for (int iPoll = 0; iPoll < STOP_POLLS && readWorkThreadId() != 0; ++iPoll)

@@ -1,6 +1,8 @@
 #include "maint/thread_gate.h"
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
 
@@ -20,9 +22,31 @@ void CThreadGate::Leave() {
         m_Empty.notify_all();
 }
 
+void CThreadGate::LeaveByEnding() {
+    {
+        const std::lock_guard lock(m_Lock);
+        ForgetEnded();
+        m_Ending.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+    }
+    Leave();
+}
+
+void CThreadGate::ForgetEnded() {
+    std::erase_if(m_Ending, [](pid_t iThread) { return syscall(SYS_tgkill, getpid(), iThread, 0) != 0; });
+}
+
 bool CThreadGate::WaitEmpty(int iMilliseconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(iMilliseconds);
     std::unique_lock lock(m_Lock);
-    return m_Empty.wait_for(lock, std::chrono::milliseconds(iMilliseconds), [this] { return m_uCount == 0; });
+    if (!m_Empty.wait_until(lock, deadline, [this] { return m_uCount == 0; }))
+        return false;
+    // A detached thread cannot be joined; what is left of one that has left is a few instructions.
+    for (ForgetEnded(); !m_Ending.empty(); ForgetEnded()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        m_Empty.wait_for(lock, std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 unsigned int CThreadGate::Count() {
@@ -32,13 +56,15 @@ unsigned int CThreadGate::Count() {
 
 void CThreadTicket::Take() {
     CThreadGate::Instance().Enter();
-    m_bHeld = true;
+    m_eHeld = EHeld::ByCaller;
 }
 
 void CThreadTicket::Release() {
-    if (m_bHeld)
+    if (m_eHeld == EHeld::ByCaller)
         CThreadGate::Instance().Leave();
-    m_bHeld = false;
+    else if (m_eHeld == EHeld::ByNewThread)
+        CThreadGate::Instance().LeaveByEnding();
+    m_eHeld = EHeld::No;
 }
 
 void DisableCancellation() {

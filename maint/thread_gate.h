@@ -1,10 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 /// Counts the threads that run the plugin's code, so that closing can wait until none is left. A thread is counted from
-/// before its creation until its last use of the plugin's state.
+/// before its creation until it is gone; a host's thread from its call into the plugin to its return.
 class CThreadGate {
 public:
     /// Lives until the process ends: a thread may leave while static objects are being destroyed.
@@ -12,14 +15,19 @@ public:
 
     void Enter();
     void Leave();
+    /// For a thread of the plugin, as the last thing it does: it counts as left once the kernel knows it no more.
+    void LeaveByEnding();
     /// False when a thread is still counted after iMilliseconds.
     bool WaitEmpty(int iMilliseconds);
     unsigned int Count();
 
 private:
+    void ForgetEnded();
+
     std::mutex m_Lock;
     std::condition_variable m_Empty;
-    unsigned int m_uCount = 0;  // guarded by m_Lock
+    unsigned int m_uCount = 0;    // guarded by m_Lock
+    std::vector<pid_t> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
 };
 
 /// One thread's place in the gate; moves from the creator to the thread.
@@ -31,14 +39,16 @@ public:
     CThreadTicket& operator=(const CThreadTicket&) = delete;
 
     void Take();
-    /// For a thread whose creator entered the gate on its behalf.
-    void Adopt() { m_bHeld = true; }
+    /// For a new thread whose creator entered the gate on its behalf. To stand first in the thread's body, so that it
+    /// is given back last.
+    void Adopt() { m_eHeld = EHeld::ByNewThread; }
     /// The new thread adopts it.
-    void HandOver() { m_bHeld = false; }
+    void HandOver() { m_eHeld = EHeld::No; }
     void Release();
 
 private:
-    bool m_bHeld = false;
+    enum class EHeld { No, ByCaller, ByNewThread };
+    EHeld m_eHeld = EHeld::No;
 };
 
 /// Switches the calling thread's cancellation off. Every thread of the plugin begins with it: from then on the thread

@@ -1,0 +1,250 @@
+// Policies from command to result through the loaded plugin.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "tests/plugin/plugin_host.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+class RunPolicyTest : public testing::Test {
+protected:
+    RunPolicyTest() { WriteFile(host_.Root() / "etc/plugins/qxpmaint/qxpmaint.conf", "[qxpmaint]\ncheckcycle=1\n"); }
+
+    static void WriteFile(const std::filesystem::path& path, const std::string& content) {
+        std::filesystem::create_directories(path.parent_path());
+        // Complete before it has its name: the loader takes whatever it finds.
+        const std::filesystem::path hidden = path.parent_path() / "writing";
+        std::ofstream(hidden, std::ios::binary) << content;
+        std::filesystem::rename(hidden, path);
+    }
+
+    std::string Policy(const std::string& id, const std::vector<ScriptSpec>& scripts,
+                       const std::string& command = "RunScriptNormal") {
+        return MakePolicy(host_.signer, id, command, scripts);
+    }
+
+    static std::vector<ScriptSpec> Sleepers(size_t count, const std::string& timeout = "0") {
+        ScriptSpec sleeper;
+        sleeper.body = "exec sleep 1000";
+        sleeper.timeout = timeout;
+        return std::vector<ScriptSpec>(count, sleeper);
+    }
+
+    static ScriptSpec Echo(const std::string& id) {
+        ScriptSpec script;
+        script.id = id;
+        script.body = "echo " + id;
+        return script;
+    }
+
+    // Threads of this process whose name begins so.
+    static long Threads(const std::string& name) {
+        long count = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+            count += ReadFile(task.path() / "comm").starts_with(name) ? 1 : 0;
+        return count;
+    }
+    static bool WaitForRuns(long count) {
+        return WaitUntil([&] { return Threads("qxmaintr") == count; });
+    }
+
+    // The pass that launches a policy ends with a look at the time-outs: all its runs are listed then.
+    bool WaitForLaunch(size_t count) {
+        return WaitUntil([&] { return host_.LogWith("strDisposeType[MT_RUNTIMEOUT]").size() == count; });
+    }
+
+    std::string WaitForResultFile(const std::string& name) {
+        std::string content;
+        const auto path = host_.Data() / "result" / name;
+        EXPECT_TRUE(WaitUntil([&] { return (content = ReadFile(path)).ends_with("}"); })) << path;
+        return content;
+    }
+
+    PluginHost host_;
+};
+
+TEST_F(RunPolicyTest, AcceptedScriptsRunAndAreReported) {
+    host_.Launch();
+    ScriptSpec marked = Echo("marked");
+    marked.check_ret = "mark";
+    ScriptSpec changed = Echo("changed");
+    changed.signed_right = false;
+    ScriptSpec executable = Echo("executable");
+    executable.type = "EXE";
+    executable.body = "#!/bin/sh\necho $0\n";
+    ScriptSpec archive = Echo("archive");
+    archive.type = "zip";
+    ASSERT_TRUE(host_.SendCommand(Policy("p1", {marked, changed, executable, archive})));
+    std::map<std::string, Json> results;
+    for (size_t reports = 1; results.size() < 2; ++reports) {
+        const Json report = ParseJson(host_.WaitForReports(reports).at(reports - 1));
+        EXPECT_EQ(Text(report, "ID") + Text(report, "msg_type") + Text(report, "data_type"), "p11RunScriptData");
+        EXPECT_EQ(Text(report, "data.handler_type"), "1");
+        for (int run = 0; run < 2 && !Text(report, "data.result." + std::to_string(run) + ".scriptid").empty(); ++run) {
+            const std::string at = "data.result." + std::to_string(run);
+            EXPECT_EQ(Text(report, at + ".run_result"), "1");
+            EXPECT_EQ(Text(report, at + ".run_runningtime"), "1");
+            EXPECT_EQ(Text(report, at + ".run_starttime").size(), 19U);
+            EXPECT_EQ(Text(report, at + ".run_endtime").size(), 19U);
+            results[Text(report, at + ".scriptid")] =
+                ParseJson("{\"path\":\"" + Text(report, at + ".filepath") + "\",\"output\":\"" +
+                          Text(report, at + ".run_outdata").substr(0, 6) + "\"}");
+            EXPECT_FALSE(std::filesystem::exists(Text(report, at + ".filepath")));
+        }
+    }
+    EXPECT_EQ(Text(results["marked"], "output"), "marked");
+    EXPECT_TRUE(Text(results["marked"], "path").ends_with("0001.sh"));
+    EXPECT_TRUE(Text(results["executable"], "path").ends_with("0002"));
+    EXPECT_EQ(host_.LogWith("VerifySignContent fail strID[p1]").size(), 1U);
+    EXPECT_EQ(host_.LogWith("SetPolicyMaintCreateThread uThreadID[0]").size(), 1U);
+    ASSERT_TRUE(host_.SendCommand(Policy("p2", {Echo("again")})));
+    EXPECT_TRUE(WaitUntil([&] { return host_.LogWith("\"ID\":\"p2\",\"msg_type\":\"1\"").size() == 1; }));
+    EXPECT_EQ(host_.LogWith("SetPolicyMaintCreateThread").size(), 1U) << "one work thread for both";
+}
+
+TEST_F(RunPolicyTest, FilePoliciesAreReportedInResultFiles) {
+    host_.Launch();
+    ASSERT_TRUE(host_.SendCommand(Policy("f", {Echo("one")}, "RunScriptFile")));
+    EXPECT_EQ(Text(ParseJson(WaitForResultFile("f1.json")), "data.result.0.run_outdata"), "one\n");
+    ASSERT_TRUE(host_.SendCommand(Policy("g", {Echo("two")}, "RunScriptProcess")));
+    EXPECT_EQ(Text(ParseJson(WaitForResultFile("g2.json")), "ID"), "g");
+    EXPECT_TRUE(host_.endpoint.Calls("SendAsync").empty());
+}
+
+TEST_F(RunPolicyTest, AtMost63RunsAreInProgress) {
+    host_.Launch();
+    ASSERT_TRUE(host_.SendCommand(Policy("many", Sleepers(60))));
+    ASSERT_TRUE(WaitForLaunch(1));
+    ASSERT_TRUE(host_.SendCommand(Policy("four", Sleepers(4))));
+    EXPECT_EQ(host_.WaitForReports(1).front(), R"({"ID":"four","msg_type":"4","data_type":"RunScriptNormal"})");
+    EXPECT_EQ(host_.LogWith("dwSize[64] >= MaxRunThreadCount * 2").size(), 1U);
+    ASSERT_TRUE(host_.SendCommand(Policy("three", Sleepers(3))));
+    EXPECT_TRUE(WaitForLaunch(2));
+    EXPECT_TRUE(WaitForRuns(63));
+    host_.Shutdown();
+    EXPECT_EQ(Threads("qxm"), 0);
+    EXPECT_EQ(host_.endpoint.Calls("SendAsync").size(), 1U) << "ended runs are not reported";
+    for (const auto& entry : std::filesystem::directory_iterator(host_.Data()))
+        EXPECT_TRUE(entry.is_directory()) << "script files are deleted: " << entry.path();
+}
+
+TEST_F(RunPolicyTest, TimeOutsWaitForThe33rdRun) {
+    host_.Launch();
+    auto scripts = Sleepers(1, "1");
+    scripts[0].id = "late";
+    ASSERT_TRUE(host_.SendCommand(Policy("slow", scripts)));
+    ASSERT_TRUE(WaitForRuns(1));
+    const auto overdue = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
+    EXPECT_TRUE(WaitUntil([&] { return std::chrono::steady_clock::now() > overdue; }));
+    ASSERT_TRUE(host_.SendCommand(Policy("patient", Sleepers(31))));
+    ASSERT_TRUE(WaitForLaunch(2));
+    EXPECT_TRUE(WaitForRuns(32));
+    ASSERT_TRUE(host_.SendCommand(Policy("one more", Sleepers(1))));
+    const Json report = ParseJson(host_.WaitForReports(1).front());
+    EXPECT_EQ(Text(report, "ID") + Text(report, "data.result.0.scriptid"), "slowlate");
+    EXPECT_EQ(Text(report, "data.result.0.run_result") + Text(report, "data.result.0.run_runningtime") +
+                  Text(report, "data.result.0.run_endtime") + Text(report, "data.result.0.run_outdata"),
+              "00");
+    EXPECT_TRUE(WaitForRuns(32));
+}
+
+TEST_F(RunPolicyTest, TheLoaderTakesJsonFilesAndPassesOverTheRest) {
+    const auto directory = host_.Data() / "policyfile";
+    std::filesystem::create_directories(directory / "directory.json");
+    ASSERT_EQ(mkfifo((directory / "fifo.json").c_str(), 0600), 0);
+    WriteFile(directory / "empty.json", "");
+    WriteFile(directory / "broken.json", "{");
+    WriteFile(directory / "huge.json", "{");
+    ASSERT_EQ(truncate((directory / "huge.json").c_str(), 129L << 20), 0);
+    WriteFile(host_.Root() / "target", "{");
+    std::filesystem::create_symlink(host_.Root() / "target", directory / "link.json");
+    WriteFile(directory / "other.json.bak", "{");
+    WriteFile(directory / "good.JSON", Policy("dropped", {Echo("first")}));
+    host_.Launch();
+    EXPECT_EQ(Text(ParseJson(host_.WaitForReports(1).front()), "ID"), "dropped");
+    WriteFile(directory / "later.json", Policy("later", {Echo("second")}));
+    EXPECT_EQ(Text(ParseJson(host_.WaitForReports(2).back()), "ID"), "later");
+    EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(directory / "later.json"); }));
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        left.push_back(entry.path().filename());
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (std::vector<std::string>{"directory.json", "empty.json", "fifo.json", "huge.json", "link.json",
+                                              "other.json.bak"}));
+    host_.Shutdown();
+    EXPECT_TRUE(host_.LogWith("need kill").empty());
+}
+
+TEST_F(RunPolicyTest, ARestartRunsWhatIsQueuedInFiles) {
+    host_.Launch();
+    ASSERT_TRUE(host_.SendCommand(Policy("before", Sleepers(2))));
+    ASSERT_TRUE(WaitForRuns(2));
+    EXPECT_EQ(host_.object->Stop(), 0);
+    EXPECT_TRUE(WaitForRuns(0)) << "the runs have been ended";
+    for (const char* name : {"a", "b", "c"})
+        WriteFile(host_.Data() / "policyfile" / (std::string(name) + ".json"), Policy(name, {Echo(name)}));
+    EXPECT_EQ(host_.object->Start(), 0);
+    const auto reports = host_.WaitForReports(3);
+    std::string ids;
+    for (const std::string& report : reports)
+        ids += Text(ParseJson(report), "ID");
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, "abc");
+    EXPECT_EQ(Threads("maintloadfile"), 1);
+}
+
+TEST_F(RunPolicyTest, AStopRightAfterAStartIsNotLost) {
+    host_.Launch();
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_EQ(host_.object->Stop(), 0);
+        EXPECT_EQ(Threads("maintloadfile"), 0);
+        EXPECT_EQ(host_.object->Start(), 0);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Threads("maintloadfile") == 1; }));
+    EXPECT_TRUE(host_.LogWith("need kill").empty());
+}
+
+TEST_F(RunPolicyTest, RunOnceRunsAPolicyFileByItsName) {
+    host_.Launch();
+    const auto path = host_.Data() / "policyprocess/once.json";
+    std::string name = "once";
+    EXPECT_EQ(host_.runonce_plugin(name.data()), -1);
+    name = "once.json";
+    EXPECT_EQ(host_.runonce_plugin(name.data()), -1);
+    WriteFile(path, Policy("ignored", {Echo("one"), Echo("two")}));
+    EXPECT_EQ(host_.runonce_plugin(name.data()), 0);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(Text(ParseJson(WaitForResultFile("once.json1.json")), "ID"), "once.json");
+    WriteFile(path, "no policy");
+    EXPECT_EQ(host_.runonce_plugin(name.data()), -1);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(host_.runonce_plugin(nullptr), -1);
+}
+
+TEST_F(RunPolicyTest, APolicyStartsWhileARunOnceWaits) {
+    host_.Launch();
+    ScriptSpec held = Echo("held");
+    const auto gate = host_.Root() / "gate";
+    held.body = "while [ ! -e '" + gate.string() + "' ]; do sleep 0.05; done";
+    WriteFile(host_.Data() / "policyprocess/once.json", Policy("", {held}));
+    std::string name = "once.json";
+    auto once = std::async(std::launch::async, [&] { return host_.runonce_plugin(name.data()); });
+    ASSERT_TRUE(WaitForRuns(1));
+    for (int round = 1; round <= 20; ++round) {
+        ASSERT_TRUE(host_.SendCommand(Policy("beside", {Echo("beside")})));
+        // One of the two disposes of it and reports; the run-once goes on waiting for its own.
+        EXPECT_EQ(host_.WaitForReports(static_cast<size_t>(round)).size(), static_cast<size_t>(round));
+    }
+    EXPECT_EQ(once.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    WriteFile(gate, "");
+    EXPECT_EQ(once.get(), 0);
+}
+
+}  // namespace

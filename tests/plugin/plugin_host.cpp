@@ -48,6 +48,21 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
     return out << record.severity << ' ' << record.source << ' ' << record.level << ' ' << record.text;
 }
 
+Json ParseJson(const std::string& text) {
+    Json document(cJSON_Parse(text.c_str()), cJSON_Delete);
+    Require(document != nullptr, "not JSON: " + text);
+    return document;
+}
+
+std::string Text(const Json& document, const std::string& path) {
+    const cJSON* node = document.get();
+    std::istringstream keys(path);
+    for (std::string key; std::getline(keys, key, '.');)
+        node = cJSON_IsArray(node) ? cJSON_GetArrayItem(node, std::stoi(key))
+                                   : cJSON_GetObjectItemCaseSensitive(node, key.c_str());
+    return cJSON_IsString(node) ? node->valuestring : "";
+}
+
 PluginHost::PluginHost() : signer(QXPMAINT_TEST_SIGNING_KEY) {
     ClaimProcess();
     BuildTree(Root());

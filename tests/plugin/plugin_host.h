@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cjson/cJSON.h>
 #include <dlfcn.h>
 
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,6 +27,14 @@ struct LogRecord {
 };
 
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
+
+/// A JSON document, for Text.
+using Json = std::shared_ptr<cJSON>;
+
+/// Throws std::runtime_error for text that is not JSON.
+Json ParseJson(const std::string& text);
+/// The string at a path of keys and array positions, as in "data.result.0.scriptid"; empty when there is none.
+std::string Text(const Json& document, const std::string& path);
 
 /// A host that loads the built plugin from a private installation tree, in the order and with the calls that a vendor's
 /// agent makes:

@@ -12,9 +12,9 @@ namespace {
 
 std::string Base64(const std::string& bytes) {
     std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                       reinterpret_cast<const unsigned char*>(bytes.data()),
-                                       static_cast<int>(bytes.size()));
+    const int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     text.resize(static_cast<size_t>(length));
     return text;
 }
@@ -64,7 +64,7 @@ std::string ScriptSigner::Sign(const std::string& data) const {
 
 std::string ScriptSigner::SignMessage(const Message& message) const {
     const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key_, nullptr),
-                                                                             EVP_PKEY_CTX_free);
+                                                                              EVP_PKEY_CTX_free);
     Message block{};
     size_t length = block.size();
     if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||

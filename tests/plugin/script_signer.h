@@ -32,11 +32,11 @@ private:
 struct ScriptSpec {
     std::string id = "1";
     std::string type = "sh";
-    std::string body;
-    std::string path;
+    std::string body{};
+    std::string path{};
     std::string timeout = "0";
     std::string timeout_action = "0";
-    std::string check_ret;
+    std::string check_ret{};
     /// False: the signature is one of another body.
     bool signed_right = true;
 };

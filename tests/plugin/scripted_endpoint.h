@@ -26,34 +26,32 @@ inline const GUID MANAGER = Guid("9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
 
 /// One call that the plugin made on the bus.
 struct BusCall {
-    std::string operation;
+    std::string operation{};
     GUID component{};  ///< of Initialize, SendRequest and SendAsync
     long type = 0;
-    std::string data;              ///< of SendRequest, Reply and SendAsync
-    unsigned int timeout = 0;      ///< in milliseconds
-    int status = 0;                ///< of Reply
-    const void* sink = nullptr;    ///< of RegisterReceive and SendAsync
-    const void* context = nullptr; ///< of RegisterReceive and SendAsync; the token of Reply, the bytes of FreeReply
+    std::string data{};             ///< of SendRequest, Reply and SendAsync
+    unsigned int timeout = 0;       ///< in milliseconds
+    int status = 0;                 ///< of Reply
+    const void* sink = nullptr;     ///< of RegisterReceive and SendAsync
+    const void* context = nullptr;  ///< of RegisterReceive and SendAsync; the token of Reply, the bytes of FreeReply
 };
 
-/// A bus with one component on it, the plugin: keeps every call with its arguments, answers as the test has scripted, and
-/// delivers the test's messages on threads of its own. Keeps the host's promise that UnregisterReceive waits for the
-/// deliveries in flight. Every operation may be called from any thread.
-class ScriptedEndpoint : public IXBusMREndPoint4 {
+/// A bus with one component on it, the plugin: keeps every call with its arguments, answers as the test has scripted,
+/// and delivers the test's messages on threads of its own. Keeps the host's promise that UnregisterReceive waits for
+/// the deliveries in flight. Every operation may be called from any thread.
+class ScriptedEndpoint final : public IXBusMREndPoint4 {
 public:
     /// What the calls return. To be set while the plugin makes none.
     struct Script {
         int initialize = 0;
         int request = 0;
         unsigned int request_status = 0;
-        std::string reply;  ///< empty: no reply bytes
+        std::string reply{};  ///< empty: no reply bytes
         int send = 0;
-        std::function<void()> during_request;
-        std::function<void()> during_send;
+        std::function<void()> during_request{};
+        std::function<void()> during_send{};
     };
     Script script;
-
-    ~ScriptedEndpoint() = default;
 
     std::vector<BusCall> Calls(const std::string& operation = "") const;
     /// Waits until an operation has been called count times; false when the deadline passes first.

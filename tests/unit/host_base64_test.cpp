@@ -9,7 +9,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 std::optional<std::string> Decode(const std::string& text) {
     int size = -1;

@@ -10,7 +10,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 namespace fs = std::filesystem;
 
 constexpr uintmax_t kMaxFileSize = 128UL * 1024 * 1024;

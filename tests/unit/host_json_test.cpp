@@ -11,7 +11,7 @@
 namespace {
 
 using qxtools::CPJsonParse;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 using testing::ElementsAre;
 
 std::vector<std::string> Values(const CPJsonParse& json, void* node) {
@@ -130,7 +130,7 @@ TEST(JsonParse, BoundsTheNesting) {
     CPJsonParse json;
     EXPECT_TRUE(json.LoadBuffer(NestedArrays(512).c_str()));
     EXPECT_FALSE(json.LoadBuffer(NestedArrays(513).c_str()));
-    EXPECT_TRUE(json.LoadBuffer(("[" + NestedArrays(511) + "," + NestedArrays(511) + "]").c_str()));
+    EXPECT_TRUE(json.LoadBuffer((NestedArrays(512).insert(1, NestedArrays(511) + ",")).c_str()));
     EXPECT_TRUE(json.LoadBuffer((Repeated("{\"a\":[", 256) + Repeated("]}", 256)).c_str()));
     EXPECT_FALSE(json.LoadBuffer((Repeated("{\"a\":[", 256) + "{}" + Repeated("]}", 256)).c_str()));
     EXPECT_FALSE(json.LoadBuffer(Repeated("[", 5'000'000).c_str()));

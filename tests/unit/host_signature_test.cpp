@@ -22,7 +22,7 @@ using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 const std::string kScript = "#!/bin/sh\nuptime\n";
 
 Key NewKey(const char* type = "ED25519") {
-    return {EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{2048}), EVP_PKEY_free};
+    return {EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512}), EVP_PKEY_free};
 }
 
 std::string PublicPem(EVP_PKEY* key) {
@@ -112,12 +112,14 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     directory_.Write("empty.pem", "");
     directory_.Write("text.pem", "not a key\n");
     directory_.Write("cut.pem", pem.substr(0, pem.size() / 2));
-    directory_.Write("rsa.pem", PublicPem(NewKey("RSA").get()));
+    const Key rsa = NewKey("RSA");  // of 512 bits, so that its signatures are as long
+    directory_.Write("rsa.pem", PublicPem(rsa.get()));
     directory_.Write("agreement.pem", PublicPem(NewKey("X25519").get()));
     fs::create_directory(directory_.Path() / "directory.pem");
     ASSERT_EQ(mkfifo((directory_.Path() / "fifo.pem").c_str(), 0600), 0);
     const size_t descriptors = OpenDescriptors();
     EXPECT_FALSE(Valid(signature));
+    EXPECT_FALSE(Valid(Sign(rsa.get(), kScript)));
     directory_.Write("zzz.pem", pem);
     EXPECT_TRUE(Valid(signature));
     EXPECT_EQ(OpenDescriptors(), descriptors);

@@ -2,8 +2,10 @@
 
 #include <cstddef>
 
-// Base64 in the standard alphabet (RFC 4648 section 4). Padding may be left out, ASCII white space is skipped, and
-// anything else (another character, data after padding, a lone last character, null) makes the result null.
+// Base64 in the standard alphabet (RFC 4648 section 4). Padding is complete or left out, ASCII white space is skipped,
+// and anything else (another character, NUL included; half a padding; data after padding; a lone last character; null;
+// a text for more than INT_MAX bytes) makes the result null. Bits of the last character that belong to no byte are
+// ignored. An empty text is zero bytes.
 
 extern "C" {
 

@@ -16,8 +16,8 @@ bool QxSetEvent(void* hEvent);
 /// No thread may be waiting. Null is ignored.
 void QxDestroyEvent(void* hEvent);
 
-/// Waits on the monotonic clock; a negative time waits for ever. A thread that is cancelled in this call holds no lock
-/// of the event.
+/// Waits on the monotonic clock; a negative time waits for ever. This is the one cancellation point of the host SDK: a
+/// thread that is cancelled here holds no lock of the event, and takes no signal that another waiter could have had.
 /// @return 0 signalled, 258 timed out, 0xFFFFFFFF error.
 unsigned int QxWaitEventTimeout(void* hEvent, long iMilliseconds);
 }

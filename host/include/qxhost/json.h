@@ -13,6 +13,10 @@ namespace qxtools {
 /// Keys are matched case-sensitively; of equal keys in one object the first counts. White space around the document is
 /// allowed, any other text after it is an error, and so are more than 512 levels of nesting. No document can exhaust
 /// the stack, neither when it is read nor when it is released.
+///
+/// The grammar is RFC 8259 without extensions, with these limits: a document is smaller than 4 GiB, and a number beyond
+/// the range of a double is an error. Bytes in strings that are not valid UTF-8 pass unchanged. Of an escaped surrogate
+/// pair, the high half alone is an error, and the low half alone gives its three bytes.
 class CPJsonParse {
 public:
     CPJsonParse();
@@ -20,12 +24,12 @@ public:
     CPJsonParse(const CPJsonParse&) = delete;
     CPJsonParse& operator=(const CPJsonParse&) = delete;
 
-    /// Reads a NUL-terminated document. False for null, an empty text or text that is not one JSON document; the
-    /// reader is then empty.
+    /// Reads a NUL-terminated document. False for null, an empty text, text that is not one JSON document, or when
+    /// memory is short; the reader is then empty.
     bool LoadBuffer(const char* pszText);
 
-    /// The member pszKey of an object; pParent null means the root. Null when there is none or the parent is not an
-    /// object.
+    /// The member pszKey of an object; pParent null means the root. Null when there is none, the parent is not an
+    /// object, or the key is null. A key with NUL in it is never found by its beginning.
     void* GetNode(void* pParent, const char* pszKey) const;
 
     /// Appends the children of an array or an object, in document order. pNode null means the root. False when the

@@ -1,0 +1,149 @@
+#include "adapter/adapter_mgr.h"
+
+#include <memory>
+#include <new>
+
+#include "adapter/adapter_support.h"
+#include "adapter/entry_points.h"
+#include "qxhost/init_block.h"
+
+namespace {
+
+constexpr char ClassName[] = "CqxpmaintMgr";
+constexpr char PluginName[] = "qxpmaint";
+
+// A late message may meet the block while it is being emptied; the handlers are what bus threads read.
+void ClearInitParam(PluginInitParam& stInit) {
+    stInit.notify_to_mgr = nullptr;
+    stInit.send_to_mgr = nullptr;
+    std::atomic_ref(stInit.plugin_recv).store(nullptr);
+    std::atomic_ref(stInit.plugin_connect).store(nullptr);
+    std::atomic_ref(stInit.plugin_disconnect).store(nullptr);
+    std::atomic_ref(stInit.notify_mgr_to_plugin).store(nullptr);
+    stInit.kv = nullptr;
+}
+
+}  // namespace
+
+std::atomic<CqxpmaintMgr*> CqxpmaintMgr::m_pThis{nullptr};
+
+CqxpmaintMgr* CqxpmaintMgr::Instance() {
+    CqxpmaintMgr* pThis = m_pThis;
+    if (pThis)
+        return pThis;
+    // A plugin thread that sends may come here beside the host's thread: the first one to publish its manager wins.
+    std::unique_ptr<CqxpmaintMgr> pNew(new (std::nothrow) CqxpmaintMgr);
+    if (!pNew || !m_pThis.compare_exchange_strong(pThis, pNew.get()))
+        return pThis;
+    return pNew.release();
+}
+
+void CqxpmaintMgr::DestroyInstance() {
+    delete m_pThis.exchange(nullptr);
+}
+
+bool CqxpmaintMgr::CreateObject(const char* pszName) {
+    if (!pszName) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error pszName is NULL", ClassName);
+        return false;
+    }
+    auto* pPluginFun = static_cast<PluginFunTable*>(create_plugin(pszName));
+    if (!pPluginFun) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error create_plugin pPluginFun is NULL",
+                    ClassName);
+        return false;
+    }
+    m_pPluginFun = pPluginFun;
+    plugin_name = CPString(pszName);
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::CreateObject OK pszName[%s] pPluginFun[%p]", ClassName,
+                pszName, static_cast<void*>(pPluginFun));
+    return true;
+}
+
+void CqxpmaintMgr::DestroyObject(const char* pszName) {
+    if (!pszName) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::DestroyObject Error pszName is NULL", ClassName);
+        return;
+    }
+    if (const int iRet = destroy_plugin(pszName); iRet != 0) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::DestroyObject Error destroy_plugin iRet[%x]", ClassName,
+                    static_cast<unsigned int>(iRet));
+        return;
+    }
+    m_pPluginFun = nullptr;
+    plugin_name.clear();
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::DestroyObject OK pszName[%s]", ClassName, pszName);
+}
+
+void CqxpmaintMgr::SetCtx(void* pData) {
+    if (!pData) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::SetCtx Error pData is NULL", ClassName);
+        return;
+    }
+    m_pCompCtx = static_cast<IXBusMREndPoint4*>(pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::SetCtx OK m_pCompCtx[%p]", ClassName, pData);
+}
+
+int CqxpmaintMgr::Initialize(void* pInitParam) {
+    if (!m_pPluginFun) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Initialize Error m_pPluginFun is NULL", ClassName);
+        return ADAPTER_E_NO_FUN_TABLE;
+    }
+    if (!pInitParam) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Initialize Error pPluginInitParam is NULL", ClassName);
+        return ADAPTER_E_INVALID_ARG;
+    }
+    m_stPluginInit.notify_to_mgr = AdapterNotifyToMgr;
+    m_stPluginInit.send_to_mgr = AdapterSendToMgr;
+    CPString strDefault;
+    m_stPluginInit.kv = static_cast<const QxInitBlock*>(pInitParam)->pszInitParam;
+    if (!m_stPluginInit.kv || !*m_stPluginInit.kv) {
+        strDefault.Format("agent_type=KSTL:conf_path=../etc/plugins/%s/%s.conf", PluginName, PluginName);
+        m_stPluginInit.kv = strDefault.c_str();
+    }
+    status = STATUS_INITIALIZED;
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize Begin", ClassName);
+    m_stReceive.m_pPluginInit = &m_stPluginInit;
+    const int iRet = m_pPluginFun->init(&m_stPluginInit);
+    m_stPluginInit.kv = nullptr;
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize End iRet[%x]", ClassName,
+                static_cast<unsigned int>(iRet));
+    return iRet;
+}
+
+int CqxpmaintMgr::Stop() {
+    if (!m_pPluginFun) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Stop Error m_pPluginFun is NULL", ClassName);
+        return ADAPTER_E_NOT_READY;
+    }
+    IXBusMREndPoint4* pEndPoint = m_pCompCtx;
+    if (!pEndPoint) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Stop Error m_pCompCtx is NULL", ClassName);
+        return ADAPTER_E_NOT_READY;
+    }
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Stop Begin", ClassName);
+    pEndPoint->UnregisterReceive(MSG_TYPE_PLUGIN_DATA);
+    pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_CONNECT);
+    pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_DISCONNECT);
+    for (const auto& [i64MsgType, listSender] : msg_type_registry)
+        pEndPoint->UnregisterReceive(i64MsgType);
+    m_stReceive.msg_type_registry.clear();
+    const int iRet = m_pPluginFun->stop();
+    status = STATUS_STOPPED;
+    pEndPoint->Uninitialize();
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
+                static_cast<unsigned int>(iRet));
+    return iRet;
+}
+
+void CqxpmaintMgr::Uninitialize() {
+    if (!m_pPluginFun) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Uninitialize Error m_pPluginFun is NULL", ClassName);
+        return;
+    }
+    status = STATUS_UNINITIALIZED;
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Uninitialize Begin", ClassName);
+    m_pPluginFun->uninit();
+    ClearInitParam(m_stPluginInit);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Uninitialize End", ClassName);
+}

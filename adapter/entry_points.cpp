@@ -1,0 +1,161 @@
+#include "adapter/entry_points.h"
+
+#include <cstring>
+#include <new>
+
+#include "adapter/adapter_mgr.h"
+#include "adapter/adapter_support.h"
+#include "adapter/plugin_fun_table.h"
+#include "adapter/plugin_obj.h"
+#include "plugin/plugin_core.h"
+#include "qxhost/log.h"
+
+#define QXPMAINT_EXPORT __attribute__((visibility("default")))
+
+namespace {
+
+constexpr char CreateClassName[] = "CqxpmaintCreateObject";
+constexpr char DestroyClassName[] = "CqxpmaintDestroyObject";
+
+PluginFunTable g_stPluginFunTable;
+
+bool IsPluginClsid(const char* pszClsid) {
+    return strcmp(pszClsid, PLUGIN_CLSID) == 0;
+}
+
+const char* get_version() {
+    return QXPMAINT_VERSION;
+}
+
+// A function of its own for every reserved slot.
+template <int Slot>
+int reserved() {
+    return 0;
+}
+
+void FillPluginFunTable(PluginFunTable& stTable) {
+    stTable.get_version = get_version;
+    stTable.reserved1 = reserved<1>;
+    stTable.reserved2 = reserved<2>;
+    stTable.init = qxpmaint_impl::qxpmaint_init;
+    stTable.uninit = qxpmaint_impl::uninit;
+    stTable.start = qxpmaint_impl::qxpmaint_start;
+    stTable.stop = qxpmaint_impl::qxpmaint_stop;
+    stTable.isrunning = qxpmaint_impl::isrunning;
+    stTable.reserved8 = reserved<8>;
+    stTable.reserved9 = reserved<9>;
+    stTable.reserved10 = reserved<10>;
+    stTable.reserved11 = reserved<11>;
+    stTable.reserved12 = reserved<12>;
+    stTable.reserved13 = reserved<13>;
+    stTable.reserved14 = reserved<14>;
+}
+
+}  // namespace
+
+extern "C" {
+
+QXPMAINT_EXPORT void* create_plugin(const char* clsid) try {
+    LogPrintC(QXPMAINT_MODULE, 0, "qxpmaint create_plugin in");
+    if (!clsid) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint create_plugin clsid is NULL");
+        return nullptr;
+    }
+    if (!IsPluginClsid(clsid)) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint create_plugin clsid[%s] is not support", clsid);
+        return nullptr;
+    }
+    FillPluginFunTable(g_stPluginFunTable);
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint create_plugin clsid[%s] ok", clsid);
+    return &g_stPluginFunTable;
+} catch (...) {
+    StopException(__FUNCTION__);
+    return nullptr;
+}
+
+QXPMAINT_EXPORT int destroy_plugin(const char* clsid) try {
+    LogPrintC(QXPMAINT_MODULE, 0, "qxpmaint destroy_plugin in");
+    if (!clsid) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint destroy_plugin clsid is NULL");
+        return -1;
+    }
+    if (!IsPluginClsid(clsid)) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint destroy_plugin clsid[%s] is not support", clsid);
+        return -1;
+    }
+    // A plugin that does not run is left as it is, initialised or not.
+    if (qxpmaint_impl::isrunning()) {
+        qxpmaint_impl::qxpmaint_stop();
+        qxpmaint_impl::uninit();
+    }
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint destroy_plugin clsid[%s] ok", clsid);
+    return 0;
+} catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+QXPMAINT_EXPORT int runonce_plugin(char* arg) try {
+    return qxpmaint_impl::RunOnceScriptTask(arg) ? 0 : -1;
+} catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+QXPMAINT_EXPORT int InitializePlugin(void) {  // NOLINT(modernize-redundant-void-arg): as in its declaration
+    return 0;
+}
+
+QXPMAINT_EXPORT void UninitializePlugin(void) {
+}  // NOLINT(modernize-redundant-void-arg)
+
+QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
+    CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
+    if (!pAdapterMgr) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error pAdapterMgr is NULL",
+                    CreateClassName);
+        return nullptr;
+    }
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::CreateObject Begin pszName[%s]", CreateClassName,
+                TextOrNull(pszName));
+    if (!pAdapterMgr->CreateObject(pszName)) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error FALSE pszName[%s]", CreateClassName,
+                    TextOrNull(pszName));
+        return nullptr;
+    }
+    auto* pPluginObj = new (std::nothrow)
+        PluginObjInterface{CqxpmaintPluginObj::Initialize, CqxpmaintPluginObj::Uninitialize, CqxpmaintPluginObj::Start,
+                           CqxpmaintPluginObj::Stop,       CqxpmaintPluginObj::GetStatus,    CqxpmaintPluginObj::GetCtx,
+                           CqxpmaintPluginObj::SetCtx,     CqxpmaintPluginObj::Info};
+    if (!pPluginObj) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error pPluginObj is NULL pszName[%s]",
+                    CreateClassName, pszName);
+        return nullptr;
+    }
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::CreateObject End pszName[%s] pPluginObj[%p]", CreateClassName,
+                pszName, static_cast<void*>(pPluginObj));
+    return pPluginObj;
+} catch (...) {
+    StopException(__FUNCTION__);
+    return nullptr;
+}
+
+QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
+    CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
+    if (!pAdapterMgr) {
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::DestroyObject Error pAdapterMgr is NULL",
+                    DestroyClassName);
+        return;
+    }
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]",
+                DestroyClassName, TextOrNull(pszName), pInterface);
+    if (pszName)
+        pAdapterMgr->DestroyObject(pszName);
+    delete static_cast<PluginObjInterface*>(pInterface);
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the value is printed, nothing is read through it
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",
+                DestroyClassName, TextOrNull(pszName), pInterface);
+} catch (...) {
+    StopException(__FUNCTION__);
+}
+}

@@ -1,0 +1,44 @@
+#include "agent/http_message.h"
+
+#include <nlohmann/json.hpp>
+
+namespace qxpagent {
+
+namespace {
+
+// RFC 9110 section 15.
+const char* Title(int status) {
+    switch (status) {
+        case 400:
+            return "Bad Request";
+        case 404:
+            return "Not Found";
+        case 405:
+            return "Method Not Allowed";
+        case 413:
+            return "Content Too Large";
+        case 503:
+            return "Service Unavailable";
+        case 504:
+            return "Gateway Timeout";
+        default:
+            return "Internal Server Error";
+    }
+}
+
+}  // namespace
+
+HttpResponse Problem(int status, const std::string& detail) {
+    nlohmann::ordered_json problem;
+    problem["type"] = "about:blank";
+    problem["title"] = Title(status);
+    problem["status"] = status;
+    problem["detail"] = detail;
+    HttpResponse response;
+    response.status = status;
+    response.content_type = "application/problem+json";
+    response.body = problem.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return response;
+}
+
+}  // namespace qxpagent

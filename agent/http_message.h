@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qxpagent {
+
+struct HttpRequest {
+    std::string method;
+    std::string path;                                        // percent-decoded, without the query
+    std::vector<std::pair<std::string, std::string>> query;  // in order, percent-decoded
+    std::string body;
+};
+
+struct HttpResponse {
+    int status = 200;
+    std::string content_type = "application/json";
+    std::string body;
+    std::string allow;  // the Allow header of a 405; empty: none
+};
+
+/// An error as RFC 9457 wants it, application/problem+json. `detail` names the member or parameter that is wrong.
+HttpResponse Problem(int status, const std::string& detail);
+
+/// What an HttpServer serves. Both functions are called on the server's threads, several at once.
+class HttpHandler {
+public:
+    virtual ~HttpHandler() = default;
+
+    /// How large a body may be that comes with this request, of which method and path are known so far.
+    virtual size_t MaxBodyBytes(const HttpRequest& head) const = 0;
+
+    /// May block for as long as the answer takes.
+    virtual HttpResponse Handle(HttpRequest request) = 0;
+};
+
+}  // namespace qxpagent

@@ -1,0 +1,217 @@
+#include "agent/http_server.h"
+
+#include <microhttpd.h>
+
+#include <array>
+#include <charconv>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "agent/log.h"
+#include "agent/startup_error.h"
+#include "agent/unique_fd.h"
+
+namespace qxpagent {
+
+// One request on its way through the server. Used by the connection's thread only.
+struct HttpServer::Exchange {
+    HttpRequest request;
+    size_t max_body = 0;
+    size_t discarded = 0;                 // body bytes that came after the request was refused
+    std::optional<HttpResponse> refusal;  // decided before the body was complete
+};
+
+namespace {
+
+size_t DeclaredLength(MHD_Connection* connection) {
+    const char* const text = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    uint64_t length = 0;
+    if (text != nullptr && std::from_chars(text, text + std::strlen(text), length).ec != std::errc()) {
+        return SIZE_MAX;
+    }
+    return length;
+}
+
+HttpResponse TooLarge(size_t limit) {
+    return Problem(413, "The body is larger than the " + std::to_string(limit) + " bytes that this path takes.");
+}
+
+MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
+    auto body = std::make_unique<std::string>(std::move(response.body));
+    const size_t size = body->size();
+    char* const data = body->data();
+    std::string* const owned = body.release();
+    MHD_Response* const message = MHD_create_response_from_buffer_with_free_callback_cls(
+        size, data, [](void* text) { delete static_cast<std::string*>(text); }, owned);
+    if (message == nullptr) {
+        delete owned;
+        return MHD_NO;
+    }
+    MHD_add_response_header(message, MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());
+    if (!response.allow.empty()) {
+        MHD_add_response_header(message, MHD_HTTP_HEADER_ALLOW, response.allow.c_str());
+    }
+    const MHD_Result result = MHD_queue_response(connection, static_cast<unsigned int>(response.status), message);
+    MHD_destroy_response(message);
+    return result;
+}
+
+}  // namespace
+
+struct HttpServer::Callbacks {
+    static MHD_Result OnRequest(void* server, MHD_Connection* connection, const char* path, const char* method,
+                                const char* /*version*/, const char* data, size_t* size, void** state) {
+        auto* const self = static_cast<HttpServer*>(server);
+        try {
+            if (*state == nullptr) {
+                auto* const exchange = self->Begin(connection, path, method);
+                *state = exchange;
+                return exchange->refusal.has_value() ? Queue(connection, std::move(*exchange->refusal)) : MHD_YES;
+            }
+            auto& exchange = *static_cast<Exchange*>(*state);
+            if (*size != 0) {
+                const bool go_on = self->TakeBody(exchange, data, std::exchange(*size, 0));
+                return go_on ? MHD_YES : MHD_NO;
+            }
+            return Queue(connection, self->Answer(connection, exchange));
+        } catch (const std::exception& error) {
+            QXPAGENT_LOG(kLogError, "a connection was closed: %s", error.what());
+            return MHD_NO;
+        }
+    }
+
+    static void OnEnd(void* server, MHD_Connection* /*connection*/, void** state, MHD_RequestTerminationCode /*why*/) {
+        if (*state != nullptr) {
+            static_cast<HttpServer*>(server)->End(static_cast<Exchange*>(*state));
+            *state = nullptr;
+        }
+    }
+
+    static MHD_Result OnQueryParameter(void* query, MHD_ValueKind /*kind*/, const char* key, size_t key_size,
+                                       const char* value, size_t value_size) {
+        static_cast<decltype(HttpRequest::query)*>(query)->emplace_back(
+            std::string(key, key_size), value != nullptr ? std::string(value, value_size) : std::string());
+        return MHD_YES;
+    }
+
+    static void OnLog(void* /*unused*/, const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+        std::array<char, 512> text{};
+        vsnprintf(text.data(), text.size(), format, arguments);
+        text[std::strcspn(text.data(), "\n")] = '\0';
+        QXPAGENT_LOG(kLogWarn, "http: %s", text.data());
+    }
+};
+
+HttpServer::HttpServer(UnixListener& listener, HttpHandler& handler, const HttpLimits& limits)
+    : listener_(listener), handler_(handler), limits_(limits) {
+    // The server library suppresses SIGPIPE on its own threads and makes every descriptor close-on-exec.
+    daemon_ = MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL |
+                                   MHD_USE_ITC | MHD_USE_ERROR_LOG,
+                               0, nullptr, nullptr, &Callbacks::OnRequest, this,        //
+                               MHD_OPTION_EXTERNAL_LOGGER, &Callbacks::OnLog, nullptr,  // first: set-up errors count
+                               MHD_OPTION_LISTEN_SOCKET, listener_.Release(),           //
+                               MHD_OPTION_CONNECTION_LIMIT, limits_.connections,        //
+                               MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits_.idle.count()),  //
+                               MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::OnEnd, this,                            //
+                               MHD_OPTION_END);
+    if (daemon_ == nullptr) {
+        throw StartupError("The HTTP server cannot be started on " + listener_.Path().string() + ": the log says why.");
+    }
+}
+
+HttpServer::~HttpServer() {
+    Stop();
+}
+
+void HttpServer::Stop() {
+    if (daemon_ == nullptr) {
+        return;
+    }
+    listener_.RemoveName();
+    const UniqueFd listening(MHD_quiesce_daemon(daemon_));  // still polled until the daemon has been stopped
+    {
+        std::unique_lock lock(mutex_);
+        ended_.wait_for(lock, limits_.drain, [this] { return exchanges_ == 0; });
+    }
+    MHD_stop_daemon(daemon_);
+    daemon_ = nullptr;
+}
+
+HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* path, const char* method) {
+    auto exchange = std::make_unique<Exchange>();
+    HttpRequest& request = exchange->request;
+    request.method = method;
+    request.path = path;
+    MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::OnQueryParameter, &request.query);
+    exchange->max_body = handler_.MaxBodyBytes(request);
+    const size_t length = DeclaredLength(connection);
+    if (length > exchange->max_body) {
+        exchange->refusal = TooLarge(exchange->max_body);
+    } else {
+        request.body.reserve(length);
+    }
+    std::lock_guard lock(mutex_);
+    if (++exchanges_ > limits_.requests) {
+        exchange->refusal = Problem(503, "Too many requests at once: send this one again later.");
+    }
+    return exchange.release();
+}
+
+// False ends the connection.
+bool HttpServer::TakeBody(Exchange& exchange, const char* data, size_t size) {
+    std::string& body = exchange.request.body;
+    if (!exchange.refusal.has_value()) {
+        if (size > exchange.max_body - body.size()) {
+            exchange.refusal = TooLarge(exchange.max_body);
+        } else if (body_bytes_.fetch_add(size) + size > limits_.body_bytes) {
+            body_bytes_ -= size;
+            exchange.refusal = Problem(503, "Too many large requests at once: send this one again later.");
+        } else {
+            body.append(data, size);
+            return true;
+        }
+        body_bytes_ -= body.size();
+        std::string().swap(body);
+    }
+    // The answer cannot go out before the body has come in, so a little patience, but no more than the limit again.
+    exchange.discarded += size;
+    return exchange.discarded <= exchange.max_body;
+}
+
+HttpResponse HttpServer::Answer(MHD_Connection* connection, Exchange& exchange) {
+    if (exchange.refusal.has_value()) {
+        return std::move(*exchange.refusal);
+    }
+    // The idle time is for clients; an answer may take as long as it takes.
+    MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
+    const size_t body_bytes = exchange.request.body.size();
+    HttpResponse response;
+    try {
+        response = handler_.Handle(std::move(exchange.request));
+    } catch (const std::exception& error) {
+        QXPAGENT_LOG(kLogError, "a request failed: %s", error.what());
+        response = Problem(500, "The agent could not handle the request; its log says why.");
+    }
+    exchange.request = {};
+    body_bytes_ -= body_bytes;
+    MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT,
+                              static_cast<unsigned int>(limits_.idle.count()));
+    return response;
+}
+
+void HttpServer::End(Exchange* exchange) {
+    body_bytes_ -= exchange->request.body.size();
+    delete exchange;
+    std::lock_guard lock(mutex_);
+    --exchanges_;
+    ended_.notify_all();
+}
+
+}  // namespace qxpagent

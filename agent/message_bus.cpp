@@ -1,0 +1,352 @@
+#include "agent/message_bus.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <exception>
+#include <random>
+#include <utility>
+
+#include "agent/log.h"
+
+namespace qxpagent {
+
+thread_local MessageBus::Delivery* MessageBus::current_delivery_ = nullptr;
+
+namespace {
+
+uint64_t RandomSeed() {
+    std::random_device device;
+    return uint64_t{device()} << 32 | device();
+}
+
+// Calls into a component. False when it threw.
+template <typename Call>
+bool Guarded(const char* what, long type, const Call& call) {
+    try {
+        call();
+        return true;
+    } catch (const std::exception& error) {
+        QXPAGENT_LOG(kLogError, "a %s of message type %ld threw: %s", what, type, error.what());
+    } catch (...) {
+        QXPAGENT_LOG(kLogError, "a %s of message type %ld threw", what, type);
+    }
+    return false;
+}
+
+}  // namespace
+
+MessageBus::MessageBus(const BusLimits& limits) : limits_(limits), token_state_(RandomSeed()) {
+    try {
+        expiry_thread_ = std::thread([this] { ExpireLoop(); });
+        pthread_setname_np(expiry_thread_.native_handle(), "qxpbusexpiry");
+        for (size_t i = 0; i < limits_.delivery_threads; ++i) {
+            delivery_threads_.emplace_back([this] { DeliverLoop(); });
+            pthread_setname_np(delivery_threads_.back().native_handle(), "qxpbus");
+        }
+    } catch (...) {
+        Shutdown();
+        throw;
+    }
+}
+
+MessageBus::~MessageBus() {
+    Shutdown();
+}
+
+int MessageBus::Attach(const GUID& component) {
+    std::lock_guard lock(mutex_);
+    if (stopping_) {
+        return kBusShutDown;
+    }
+    return std::exchange(components_[component].attached, true) ? kBusNameTaken : kBusOk;
+}
+
+int MessageBus::Detach(const GUID& component) {
+    std::unique_lock lock(mutex_);
+    Component* const found = FindAttached(component);
+    if (found == nullptr) {
+        return kBusNotAttached;
+    }
+    found->attached = false;
+    for (auto& [type, channel] : found->channels) {
+        channel.sink = nullptr;
+    }
+    for (auto& [type, channel] : found->channels) {
+        WaitUntilIdle(channel, lock);
+    }
+    return kBusOk;
+}
+
+int MessageBus::Register(const GUID& component, long type, IMRReceiveComplete* sink, void* context) {
+    if (sink == nullptr) {
+        return kBusBadArgument;
+    }
+    std::lock_guard lock(mutex_);
+    Component* const found = FindAttached(component);
+    if (found == nullptr) {
+        return kBusNotAttached;
+    }
+    Channel& channel = found->channels[type];
+    if (channel.sink != nullptr) {
+        return kBusTypeTaken;
+    }
+    channel.sink = sink;
+    channel.context = context;
+    return kBusOk;
+}
+
+int MessageBus::Unregister(const GUID& component, long type) {
+    std::unique_lock lock(mutex_);
+    const auto found = components_.find(component);
+    if (found == components_.end()) {
+        return kBusNotAttached;
+    }
+    const auto entry = found->second.channels.find(type);
+    if (entry == found->second.channels.end()) {
+        return kBusNotRegistered;
+    }
+    Channel& channel = entry->second;
+    const bool registered = std::exchange(channel.sink, nullptr) != nullptr;
+    WaitUntilIdle(channel, lock);
+    return registered ? kBusOk : kBusNotRegistered;
+}
+
+MessageBus::Component* MessageBus::FindAttached(const GUID& component) {
+    const auto found = components_.find(component);
+    return found != components_.end() && found->second.attached ? &found->second : nullptr;
+}
+
+void MessageBus::WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& lock) {
+    Delivery* const delivery = current_delivery_;
+    const bool within = delivery != nullptr && delivery->channel == &channel;
+    if (within && !delivery->leaving) {
+        delivery->leaving = true;
+        ++channel.leaving;
+        settled_.notify_all();
+    }
+    // Deliveries that unregister their own type at the same time would otherwise wait for each other.
+    settled_.wait(lock, [&] { return channel.in_flight == (within ? channel.leaving : 0); });
+}
+
+int MessageBus::Enqueue(Message message) {
+    if (stopping_) {
+        return kBusShutDown;
+    }
+    if (FindAttached(message.sender) == nullptr) {
+        return kBusNotAttached;
+    }
+    if (queue_.size() >= limits_.queued_messages || message.body.size() > limits_.queued_bytes - queued_bytes_) {
+        return kBusQueueFull;
+    }
+    queued_bytes_ += message.body.size();
+    if (message.deadline < armed_) {
+        expiry_.notify_one();
+    }
+    queue_.push_back(std::move(message));
+    work_.notify_one();
+    return kBusOk;
+}
+
+int MessageBus::Request(const GUID& sender, const GUID& target, long type, std::string body,
+                        std::chrono::milliseconds timeout, BusAnswer& answer) {
+    const Clock::time_point deadline = Clock::now() + timeout;
+    const auto exchange = std::make_shared<Exchange>();
+    std::unique_lock lock(mutex_);
+    if (const int refused = Enqueue({sender, target, type, std::move(body), deadline, {}, exchange})) {
+        return refused;
+    }
+    ++requests_waiting_;
+    if (!exchange->changed.wait_until(lock, deadline, [&] { return exchange->done; })) {
+        exchange->done = true;
+        exchange->outcome = kBusTimedOut;
+        const auto queued = std::find_if(queue_.begin(), queue_.end(),
+                                         [&](const Message& message) { return message.exchange == exchange; });
+        if (queued != queue_.end()) {
+            queued_bytes_ -= queued->body.size();
+            queue_.erase(queued);
+        }
+    }
+    exchanges_.erase(exchange->token);
+    --requests_waiting_;
+    settled_.notify_all();
+    if (exchange->outcome == kBusOk) {
+        answer = std::move(exchange->answer);
+    }
+    return exchange->outcome;
+}
+
+int MessageBus::Post(const GUID& sender, const GUID& target, long type, std::string body,
+                     const BusCompletion& completion, std::chrono::milliseconds timeout) {
+    const auto exchange = completion.sink != nullptr ? std::make_shared<Exchange>() : nullptr;
+    std::lock_guard lock(mutex_);
+    return Enqueue({sender, target, type, std::move(body), Clock::now() + timeout, completion, exchange});
+}
+
+int MessageBus::Reply(const GUID& receiver, void* token, BusAnswer answer) {
+    std::lock_guard lock(mutex_);
+    const auto found = exchanges_.find(reinterpret_cast<uint64_t>(token));
+    if (found == exchanges_.end() || !SameId(found->second->receiver, receiver)) {
+        return kBusStaleToken;
+    }
+    Exchange& exchange = *found->second;
+    exchange.answer = std::move(answer);
+    exchange.done = true;
+    exchange.changed.notify_one();
+    exchanges_.erase(found);
+    return kBusOk;
+}
+
+void MessageBus::DeliverLoop() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        work_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        if (queue_.empty()) {
+            return;
+        }
+        Message message = std::move(queue_.front());
+        queue_.pop_front();
+        queued_bytes_ -= message.body.size();
+        Finish(message, Deliver(message, lock), lock);
+    }
+}
+
+int MessageBus::Deliver(const Message& message, std::unique_lock<std::mutex>& lock) {
+    if (message.deadline <= Clock::now()) {
+        return kBusTimedOut;
+    }
+    Component* const component = FindAttached(message.target);
+    if (component == nullptr) {
+        return kBusUndelivered;
+    }
+    const auto entry = component->channels.find(message.type);
+    if (entry == component->channels.end() || entry->second.sink == nullptr) {
+        return kBusUndelivered;
+    }
+    Channel& channel = entry->second;
+    IMRReceiveComplete* const sink = channel.sink;
+    void* const context = channel.context;
+    void* token = nullptr;
+    if (message.exchange != nullptr) {
+        message.exchange->receiver = message.target;
+        message.exchange->token = NextToken();
+        exchanges_.emplace(message.exchange->token, message.exchange);
+        token = reinterpret_cast<void*>(message.exchange->token);  // NOLINT(performance-no-int-to-ptr): never followed
+    }
+    ++channel.in_flight;
+    Delivery delivery{&channel, false};
+    current_delivery_ = &delivery;
+    lock.unlock();
+    const bool taken = Guarded("receiver", message.type, [&] {
+        sink->ReceiveCallback(message.sender, message.type, reinterpret_cast<const unsigned char*>(message.body.data()),
+                              static_cast<unsigned int>(message.body.size()), token, context);
+    });
+    lock.lock();
+    current_delivery_ = nullptr;
+    channel.leaving -= delivery.leaving ? 1 : 0;
+    --channel.in_flight;
+    settled_.notify_all();
+    return taken ? kBusOk : kBusReceiverFailed;
+}
+
+void MessageBus::Finish(Message& message, int outcome, std::unique_lock<std::mutex>& lock) {
+    if (message.exchange == nullptr) {
+        if (outcome != kBusOk && outcome != kBusReceiverFailed) {
+            QXPAGENT_LOG(kLogWarn, "a message of type %ld was not delivered (%d)", message.type, outcome);
+        }
+        return;
+    }
+    Exchange& exchange = *message.exchange;
+    if (message.completion.sink == nullptr) {  // a request: whoever waits for it takes the answer
+        if (outcome != kBusOk && !exchange.done) {
+            exchange.done = true;
+            exchange.outcome = outcome;
+            exchange.changed.notify_one();
+        }
+        return;
+    }
+    exchanges_.erase(exchange.token);
+    const std::string answer = std::move(exchange.answer.bytes);
+    const BusCompletion completion = message.completion;
+    lock.unlock();
+    Guarded("send completion", message.type, [&] {
+        completion.sink->SendCallback(outcome, message.type,
+                                      answer.empty() ? nullptr : reinterpret_cast<const unsigned char*>(answer.data()),
+                                      static_cast<unsigned int>(answer.size()), completion.number, completion.context);
+    });
+    lock.lock();
+}
+
+void MessageBus::ExpireLoop() {
+    std::unique_lock lock(mutex_);
+    while (!expiry_stopping_) {
+        const Clock::time_point now = Clock::now();
+        std::list<Message> expired;
+        armed_ = Clock::time_point::max();
+        for (auto message = queue_.begin(); message != queue_.end();) {
+            const auto next = std::next(message);
+            if (message->deadline <= now) {
+                queued_bytes_ -= message->body.size();
+                expired.splice(expired.end(), queue_, message);
+            } else {
+                armed_ = std::min(armed_, message->deadline);
+            }
+            message = next;
+        }
+        for (Message& message : expired) {
+            Finish(message, kBusTimedOut, lock);
+        }
+        if (!expired.empty()) {
+            continue;  // the queue may have changed while the sinks were told
+        }
+        if (armed_ == Clock::time_point::max()) {
+            expiry_.wait(lock);
+        } else {
+            expiry_.wait_until(lock, armed_);
+        }
+    }
+}
+
+uint64_t MessageBus::NextToken() {
+    // SplitMix64 (Steele, Lea, Flood 2014): a bijection of a counter with a random start, so tokens never repeat, and
+    // no number that a caller makes up by accident is one.
+    for (;;) {
+        uint64_t mixed = token_state_ += 0x9e3779b97f4a7c15U;
+        mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9U;
+        mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebU;
+        mixed ^= mixed >> 31;
+        if (mixed != 0) {
+            return mixed;
+        }
+    }
+}
+
+void MessageBus::Shutdown() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        work_.notify_all();
+    }
+    for (std::thread& thread : delivery_threads_) {
+        thread.join();
+    }
+    delivery_threads_.clear();
+    {
+        std::lock_guard lock(mutex_);
+        expiry_stopping_ = true;
+        expiry_.notify_all();
+    }
+    if (expiry_thread_.joinable()) {
+        expiry_thread_.join();
+    }
+    std::unique_lock lock(mutex_);
+    for (auto& [token, exchange] : exchanges_) {
+        exchange->done = true;
+        exchange->outcome = kBusShutDown;
+        exchange->changed.notify_all();
+    }
+    exchanges_.clear();
+    settled_.wait(lock, [this] { return requests_waiting_ == 0; });
+}
+
+}  // namespace qxpagent

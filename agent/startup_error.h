@@ -1,0 +1,13 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace qxpagent {
+
+/// Why the agent cannot start: one line that says what is wrong and what to do about it.
+class StartupError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace qxpagent

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qxpctl {
+
+enum class Color { Plain, Green, Red, Yellow, Bold };
+
+/// One output stream of the program: whether it is a terminal, and whether to colour it.
+class Stream {
+public:
+    /// @param descriptor  borrowed; must outlive the stream.
+    explicit Stream(int descriptor);
+
+    bool IsTerminal() const { return terminal_; }
+    /// The text in a colour, when this stream shows colours (a terminal, not a dumb one, NO_COLOR unset).
+    std::string Paint(Color color, std::string_view text) const;
+    /// Text from elsewhere: escaped for a terminal, as it is for a pipe or a file.
+    std::string Untrusted(std::string_view text) const;
+    /// Writes all of it. Returns 0, or the errno of the write that failed.
+    int Write(std::string_view text) const;
+
+private:
+    // Constant after construction.
+    int descriptor_;
+    bool terminal_;
+    bool color_;
+};
+
+/// The program's results (standard output) and its remarks (standard error).
+class Console {
+public:
+    Console(int output, int error) : output_(output), error_(error) {}
+
+    const Stream& Output() const { return output_; }
+    const Stream& Remarks() const { return error_; }
+
+    /// Writes to the standard output, unbuffered. Throws LocalFailure when not all of it could be written, as on a full
+    /// disk or a closed pipe.
+    void Print(std::string_view text) const;
+    /// Writes "qxpctl: text" and a line break to the standard error. Control characters in the text are escaped.
+    void Remark(std::string_view text) const;
+    void Warn(std::string_view text) const;
+
+private:
+    Stream output_;
+    Stream error_;
+};
+
+}  // namespace qxpctl

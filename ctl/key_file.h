@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+
+#include "ctl/openssl_ptr.h"
+
+namespace qxpctl {
+
+/// The signature form that a key makes or checks.
+enum class Scheme { Plugin, Ed25519 };
+
+/// The name that options and documents use.
+const char* SchemeName(Scheme scheme);
+
+/// A key and the form that follows from its kind.
+struct Key {
+    KeyPtr key;
+    Scheme scheme;
+};
+
+/// Makes a new private key. Throws LocalFailure when the system cannot.
+Key GenerateKey(Scheme scheme);
+
+/// Reads a private key in PEM form that no passphrase protects. Throws BadInput for anything else, and for a key that
+/// is neither RSA of 1024 bits with exponent 65537 nor Ed25519.
+Key ReadPrivateKey(const std::string& path);
+
+/// Reads a public key in PEM form (SubjectPublicKeyInfo). Throws BadInput as above.
+Key ReadPublicKey(const std::string& path);
+
+/// The PEM texts of both halves: PKCS #8 (RFC 5958) and SubjectPublicKeyInfo (RFC 5280).
+struct KeyPairText {
+    std::string private_pem;
+    std::string public_pem;
+
+    KeyPairText() = default;
+    /// Wipes the private half.
+    ~KeyPairText();
+    KeyPairText(const KeyPairText&) = delete;
+    KeyPairText& operator=(const KeyPairText&) = delete;
+    KeyPairText(KeyPairText&&) = default;
+    KeyPairText& operator=(KeyPairText&&) = delete;
+};
+
+KeyPairText WriteKeyPair(const Key& key);
+
+}  // namespace qxpctl

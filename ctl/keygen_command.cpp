@@ -1,0 +1,86 @@
+#include <memory>
+
+#include "ctl/commands.h"
+#include "ctl/files.h"
+#include "ctl/json.h"
+#include "ctl/key_file.h"
+#include "ctl/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+struct KeygenOptions {
+    std::string scheme = "plugin";
+    std::string prefix;
+    bool force = false;
+};
+
+constexpr const char* kFooter = R"(Two schemes:
+  plugin   RSA, 1024 bits. A plugin carries the one public key that it was built with
+  ed25519  An agent trusts every public key in its directory etc/trusted-keys; keys can be added and withdrawn at
+           any time, without a restart
+
+Examples:
+  qxpctl keygen --scheme ed25519 --out ops
+      makes ops.key.pem and ops.pub.pem; then, on every machine:
+      install -m 0644 ops.pub.pem <installation>/etc/trusted-keys/
+  qxpctl keygen --scheme plugin --out vendor
+      makes the pair for a build of the plugin:
+      cmake -B build -DQXPMAINT_PUBLIC_KEY=vendor.pub.pem
+
+The private half (.key.pem, mode 0600) signs whatever will run as root: keep it on the signing machine, and keep a copy
+where only you can get at it.)";
+
+std::string PublicHalfAdvice(Scheme scheme, const std::string& file) {
+    if (scheme == Scheme::Plugin)
+        return "build the plugin with it (-DQXPMAINT_PUBLIC_KEY=" + ShellWord(file) + ")";
+    return "copy it into etc/trusted-keys/ of every installation that shall trust it";
+}
+
+ExitCode MakeKeys(const KeygenOptions& options, const Console& console, bool json) {
+    const Scheme scheme = options.scheme == SchemeName(Scheme::Plugin) ? Scheme::Plugin : Scheme::Ed25519;
+    const std::string private_file = options.prefix + ".key.pem";
+    const std::string public_file = options.prefix + ".pub.pem";
+    // Both halves are on the disk before either gets its name.
+    StagedFile private_half(private_file, 0600);
+    StagedFile public_half(public_file, 0644);
+    const KeyPairText text = WriteKeyPair(GenerateKey(scheme));
+    private_half.Write(text.private_pem);
+    public_half.Write(text.public_pem);
+    StagedFile::CommitBoth(private_half, public_half, options.force);
+
+    if (json) {
+        const Json result = {
+            {"scheme", SchemeName(scheme)}, {"private_key", private_file}, {"public_key", public_file}};
+        console.Print(ToLine(result));
+        return ExitCode::Success;
+    }
+    console.Print(OneLine(private_file) + ": private; keep it secret and sign with it (qxpctl pack --key)\n" +
+                  OneLine(public_file) + ": public; " + OneLine(PublicHalfAdvice(scheme, public_file)) + "\n");
+    return ExitCode::Success;
+}
+
+}  // namespace
+
+void AddKeygenCommand(CLI::App& program, Invocation& invocation) {
+    const auto options = std::make_shared<KeygenOptions>();
+    CLI::App* const command = program.add_subcommand("keygen", "Make a pair of keys to sign scripts with");
+    command->add_option("--scheme", options->scheme, "plugin or ed25519")
+        ->type_name("NAME")
+        ->check(CLI::IsMember({"plugin", "ed25519"}))
+        ->capture_default_str();
+    command->add_option("--out,-o", options->prefix, "Writes PREFIX.key.pem and PREFIX.pub.pem")
+        ->type_name("PREFIX")
+        ->required();
+    command->add_flag("--force", options->force, "Replace existing files; what they signed stays signed");
+    AddJsonOption(*command, invocation);
+    command->footer(kFooter);
+    command->callback([options, &invocation] {
+        invocation.action = [options](const Console& console, const CommonOptions& common) {
+            return MakeKeys(*options, console, common.json);
+        };
+    });
+}
+
+}  // namespace qxpctl

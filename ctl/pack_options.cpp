@@ -1,0 +1,75 @@
+#include "ctl/pack_options.h"
+
+#include <sys/stat.h>
+
+#include "ctl/error.h"
+#include "ctl/text.h"
+
+namespace qxpctl {
+
+const char* const kScriptArgumentHelp =
+    R"(A script is FILE[,type=TYPE][,id=ID][,timeout=SECONDS][,check=TEXT][,path=DIR][,action=N]. An attribute of a script
+overrides the general option. A comma that belongs to a name or a text is written \, and a backslash before one \\.
+  type     sh: run by bash; exe: run as it is. Not given: sh for a script of sh, bash, dash or ash and for *.sh,
+           exe for an ELF program, a script of another interpreter or an executable file
+  id       names the script in the results; not given: the name of the file
+  timeout  seconds, 0 to 4294967; 0 or not given: none. The plugin ends overdue runs only while more than 32 are in
+           progress
+  check    the run succeeded if a line of its output contains this text; not given: every run that ends succeeded
+  path     the directory on the agent's machine in which the script file is written; not given: the plugin's own
+  action   a number that goes along with the time-out)";
+
+void AddPackOptions(CLI::App& command, PackOptions& options) {
+    command.add_option("--key,-k", options.key_file, "The private key to sign with (PEM); its kind gives\nthe scheme")
+        ->type_name("FILE")
+        ->required();
+    options.id_option =
+        command.add_option("--id", options.id, "The ID of the policy, under which results come back\n[a random UUID]")
+            ->type_name("ID");
+    command
+        .add_option("--command", options.command,
+                    "RunScriptNormal: results come back as reports;\n"
+                    "RunScriptFile, RunScriptProcess: they become files\n"
+                    "on the agent's machine")
+        ->type_name("NAME")
+        ->capture_default_str();
+    const char* const group = "General attributes of scripts";
+    command.add_option("--type", options.type, "Type of every script")->type_name("TYPE")->group(group);
+    command.add_option("--timeout", options.timeout, "Time-out of every script")->type_name("SECONDS")->group(group);
+    command.add_option("--check", options.check, "Text that output must contain")->type_name("TEXT")->group(group);
+    command.add_option("--path", options.path, "Directory for the script files")->type_name("DIR")->group(group);
+    command.add_option("--action", options.action, "Number for the time-out")->type_name("N")->group(group);
+    command.add_option("SCRIPT", options.scripts, "The scripts, in the order in which they start,\n63 at most")
+        ->type_name("")
+        ->required();
+}
+
+PackedPolicy Pack(const PackOptions& options) {
+    PolicyRequest request;
+    request.command = options.command;
+    request.scripts = options.scripts;
+    if (options.id_option && options.id_option->count() > 0)
+        request.id = options.id;
+    if (!options.type.empty()) {
+        CheckType(options.type);
+        request.defaults.type = options.type;
+    }
+    if (!options.timeout.empty())
+        request.defaults.timeout = ParseTimeout(options.timeout);
+    if (!options.action.empty())
+        request.defaults.action = ParseAction(options.action);
+    CheckMarker(options.check);
+    request.defaults.check = options.check;
+    CheckScriptDirectory(options.path);
+    request.defaults.path = options.path;
+    const Key key = ReadPrivateKey(options.key_file);
+    return {BuildPolicy(request, key), key.scheme};
+}
+
+void WarnOfOpenKeyFile(const std::string& path, const Console& console) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
+        console.Warn("others can read or change the private key: chmod 600 " + ShellWord(path));
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,154 @@
+#include "ctl/policy_check.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <list>
+#include <memory>
+#include <optional>
+
+#include "ctl/policy.h"
+#include "ctl/script_type.h"
+#include "qxhost/base64.h"
+#include "qxhost/json.h"
+
+namespace qxpctl {
+
+namespace {
+
+using qxtools::CPJsonParse;
+
+std::optional<std::string> Member(const CPJsonParse& json, void* parent, const char* key) {
+    void* const node = json.GetNode(parent, key);
+    if (!node)
+        return std::nullopt;
+    return json.GetValue(node).Str();
+}
+
+// The plugin hands texts to its signature check up to the first NUL.
+std::string UpToNul(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
+
+// The body that the plugin would write to the script file; nothing when it cannot be decoded.
+std::optional<std::string> Decode(const std::string& base64_text) {
+    int size = 0;
+    const std::unique_ptr<unsigned char, decltype(&free)> bytes(
+        base64Decode2(base64_text.data(), base64_text.size(), &size), free);
+    if (!bytes || size <= 0)
+        return std::nullopt;
+    return std::string(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(size));
+}
+
+ScriptVerdict Judge(ScriptVerdict script, Verdict verdict, std::string reason) {
+    script.verdict = verdict;
+    script.reason = std::move(reason);
+    return script;
+}
+
+// A script that the plugin accepts: what it would run of it.
+ScriptVerdict JudgeBody(ScriptVerdict script, const std::string& base64_text) {
+    const std::optional<std::string> body = Decode(base64_text);
+    const bool shell = HandlingOf(script.type) == TypeHandling::Shell;
+    const size_t nul = body && shell ? body->find('\0') : std::string::npos;
+    if (!body)
+        return Judge(std::move(script), Verdict::NotRun, "\"scriptdata\" is not Base64: an empty file would be run");
+    if (nul == 0)
+        return Judge(std::move(script), Verdict::NotRun, "it begins with a NUL byte: an empty file would be run");
+    if (nul != std::string::npos)
+        return Judge(std::move(script), Verdict::CutShort, "it would be run up to its first NUL byte only");
+    return Judge(std::move(script), Verdict::Accepted, "");
+}
+
+ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys& keys) {
+    ScriptVerdict script;
+    script.id = Member(json, node, "scriptid").value_or("");
+    const std::optional<std::string> type = Member(json, node, "scripttype");
+    script.type = type.value_or("");
+
+    const std::optional<std::string> data = Member(json, node, "scriptdata");
+    if (!data)
+        return Judge(script, Verdict::Dropped, "there is no \"scriptdata\"");
+    const std::optional<std::string> sign = Member(json, node, "sign");
+    if (!sign)
+        return Judge(script, Verdict::Dropped, "there is no \"sign\"");
+    if (const std::string reason = keys.WhyInvalid(UpToNul(*sign), UpToNul(*data)); !reason.empty())
+        return Judge(script, Verdict::Dropped, "bad signature: " + reason);
+    if (!type)
+        return Judge(script, Verdict::Dropped, "there is no \"scripttype\"");
+    switch (HandlingOf(*type)) {
+        case TypeHandling::Unsupported:
+            return Judge(script, Verdict::Dropped, "the type \"" + *type + "\" is not supported");
+        case TypeHandling::NeverRun:
+            return Judge(script, Verdict::NotRun, "scripts of the type \"" + *type + "\" are never run");
+        case TypeHandling::Shell:
+        case TypeHandling::Program:
+            break;
+    }
+    return JudgeBody(script, *data);
+}
+
+// The command around the scripts.
+void CheckCommand(const CPJsonParse& json, PolicyVerdict& verdict) {
+    const std::optional<std::string> id = Member(json, nullptr, "ID");
+    const std::optional<std::string> command = Member(json, nullptr, "Command");
+    verdict.id = id.value_or("");
+    verdict.command = command.value_or("");
+    if (!id)
+        verdict.faults.emplace_back("there is no \"ID\"");
+    else if (id->empty())
+        verdict.faults.emplace_back("\"ID\" is empty");
+    if (!command)
+        verdict.faults.emplace_back("there is no \"Command\"");
+    else if (!IsRunCommand(*command))
+        verdict.faults.emplace_back("the \"Command\" \"" + *command + "\" is none of " + kRunNormal + ", " + kRunFile +
+                                    " and " + kRunProcess);
+}
+
+void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdict& verdict) {
+    void* const param = json.GetNode(nullptr, "param");
+    void* const scripts = param ? json.GetNode(param, "scriptinfo") : nullptr;
+    std::list<void*> nodes;
+    if (!param) {
+        verdict.faults.emplace_back("there is no \"param\"");
+        return;
+    }
+    if (!scripts) {
+        verdict.faults.emplace_back("there is no \"scriptinfo\" in \"param\"");
+        return;
+    }
+    if (!json.GetAllNode(scripts, nodes)) {
+        verdict.faults.emplace_back("\"scriptinfo\" is not a list");
+        return;
+    }
+    for (void* const node : nodes)
+        verdict.scripts.push_back(CheckScript(json, node, keys));
+    const auto accepted = static_cast<size_t>(
+        std::count_if(verdict.scripts.begin(), verdict.scripts.end(),
+                      [](const ScriptVerdict& script) { return script.verdict != Verdict::Dropped; }));
+    if (accepted == 0)
+        verdict.faults.emplace_back("no script is left to run");
+    if (accepted > kMaxScripts)
+        verdict.faults.emplace_back(std::to_string(accepted) + " scripts are more than the " +
+                                    std::to_string(kMaxScripts) + " that may run at once");
+}
+
+}  // namespace
+
+bool PolicyVerdict::Good() const {
+    return readable && faults.empty() && std::all_of(scripts.begin(), scripts.end(), [](const ScriptVerdict& script) {
+               return script.verdict == Verdict::Accepted;
+           });
+}
+
+PolicyVerdict CheckPolicy(const std::string& document, const TrustedKeys& keys) {
+    PolicyVerdict verdict;
+    CPJsonParse json;
+    verdict.readable = json.LoadBuffer(document.c_str());
+    if (!verdict.readable)
+        return verdict;
+    CheckCommand(json, verdict);
+    CheckScripts(json, keys, verdict);
+    return verdict;
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,179 @@
+#include "ctl/text.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+namespace qxpctl {
+
+namespace {
+
+constexpr std::string_view kHexDigits = "0123456789abcdef";
+
+bool IsContinuation(unsigned char byte) {
+    return (byte & 0xC0) == 0x80;
+}
+
+// The length of the well-formed UTF-8 sequence (Unicode 15, table 3-7) that the text begins with; 0 when there is none.
+size_t SequenceLength(std::string_view text) {
+    const auto byte = [text](size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
+    const unsigned first = byte(0);
+    const unsigned second = byte(1);
+    if (text.empty())
+        return 0;
+    if (first < 0x80)
+        return 1;
+    if (first >= 0xC2 && first <= 0xDF)
+        return IsContinuation(second) ? 2 : 0;
+    if (first >= 0xE0 && first <= 0xEF) {
+        const unsigned low = first == 0xE0 ? 0xA0 : 0x80;
+        const unsigned high = first == 0xED ? 0x9F : 0xBF;
+        return second >= low && second <= high && IsContinuation(byte(2)) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        const unsigned low = first == 0xF0 ? 0x90 : 0x80;
+        const unsigned high = first == 0xF4 ? 0x8F : 0xBF;
+        return second >= low && second <= high && IsContinuation(byte(2)) && IsContinuation(byte(3)) ? 4 : 0;
+    }
+    return 0;
+}
+
+// For one well-formed sequence.
+bool IsControl(std::string_view sequence) {
+    const auto first = static_cast<unsigned char>(sequence[0]);
+    if (sequence.size() == 1)
+        return first < 0x20 || first == 0x7F;
+    return sequence.size() == 2 && first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0;
+}
+
+void AppendEscaped(std::string& to, std::string_view bytes) {
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        to += "\\x";
+        to += kHexDigits[byte >> 4];
+        to += kHexDigits[byte & 0x0F];
+    }
+}
+
+std::string Escape(std::string_view text, bool keep_layout) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = SequenceLength(text);
+        const std::string_view part = text.substr(0, std::max<size_t>(length, 1));
+        text.remove_prefix(part.size());
+        const bool layout = part == "\n" || part == "\t";
+        if (length == 0 || (IsControl(part) && !(layout && keep_layout)))
+            AppendEscaped(escaped, part);
+        else
+            escaped += part;
+    }
+    return escaped;
+}
+
+int HexValue(char digit) {
+    if (digit >= '0' && digit <= '9')
+        return digit - '0';
+    if (digit >= 'a' && digit <= 'f')
+        return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F')
+        return digit - 'A' + 10;
+    return -1;
+}
+
+}  // namespace
+
+bool IsValidUtf8(std::string_view text) {
+    while (!text.empty()) {
+        const size_t length = SequenceLength(text);
+        if (length == 0)
+            return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+bool HasControlCharacter(std::string_view text) {
+    while (!text.empty()) {
+        const std::string_view part = text.substr(0, std::max<size_t>(SequenceLength(text), 1));
+        if (IsControl(part))
+            return true;
+        text.remove_prefix(part.size());
+    }
+    return false;
+}
+
+std::string EscapeForTerminal(std::string_view text) {
+    return Escape(text, true);
+}
+
+std::string OneLine(std::string_view text) {
+    return Escape(text, false);
+}
+
+std::string ShellWord(std::string_view text) {
+    constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+@=,:-";
+    if (!text.empty() && text.find_first_not_of(kPlain) == std::string_view::npos)
+        return std::string(text);
+    std::string word = "'";
+    for (const char c : text) {
+        if (c == '\'')
+            word += "'\\''";
+        else
+            word += c;
+    }
+    return word + "'";
+}
+
+std::string HexEncode(std::span<const unsigned char> bytes) {
+    std::string digits;
+    digits.reserve(2 * bytes.size());
+    for (const unsigned char byte : bytes) {
+        digits += kHexDigits[byte >> 4];
+        digits += kHexDigits[byte & 0x0F];
+    }
+    return digits;
+}
+
+std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits) {
+    if (digits.size() % 2 != 0)
+        return std::nullopt;
+    std::vector<unsigned char> bytes;
+    bytes.reserve(digits.size() / 2);
+    for (size_t at = 0; at < digits.size(); at += 2) {
+        const int high = HexValue(digits[at]);
+        const int low = HexValue(digits[at + 1]);
+        if (high < 0 || low < 0)
+            return std::nullopt;
+        bytes.push_back(static_cast<unsigned char>(high * 16 + low));
+    }
+    return bytes;
+}
+
+std::string Base64Encode(std::string_view bytes) {
+    // A whole number of 3-byte groups a call, so that only the last call pads; each fits the int that OpenSSL takes.
+    constexpr size_t kStep = 3 * 16384;
+    std::array<unsigned char, 4 * 16384 + 1> encoded{};
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(kStep, bytes.size()))) {
+        const std::string_view part = bytes.substr(0, kStep);
+        const int length = EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(part.data()),
+                                           static_cast<int>(part.size()));
+        text.append(reinterpret_cast<const char*>(encoded.data()), static_cast<size_t>(length));
+    }
+    return text;
+}
+
+std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit) {
+    uint32_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, failure] = std::from_chars(text.data(), end, number);
+    if (failure != std::errc() || stop != end || number > limit)
+        return std::nullopt;
+    return number;
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qxpctl {
+
+bool IsValidUtf8(std::string_view text);
+
+/// True when the text holds a C0 or C1 control character or DEL (text in UTF-8).
+bool HasControlCharacter(std::string_view text);
+
+/// Text from elsewhere made harmless for a terminal: control characters (C0 but newline and tab, DEL, C1) and bytes
+/// that are not UTF-8 are shown as \xNN.
+std::string EscapeForTerminal(std::string_view text);
+
+/// The same on one line: newline and tab are escaped too. For names and messages that are put into a line of ours.
+std::string OneLine(std::string_view text);
+
+/// A word for a POSIX shell, quoted only when it must be.
+std::string ShellWord(std::string_view text);
+
+/// Two lower-case digits a byte.
+std::string HexEncode(std::span<const unsigned char> bytes);
+
+/// Reads an even number of hexadecimal digits of either case; nothing for any other text.
+std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits);
+
+/// Base64 in the standard alphabet with padding, without line breaks (RFC 4648 section 4).
+std::string Base64Encode(std::string_view bytes);
+
+/// A decimal number from 0 to limit, digits only; nothing for any other text.
+std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit);
+
+}  // namespace qxpctl

@@ -1,0 +1,133 @@
+#include <memory>
+
+#include "ctl/commands.h"
+#include "ctl/files.h"
+#include "ctl/json.h"
+#include "ctl/policy.h"
+#include "ctl/policy_check.h"
+#include "ctl/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+struct VerifyOptions {
+    std::vector<std::string> key_files;
+    std::string trust_directory;
+    std::string policy;
+};
+
+constexpr const char* kFooter =
+    R"(Prints a line a script: accepted, accepted but not run (or cut short), or dropped, and why; and a line for each fault of the policy as a
+whole. What the plugin checks, in this order: scriptdata is there; sign is there; the signature is good; scripttype is
+there; the type is supported.
+
+A run-once policy needs no "ID" and no "Command"; a command does, and that is what is checked here.
+
+Examples:
+  qxpctl verify --key vendor.pub.pem policy.json
+  qxpctl verify --trust-dir /opt/qxpmaint/etc/trusted-keys policy.json
+  qxpctl pack --key ops.key.pem disk-check.sh | qxpctl verify --key ops.pub.pem -)";
+
+TrustedKeys ReadKeys(const VerifyOptions& options) {
+    if (options.key_files.empty() && options.trust_directory.empty())
+        throw BadInput("name what to check with: --key PUBLIC.pem, --trust-dir DIR, or both");
+    TrustedKeys keys;
+    for (const std::string& file : options.key_files)
+        keys.AddKeyFile(file);
+    if (!options.trust_directory.empty())
+        keys.SetDirectory(options.trust_directory);
+    return keys;
+}
+
+const char* VerdictName(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::Accepted:
+            return "accepted";
+        case Verdict::NotRun:
+            return "accepted but not run";
+        case Verdict::CutShort:
+            return "accepted but cut short";
+        case Verdict::Dropped:
+            break;
+    }
+    return "dropped";
+}
+
+Color VerdictColor(Verdict verdict) {
+    if (verdict == Verdict::Accepted)
+        return Color::Green;
+    return verdict == Verdict::Dropped ? Color::Red : Color::Yellow;
+}
+
+std::string AsJson(const PolicyVerdict& verdict) {
+    Json result = {{"accepted", verdict.Good()},
+                   {"id", verdict.id},
+                   {"command", verdict.command},
+                   {"faults", verdict.faults},
+                   {"scripts", Json::array()}};
+    for (const ScriptVerdict& script : verdict.scripts)
+        result["scripts"].push_back({{"scriptid", script.id},
+                                     {"scripttype", script.type},
+                                     {"verdict", VerdictName(script.verdict)},
+                                     {"reason", script.reason}});
+    return ToLine(result);
+}
+
+std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
+    std::string text;
+    for (const std::string& fault : verdict.faults)
+        text += "policy: " + output.Paint(Color::Red, "refused") + ": " + OneLine(fault) + "\n";
+    size_t number = 0;
+    for (const ScriptVerdict& script : verdict.scripts) {
+        text += "script " + std::to_string(++number);
+        if (!script.id.empty())
+            text += " (" + OneLine(script.id) + ")";
+        text += ": " + output.Paint(VerdictColor(script.verdict), VerdictName(script.verdict));
+        if (!script.reason.empty())
+            text += ": " + OneLine(script.reason);
+        text += "\n";
+    }
+    return text;
+}
+
+ExitCode Verify(const VerifyOptions& options, const Console& console, bool json) {
+    const TrustedKeys keys = ReadKeys(options);
+    const PolicyVerdict verdict = CheckPolicy(ReadDocument(options.policy, kMaxPolicyBytes, "policy"), keys);
+    if (!verdict.readable)
+        throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
+                       " is not a JSON document; make a policy with 'qxpctl pack'");
+    console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
+    return verdict.Good() ? ExitCode::Success : ExitCode::Negative;
+}
+
+}  // namespace
+
+void AddVerifyCommand(CLI::App& program, Invocation& invocation) {
+    const auto options = std::make_shared<VerifyOptions>();
+    CLI::App* const command =
+        program.add_subcommand("verify", "Tell which scripts of a policy the plugin would accept, and why not");
+    command
+        ->add_option("--key,-k", options->key_files,
+                     "A public key that the plugin trusts (PEM): the RSA key\n"
+                     "it was built with, or an Ed25519 key; may be repeated")
+        ->type_name("FILE")
+        ->expected(1)
+        ->take_all();
+    command
+        ->add_option("--trust-dir", options->trust_directory,
+                     "The agent's directory of trusted Ed25519 keys\n[that of this installation]")
+        ->type_name("DIR");
+    command->add_option("POLICY", options->policy, "The policy document; '-' is the standard input")
+        ->type_name("")
+        ->required();
+    AddJsonOption(*command, invocation);
+    command->footer(kFooter);
+    command->callback([options, &invocation] {
+        invocation.action = [options](const Console& console, const CommonOptions& common) {
+            return Verify(*options, console, common.json);
+        };
+    });
+}
+
+}  // namespace qxpctl

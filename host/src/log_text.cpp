@@ -1,0 +1,102 @@
+#include "log_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace {
+
+bool IsUtf8Continuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+/// Where to cut a text of more than kMaxLogText bytes, of which at least kMaxLogText + 1 are given.
+size_t CutPosition(std::string_view text) {
+    constexpr size_t kLongestCharacter = 4;
+    for (size_t uCut = kMaxLogText; uCut > kMaxLogText - kLongestCharacter; --uCut) {
+        if (!IsUtf8Continuation(text[uCut])) {
+            return uCut;
+        }
+    }
+    return kMaxLogText;  // not UTF-8
+}
+
+/// @param head         the text, or as much of it as CutPosition needs.
+/// @param uFullLength  of the whole text.
+SLogText CutHead(std::string_view head, size_t uFullLength) {
+    if (uFullLength <= kMaxLogText) {
+        return {std::string(head.substr(0, uFullLength)), 0};
+    }
+    const size_t uKept = CutPosition(head);
+    return {std::string(head.substr(0, uKept)), uFullLength - uKept};
+}
+
+void AppendHex(std::string& strLine, char c) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto uByte = static_cast<unsigned char>(c);
+    strLine += "\\x";
+    strLine += kDigits[uByte >> 4];
+    strLine += kDigits[uByte & 0xF];
+}
+
+void AppendEscapedCharacter(std::string& strLine, char c) {
+    constexpr char kDel = 0x7F;
+    if (c == '\\') {
+        strLine += "\\\\";
+    } else if (c == '\n') {
+        strLine += "\\n";
+    } else if (c == '\t') {
+        strLine += "\\t";
+    } else if (static_cast<unsigned char>(c) < ' ' || c == kDel) {
+        AppendHex(strLine, c);
+    } else {
+        strLine += c;
+    }
+}
+
+}  // namespace
+
+SLogText CutLogText(std::string_view text) {
+    return CutHead(text, text.size());
+}
+
+SLogText FormatLogText(const char* pszFormat, va_list args) {
+    std::array<char, 512> szShort;
+    va_list again;
+    va_copy(again, args);
+    const int iLength = std::vsnprintf(szShort.data(), szShort.size(), pszFormat, args);
+    SLogText text;
+    if (iLength < 0) {
+        text = CutLogText(pszFormat);
+    } else if (static_cast<size_t>(iLength) < szShort.size()) {
+        text.strText.assign(szShort.data(), static_cast<size_t>(iLength));
+    } else {
+        const auto uLength = static_cast<size_t>(iLength);
+        std::string strHead(std::min(uLength, kMaxLogText + 1), '\0');
+        // The analyzer takes an argument list that is passed on for an uninitialised one.
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+        std::vsnprintf(strHead.data(), strHead.size() + 1, pszFormat, again);
+        text = CutHead(strHead, uLength);
+    }
+    va_end(again);
+    return text;
+}
+
+void AppendEscaped(std::string& strLine, std::string_view text) {
+    for (const char c : text) {
+        AppendEscapedCharacter(strLine, c);
+    }
+}
+
+void AppendWord(std::string& strLine, std::string_view name) {
+    if (name.empty()) {
+        strLine += '-';
+    }
+    for (const char c : name) {
+        if (c == ' ') {
+            AppendHex(strLine, c);
+        } else {
+            AppendEscapedCharacter(strLine, c);
+        }
+    }
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+constexpr size_t kMaxLogText = 16UL * 1024;
+
+/// The text of a record before escaping: at most kMaxLogText bytes, and how many more it had.
+struct SLogText {
+    std::string strText;
+    size_t uCut = 0;
+};
+
+/// Cuts a text to size, between two characters when it is UTF-8.
+SLogText CutLogText(std::string_view text);
+
+/// Formats as vsnprintf does, in memory of the size that is kept. A format that fails is itself the text.
+SLogText FormatLogText(const char* pszFormat, va_list args);
+
+/// Appends a text with what could forge a record made visible: a backslash becomes \\, control characters and DEL
+/// become \n, \t or \xNN.
+void AppendEscaped(std::string& strLine, std::string_view text);
+
+/// Appends a name as one word: as AppendEscaped, with a space as \x20 and "-" for an empty name.
+void AppendWord(std::string& strLine, std::string_view name);

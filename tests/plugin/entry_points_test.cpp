@@ -1,0 +1,232 @@
+// The exported entry points and the life of the plugin object, over the built library.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <set>
+
+#include "tests/plugin/plugin_host.h"
+
+namespace {
+
+constexpr auto NOT_READY = static_cast<int>(0xE0010000);
+constexpr auto NO_TABLE = static_cast<int>(0xE0010001);
+constexpr auto INVALID = static_cast<int>(0xE0010002);
+
+using Records = std::vector<LogRecord>;
+
+std::string CommandOutput(const std::string& command) {
+    std::string output;
+    FILE* stream = popen(command.c_str(), "re");  // NOLINT(cert-env33-c): a fixed command
+    char buffer[256];
+    while (const size_t count = stream ? fread(buffer, 1, sizeof(buffer), stream) : 0)
+        output.append(buffer, count);
+    if (stream)
+        pclose(stream);
+    return output;
+}
+
+class EntryPointsTest : public testing::Test {
+protected:
+    void Create() { host_.object = static_cast<PluginObjInterface*>(host_.create_object(PLUGIN_CLSID)); }
+
+    PluginHost host_;
+};
+
+TEST_F(EntryPointsTest, ExactlyTheNineSymbolsAreExported) {
+    std::istringstream lines(CommandOutput("nm -D --defined-only '" + host_.LibraryPath() + "'"));
+    std::set<std::string> names;
+    for (std::string address, type, name; lines >> address >> type >> name;)
+        names.insert(name);
+    EXPECT_EQ(names, (std::set<std::string>{"CreateObject", "DestroyObject", "InitializePlugin", "UninitializePlugin",
+                                            "create_plugin", "destroy_plugin", "g_szRsaModulus",
+                                            "g_szRsaPublicExponent", "runonce_plugin"}));
+    EXPECT_EQ(strlen(*host_.Symbol<const char* const*>("g_szRsaModulus")), 256U);
+    EXPECT_STREQ(*host_.Symbol<const char* const*>("g_szRsaPublicExponent"), "10001");
+    EXPECT_EQ(host_.Symbol<int (*)()>("InitializePlugin")(), 0);
+    host_.Symbol<void (*)()>("UninitializePlugin")();
+}
+
+TEST_F(EntryPointsTest, TableIsOneForTheExactClassIdAlone) {
+    void* table = host_.create_plugin(PLUGIN_CLSID);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(host_.create_plugin(PLUGIN_CLSID), table);
+    EXPECT_EQ(host_.create_plugin("f87fc278-d443-4c25-95cb-58d6c48e9128"), nullptr);
+    EXPECT_EQ(host_.create_plugin("F87FC278-D443-4C25-95CB-58D6C48E9128x"), nullptr);
+    EXPECT_EQ(host_.create_plugin("F87FC278"), nullptr);
+    EXPECT_EQ(host_.create_plugin(nullptr), nullptr);
+
+    int (*slots[15])();
+    memcpy(&slots, table, sizeof(slots));
+    EXPECT_STREQ(static_cast<PluginFunTable*>(table)->get_version(), "1.0.125");
+    for (const size_t reserved : {1, 2, 8, 9, 10, 11, 12, 13, 14})
+        EXPECT_EQ(slots[reserved](), 0) << reserved;
+    EXPECT_EQ(std::set(std::begin(slots), std::end(slots)).size(), 15U) << "each slot has its own function";
+
+    const Records log = host_.Log();
+    EXPECT_EQ(Records(log.begin(), log.begin() + 2),
+              (Records{{"debug", "93", 0, "qxpmaint create_plugin in"},
+                       {"info", "93", 5, "qxpmaint create_plugin clsid[F87FC278-D443-4C25-95CB-58D6C48E9128] ok"}}));
+    EXPECT_EQ(host_.LogWith("clsid[F87FC278] is not support"),
+              (Records{{"error", "93", 3, "**qxpmaint create_plugin clsid[F87FC278] is not support"}}));
+    EXPECT_EQ(log.back(), (LogRecord{"error", "93", 3, "**qxpmaint create_plugin clsid is NULL"}));
+}
+
+TEST_F(EntryPointsTest, DestroyPluginEndsARunningPluginAndNoOther) {
+    EXPECT_EQ(host_.destroy_plugin(nullptr), -1);
+    EXPECT_EQ(host_.destroy_plugin("F87FC278"), -1);
+    EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0);
+    EXPECT_TRUE(host_.LogWith("qxpmaint_stop").empty());
+    EXPECT_TRUE(host_.LogWith("uninit").empty());
+    host_.Launch();
+    EXPECT_EQ(host_.destroy_plugin("f87fc278-d443-4c25-95cb-58d6c48e9128"), -1);
+    EXPECT_TRUE(host_.LogWith("qxpmaint_stop").empty());
+    EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0);
+    EXPECT_EQ(host_.LogWith("qxpmaint qxpmaint_stop ok").size(), 1U);
+    EXPECT_EQ(host_.LogWith("qxpmaint uninit ok").size(), 1U);
+    EXPECT_EQ(host_.LogWith("**qxpmaint destroy_plugin clsid"),
+              (Records{{"error", "93", 3, "**qxpmaint destroy_plugin clsid is NULL"},
+                       {"error", "93", 3, "**qxpmaint destroy_plugin clsid[F87FC278] is not support"},
+                       {"error", "93", 3,
+                        "**qxpmaint destroy_plugin clsid[f87fc278-d443-4c25-95cb-58d6c48e9128] is not support"}}));
+}
+
+TEST_F(EntryPointsTest, ObjectsThatCannotBeMadeAreRefusedAndLogged) {
+    EXPECT_EQ(host_.create_object(nullptr), nullptr);
+    EXPECT_EQ(host_.create_object("x"), nullptr);
+    const std::string source = "qxadapterplugin";
+    EXPECT_EQ(
+        host_.Log(),
+        (Records{
+            {"trace", source, 6, "qxpadapterplugin CqxpmaintCreateObject::CreateObject Begin pszName[null]"},
+            {"error", source, 4, "**qxpadapterplugin CqxpmaintMgr::CreateObject Error pszName is NULL"},
+            {"error", source, 4, "**qxpadapterplugin CqxpmaintCreateObject::CreateObject Error FALSE pszName[null]"},
+            {"trace", source, 6, "qxpadapterplugin CqxpmaintCreateObject::CreateObject Begin pszName[x]"},
+            {"debug", "93", 0, "qxpmaint create_plugin in"},
+            {"error", "93", 3, "**qxpmaint create_plugin clsid[x] is not support"},
+            {"error", source, 4,
+             "**qxpadapterplugin CqxpmaintMgr::CreateObject Error create_plugin pPluginFun is NULL"},
+            {"error", source, 4, "**qxpadapterplugin CqxpmaintCreateObject::CreateObject Error FALSE pszName[x]"}}));
+    // Freed whatever the name: a leak is what the address sanitizer sees.
+    Create();
+    host_.destroy_object(nullptr, host_.object);
+    Create();
+    host_.destroy_object("x", host_.object);
+    host_.object = nullptr;
+    host_.destroy_object(PLUGIN_CLSID, nullptr);
+    EXPECT_EQ(host_.LogWith("DestroyObject Begin pszName[null]").size(), 1U);
+    EXPECT_EQ(host_.LogWith("*qxpadapterplugin CqxpmaintMgr::DestroyObject Error destroy_plugin iRet[ffffffff]").size(),
+              1U);
+}
+
+TEST_F(EntryPointsTest, OperationsKeepTheirOrderAndTellTheirState) {
+    Create();
+    PluginObjInterface& object = *host_.object;
+    EXPECT_EQ(object.Info(nullptr), -1);
+    EXPECT_EQ(object.Info(&object), 0);
+    EXPECT_EQ(object.GetStatus(), 0U);
+    EXPECT_EQ(object.GetCtx(nullptr), nullptr);
+    EXPECT_EQ(object.Start(), NOT_READY) << "no endpoint";
+    EXPECT_EQ(object.Stop(), NOT_READY);
+    EXPECT_EQ(object.Initialize(nullptr), INVALID);
+    EXPECT_EQ(object.GetStatus(), 0U);
+    EXPECT_EQ(
+        host_.LogWith("m_pCompCtx is NULL"),
+        (Records{{"error", "qxadapterplugin", 4, "**qxpadapterplugin CqxpmaintMgr::Start Error m_pCompCtx is NULL"},
+                 {"error", "qxadapterplugin", 4, "**qxpadapterplugin CqxpmaintMgr::Stop Error m_pCompCtx is NULL"}}));
+
+    object.SetCtx(&host_.endpoint);
+    object.SetCtx(nullptr);
+    EXPECT_EQ(object.GetCtx(&object), &host_.endpoint);
+    EXPECT_EQ(object.Initialize(&host_.init_block), 0);
+    EXPECT_EQ(object.GetStatus(), 1U);
+    EXPECT_EQ(object.Start(), 0);
+    EXPECT_EQ(object.GetStatus(), 2U);
+    EXPECT_EQ(object.Stop(), 0);
+    EXPECT_EQ(object.GetStatus(), 3U);
+    EXPECT_EQ(object.Start(), 0) << "a stopped plugin starts again";
+    EXPECT_EQ(object.Stop(), 0);
+    object.Uninitialize();
+
+    // A fresh, empty manager from here on.
+    EXPECT_EQ(object.GetStatus(), 0U);
+    EXPECT_EQ(object.GetCtx(nullptr), nullptr);
+    EXPECT_EQ(object.Initialize(&host_.init_block), NO_TABLE);
+    EXPECT_EQ(object.Start(), NOT_READY);
+    EXPECT_EQ(object.Stop(), NOT_READY);
+    object.Uninitialize();
+    EXPECT_EQ(host_.LogWith("m_pPluginFun is NULL").size(), 4U);
+    host_.destroy_object(PLUGIN_CLSID, host_.object);
+    host_.object = nullptr;
+
+    host_.Launch();
+    host_.Shutdown();
+    EXPECT_EQ(host_.LogWith("qxpmaint qxpmaint_start ok").size(), 3U) << "a second life in the same process";
+}
+
+TEST_F(EntryPointsTest, InitializeReadsTheConfigurationAndMakesTheDirectories) {
+    Create();
+    host_.init_block.pszInitParam = "conf_path=../etc/no-such-file";
+    EXPECT_EQ(host_.object->Initialize(&host_.init_block), -2);
+    EXPECT_FALSE(std::filesystem::exists(host_.Data()));
+    host_.init_block.pszInitParam = "";
+    EXPECT_EQ(host_.object->Initialize(&host_.init_block), 0);
+    EXPECT_EQ(host_.LogWith("qxpmaint param pKv=").back().text,
+              "qxpmaint param pKv=agent_type=KSTL:conf_path=../etc/plugins/qxpmaint/qxpmaint.conf");
+    EXPECT_EQ(host_.LogWith("g_lCheckCycle[1]").size(), 1U);
+    for (const char* directory : {"policyfile", "policyprocess", "result"}) {
+        struct stat attributes {};
+        ASSERT_EQ(stat((host_.Data() / directory).c_str(), &attributes), 0) << directory;
+        EXPECT_EQ(attributes.st_mode & 07777U, 0755U) << directory;
+    }
+}
+
+TEST_F(EntryPointsTest, TheHostsProcessIsLeftAsItWas) {
+    const auto state = [] {
+        std::string text = std::filesystem::current_path().string() + "\n";
+        for (char** entry = environ; *entry; ++entry)
+            text += std::string(*entry) + "\n";
+        std::ifstream status("/proc/self/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("Umask", 0) == 0 || line.rfind("Sig", 0) == 0)
+                text += line + "\n";
+        return text;
+    };
+    const mode_t umask_before = umask(0027);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    // What the first life leaves open for good (the log), a second does not open again.
+    host_.Launch();
+    host_.Shutdown();
+    const std::string before = state();
+    const auto descriptors = CountEntries("/proc/self/fd");
+    const auto threads = CountEntries("/proc/self/task");
+    host_.Launch();
+    ASSERT_TRUE(host_.SendCommand(MakePolicy(host_.signer, "7", "RunScriptNormal", {{.body = "true\n"}})));
+    host_.WaitForReports(1);
+    EXPECT_EQ(state(), before);
+    host_.Shutdown();
+    EXPECT_EQ(state(), before);
+    EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
+    EXPECT_TRUE(WaitUntil([&] { return CountEntries("/proc/self/task") == threads; })) << "a thread was left behind";
+    umask(umask_before);
+}
+
+TEST_F(EntryPointsTest, RunOnceNeedsItsFile) {
+    host_.Launch();
+    char name[] = "7.json";
+    EXPECT_EQ(host_.runonce_plugin(name), -1);
+    EXPECT_EQ(host_.runonce_plugin(nullptr), -1);
+    std::ofstream(host_.Data() / "policyprocess/7.json")
+        << MakePolicy(host_.signer, "7", "RunScriptProcess", {{.body = "true\n"}});
+    char without_ending[] = "7";
+    EXPECT_EQ(host_.runonce_plugin(without_ending), -1);
+    EXPECT_EQ(host_.runonce_plugin(name), 0);
+    EXPECT_FALSE(std::filesystem::exists(host_.Data() / "policyprocess/7.json"));
+}
+
+}  // namespace

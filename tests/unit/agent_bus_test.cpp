@@ -1,0 +1,390 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/agent_connect.h"
+#include "agent/endpoint.h"
+#include "agent/message_bus.h"
+#include "agent/server_data.h"
+#include "tests/unit/agent_test_support.h"
+
+namespace qxpagent {
+namespace {
+
+constexpr GUID kAlice = ParseGuid("00000000-0000-0000-0000-00000000000A");
+constexpr GUID kBob = ParseGuid("00000000-0000-0000-0000-00000000000B");
+constexpr long kType = 7;
+constexpr long kOtherType = 8;
+constexpr unsigned int kLong = 60000;
+
+const unsigned char* Bytes(const char* text) {
+    return reinterpret_cast<const unsigned char*>(text);
+}
+
+// Alice sends, Bob receives.
+class BusTest : public testing::Test {
+protected:
+    BusTest() {
+        EXPECT_EQ(kBusOk, alice_.Initialize(kAlice));
+        EXPECT_EQ(kBusOk, bob_.Initialize(kBob));
+    }
+
+    struct Outcome {
+        int result;
+        unsigned int status;
+        std::string reply;
+    };
+    Outcome Ask(const GUID& target, long type, const char* text, unsigned int timeout = kLong) {
+        unsigned int status = 999;
+        unsigned char* reply = nullptr;
+        unsigned int length = 0;
+        const int result = alice_.SendRequest(target, type, Bytes(text), static_cast<unsigned int>(std::strlen(text)),
+                                              &status, &reply, &length, timeout);
+        Outcome outcome{result, status, std::string(reinterpret_cast<const char*>(reply), length)};
+        EXPECT_EQ(reply != nullptr ? kBusOk : kBusBadArgument, alice_.FreeReply(reply));
+        EXPECT_EQ(kBusBadArgument, alice_.FreeReply(reply)) << "released already";
+        return outcome;
+    }
+    int Send(const std::string& body, CompletionLog& log, long type = kType, unsigned int timeout = kLong) {
+        return alice_.SendAsync(kBob, type, Bytes(body.data()), static_cast<unsigned int>(body.size()), &log, nullptr,
+                                nullptr, timeout);
+    }
+    static int ReplyAs(Endpoint& endpoint, const char* text, void* token, int status = 0) {
+        return endpoint.Reply(status, kType, Bytes(text), static_cast<unsigned int>(std::strlen(text)), token);
+    }
+
+    MessageBus bus_{{.delivery_threads = 2, .queued_messages = 4, .queued_bytes = 100}};
+    Endpoint alice_{bus_};
+    Endpoint bob_{bus_};
+};
+
+TEST_F(BusTest, ARequestCarriesEverythingThereAndBack) {
+    FunctionSink sink([this](const Received& message) {
+        EXPECT_TRUE(SameId(kAlice, message.sender));
+        EXPECT_EQ(&bob_, message.context);
+        const int replied = ReplyAs(bob_, message.body == "ping" ? "pong" : "", message.token, 42);
+        EXPECT_EQ(kBusOk, replied);
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, &bob_));
+    const Outcome outcome = Ask(kBob, kType, "ping");
+    EXPECT_EQ(kBusOk, outcome.result);
+    EXPECT_EQ(42U, outcome.status);
+    EXPECT_EQ("pong", outcome.reply);
+    EXPECT_EQ("", Ask(kBob, kType, "else").reply);
+
+    EXPECT_EQ(kBusUndelivered, Ask(kBob, kOtherType, "").result);
+    EXPECT_EQ(kBusUndelivered, Ask(kManagerId, kType, "").result);
+    ASSERT_EQ(kBusOk, bob_.UnregisterReceive(kType));
+    EXPECT_EQ(kBusUndelivered, Ask(kBob, kType, "ping").result);
+}
+
+TEST_F(BusTest, NamesAndRegistrationsAreExclusive) {
+    FunctionSink sink([](const Received&) {});
+    Endpoint impostor(bus_);
+    EXPECT_EQ(kBusNameTaken, impostor.Initialize(kBob));
+    EXPECT_EQ(kBusNotAttached, impostor.RegisterReceive(kType, &sink, nullptr));
+    EXPECT_EQ(kBusNotAttached, impostor.SendAsync(kBob, kType, nullptr, 0, nullptr, nullptr, nullptr, kLong));
+    EXPECT_EQ(kBusNameTaken, bob_.Initialize(kManagerId)) << "attached already";
+    EXPECT_EQ(kBusBadArgument, bob_.RegisterReceive(kType, nullptr, nullptr));
+    EXPECT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    EXPECT_EQ(kBusTypeTaken, bob_.RegisterReceive(kType, &sink, nullptr));
+    EXPECT_EQ(kBusOk, bob_.Uninitialize());
+    EXPECT_EQ(kBusUndelivered, Ask(kBob, kType, "").result);
+    EXPECT_EQ(kBusOk, impostor.Initialize(kBob));
+    EXPECT_EQ(kBusNotRegistered, impostor.UnregisterReceive(kType)) << "registrations end with the name";
+    EXPECT_EQ(kBusBadArgument, alice_.SendAsync(kBob, kType, nullptr, 3, nullptr, nullptr, nullptr, kLong));
+}
+
+TEST_F(BusTest, AReplyTokenIsGoodOnceForItsReceiverInItsTime) {
+    void* token = nullptr;
+    FunctionSink sink([&](const Received& message) {
+        token = message.token;
+        if (message.body == "forget") {
+            return;
+        }
+        EXPECT_EQ(kBusStaleToken, ReplyAs(alice_, "foreign", message.token));
+        EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "made up", &token));
+        EXPECT_EQ(kBusOk, ReplyAs(bob_, "first", message.token));
+        EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "second", message.token));
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    EXPECT_EQ("first", Ask(kBob, kType, "answer").reply);
+    EXPECT_EQ(kBusBadArgument, ReplyAs(bob_, "null", nullptr));
+
+    EXPECT_EQ(kBusTimedOut, Ask(kBob, kType, "forget", 50).result);
+    EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "late", token));
+
+    // A receiver may keep the token of a request and answer after its callback has returned, from any thread.
+    Happening delivered;
+    FunctionSink keeper([&](const Received& message) {
+        token = message.token;
+        delivered.Set();
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kOtherType, &keeper, nullptr));
+    std::thread answering([&] {
+        EXPECT_TRUE(delivered.Wait());
+        EXPECT_EQ(kBusOk, ReplyAs(bob_, "deferred", token));
+    });
+    EXPECT_EQ("deferred", Ask(kBob, kOtherType, "").reply);
+    answering.join();
+}
+
+TEST_F(BusTest, ARequestThatTimedOutInTheQueueIsNeverDelivered) {
+    Happening release;
+    std::atomic<int> delivered{0};
+    FunctionSink sink([&](const Received&) {
+        ++delivered;
+        EXPECT_TRUE(release.Wait());
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    CompletionLog log;
+    Send("occupies a thread", log);
+    Send("and the other", log);
+    EXPECT_EQ(kBusTimedOut, Ask(kBob, kType, "late", 50).result);
+    release.Set();
+    bus_.Shutdown();
+    EXPECT_EQ(2, delivered);
+}
+
+TEST_F(BusTest, UnregisterReturnsOnlyWhenNoDeliveryIsInFlight) {
+    Happening inside;
+    Happening release;
+    std::atomic<bool> finished{false};
+    FunctionSink sink([&](const Received& message) {
+        if (message.body == "probe") {
+            ReplyAs(bob_, "", message.token);
+            return;
+        }
+        inside.Set();
+        EXPECT_TRUE(release.Wait());
+        finished = true;
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    CompletionLog log;
+    ASSERT_EQ(kBusOk, Send("", log));
+    ASSERT_TRUE(inside.Wait());
+    std::thread unregistering([&] {
+        EXPECT_EQ(kBusOk, bob_.UnregisterReceive(kType));
+        EXPECT_TRUE(finished);
+    });
+    while (Ask(kBob, kType, "probe").result != kBusUndelivered) {  // until the thread is in the function
+    }
+    std::thread detaching([&] {
+        EXPECT_EQ(kBusOk, bob_.Uninitialize());
+        EXPECT_TRUE(finished) << "a delivery that outlives its registration still counts";
+    });
+    release.Set();
+    unregistering.join();
+    detaching.join();
+    EXPECT_EQ(kBusOk, log.WaitFor(1).at(0).outcome);
+}
+
+TEST_F(BusTest, UnregisterFromWithinDeliveriesThatOverlapDoesNotDeadlock) {
+    std::atomic<int> inside{0};
+    Happening both;
+    Happening leave;
+    FunctionSink sink([&](const Received&) {
+        if (++inside == 2) {
+            both.Set();
+        }
+        EXPECT_TRUE(both.Wait());
+        bob_.UnregisterReceive(kType);
+        bob_.UnregisterReceive(kType);
+        EXPECT_TRUE(leave.Wait());
+        --inside;
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    CompletionLog log;
+    Send("", log);
+    Send("", log);
+    ASSERT_TRUE(both.Wait());
+    std::thread outside([&] {
+        bob_.UnregisterReceive(kType);
+        EXPECT_EQ(0, inside) << "from outside, every delivery is waited for";
+    });
+    leave.Set();
+    outside.join();
+    EXPECT_EQ(2U, log.WaitFor(2).size());
+}
+
+TEST_F(BusTest, EachSendIsCompletedOnceWithItsOutcome) {
+    FunctionSink sink([&](const Received& message) {
+        if (message.body == "throw") {
+            throw std::runtime_error("on purpose");
+        }
+        if (message.body == "throw an int") {
+            throw 1;  // NOLINT(hicpp-exception-baseclass)
+        }
+        EXPECT_EQ(kBusOk, ReplyAs(bob_, "got it", message.token));
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    CompletionLog log;
+    unsigned long number = 0;
+    int context = 0;
+    std::string body = "hello";
+    ASSERT_EQ(kBusOk, alice_.SendAsync(kBob, kType, Bytes(body.data()), 5, &log, &context, &number, kLong));
+    body.assign("XXXXX");  // the bus has its own copy
+    const CompletionLog::Entry delivered = log.WaitFor(1).at(0);
+    EXPECT_EQ(kBusOk, delivered.outcome);
+    EXPECT_EQ(kType, delivered.type);
+    EXPECT_EQ("got it", delivered.answer);
+    EXPECT_EQ(number, delivered.number);
+    EXPECT_EQ(&context, delivered.context);
+
+    Send("throw", log);
+    EXPECT_EQ(kBusReceiverFailed, log.WaitFor(2).at(1).outcome);
+    Send("throw an int", log);
+    EXPECT_EQ(kBusReceiverFailed, log.WaitFor(3).at(2).outcome);
+    Send("", log, kOtherType);
+    EXPECT_EQ(kBusUndelivered, log.WaitFor(4).at(3).outcome);
+    bus_.Shutdown();
+    EXPECT_EQ(4U, log.WaitFor(4).size()) << "none was completed twice";
+}
+
+TEST_F(BusTest, TheQueueIsBoundedAndExpiresWhileEveryThreadIsBusy) {
+    Happening release;
+    std::atomic<int> inside{0};
+    Happening both;
+    FunctionSink sink([&](const Received&) {
+        if (++inside == 2) {
+            both.Set();
+        }
+        EXPECT_TRUE(release.Wait());
+    });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    CompletionLog busy;
+    Send("", busy);
+    Send("", busy);
+    ASSERT_TRUE(both.Wait());
+
+    CompletionLog refused;
+    CompletionLog queued;
+    EXPECT_EQ(kBusQueueFull, Send(std::string(101, 'x'), refused)) << "100 bytes is the limit";
+    EXPECT_EQ(kBusOk, Send(std::string(60, 'x'), queued, kType, 1));
+    EXPECT_EQ(kBusTimedOut, queued.WaitFor(1).at(0).outcome);
+    EXPECT_EQ(kBusOk, Send(std::string(100, 'x'), queued)) << "what expired makes room";
+    EXPECT_EQ(kBusQueueFull, Send("y", refused));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(kBusOk, Send("", queued));
+    }
+    EXPECT_EQ(kBusQueueFull, Send("", refused)) << "4 messages is the limit";
+
+    release.Set();
+    bus_.Shutdown();  // delivers what is queued
+    const auto outcomes = queued.WaitFor(5);
+    ASSERT_EQ(5U, outcomes.size());
+    for (size_t i = 1; i < outcomes.size(); ++i) {
+        EXPECT_EQ(kBusOk, outcomes[i].outcome);
+    }
+    EXPECT_EQ(kBusShutDown, Send("", refused));
+    EXPECT_EQ(2U, busy.WaitFor(2).size());
+}
+
+TEST_F(BusTest, ShutdownEndsARequestThatNobodyAnswers) {
+    Happening delivered;
+    FunctionSink sink([&](const Received&) { delivered.Set(); });
+    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
+    std::thread asking([&] { EXPECT_EQ(kBusShutDown, Ask(kBob, kType, "", 3600000).result); });
+    EXPECT_TRUE(delivered.Wait());
+    bus_.Shutdown();
+    asking.join();
+}
+
+TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
+    constexpr int kSenders = 3;
+    constexpr size_t kMessages = 5000;
+    MessageBus bus;
+    Endpoint receiver(bus);
+    ASSERT_EQ(kBusOk, receiver.Initialize(kBob));
+    CompletionLog log;
+    std::atomic<bool> done{false};
+    std::thread registering([&] {
+        while (!done) {
+            auto alive = std::make_unique<bool>(true);
+            FunctionSink sink([flag = alive.get()](const Received&) { EXPECT_TRUE(*flag); });
+            EXPECT_EQ(kBusOk, receiver.RegisterReceive(kType, &sink, nullptr));
+            std::this_thread::yield();
+            EXPECT_EQ(kBusOk, receiver.UnregisterReceive(kType));
+        }  // sink and flag die here
+    });
+    std::vector<std::thread> senders;
+    senders.reserve(kSenders);
+    for (int i = 0; i < kSenders; ++i) {
+        senders.emplace_back([&] {
+            for (size_t sent = 0; sent < kMessages; ++sent) {
+                int result = kBusQueueFull;
+                while ((result = receiver.SendAsync(kBob, kType, Bytes("x"), 1, &log, nullptr, nullptr, kLong)) ==
+                       kBusQueueFull) {
+                    std::this_thread::yield();
+                }
+                EXPECT_EQ(kBusOk, result);
+            }
+        });
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(kSenders * kMessages, log.WaitFor(kSenders * kMessages).size());
+    done = true;
+    registering.join();
+}
+
+TEST(ComponentTest, ThePluginIsAskedAndToldInItsOwnTerms) {
+    MessageBus bus;
+    ServerData server_data(bus);
+    AgentConnect offline(bus, std::nullopt);
+    Endpoint plugin(bus);
+    ASSERT_EQ(kBusOk, plugin.Initialize(kPluginId));
+    EXPECT_EQ(kBusUndelivered, server_data.Send("{}")) << "the plugin does not take commands yet";
+
+    std::string acknowledgement = "success";
+    std::string told;
+    FunctionSink sink([&](const Received& message) {
+        told = message.body;
+        plugin.Reply(0, message.type, Bytes(acknowledgement.data()), static_cast<unsigned int>(acknowledgement.size()),
+                     message.token);
+    });
+    ASSERT_EQ(kBusOk, plugin.RegisterReceive(kCommandMessage, &sink, nullptr));
+    EXPECT_EQ(kBusOk, server_data.Send(R"({"ID":"7"})"));
+    EXPECT_EQ(R"({"ID":"7"})", told);
+    acknowledgement = "what?";
+    EXPECT_EQ(kBusReceiverFailed, server_data.Send("{}"));
+
+    BusAnswer answer;
+    ASSERT_EQ(kBusOk, bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", kDeadline, answer));
+    EXPECT_EQ(R"({"onlineflag":"0","ip":"","port":""})", answer.bytes);
+
+    MessageBus online_bus;
+    AgentConnect online(online_bus, ParseServerAddress("10.0.0.5:8443"));
+    EXPECT_EQ(kBusOk, online_bus.Attach(kPluginId));
+    ASSERT_EQ(kBusOk, online_bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", kDeadline, answer));
+    EXPECT_EQ(R"({"onlineflag":"1","ip":"10.0.0.5","port":"8443"})", answer.bytes);
+    std::vector<std::string> notices;
+    FunctionSink noticing([&](const Received& message) {
+        EXPECT_TRUE(SameId(kAgentConnectId, message.sender));
+        notices.push_back(std::to_string(message.type) + message.body);
+    });
+    ASSERT_EQ(kBusOk, online_bus.Register(kPluginId, kConnectedMessage, &noticing, nullptr));
+    EXPECT_EQ(kBusOk, online.NotifyConnected());
+    online_bus.Shutdown();
+    EXPECT_EQ(std::vector<std::string>{"1000" + answer.bytes}, notices);
+}
+
+TEST(ServerAddressTest, IsCheckedAsAWhole) {
+    EXPECT_EQ("server.example", ParseServerAddress("server.example:1")->ip);
+    EXPECT_EQ("fe80::1", ParseServerAddress("[fe80::1]:443")->ip);
+    EXPECT_EQ("65535", ParseServerAddress("10.0.0.5:65535")->port);
+    for (const char* wrong : {"", ":", "host", "host:", ":1", "host:0", "host:65536", "host:-1", "host:1x", "[]:1",
+                              "fe80::1:443", "ho st:1", "host\":1"}) {
+        EXPECT_FALSE(ParseServerAddress(wrong).has_value()) << wrong;
+    }
+}
+
+}  // namespace
+}  // namespace qxpagent

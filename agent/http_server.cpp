@@ -26,6 +26,7 @@ struct HttpServer::Exchange {
     size_t max_body = 0;
     size_t discarded = 0;                 // body bytes that came after the request was refused
     std::optional<HttpResponse> refusal;  // decided before the body was complete
+    bool refuse_now = false;              // a refusal need not wait for the body
 };
 
 namespace {
@@ -37,6 +38,12 @@ size_t DeclaredLength(MHD_Connection* connection) {
         return SIZE_MAX;
     }
     return length;
+}
+
+// How much of a body is read only to be thrown away. A client that is cut off while it is still sending may never see
+// the answer, so a refusal waits for the body, but not for any length of it.
+size_t Patience(size_t max_body) {
+    return 2 * max_body;
 }
 
 HttpResponse TooLarge(size_t limit) {
@@ -73,7 +80,9 @@ struct HttpServer::Callbacks {
             if (*state == nullptr) {
                 auto* const exchange = self->Begin(connection, path, method);
                 *state = exchange;
-                return exchange->refusal.has_value() ? Queue(connection, std::move(*exchange->refusal)) : MHD_YES;
+                return exchange->refusal.has_value() && exchange->refuse_now
+                           ? Queue(connection, std::move(*exchange->refusal))
+                           : MHD_YES;
             }
             auto& exchange = *static_cast<Exchange*>(*state);
             if (*size != 0) {
@@ -152,6 +161,8 @@ HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* 
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::OnQueryParameter, &request.query);
     exchange->max_body = handler_.MaxBodyBytes(request);
     const size_t length = DeclaredLength(connection);
+    exchange->refuse_now = length > Patience(exchange->max_body) ||
+                           MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_EXPECT) != nullptr;
     if (length > exchange->max_body) {
         exchange->refusal = TooLarge(exchange->max_body);
     } else {
@@ -180,9 +191,8 @@ bool HttpServer::TakeBody(Exchange& exchange, const char* data, size_t size) {
         body_bytes_ -= body.size();
         std::string().swap(body);
     }
-    // The answer cannot go out before the body has come in, so a little patience, but no more than the limit again.
     exchange.discarded += size;
-    return exchange.discarded <= exchange.max_body;
+    return exchange.discarded <= Patience(exchange.max_body);
 }
 
 HttpResponse HttpServer::Answer(MHD_Connection* connection, Exchange& exchange) {

@@ -159,13 +159,7 @@ int MessageBus::Request(const GUID& sender, const GUID& target, long type, std::
     ++requests_waiting_;
     if (!exchange->changed.wait_until(lock, deadline, [&] { return exchange->done; })) {
         exchange->done = true;
-        exchange->outcome = kBusTimedOut;
-        const auto queued = std::find_if(queue_.begin(), queue_.end(),
-                                         [&](const Message& message) { return message.exchange == exchange; });
-        if (queued != queue_.end()) {
-            queued_bytes_ -= queued->body.size();
-            queue_.erase(queued);
-        }
+        exchange->outcome = kBusTimedOut;  // the message, if still queued, expires at the same deadline
     }
     exchanges_.erase(exchange->token);
     --requests_waiting_;

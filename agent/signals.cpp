@@ -1,5 +1,6 @@
 #include "agent/signals.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -53,8 +54,8 @@ StopSignal::StopSignal() {
 }
 
 int StopSignal::Wait() {
-    uint64_t count = 0;
-    while (read(g_event, &count, sizeof(count)) < 0 && errno == EINTR) {
+    pollfd event{g_event, POLLIN, 0};
+    while (poll(&event, 1, -1) < 0 && errno == EINTR) {
     }
     return g_signal;
 }

@@ -65,10 +65,10 @@ protected:
 };
 
 TEST_F(BusTest, ARequestCarriesEverythingThereAndBack) {
-    FunctionSink sink([this](const Received& message) {
+    FunctionSink sink([&bob = bob_](const Received& message) {
         EXPECT_TRUE(SameId(kAlice, message.sender));
-        EXPECT_EQ(&bob_, message.context);
-        const int replied = ReplyAs(bob_, message.body == "ping" ? "pong" : "", message.token, 42);
+        EXPECT_EQ(&bob, message.context);
+        const int replied = ReplyAs(bob, message.body == "ping" ? "pong" : "", message.token, 42);
         EXPECT_EQ(kBusOk, replied);
     });
     ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, &bob_));

@@ -133,15 +133,9 @@ void PluginModule::Stop() {
 }
 
 bool PluginModule::Finish() {
-    bool ended = RunOnceCallsEnded(kRunOnceEndTime);
-    if (!ended) {
-        QXPAGENT_LOG(kLogError, "run-once calls are still running after the stop; uninitialising the plugin over them");
-    }
+    // Uninitialising ends the runs that a run-once waits for, and waits for the call itself.
     UndoFrom(step_);
-    if (!ended) {
-        ended = RunOnceCallsEnded(kRunOnceEndTime);
-    }
-    return ended;
+    return RunOnceCallsEnded(kRunOnceEndTime);
 }
 
 void PluginModule::UndoFrom(Step step) {

@@ -72,17 +72,27 @@ void CMaintMgr::PassSignalOn() {
 }
 
 int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {
-    if (list.empty() || !RunNewScript(list))
+    if (list.empty())
         return 0;
-    ++m_iRunOnceWaiting;
+    // The last signal taken here may have stood for a policy as well, so one is given when this ends.
+    struct CWaiting {
+        explicit CWaiting(CMaintMgr& mgr) : m_Mgr(mgr) { ++m_Mgr.m_iRunOnceWaiting; }
+        ~CWaiting() {
+            --m_Mgr.m_iRunOnceWaiting;
+            CMainTTool::MaintSetEvent(m_Mgr.m_hWorkEvent);
+        }
+        CWaiting(const CWaiting&) = delete;
+        CWaiting& operator=(const CWaiting&) = delete;
+        CMaintMgr& m_Mgr;
+    };
+    const CWaiting waiting(*this);
+    if (!RunNewScript(list))
+        return 0;
     do {
-        CMainTTool::MaintWaitEvent(m_hWorkEvent, RUN_ONCE_WAIT_MS);
-        if (HasQueuedPolicy())
+        const bool bSignalled = CMainTTool::MaintWaitEvent(m_hWorkEvent, RUN_ONCE_WAIT_MS) == 0;
+        if (bSignalled && GetWork() && HasQueuedPolicy())
             PassSignalOn();  // it was meant for the work thread, which waits for the same event
         DisposeScriptList(MT_RUNCOMPLETE);
     } while (GetPRunScriptListSize() != 0);
-    --m_iRunOnceWaiting;
-    // The last signal taken here may have stood for a policy as well.
-    CMainTTool::MaintSetEvent(m_hWorkEvent);
     return 1;
 }

@@ -27,10 +27,10 @@ void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strComma
     unsigned int dwError = 0;
     {
         const std::lock_guard lock(LaunchLock());
-        const auto childrenBefore = CChildProcess::ChildrenBefore();
+        const _LaunchMark stMark = CChildProcess::MarkLaunch();
         if (CMainTTool::MaintCreateProcess(strCommand.c_str(), strParam.c_str(), stRunData.strLogPath.empty() ? 1 : 0,
                                            stRunData.stProcessInfo, &dwError)) {
-            stRunData.spControl->Child.Identify(static_cast<FILE*>(stRunData.stProcessInfo.hProcess), childrenBefore);
+            stRunData.spControl->Child.Identify(static_cast<FILE*>(stRunData.stProcessInfo.hProcess), stMark);
             return;
         }
     }
@@ -48,9 +48,11 @@ void FinishWithoutThread(_RunScriptData& stRunData) {
     control.Ticket.Release();
     control.bThreadEnding = true;
     if (stRunData.stProcessInfo.hProcess) {
-        if (!control.Child.HasExited())
-            CProcessTree(control.Child.Identity(), control.Child.PipeName()).End(0);
-        CMainTTool::CleanHandle(stRunData.stProcessInfo.hProcess);
+        CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
+        CProcessTree(control.Child).End(0);
+        // A child that could not be ended is left with its stream: waiting for it here would hold up every other run.
+        if (control.Child.CanBeClosedNow())
+            CMainTTool::CleanHandle(stRunData.stProcessInfo.hProcess);
         stRunData.stProcessInfo.hProcess = nullptr;
     }
     stRunData.dwRunState = RUN_FINISHED;
@@ -86,7 +88,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     pRunData->dwStartTime = static_cast<uint32_t>(time(nullptr));
     pRunData->strLogPath = strLogPath;
     pRunData->hRunEvent = m_hWorkEvent;
-    pRunData->spControl = std::make_shared<CRunControl>();
+    pRunData->spControl = std::make_shared<CRunControl>(*this);
     const std::shared_ptr<CRunControl> spControl = pRunData->spControl;
 
     // All that may run out of memory stands before the process is started.

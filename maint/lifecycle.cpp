@@ -59,8 +59,10 @@ void CMaintMgr::Close() {
         return;
     int iCancelState = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &iCancelState);
-    const bool bEnded = pThis->EndWhatIsLeft();
+    bool bEnded = pThis->EndWhatIsLeft();
     m_pThis.store(nullptr);
+    // A run-once that took its place in the gate meanwhile may have got the pointer; a later one does not.
+    bEnded = bEnded && pThis->EndWhatIsLeft();
     if (bEnded)
         delete pThis;
     else

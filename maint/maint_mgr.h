@@ -102,11 +102,14 @@ private:
     virtual ~CMaintMgr();
 
     void WorkPass();
+    void TryWorkPass();
+    bool IsWorkThread();
     void LeaveWorkThread();
     bool EndWhatIsLeft();
     bool HasQueuedPolicy();
     void PassSignalOn();
     void StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam);
+    void RunScript(const _MaintPolicyDetail& record);
     CPString ScriptDirectory(const _MaintPolicyDetail& stPolicy);
 
     static std::atomic<CMaintMgr*> m_pThis;
@@ -121,6 +124,6 @@ private:
     std::atomic<uint32_t> m_dwSequenceIndex{0};
     pthread_mutex_t m_csPolicyList;
     std::list<_MaintPolicyDetail> m_MaintPolicyList;  // guarded by m_csPolicyList
-    std::atomic<int> m_iRunOnceWaiting{0};            // callers inside RunOnceTask that wait for the event
     CPString m_strDataPath;                           // set by Init, before any other use; ends in '/'
+    std::atomic<int> m_iRunOnceWaiting{0};            // callers inside RunOnceTask
 };

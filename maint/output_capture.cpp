@@ -43,26 +43,32 @@ void COutputCapture::Append(std::string_view chunk) {
         m_strHead.append(chunk);
         return;
     }
-    while (m_uTailBytes > PART_LIMIT && !m_ChunkLengths.empty())
+    while (m_uTailBytes > PART_LIMIT)
         DropOldestChunk();
-    PushTail(chunk);
+    if (!chunk.empty())
+        PushTail(chunk);
 }
 
 void COutputCapture::DropOldestChunk() {
-    m_uTailBytes -= m_ChunkLengths.front();
-    m_uTailBegin = (m_uTailBegin + m_ChunkLengths.front()) % m_strRing.size();
-    m_ChunkLengths.pop_front();
+    bool bEnd = false;
+    while (!bEnd) {
+        bEnd = m_ChunkEnds[m_uTailBegin];
+        m_ChunkEnds[m_uTailBegin] = false;
+        m_uTailBegin = (m_uTailBegin + 1) % m_Ring.size();
+        --m_uTailBytes;
+    }
     m_bTruncated = true;
 }
 
 void COutputCapture::PushTail(std::string_view chunk) {
-    m_strRing.resize(PART_LIMIT + CChunkReader::CHUNK_LIMIT);
-    const size_t uAt = (m_uTailBegin + m_uTailBytes) % m_strRing.size();
-    const size_t uFirst = std::min(chunk.size(), m_strRing.size() - uAt);
-    memcpy(m_strRing.data() + uAt, chunk.data(), uFirst);
-    memcpy(m_strRing.data(), chunk.data() + uFirst, chunk.size() - uFirst);
+    m_Ring.resize(PART_LIMIT + CChunkReader::CHUNK_LIMIT);
+    m_ChunkEnds.resize(m_Ring.size());
+    const size_t uAt = (m_uTailBegin + m_uTailBytes) % m_Ring.size();
+    const size_t uFirst = std::min(chunk.size(), m_Ring.size() - uAt);
+    memcpy(m_Ring.data() + uAt, chunk.data(), uFirst);
+    memcpy(m_Ring.data(), chunk.data() + uFirst, chunk.size() - uFirst);
     m_uTailBytes += chunk.size();
-    m_ChunkLengths.push_back(static_cast<uint16_t>(chunk.size()));
+    m_ChunkEnds[(uAt + chunk.size() - 1) % m_Ring.size()] = true;
 }
 
 std::string COutputCapture::Take() {
@@ -71,9 +77,9 @@ std::string COutputCapture::Take() {
         strOutput += "\n...\n";
     if (m_uTailBytes != 0) {
         strOutput.reserve(strOutput.size() + m_uTailBytes);
-        const size_t uFirst = std::min(m_uTailBytes, m_strRing.size() - m_uTailBegin);
-        strOutput.append(m_strRing, m_uTailBegin, uFirst);
-        strOutput.append(m_strRing, 0, m_uTailBytes - uFirst);
+        const size_t uFirst = std::min(m_uTailBytes, m_Ring.size() - m_uTailBegin);
+        strOutput.append(m_Ring.data() + m_uTailBegin, uFirst);
+        strOutput.append(m_Ring.data(), m_uTailBytes - uFirst);
     }
     *this = {};
     return strOutput;

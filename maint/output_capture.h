@@ -1,9 +1,8 @@
 #pragma once
 
-#include <cstdint>
-#include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Splits what a descriptor delivers into chunks as fgets with a 1024-byte buffer would: at most 1023 bytes, up to and
 /// including a newline. A chunk is complete only then or at the end of the output, however the bytes arrive.
@@ -44,10 +43,11 @@ private:
     void PushTail(std::string_view chunk);
 
     std::string m_strHead;
-    // The tail is a ring: m_uTailBytes bytes from m_uTailBegin on, in chunks of the lengths in m_ChunkLengths.
-    std::string m_strRing;
+    // The tail is a ring of a fixed size: m_uTailBytes bytes from m_uTailBegin on. A set mark says that a chunk ends
+    // with the byte of the same number.
+    std::vector<char> m_Ring;
+    std::vector<bool> m_ChunkEnds;
     size_t m_uTailBegin = 0;
     size_t m_uTailBytes = 0;
-    std::deque<uint16_t> m_ChunkLengths;
     bool m_bTruncated = false;
 };

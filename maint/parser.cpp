@@ -12,11 +12,12 @@ uint32_t ToNumber(const CPString& strValue) {
     return static_cast<uint32_t>(strtol(strValue.c_str(), nullptr, 10));
 }
 
-// The value of an optional member; false leaves the default.
+// The value of a member as text, which ends at its first NUL: what is verified, decoded and compared is then the same.
+// False leaves the default.
 bool ReadMember(const qxtools::CPJsonParse& json, void* pParent, const char* pszKey, CPString& strValue) {
     void* pNode = json.GetNode(pParent, pszKey);
     if (pNode)
-        strValue = json.GetValue(pNode);
+        strValue = CPString(json.GetValue(pNode).c_str());
     return pNode != nullptr;
 }
 

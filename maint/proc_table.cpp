@@ -66,8 +66,8 @@ std::optional<_ProcessStat> ReadProcessStat(pid_t iPid) {
     _ProcessStat stat;
     stat.stIdentity.iPid = iPid;
     if (sscanf(strStat.c_str() + uName + 1,
-               " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %llu", &stat.cState,
-               &stat.iParent, &stat.stIdentity.u64StartTime) != 3)
+               " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu", &stat.cState,
+               &stat.iParent, &stat.lThreads, &stat.stIdentity.u64StartTime) != 4)
         return std::nullopt;
     return stat;
 }
@@ -111,9 +111,13 @@ bool HoldsWriteEnd(pid_t iPid, const std::string& strPipe) {
         return false;
     const std::string strDirectory = ProcPath(iPid, "/fd");
     const CDirectory spDirectory(opendir(strDirectory.c_str()));
+    bool bWrites = false;
     while (const dirent* pEntry = spDirectory ? readdir(spDirectory.get()) : nullptr) {
-        if (ReadLink(strDirectory + "/" + pEntry->d_name) == strPipe && IsOpenForWriting(iPid, pEntry->d_name))
-            return true;
+        if (ReadLink(strDirectory + "/" + pEntry->d_name) != strPipe)
+            continue;
+        if (!IsOpenForWriting(iPid, pEntry->d_name))
+            return false;
+        bWrites = true;
     }
-    return false;
+    return bWrites;
 }

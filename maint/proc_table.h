@@ -19,12 +19,17 @@ struct _ProcessIdentity {
 struct _ProcessStat {
     _ProcessIdentity stIdentity;
     pid_t iParent = 0;
-    char cState = 0;  ///< 'Z' for one that has ended and waits for its parent.
+    char cState = 0;
+    long lThreads = 0;
+
+    /// True for a process that has ended and waits for its parent. One whose first thread alone has ended shows the
+    /// same state, but has other threads.
+    bool HasEnded() const { return cState == 'X' || (cState == 'Z' && lThreads <= 1); }
 };
 
 std::optional<_ProcessStat> ReadProcessStat(pid_t iPid);
 
-/// Every process of the machine, by pid.
+/// Every process of the machine, by pid. Without this process in it, /proc could not be read.
 std::map<pid_t, _ProcessStat> ReadProcessTable();
 
 /// The children that the calling thread has started, oldest first.
@@ -33,7 +38,8 @@ std::vector<pid_t> ReadThreadChildren();
 /// The pipe behind a descriptor of this process as "pipe:[inode]"; empty when it is no pipe.
 std::string ReadPipeName(int iDescriptor);
 
-/// True when a descriptor of the process is the write end of that pipe.
+/// True when a descriptor of the process is the write end of that pipe, and none is its read end: a process that holds
+/// both is a copy of this one, forked at the moment of the launch, and no part of the run.
 bool HoldsWriteEnd(pid_t iPid, const std::string& strPipe);
 
 /// True when that descriptor of the process is that pipe.

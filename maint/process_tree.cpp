@@ -24,7 +24,7 @@ void Pause(int iMilliseconds) {
 
 bool IsAlive(const _ProcessIdentity& stIdentity) {
     const auto stat = ReadProcessStat(stIdentity.iPid);
-    return stat && stat->stIdentity == stIdentity && stat->cState != 'Z' && stat->cState != 'X';
+    return stat && stat->stIdentity == stIdentity && !stat->HasEnded();
 }
 
 // A pidfd keeps naming the process it was opened for, so the check of the identity after the opening holds for the
@@ -40,42 +40,59 @@ void SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
 
 }  // namespace
 
-CProcessTree::CProcessTree(const _ProcessIdentity& stRoot, std::string strPipe) : m_strPipe(std::move(strPipe)) {
-    if (stRoot.iPid > 0)
-        m_Alive.emplace(stRoot.iPid, stRoot);
+CProcessTree::CProcessTree(const CChildProcess& child) : m_Child(child) {
+    if (child.IsKnown())
+        m_Alive.emplace(child.Identity().iPid, child.Identity());
+}
+
+bool CProcessTree::IsPartOfRun(const _ProcessStat& stat) const {
+    const _ProcessIdentity& stIdentity = stat.stIdentity;
+    if (stIdentity.iPid == getpid() || stIdentity.iPid == 1)
+        return false;
+    const auto known = m_Alive.find(stIdentity.iPid);
+    if (known != m_Alive.end() && known->second == stIdentity)
+        return true;
+    // Nothing older than the child can be part of its run; this spares most processes the look at their descriptors.
+    return stIdentity.u64StartTime >= m_Child.Identity().u64StartTime &&
+           HoldsWriteEnd(stIdentity.iPid, m_Child.PipeName());
 }
 
 bool CProcessTree::CollectAlive() {
     const auto table = ReadProcessTable();
+    if (!table.contains(getpid()))
+        return !m_Child.HasExited();  // /proc cannot be read: what is known of the run stays as it is
     std::map<pid_t, _ProcessIdentity> found;
     for (const auto& [iPid, stat] : table) {
-        const auto known = m_Alive.find(iPid);
-        const bool bMember = known != m_Alive.end() && known->second == stat.stIdentity;
-        if (iPid != getpid() && iPid != 1 && (bMember || HoldsWriteEnd(iPid, m_strPipe)))
+        if (IsPartOfRun(stat))
             found.emplace(iPid, stat.stIdentity);
     }
     // A child may have a lower pid than its parent, so one pass over the table is not enough.
     for (bool bGrown = true; bGrown;) {
         bGrown = false;
         for (const auto& [iPid, stat] : table) {
-            if (!found.contains(iPid) && found.contains(stat.iParent))
+            if (!found.contains(iPid) && found.contains(stat.iParent) && iPid != getpid())
                 bGrown = found.emplace(iPid, stat.stIdentity).second;
         }
     }
     m_Alive = std::move(found);
-    std::erase_if(m_Alive, [&](const auto& entry) { return table.at(entry.first).cState == 'Z'; });
-    return !m_Alive.empty();
+    std::erase_if(m_Alive, [&](const auto& entry) { return table.at(entry.first).HasEnded(); });
+    return !m_Alive.empty() || !m_Child.HasExited();
 }
 
 void CProcessTree::Signal(int iSignal) const {
-    for (const auto& [iPid, stIdentity] : m_Alive)
-        SignalProcess(stIdentity, iSignal);
+    m_Child.Signal(iSignal);
+    for (const auto& [iPid, stIdentity] : m_Alive) {
+        if (stIdentity != m_Child.Identity())
+            SignalProcess(stIdentity, iSignal);
+    }
 }
 
-void CProcessTree::WaitGone(int iMilliseconds) {
+void CProcessTree::WaitGone(int iMilliseconds) const {
     int iLook = FIRST_LOOK_MS;
     for (int iWaited = 0; iWaited < iMilliseconds; iWaited += iLook, iLook = std::min(2 * iLook, LAST_LOOK_MS)) {
-        if (std::none_of(m_Alive.begin(), m_Alive.end(), [](const auto& entry) { return IsAlive(entry.second); }))
+        const bool bAnyAlive =
+            std::any_of(m_Alive.begin(), m_Alive.end(), [](const auto& entry) { return IsAlive(entry.second); });
+        if (!bAnyAlive && m_Child.HasExited())
             return;
         Pause(iLook);
     }

@@ -3,7 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-CRunControl::CRunControl() : m_iWakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+CRunControl::CRunControl(CMaintMgr& mgr) : Mgr(mgr), m_iWakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 }
 
 CRunControl::~CRunControl() {

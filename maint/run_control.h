@@ -6,11 +6,13 @@
 #include "maint/child_process.h"
 #include "maint/thread_gate.h"
 
+class CMaintMgr;
+
 /// What a run's record and its thread share; it lives until both have let go. The launcher waits until the thread holds
 /// it before it lists the record, so a record can be freed at any time after that without its thread reaching for it.
 class CRunControl {
 public:
-    CRunControl();
+    explicit CRunControl(CMaintMgr& mgr);
     ~CRunControl();
     CRunControl(const CRunControl&) = delete;
     CRunControl& operator=(const CRunControl&) = delete;
@@ -20,6 +22,9 @@ public:
     /// Readable once Wake has been called; -1 when there was no descriptor to be had: the thread then looks at the stop
     /// flag once a second.
     int WakeDescriptor() const { return m_iWakeDescriptor; }
+
+    /// The manager of this run, which lives as long as the run thread has its place in the gate.
+    CMaintMgr& Mgr;
 
     // Guarded by CMaintMgr::m_csRunScriptList.
 
@@ -34,6 +39,8 @@ public:
     CThreadTicket Ticket;
     /// Of the launcher, and from Attached on of the run thread.
     CChildProcess Child;
+    /// Of the run thread: the stream of the child is closed, or about to be.
+    bool bStreamClosed = false;
 
 private:
     int m_iWakeDescriptor;

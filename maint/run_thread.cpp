@@ -1,6 +1,7 @@
 #include "maint/run_thread.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/prctl.h>
 
 #include <exception>
@@ -19,7 +20,7 @@ constexpr int END_GRACE_MS = 2000;
 
 void SetThreadName(unsigned int dwSequenceIndex) {
     char szName[16] = {};
-    snprintf(szName, sizeof szName - 1, "qxmaintr%04x", dwSequenceIndex);
+    snprintf(szName, sizeof szName, "qxmaintr%04x", dwSequenceIndex);
     prctl(PR_SET_NAME, szName);
 }
 
@@ -33,8 +34,11 @@ std::shared_ptr<CRunControl> CRunThread::Attach(_RunScriptData& stRunData, CThre
     return spControl;
 }
 
-CRunThread::CRunThread(CMaintMgr& mgr, _RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl)
-    : m_Mgr(mgr), m_pRunData(pRunData), m_spControl(std::move(spControl)), m_pStream(m_spControl->Child.Stream()) {
+CRunThread::CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl)
+    : m_Mgr(spControl->Mgr),
+      m_pRunData(pRunData),
+      m_spControl(std::move(spControl)),
+      m_pStream(m_spControl->Child.Stream()) {
     Begin();
 }
 
@@ -97,7 +101,7 @@ CRunThread::EPhase CRunThread::ReadStep() {
 // Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
 CRunThread::EPhase CRunThread::LeaveReading() {
     if (m_pStream)
-        CloseReadEnd(m_pStream);
+        CloseReadEnd(m_pStream, m_spControl->WakeDescriptor());
     return EPhase::WaitingForExit;
 }
 
@@ -115,7 +119,10 @@ void CRunThread::WaitForOutput() {
 }
 
 CRunThread::EPhase CRunThread::WaitStep() {
-    if (StopRequested() || m_spControl->Child.HasExited())
+    if (StopRequested())
+        return EPhase::Over;
+    m_spControl->Child.FindAgain();
+    if (m_spControl->Child.HasExited())
         return EPhase::Over;
     m_spControl->Child.WaitExit(m_spControl->WakeDescriptor(), WAIT_TICK_MS);
     return EPhase::WaitingForExit;
@@ -134,7 +141,7 @@ void CRunThread::Finish() {
         CloseStream();
     TestPoint("run storing");
     if (!StoreResult()) {
-        EndProcesses();
+        EndProcesses();  // told to stop since the look above
         CloseStream();
     }
     TestPoint("run stored");
@@ -162,19 +169,51 @@ bool CRunThread::StoreResult() {
 }
 
 void CRunThread::EndProcesses() {
-    if (!m_pStream)
+    if (!m_pStream || m_bProcessesEnded)
         return;
-    CloseReadEnd(m_pStream);
-    const CChildProcess& child = m_spControl->Child;
-    if (!CProcessTree(child.Identity(), child.PipeName()).End(END_GRACE_MS))
+    m_bProcessesEnded = true;
+    CloseReadEnd(m_pStream, m_spControl->WakeDescriptor());
+    m_spControl->Child.FindAgain();
+    if (!CProcessTree(m_spControl->Child).End(END_GRACE_MS))
         QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
-                   "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]", child.Identity().iPid);
+                   "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]",
+                   m_spControl->Child.Identity().iPid);
 }
 
 void CRunThread::CloseStream() {
+    m_spControl->bStreamClosed = true;
     CMainTTool::CleanHandle(m_pStream);
     m_pStream = nullptr;
 }
+
+void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, CRunControl& control) {
+    control.Child.Signal(SIGKILL);
+    CMaintMgr& mgr = control.Mgr;
+    {
+        const CMaintLockGuard lock(mgr.m_csRunScriptList);
+        control.bThreadEnding = true;
+        if (!control.iStopFlag) {
+            stRunData.stProcessInfo.hProcess = nullptr;
+            stRunData.dwRunState = RUN_FINISHED;
+            stRunData.iRunResult = 0;
+        }
+    }
+    if (!control.bStreamClosed)
+        CMainTTool::CleanHandle(control.Child.Stream());
+    CMainTTool::MaintSetEvent(mgr.m_hWorkEvent);
+}
+
+namespace {
+
+void FinishRun(CRunThread& run, _RunScriptData& stRunData, CRunControl& control) {
+    try {
+        run.Finish();
+    } catch (const std::exception&) {
+        CRunThread::FinishWithoutMemory(stRunData, control);
+    }
+}
+
+}  // namespace
 
 void* CMaintMgr::RunScriptThread(void* pParam) {
     DisableCancellation();
@@ -185,7 +224,8 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
     if (pRunData)
         spControl = CRunThread::Attach(*pRunData, ticket);
     TestPoint("run attached");
-    CMaintMgr* pThis = Instance();
+    // The run's own manager; the present one differs when a close has given up on this thread.
+    CMaintMgr* pThis = spControl ? &spControl->Mgr : Instance();
     if (!pThis) {
         QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
                       "**qxpmaint CMaintMgr::RunScriptThread pThis is NULL");
@@ -196,17 +236,25 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
                       "**qxpmaint CMaintMgr::RunScriptThread pRunData is NULL");
         return nullptr;
     }
-    CRunThread run(*pThis, pRunData, std::move(spControl));
     try {
-        while (run.Step())
-            CancellationPoint();
+        CRunThread run(pRunData, spControl);
+        bool bCancelled = false;
+        try {
+            while (run.Step()) {
+                bCancelled = true;  // unless the next line returns
+                CancellationPoint();
+                bCancelled = false;
+            }
+        } catch (...) {
+            run.Abandon();
+            if (bCancelled) {
+                FinishRun(run, *pRunData, *spControl);
+                throw;
+            }
+        }
+        FinishRun(run, *pRunData, *spControl);
     } catch (const std::exception&) {
-        run.Abandon();  // out of memory
-    } catch (...) {
-        run.Abandon();
-        run.Finish();
-        throw;  // the thread was cancelled
+        CRunThread::FinishWithoutMemory(*pRunData, *spControl);  // not even the beginning found memory
     }
-    run.Finish();
     return nullptr;
 }

@@ -16,7 +16,7 @@ public:
     /// Takes over the control block of a record that is in no list yet, and lets the launcher go on.
     static std::shared_ptr<CRunControl> Attach(_RunScriptData& stRunData, CThreadTicket& ticket);
 
-    CRunThread(CMaintMgr& mgr, _RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl);
+    CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl);
     CRunThread(const CRunThread&) = delete;
     CRunThread& operator=(const CRunThread&) = delete;
 
@@ -25,6 +25,8 @@ public:
     /// The thread ends before its run does: the processes are ended too.
     void Abandon() { m_bAbandoned = true; }
     void Finish();
+    /// Finishes the run as a failed one with no memory to be had: the child alone is killed, its output is lost.
+    static void FinishWithoutMemory(_RunScriptData& stRunData, CRunControl& control);
 
 private:
     enum class EPhase { Reading, WaitingForExit, Over };
@@ -46,6 +48,7 @@ private:
     FILE* m_pStream;
     EPhase m_ePhase = EPhase::Reading;
     bool m_bAbandoned = false;
+    bool m_bProcessesEnded = false;
     bool m_bChunkBegins = true;
     int32_t m_iResult = 0;
     CPString m_strCheckRet;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 
 #include "maint/maint_mgr.h"
 #include "tool/qx_log_print.h"
@@ -15,37 +16,48 @@ std::mutex& LaunchLock() {
     return lock;
 }
 
-// An empty directory name means that the script cannot be written where the policy wants it.
+// Where a script file is to be written: the policy's directory, created if need be, or the data directory.
 CPString CMaintMgr::ScriptDirectory(const _MaintPolicyDetail& stPolicy) {
     if (stPolicy.strPath.empty())
         return m_strDataPath;
-    CPString strBare = stPolicy.strPath;
     CPString strDirectory = stPolicy.strPath;
-    if (strDirectory.Right(1) == "/")
-        strBare = CPString(strBare.data(), strBare.size() - 1);
-    else
+    if (strDirectory.Right(1) != "/")
         strDirectory += "/";
-    // Created from the path without its slash: with it, the last step would meet the directory it just made and fail.
-    if (access(strDirectory.c_str(), F_OK) != 0 && !CMainTTool::RecursiveCreateDir(strBare.c_str()))
-        return m_strDataPath;
-    return strDirectory;
+    if (access(strDirectory.c_str(), F_OK) == 0)
+        return strDirectory;
+    // Created from the path without its slashes: with one, the last step would meet the directory it just made. Judged
+    // by what is there afterwards, since another launch may have created the directory at the same moment.
+    const size_t uBare = strDirectory.Str().find_last_not_of('/') + 1;
+    CMainTTool::RecursiveCreateDir(CPString(strDirectory.data(), uBare).c_str());
+    return access(strDirectory.c_str(), F_OK) == 0 ? strDirectory : m_strDataPath;
 }
 
 int CMaintMgr::RunNewScript(const std::list<_MaintPolicyDetail>& list) {
     for (const _MaintPolicyDetail& record : list) {
-        const unsigned int dwSequence = GetSequenceIndex();
-        CPString strName;
-        strName.Format("%s%04x", GetStrTime(0, 0).c_str(), dwSequence);
-        const int bExec = record.strType.CompareNoCase("exe") == 0 ? 1 : 0;
-        CPString strExtension;
-        if (!bExec)
-            strExtension.Format(".%s", record.strType.c_str());
-        CPString strFullPath;
-        strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
-        GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
-        CreateRunScript(strFullPath, "", dwSequence, record);
+        try {
+            RunScript(record);
+        } catch (const std::exception& error) {
+            // Out of memory: this script is lost, the others are tried all the same.
+            QXLogPrint(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+                       "**qxpmaint CMaintMgr::RunNewScript Error[%s] strScriptId[%s]", error.what(),
+                       record.strScriptId.c_str());
+        }
     }
     return 1;
+}
+
+void CMaintMgr::RunScript(const _MaintPolicyDetail& record) {
+    const unsigned int dwSequence = GetSequenceIndex();
+    CPString strName;
+    strName.Format("%s%04x", GetStrTime(0, 0).c_str(), dwSequence);
+    const int bExec = record.strType.CompareNoCase("exe") == 0 ? 1 : 0;
+    CPString strExtension;
+    if (!bExec)
+        strExtension.Format(".%s", record.strType.c_str());
+    CPString strFullPath;
+    strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
+    GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
+    CreateRunScript(strFullPath, "", dwSequence, record);
 }
 
 namespace {
@@ -55,18 +67,20 @@ int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, uns
         const auto iWritten = static_cast<int>(fwrite(pText, 1, static_cast<size_t>(iLength), pFile));
         if (iWritten == iLength)
             return 1;
+        const int iError = errno;
         QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
                    "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] iLength[%d] "
                    "pText[%p]",
-                   errno, strerror(errno), iWritten, strPath.c_str(), iLength, static_cast<void*>(pText));
+                   iError, strerror(iError), iWritten, strPath.c_str(), iLength, static_cast<void*>(pText));
         return 0;
     }
     const auto iWritten = static_cast<int>(fwrite(strText.data(), 1, strText.size(), pFile));
     if (static_cast<size_t>(iWritten) == strText.size())
         return 1;
+    const int iError = errno;
     QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
                "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] strText[%d][%s]",
-               errno, strerror(errno), iWritten, strPath.c_str(), static_cast<int>(strText.size()), strText.c_str());
+               iError, strerror(iError), iWritten, strPath.c_str(), static_cast<int>(strText.size()), strText.c_str());
     return 0;
 }
 
@@ -85,8 +99,9 @@ int CMaintMgr::GenScriptFile(const CPString& strPath, const CPString& strText, u
             iResult = WriteBody(pFile, strPath, strText, pText, iLength);
             fclose(pFile);
         } else {
+            const int iError = errno;
             QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
-                       "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", errno, strerror(errno),
+                       "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", iError, strerror(iError),
                        strPath.c_str());
         }
     }

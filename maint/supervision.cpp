@@ -12,6 +12,8 @@
 namespace {
 
 constexpr long WORK_WAIT_MS = 5000;
+/// What the host's wait returns when the time is over.
+constexpr unsigned int WAIT_TIMED_OUT = 258;
 constexpr int STOP_POLLS = 200;
 constexpr timespec STOP_POLL_PAUSE{0, 300'000'000};
 
@@ -68,7 +70,8 @@ int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
                 continue;
             }
             if (pRunData) {
-                listDisposed.push_back(TakeForReport(*pRunData));
+                listDisposed.emplace_back();  // first, for nothing is taken from the record if memory is short
+                listDisposed.back() = TakeForReport(*pRunData);
                 CleanRunData(pRunData, dwDisposeType != MT_RUNCOMPLETE ? 1 : 0);
             }
             it = m_PRunScriptList.erase(it);
@@ -110,11 +113,14 @@ int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
 }
 
 void CMaintMgr::WorkPass() {
-    if (CMainTTool::MaintWaitEvent(m_hWorkEvent, WORK_WAIT_MS) != 0)
-        return;
-    if (!GetWork())
+    const unsigned int dwWait = CMainTTool::MaintWaitEvent(m_hWorkEvent, WORK_WAIT_MS);
+    if (dwWait != 0 && dwWait != WAIT_TIMED_OUT)
+        nanosleep(&STOP_POLL_PAUSE, nullptr);  // an event that fails at once must not make this a busy loop
+    if (dwWait != 0 || !GetWork())
         return;
     DisposeScriptList(MT_RUNCOMPLETE);
+    if (!IsWorkThread())
+        return;  // given up by a stop while the host held a report: the queue is not this thread's any more
     std::list<_MaintPolicyDetail> listPolicy;
     {
         const CMaintLockGuard lock(m_csPolicyList);
@@ -128,6 +134,23 @@ void CMaintMgr::WorkPass() {
         PassSignalOn();  // a run-once waits for the same event, and now it can return
 }
 
+void CMaintMgr::TryWorkPass() {
+    try {
+        WorkPass();
+    } catch (const std::exception& error) {
+        QXLogPrint(4, MAINT_LOG_SOURCE, "WorkThread", __LINE__, "**qxpmaint CMaintMgr::WorkThread Error[%s]",
+                   error.what());
+        // The signal is used up, and the policies it stood for may still be queued.
+        if (HasQueuedPolicy())
+            PassSignalOn();
+    }
+}
+
+bool CMaintMgr::IsWorkThread() {
+    const CMaintLockGuard lock(m_csWorkThread);
+    return m_u64WorkThreadId == pthread_self();
+}
+
 // A thread that Stop gave up may leave after another was started: then the id is not its own.
 void CMaintMgr::LeaveWorkThread() {
     const CMaintLockGuard lock(m_csWorkThread);
@@ -135,29 +158,30 @@ void CMaintMgr::LeaveWorkThread() {
         m_u64WorkThreadId = 0;
 }
 
-void* CMaintMgr::WorkThread(void* /*pParam*/) {
+void* CMaintMgr::WorkThread(void* pParam) {
     DisableCancellation();
     CThreadTicket ticket;
     ticket.Adopt();
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "qxpmaintwork");
-    CMaintMgr* pThis = Instance();
+    // Its creator's manager rather than the present one: they differ when a close has given up on this thread.
+    CMaintMgr* pThis = pParam ? static_cast<CMaintMgr*>(pParam) : Instance();
     if (!pThis)
         return nullptr;
     pThis->CleanOldLog();
+    bool bCancelled = false;
     try {
         while (pThis->GetWork()) {
-            try {
-                pThis->WorkPass();
-            } catch (const std::exception& error) {
-                QXLogPrint(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "**qxpmaint CMaintMgr::WorkThread Error[%s]",
-                           error.what());
-            }
+            pThis->TryWorkPass();
+            bCancelled = true;  // unless the next line returns
             CancellationPoint();
+            bCancelled = false;
         }
     } catch (...) {
         pThis->LeaveWorkThread();
-        throw;  // the thread was cancelled
+        if (bCancelled)
+            throw;
+        return nullptr;
     }
     pThis->LeaveWorkThread();
     return nullptr;

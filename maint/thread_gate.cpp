@@ -13,6 +13,8 @@ CThreadGate& CThreadGate::Instance() {
 
 void CThreadGate::Enter() {
     const std::lock_guard lock(m_Lock);
+    // Room for every thread to leave: leaving must not fail.
+    m_Ending.reserve(m_Ending.size() + m_uCount + 1);
     ++m_uCount;
 }
 
@@ -26,13 +28,17 @@ void CThreadGate::LeaveByEnding() {
     {
         const std::lock_guard lock(m_Lock);
         ForgetEnded();
-        m_Ending.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+        m_Ending.push_back({static_cast<pid_t>(syscall(SYS_gettid)), std::chrono::steady_clock::now()});
     }
     Leave();
 }
 
 void CThreadGate::ForgetEnded() {
-    std::erase_if(m_Ending, [](pid_t iThread) { return syscall(SYS_tgkill, getpid(), iThread, 0) != 0; });
+    // A thread needs no longer than this to end after it has left; what has its number then is another one.
+    const auto longAgo = std::chrono::steady_clock::now() - std::chrono::seconds(5);
+    std::erase_if(m_Ending, [&](const _EndingThread& thread) {
+        return thread.left < longAgo || syscall(SYS_tgkill, getpid(), thread.iThread, 0) != 0;
+    });
 }
 
 bool CThreadGate::WaitEmpty(int iMilliseconds) {

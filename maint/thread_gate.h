@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
@@ -26,8 +27,12 @@ private:
 
     std::mutex m_Lock;
     std::condition_variable m_Empty;
-    unsigned int m_uCount = 0;    // guarded by m_Lock
-    std::vector<pid_t> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
+    unsigned int m_uCount = 0;  // guarded by m_Lock
+    struct _EndingThread {
+        pid_t iThread;
+        std::chrono::steady_clock::time_point left;
+    };
+    std::vector<_EndingThread> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
 };
 
 /// One thread's place in the gate; moves from the creator to the thread.

@@ -2,7 +2,23 @@
 
 #include "tests/unit/maint_run_fixture.h"
 
+#include <sys/resource.h>
+
+#include <thread>
+
 namespace {
+
+// Makes this program, when a test starts it as a script, one whose first thread has ended and another has not.
+const bool g_leftMain = [] {
+    if (const char* pidFile = getenv("QXP_TEST_LEAVE_MAIN")) {
+        std::thread([pidFile] {
+            std::ofstream(pidFile) << getpid() << '\n';
+            sleep(1000);
+        }).detach();
+        pthread_exit(nullptr);
+    }
+    return true;
+}();
 
 TEST_F(RunTest, ResultFollowsTheMarkerAndNotTheExitStatus) {
     auto found = Script("echo all is well; exit 1", "found");
@@ -132,10 +148,33 @@ TEST_F(RunTest, AnEndedRunTakesItsWholeTreeWithIt) {
     ExpectGone(session);
 }
 
+TEST_F(RunTest, AProgramWhoseFirstThreadHasEndedIsStillAlive) {
+    // Python is not everywhere, so a thread of our own kind: the shell starts this very test program as one.
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    LaunchAlone("QXP_TEST_LEAVE_MAIN='" + (directory_ / "pid") + "' exec '" + self + "'");
+    const pid_t pid = PidIn("pid");
+    EXPECT_TRUE(WaitUntil([&] { return !ProcessRuns(pid); })) << "it shows as a zombie";
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(20000)) << "and yet is ended";
+}
+
 TEST_F(RunTest, AStoppedScriptEndsToo) {
     Launch(Script("echo $$ > '" + (directory_ / "pid") + "'; kill -STOP $$"));
     const pid_t pid = PidIn("pid");
     manager_->DisposeScriptList(MT_STOPPLUGIN);
+    ExpectGone(pid);
+}
+
+TEST_F(RunTest, ARunIsEndedWithNoDescriptorLeft) {
+    LaunchAlone("echo $$ > '" + (directory_ / "pid") + "'; trap '' TERM; while :; do sleep 0.1; done");
+    const pid_t pid = PidIn("pid");
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(20000));
+    setrlimit(RLIMIT_NOFILE, &before);
     ExpectGone(pid);
 }
 
@@ -160,6 +199,21 @@ TEST_F(RunTest, TimeOutsAreEnforcedOnlyBeyond32Runs) {
     manager_->DisposeScriptList(7);  // an unknown type ends every run
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
     EXPECT_EQ(manager_->DisposeScriptList(MT_ERROR), 0);
+}
+
+TEST_F(RunTest, AScriptIsWrittenWhereItsPathLeads) {
+    const auto pathOf = [&](const std::string& path) {
+        auto script = Script("echo $0");
+        script.strPath = path;
+        Launch(script);
+        const std::string output = Collect()["script"].output;
+        return output.substr(0, output.rfind('/'));
+    };
+    EXPECT_EQ(pathOf(directory_ / "new/deep"), directory_ / "new/deep");
+    EXPECT_EQ(pathOf(directory_ / "slash//"), directory_ / "slash/");
+    EXPECT_EQ(pathOf(directory_ / "slash"), directory_ / "slash");
+    EXPECT_TRUE(pathOf(directory_.Write("file", "")).ends_with("data/qxpmaint")) << "a file is no directory";
+    EXPECT_EQ(ReadFile(directory_ / "file"), "");
 }
 
 TEST_F(RunTest, RunsOfAManagerThatDoesNotWorkFinishWithNothing) {

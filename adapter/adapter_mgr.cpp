@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "adapter/adapter_support.h"
 #include "adapter/entry_points.h"
@@ -22,6 +23,18 @@ void ClearInitParam(PluginInitParam& stInit) {
     std::atomic_ref(stInit.notify_mgr_to_plugin).store(nullptr);
     stInit.kv = nullptr;
 }
+
+// The init string lives for the call of init only, whatever comes of that.
+class CKvLifetime {
+public:
+    CKvLifetime(PluginInitParam& stInit, const char* pszKv) : m_stInit(stInit) { m_stInit.kv = pszKv; }
+    ~CKvLifetime() { m_stInit.kv = nullptr; }
+    CKvLifetime(const CKvLifetime&) = delete;
+    CKvLifetime& operator=(const CKvLifetime&) = delete;
+
+private:
+    PluginInitParam& m_stInit;
+};
 
 }  // namespace
 
@@ -53,8 +66,9 @@ bool CqxpmaintMgr::CreateObject(const char* pszName) {
                     ClassName);
         return false;
     }
+    CPString strName(pszName);  // may throw; nothing after it does
     m_pPluginFun = pPluginFun;
-    plugin_name = CPString(pszName);
+    plugin_name = std::move(strName);
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::CreateObject OK pszName[%s] pPluginFun[%p]", ClassName,
                 pszName, static_cast<void*>(pPluginFun));
     return true;
@@ -96,16 +110,16 @@ int CqxpmaintMgr::Initialize(void* pInitParam) {
     m_stPluginInit.notify_to_mgr = AdapterNotifyToMgr;
     m_stPluginInit.send_to_mgr = AdapterSendToMgr;
     CPString strDefault;
-    m_stPluginInit.kv = static_cast<const QxInitBlock*>(pInitParam)->pszInitParam;
-    if (!m_stPluginInit.kv || !*m_stPluginInit.kv) {
+    const char* pszKv = static_cast<const QxInitBlock*>(pInitParam)->pszInitParam;
+    if (!pszKv || !*pszKv) {
         strDefault.Format("agent_type=KSTL:conf_path=../etc/plugins/%s/%s.conf", PluginName, PluginName);
-        m_stPluginInit.kv = strDefault.c_str();
+        pszKv = strDefault.c_str();
     }
     status = STATUS_INITIALIZED;
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize Begin", ClassName);
     m_stReceive.m_pPluginInit = &m_stPluginInit;
+    const CKvLifetime kvLifetime(m_stPluginInit, pszKv);
     const int iRet = m_pPluginFun->init(&m_stPluginInit);
-    m_stPluginInit.kv = nullptr;
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize End iRet[%x]", ClassName,
                 static_cast<unsigned int>(iRet));
     return iRet;

@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <chrono>
 
 #include "adapter/adapter_mgr.h"
@@ -22,8 +24,17 @@ class CReply {
 public:
     explicit CReply(IXBusMREndPoint4* pEndPoint) : m_pEndPoint(pEndPoint) {}
     ~CReply() {
-        if (m_pEndPoint && pBytes)
+        if (!m_pEndPoint || !pBytes)
+            return;
+        // Neither an exception of the host nor the unwinding of a cancelled thread may leave a destructor.
+        int iCancelState = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &iCancelState);
+        try {
             m_pEndPoint->FreeReply(pBytes);
+        } catch (...) {
+            StopException("FreeReply");
+        }
+        pthread_setcancelstate(iCancelState, nullptr);
     }
     CReply(const CReply&) = delete;
     CReply& operator=(const CReply&) = delete;
@@ -124,7 +135,9 @@ int CqxpmaintMgr::Start() {
         return ADAPTER_E_NOT_READY;
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Start Begin", ClassName);
-    m_stReceive.msg_type_registry = msg_type_registry;
+    // An assignment writes even when there is nothing to copy.
+    if (!msg_type_registry.empty() || !m_stReceive.msg_type_registry.empty())
+        m_stReceive.msg_type_registry = msg_type_registry;
     RegisterOnBus(*pEndPoint);
     if (m_stReceive.connect_state_flags == 0)
         ConnectIfOnline();

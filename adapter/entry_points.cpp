@@ -1,6 +1,7 @@
 #include "adapter/entry_points.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "adapter/adapter_mgr.h"
@@ -27,6 +28,33 @@ const char* get_version() {
     return QXPMAINT_VERSION;
 }
 
+// The slots: nothing that the plugin core throws leaves them.
+
+int init(PluginInitParam* pParam) try { return qxpmaint_impl::qxpmaint_init(pParam); } catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+int uninit() try { return qxpmaint_impl::uninit(); } catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+int start() try { return qxpmaint_impl::qxpmaint_start(); } catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+int stop() try { return qxpmaint_impl::qxpmaint_stop(); } catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+bool isrunning() try { return qxpmaint_impl::isrunning(); } catch (...) {
+    StopException(__FUNCTION__);
+    return false;
+}
+
 // A function of its own for every reserved slot.
 template <int Slot>
 int reserved() {
@@ -37,11 +65,11 @@ void FillPluginFunTable(PluginFunTable& stTable) {
     stTable.get_version = get_version;
     stTable.reserved1 = reserved<1>;
     stTable.reserved2 = reserved<2>;
-    stTable.init = qxpmaint_impl::qxpmaint_init;
-    stTable.uninit = qxpmaint_impl::uninit;
-    stTable.start = qxpmaint_impl::qxpmaint_start;
-    stTable.stop = qxpmaint_impl::qxpmaint_stop;
-    stTable.isrunning = qxpmaint_impl::isrunning;
+    stTable.init = init;
+    stTable.uninit = uninit;
+    stTable.start = start;
+    stTable.stop = stop;
+    stTable.isrunning = isrunning;
     stTable.reserved8 = reserved<8>;
     stTable.reserved9 = reserved<9>;
     stTable.reserved10 = reserved<10>;
@@ -84,9 +112,9 @@ QXPMAINT_EXPORT int destroy_plugin(const char* clsid) try {
         return -1;
     }
     // A plugin that does not run is left as it is, initialised or not.
-    if (qxpmaint_impl::isrunning()) {
-        qxpmaint_impl::qxpmaint_stop();
-        qxpmaint_impl::uninit();
+    if (isrunning()) {
+        stop();
+        uninit();
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint destroy_plugin clsid[%s] ok", clsid);
     return 0;
@@ -106,8 +134,9 @@ QXPMAINT_EXPORT int InitializePlugin(void) {  // NOLINT(modernize-redundant-void
     return 0;
 }
 
+// NOLINTNEXTLINE(modernize-redundant-void-arg): as in its declaration
 QXPMAINT_EXPORT void UninitializePlugin(void) {
-}  // NOLINT(modernize-redundant-void-arg)
+}
 
 QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
@@ -149,9 +178,10 @@ QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]",
                 DestroyClassName, TextOrNull(pszName), pInterface);
+    std::unique_ptr<PluginObjInterface> pPluginObj(static_cast<PluginObjInterface*>(pInterface));
     if (pszName)
         pAdapterMgr->DestroyObject(pszName);
-    delete static_cast<PluginObjInterface*>(pInterface);
+    pPluginObj.reset();
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the value is printed, nothing is read through it
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",
                 DestroyClassName, TextOrNull(pszName), pInterface);

@@ -7,6 +7,10 @@
 //   CreateObject(PLUGIN_CLSID) -> SetCtx(endpoint) -> Initialize(init block) -> Start
 //   -> ... -> Stop -> Uninitialize -> DestroyObject(PLUGIN_CLSID, object)
 //
+// Start may not be called twice without Stop between. Stop and Uninitialize must not be called from within a delivery
+// of the bus: the receive sink dies in Uninitialize, and what makes that safe is that UnregisterReceive, called by
+// Stop, returns only when no delivery is in flight, which it cannot promise to the delivery it is called from.
+//
 // InitializePlugin and UninitializePlugin do nothing and may come anywhere.
 
 /// The class id of the plugin.

@@ -7,7 +7,8 @@
 /// frees it.
 ///
 /// Unless a slot says otherwise it is called on the host's calling thread, never two at once, and takes nothing from
-/// the caller to keep.
+/// the caller to keep. No slot throws: one that an exception ended, such as for want of memory, logs it and
+/// returns -1 or false.
 struct PluginFunTable {
     /// Required. The version as text, static. Any thread.
     const char* (*get_version)();
@@ -22,13 +23,13 @@ struct PluginFunTable {
     /// file.
     int (*init)(PluginInitParam* pParam);
 
-    /// Required. Ends what init began; the block's callbacks are not called any more. Always 0.
+    /// Required. Ends what init began; the block's callbacks are not called any more. 0.
     int (*uninit)();
 
-    /// Required. Between init and uninit. Always 0.
+    /// Required. Between init and uninit. 0.
     int (*start)();
 
-    /// Required. Ends every run; may take up to two minutes. Always 0.
+    /// Required. Ends every run; may take up to two minutes. 0.
     int (*stop)();
 
     /// Required. True from start to stop. Any thread.

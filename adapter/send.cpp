@@ -67,7 +67,7 @@ int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const cha
     PutU32(pBytes + LengthOffset, static_cast<uint32_t>(uLength));
     PutText(pBytes + TextOffset, json, uLength);
 
-    // Outlives every send, since a completion may come at any time until the process ends.
+    // Destroyed at process exit; a host ends its bus threads before it exits, so no completion comes after that.
     static CLogCacheAsynCallback s_completionSink;
     unsigned long ulOut = 0;
     // The envelope is freed on return: SendAsync copies it.
@@ -77,7 +77,7 @@ int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const cha
 
 int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
                                    const unsigned char* data, unsigned int len) try {
-    if (!data || !*data || len == 0) {
+    if (!data || len == 0 || !*data) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", ClassName,
                     static_cast<const void*>(data), static_cast<int>(len));
         return -1;
@@ -87,13 +87,14 @@ int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, co
         ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", ClassName);
         return -1;
     }
+    IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
     const CPString strJson(reinterpret_cast<const char*>(data), len);
     if (json_data_type != 1 && json_data_type != 2) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName,
                     json_data_type);
         return -1;
     }
-    return SendJsonComboDataAsyncEx(pAdapterMgr->m_pCompCtx, json_data_type, "", "", value4, 1, strJson.c_str());
+    return SendJsonComboDataAsyncEx(pEndPoint, json_data_type, "", "", value4, 1, strJson.c_str());
 } catch (...) {
     StopException(__FUNCTION__);
     return -1;

@@ -48,7 +48,7 @@ bool TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
                           "qxpmaint CMaintMgr::SetPolicy GetNode ID Error");
             return false;
         }
-        strID = json.GetValue(pID);
+        strID = CPString(json.GetValue(pID).c_str());  // up to a NUL
         if (strID.empty()) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__, "qxpmaint CMaintMgr::SetPolicy ID is NULL");
             return false;
@@ -59,7 +59,7 @@ bool TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
                           "qxpmaint CMaintMgr::SetPolicy GetNode Command Error");
             return false;
         }
-        strCommand = json.GetValue(pCommand);
+        strCommand = CPString(json.GetValue(pCommand).c_str());
     }
     const unsigned int dwPolicyType = PolicyType(strCommand);
     if (dwPolicyType == 0)

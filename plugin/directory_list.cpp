@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <cstring>
+#include <memory>
 
 namespace qxpmaint_impl {
 
@@ -18,10 +19,10 @@ bool IsPassedOver(const dirent& entry) {
 bool GetDirJsonFileList(const char* pszDirectory, std::list<_FilePathInfo>& listFile) {
     if (!pszDirectory || !*pszDirectory)
         return false;
-    DIR* pDirectory = opendir(pszDirectory);
-    if (!pDirectory)
+    const std::unique_ptr<DIR, int (*)(DIR*)> spDirectory(opendir(pszDirectory), closedir);
+    if (!spDirectory)
         return false;
-    while (const dirent* pEntry = readdir(pDirectory)) {
+    while (const dirent* pEntry = readdir(spDirectory.get())) {
         if (IsPassedOver(*pEntry))
             continue;
         CPString strFullPath;
@@ -29,7 +30,6 @@ bool GetDirJsonFileList(const char* pszDirectory, std::list<_FilePathInfo>& list
         if (strFullPath.Right(5).CompareNoCase(".json") == 0)
             listFile.push_back({strFullPath, pEntry->d_name});
     }
-    closedir(pDirectory);
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,23 +53,21 @@ void LayOutDirectories() {
     CMainTTool::RecursiveCreateDir(g_szResultFilePath);
 }
 
-// The part of init that runs under g_InitLock; 1 when init is to go on.
-int RegisterCallbacks(PluginInitParam* pParam) {
+enum class ERegistration { Done, DoneBefore, InvalidParameters, UnreadableConfiguration };
+
+// The part of init that runs under g_InitLock.
+ERegistration RegisterCallbacks(PluginInitParam* pParam) {
     const CMaintLockGuard lock(g_InitLock);
-    if (g_bInited) {
-        LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint init what??");
-        return 0;
-    }
-    if (!pParam || !pParam->send_to_mgr || !pParam->notify_to_mgr) {
-        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint init params invalid");
-        return -1;
-    }
+    if (g_bInited)
+        return ERegistration::DoneBefore;
+    if (!pParam || !pParam->send_to_mgr || !pParam->notify_to_mgr)
+        return ERegistration::InvalidParameters;
     if (!analyze_set_init_kv(pParam->kv))
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint qxpmaint_init analyze_set_init_kv error kv[%s]", OrEmpty(pParam->kv));
     if (g_szConfPath[0] && ini_parse(g_szConfPath, qxpmaint_ini_parse_handler, nullptr) != 0) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_init qxpmaint_ini_parse_handler error g_szConfPath[%s]",
                   g_szConfPath);
-        return -2;
+        return ERegistration::UnreadableConfiguration;
     }
     g_bInited = true;
     g_qxpmaint_send_to_mgr = pParam->send_to_mgr;
@@ -78,7 +77,33 @@ int RegisterCallbacks(PluginInitParam* pParam) {
     std::atomic_ref(pParam->plugin_connect).store(CallConnect);
     std::atomic_ref(pParam->plugin_disconnect).store(disconnect);
     std::atomic_ref(pParam->notify_mgr_to_plugin).store(notify_mgr_to_plugin);
-    return 1;
+    return ERegistration::Done;
+}
+
+// False when there was nothing to undo. Without a block the handlers stay in it, which is the adapter's to clear.
+bool UndoRegistration(PluginInitParam* pParam) {
+    const CMaintLockGuard lock(g_InitLock);
+    if (!g_bInited)
+        return false;
+    if (pParam) {
+        std::atomic_ref(pParam->plugin_recv).store(nullptr);
+        std::atomic_ref(pParam->plugin_connect).store(nullptr);
+        std::atomic_ref(pParam->plugin_disconnect).store(nullptr);
+        std::atomic_ref(pParam->notify_mgr_to_plugin).store(nullptr);
+    }
+    g_qxpmaint_send_to_mgr = nullptr;
+    g_pNotifyToMgr = nullptr;
+    g_bInited = false;
+    return true;
+}
+
+// The part of init after the registration.
+void PrepareManager() {
+    LayOutDirectories();
+    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
+        pMaintMgr->Init();
+    else
+        LogPrintC(NO_MANAGER_MODULE, 5, "qxpmaint init pMaintMgr is NULL");
 }
 
 }  // namespace
@@ -118,20 +143,30 @@ int qxpmaint_ini_parse_handler(void* /*pUser*/, const char* pszSection, const ch
         else
             LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint qxpmaint_ini_parse_handler lCheckCycle error");
     }
-    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_ini_parse_handler g_lCheckCycle[%ld]", g_lCheckCycle);
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_ini_parse_handler g_lCheckCycle[%ld]", g_lCheckCycle.load());
     return 1;
 }
 
 int qxpmaint_init(PluginInitParam* pParam) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init in");
-    const int iRegistered = RegisterCallbacks(pParam);
-    if (iRegistered <= 0)
-        return iRegistered;
-    LayOutDirectories();
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
-        pMaintMgr->Init();
-    else
-        LogPrintC(NO_MANAGER_MODULE, 5, "qxpmaint init pMaintMgr is NULL");
+    switch (RegisterCallbacks(pParam)) {
+        case ERegistration::Done:
+            break;
+        case ERegistration::DoneBefore:
+            LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint init what??");
+            return 0;
+        case ERegistration::InvalidParameters:
+            LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint init params invalid");
+            return -1;
+        case ERegistration::UnreadableConfiguration:
+            return -2;
+    }
+    try {
+        PrepareManager();
+    } catch (...) {
+        UndoRegistration(pParam);
+        throw;
+    }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init ok");
     return 0;
 }
@@ -143,17 +178,7 @@ int uninit() {
     else
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit pMaintMgr is NULL");
     CMaintMgr::Close();
-    bool bWasInited = false;
-    {
-        const CMaintLockGuard lock(g_InitLock);
-        bWasInited = g_bInited;
-        if (bWasInited) {
-            g_qxpmaint_send_to_mgr = nullptr;
-            g_pNotifyToMgr = nullptr;
-            g_bInited = false;
-        }
-    }
-    if (bWasInited)
+    if (UndoRegistration(nullptr))
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit ok");
     else
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint uninit what??");

@@ -1,10 +1,12 @@
 #include "plugin/loader.h"
 
+#include <cxxabi.h>
 #include <sys/prctl.h>
-#include <time.h>
 
 #include <cstdio>
+#include <ctime>
 #include <exception>
+#include <memory>
 
 #include "maint/maint_lock.h"
 #include "maint/thread_gate.h"
@@ -37,20 +39,35 @@ void Leave() {
 
 void LoadFile(const _FilePathInfo& file) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread strFullPath[%s]", file.strFullPath.c_str());
-    char* pJsonData = QxReadFileData(file.strFullPath.c_str());
-    if (!pJsonData)
+    std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(file.strFullPath.c_str()), QxReleaseFileData);
+    if (!spJsonData)
         return;  // met again on the next scan
-    plugin_recv_handler(pJsonData);
-    QxReleaseFileData(pJsonData);
+    plugin_recv_handler(spJsonData.get());
+    spJsonData.reset();
     remove(file.strFullPath.c_str());
+}
+
+// What a step throws ends that step and no more. A cancellation does not come here, since no step has it enabled;
+// should a host's callback end the thread, that unwinding goes on.
+template <typename Step>
+void KeepGoing(const Step& step) {
+    try {
+        step();
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& error) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_loadpolicyfile_thread error[%s]", error.what());
+    } catch (...) {
+        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_loadpolicyfile_thread error[%s]", "unknown");
+    }
 }
 
 // A scan always runs to its end.
 void Scan() {
     std::list<_FilePathInfo> listFile;
-    GetDirJsonFileList(g_szPolicyFilePath, listFile);
+    KeepGoing([&] { GetDirJsonFileList(g_szPolicyFilePath, listFile); });
     for (const _FilePathInfo& file : listFile)
-        LoadFile(file);
+        KeepGoing([&] { LoadFile(file); });
 }
 
 // Without a positive cycle there is no pause: the scans follow each other.
@@ -70,11 +87,7 @@ void* qxpmaint_loadpolicyfile_thread(void* /*pArgument*/) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread in threadid[%lu]", pthread_self());
     try {
         while (GoesOn()) {
-            try {
-                Scan();
-            } catch (const std::exception& error) {
-                LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_loadpolicyfile_thread error[%s]", error.what());
-            }
+            Scan();
             Pause();
             CancellationPoint();
         }

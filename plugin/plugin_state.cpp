@@ -8,7 +8,7 @@ std::atomic<decltype(PluginInitParam::send_to_mgr)> g_qxpmaint_send_to_mgr{nullp
 std::atomic<decltype(PluginInitParam::notify_to_mgr)> g_pNotifyToMgr{nullptr};
 char g_szAgentType[64];
 char g_szConfPath[256];
-long g_lCheckCycle = 10;
+std::atomic<long> g_lCheckCycle{10};
 char g_szPolicyFilePath[512];
 char g_szPolicyProcessPath[512];
 char g_szResultFilePath[512];

@@ -24,10 +24,13 @@ extern std::atomic<decltype(PluginInitParam::notify_to_mgr)> g_pNotifyToMgr;
 // Written by init only, before any thread of the plugin exists.
 extern char g_szAgentType[64];
 extern char g_szConfPath[256];
-extern long g_lCheckCycle;  // seconds between scans of the policy-file directory
 extern char g_szPolicyFilePath[512];
 extern char g_szPolicyProcessPath[512];
 extern char g_szResultFilePath[512];
+
+/// Seconds between scans of the policy-file directory. Written by init; a loader that a stop gave up may read it
+/// meanwhile.
+extern std::atomic<long> g_lCheckCycle;
 
 /// Number of the last result file; the low 32 bits are in its name.
 extern std::atomic<uint64_t> g_u64ResultFileIndex;

@@ -1,10 +1,9 @@
 #include "maint/report_sender.h"
 
-#include <string.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
@@ -34,18 +33,20 @@ bool WriteResultFile(const char* pszSendData, unsigned int uDataSize, const CPSt
                              static_cast<int>(++g_u64ResultFileIndex));
     FILE* pFile = fopen(strResultFileName.c_str(), "wb+e");
     if (!pFile) {
+        const int iError = errno;
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint SendReportDataToServer fopen strResultFileName[%s] error[%d][%s]",
-                  strResultFileName.c_str(), errno, strerror(errno));
+                  strResultFileName.c_str(), iError, strerror(iError));
         return false;
     }
     // Unbuffered, so that a full disk is seen by the write and not lost in the close.
     setvbuf(pFile, nullptr, _IONBF, 0);
     const auto uWriteSize = static_cast<unsigned int>(fwrite(pszSendData, 1, uDataSize, pFile));
+    const int iError = errno;
     if (uWriteSize < uDataSize)
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint SendReportDataToServer fwrite strResultFileName[%s] error[%d][%s] uDataSize[%u] "
                   "uWriteSize[%u]",
-                  strResultFileName.c_str(), errno, strerror(errno), uDataSize, uWriteSize);
+                  strResultFileName.c_str(), iError, strerror(iError), uDataSize, uWriteSize);
     fclose(pFile);
     return uWriteSize == uDataSize;
 }

@@ -1,5 +1,7 @@
 #include <cstdio>
+#include <memory>
 
+#include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
 #include "maint/thread_gate.h"
 #include "plugin/directory_list.h"
@@ -22,22 +24,43 @@ CPString FindPolicyFile(const CPString& strName) {
     return {};
 }
 
+// A policy file is used once, whatever comes of it.
+class CFileRemover {
+public:
+    explicit CFileRemover(const CPString& strFilePath) : m_strFilePath(strFilePath) {}
+    ~CFileRemover() { remove(m_strFilePath.c_str()); }
+    CFileRemover(const CFileRemover&) = delete;
+    CFileRemover& operator=(const CFileRemover&) = delete;
+
+private:
+    const CPString& m_strFilePath;
+};
+
+// The manager, but none is made for a call that comes before init or after uninit.
+CMaintMgr* InitialisedManager() {
+    {
+        const CMaintLockGuard lock(g_InitLock);
+        if (!g_bInited)
+            return nullptr;
+    }
+    return CMaintMgr::Instance();
+}
+
 bool RunPolicyFile(CMaintMgr& mgr, const char* pszID, const CPString& strFilePath) {
-    char* pJsonData = QxReadFileData(strFilePath.c_str());
-    if (!pJsonData) {
+    const std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(strFilePath.c_str()), QxReleaseFileData);
+    if (!spJsonData) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pJsonData is NULL pszID[%s] strFilePath[%s]", pszID,
                   strFilePath.c_str());
         return false;
     }
     std::list<_MaintPolicyDetail> maintPolicyDataList;
     bool bResult = false;
-    if (mgr.ParsePolicy(pJsonData, pszID, 2, maintPolicyDataList) && !maintPolicyDataList.empty())
+    if (mgr.ParsePolicy(spJsonData.get(), pszID, 2, maintPolicyDataList) && !maintPolicyDataList.empty())
         bResult = mgr.RunOnceTask(maintPolicyDataList) != 0;
     else
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint RunOnceScriptTask maintPolicyDataList is NULL pszID[%s] strFilePath[%s] pJsonData[%s]",
-                  pszID, strFilePath.c_str(), pJsonData);
-    QxReleaseFileData(pJsonData);
+                  pszID, strFilePath.c_str(), spJsonData.get());
     return bResult;
 }
 
@@ -51,7 +74,7 @@ bool RunOnceScriptTask(const char* pszID) {
     // Counted like a thread of the plugin: the manager is not destroyed under it.
     CThreadTicket ticket;
     ticket.Take();
-    CMaintMgr* pMaintMgr = CMaintMgr::Instance();
+    CMaintMgr* pMaintMgr = InitialisedManager();
     if (!pMaintMgr) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pMaintMgr is NULL pszID[%s]", pszID);
         return false;
@@ -63,9 +86,8 @@ bool RunOnceScriptTask(const char* pszID) {
                   g_szPolicyProcessPath);
         return false;
     }
-    const bool bResult = RunPolicyFile(*pMaintMgr, pszID, strFilePath);
-    remove(strFilePath.c_str());
-    return bResult;
+    const CFileRemover remover(strFilePath);
+    return RunPolicyFile(*pMaintMgr, pszID, strFilePath);
 }
 
 }  // namespace qxpmaint_impl

@@ -1,6 +1,4 @@
-#include <time.h>
-
-#include <cerrno>
+#include <ctime>
 
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
@@ -22,18 +20,19 @@ int LoaderState() {
     return g_iLoadThreadState;
 }
 
-// The state is set before the thread exists, so that a stop right after the start is not lost; and the id is stored
-// before the thread can look, since it needs the same lock.
+// Id and state are stored before the thread can look, since it needs the same lock; so a stop right after the start is
+// not lost. A thread that cannot be created changes nothing: a loader of an earlier start goes on.
 int CreateLoader() {
     CThreadTicket ticket;
     ticket.Take();
     const CMaintLockGuard lock(g_LoadThreadLock);
-    g_iLoadThreadState = 1;
-    const int iResult = pthread_create(&g_LoadThreadId, nullptr, qxpmaint_loadpolicyfile_thread, nullptr);
-    if (iResult == 0)
+    pthread_t threadId{};
+    const int iResult = pthread_create(&threadId, nullptr, qxpmaint_loadpolicyfile_thread, nullptr);
+    if (iResult == 0) {
+        g_LoadThreadId = threadId;
+        g_iLoadThreadState = 1;
         ticket.HandOver();
-    else
-        g_LoadThreadId = 0;
+    }
     return iResult;
 }
 
@@ -45,14 +44,32 @@ void StopLoader() {
     }
     for (int iPoll = 0; iPoll < STOP_POLLS && LoaderState() != 2; ++iPoll)
         nanosleep(&STOP_POLL_PAUSE, nullptr);
-    const CMaintLockGuard lock(g_LoadThreadLock);
-    if (g_iLoadThreadState != 2) {
+    unsigned long ulCancelled = 0;
+    {
+        // Under the lock the thread cannot leave, so its id is still its own.
+        const CMaintLockGuard lock(g_LoadThreadLock);
+        if (g_iLoadThreadState != 2) {
+            ulCancelled = g_LoadThreadId;
+            pthread_cancel(g_LoadThreadId);
+        }
+        g_LoadThreadId = 0;
+    }
+    if (ulCancelled != 0)
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint qxploginmon_stop qxpmaint_loadpolicyfile_thread thread need kill threadid[%lu]",
-                  g_LoadThreadId);
-        pthread_cancel(g_LoadThreadId);
-    }
-    g_LoadThreadId = 0;
+                  ulCancelled);
+}
+
+void StopManager() {
+    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
+        pMaintMgr->Stop();
+    else
+        LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop pMaintMgr is NULL");
+}
+
+void EndLoader() {
+    StopLoader();
+    g_bRunning = false;
 }
 
 }  // namespace
@@ -64,10 +81,10 @@ int qxpmaint_start() {
         pMaintMgr->Start();
     else
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start pMaintMgr is NULL");
-    errno = CreateLoader();
-    if (errno != 0)
+    const int iError = CreateLoader();
+    if (iError != 0)
         LogPrintC(QXPMAINT_MODULE, 3,
-                  "**qxpmaint qxploginmon_start pthread_create qxpmaint_loadpolicyfile_thread error[%d]", errno);
+                  "**qxpmaint qxploginmon_start pthread_create qxpmaint_loadpolicyfile_thread error[%d]", iError);
     g_bRunning = true;
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start ok");
     return 0;
@@ -80,12 +97,13 @@ int qxpmaint_stop() {
         if (g_iLoadThreadState != 2)
             g_iLoadThreadState = 0;
     }
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
-        pMaintMgr->Stop();
-    else
-        LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop pMaintMgr is NULL");
-    StopLoader();
-    g_bRunning = false;
+    try {
+        StopManager();
+    } catch (...) {
+        EndLoader();
+        throw;
+    }
+    EndLoader();
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop ok");
     return 0;
 }

@@ -1,12 +1,13 @@
 #include "plugin/warden.h"
 
-#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "plugin/plugin_core.h"
@@ -36,8 +37,9 @@ bool RunsWarden(int iPid, unsigned int uCount) {
     }
     char szReadPath[1024] = {};
     if (readlink(szExePath, szReadPath, sizeof szReadPath - 1) <= 0) {
-        LogPrintC(QXPMAINT_MODULE, 2, "qxpmaint IsWardenProc readlink[%s] error[%d][%s]", szExePath, errno,
-                  strerror(errno));
+        const int iError = errno;
+        LogPrintC(QXPMAINT_MODULE, 2, "qxpmaint IsWardenProc readlink[%s] error[%d][%s]", szExePath, iError,
+                  strerror(iError));
         return false;
     }
     if (strcmp(szReadPath, WARDENPROC_PATH) != 0) {
@@ -53,11 +55,12 @@ bool RunsWarden(int iPid, unsigned int uCount) {
 int ReadPid(FILE* pFile, unsigned int uCount) {
     char szLine[16] = {};
     if (!fgets(szLine, sizeof szLine, pFile)) {
-        LogPrintC(QXPMAINT_MODULE, 2, "qxpmaint GetWardenPid fgets error[%d][%s]", errno, strerror(errno));
+        const int iError = errno;
+        LogPrintC(QXPMAINT_MODULE, 2, "qxpmaint GetWardenPid fgets error[%d][%s]", iError, strerror(iError));
         return -1;
     }
     const long lPid = strtol(szLine, nullptr, 10);
-    const int iPid = lPid < 1 ? -1 : static_cast<int>(lPid);
+    const int iPid = lPid < 1 || lPid > INT_MAX ? -1 : static_cast<int>(lPid);
     const int iOldPid = g_iOldWardenPid;
     if (uCount % LOG_EVERY == 0 || iPid != iOldPid) {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint GetWardenPid iPid[%d] iOldPid[%d]", iPid, iOldPid);
@@ -76,8 +79,9 @@ int GetWardenPid() {
     const unsigned int uCount = g_uWardenPidCount++;
     const std::unique_ptr<FILE, int (*)(FILE*)> spFile(fopen(WARDEND_RUN_PID, "re"), fclose);
     if (!spFile) {
+        const int iError = errno;
         LogPrintC(QXPMAINT_MODULE, 2, "qxpmaint GetWardenPid fopen WARDEND_RUN_PID[%s] error[%d][%s]", WARDEND_RUN_PID,
-                  errno, strerror(errno));
+                  iError, strerror(iError));
         return -1;
     }
     return ReadPid(spFile.get(), uCount);

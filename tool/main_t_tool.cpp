@@ -62,6 +62,15 @@ private:
     bool m_bChanged = false;
 };
 
+// By descriptor, so that nothing that has taken the directory's place meanwhile is changed.
+void SetDirectoryMode(const char* pszPath, mode_t uMode) {
+    const int iDirectory = open(pszPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (iDirectory < 0)
+        return;
+    fchmod(iDirectory, uMode);
+    close(iDirectory);
+}
+
 // False when there is no size to be taken: a directory opens and seeks like a file, but to an arbitrary end.
 bool TakeFileSize(FILE* pFile, uint32_t& uSize) {
     struct stat stAttributes;
@@ -170,8 +179,11 @@ bool CMainTTool::SaveFileDataA(CPString strPath, const char* pszText) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value in its interface
 bool CMainTTool::ReadFileDataA(CPString strPath, std::string& strContent) {
     const CFilePtr pFile(fopen(strPath.c_str(), "rbe"));
+    if (!pFile)
+        return false;
+    strContent.clear();
     uint32_t uSize = 0;
-    if (!pFile || !TakeFileSize(pFile.get(), uSize))
+    if (!TakeFileSize(pFile.get(), uSize))
         return false;
     strContent.assign(uSize, '\0');
     size_t uOffset = 0;
@@ -223,6 +235,6 @@ bool CMainTTool::RecursiveCreateDir(const char* pszPath) {
     if (mkdir(pszPath, uMode) != 0)
         return false;
     // mkdir leaves out what the umask masks; the umask is the host's and stays as it is.
-    chmod(pszPath, uMode);
+    SetDirectoryMode(pszPath, uMode);
     return true;
 }

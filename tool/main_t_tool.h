@@ -52,8 +52,7 @@ public:
 
     /// Writes pszText to a new or emptied file. True when all of it was written.
     static bool SaveFileDataA(CPString strPath, const char* pszText);
-    /// Reads a whole non-empty file. On failure the content is empty, or untouched when the file could not be opened
-    /// or its size not be taken.
+    /// Reads a whole non-empty file. On failure the content is empty, or untouched when the file could not be opened.
     static bool ReadFileDataA(CPString strPath, std::string& strContent);
 
     /// The decoded bytes for free(), or null; iLength receives their number.

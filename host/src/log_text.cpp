@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdio>
 
+#include "utf8.h"
+
 namespace {
 
 bool IsUtf8Continuation(char c) {
@@ -39,7 +41,12 @@ void AppendHex(std::string& strLine, char c) {
     strLine += kDigits[uByte & 0xF];
 }
 
-void AppendEscapedCharacter(std::string& strLine, char c) {
+/// The second set of control characters, U+0080 to U+009F; terminals may take their bare bytes for them as well.
+bool IsC1(uint32_t uCode) {
+    return uCode >= 0x80 && uCode <= 0x9F;
+}
+
+void AppendEscapedByte(std::string& strLine, char c) {
     constexpr char kDel = 0x7F;
     if (c == '\\') {
         strLine += "\\\\";
@@ -47,11 +54,29 @@ void AppendEscapedCharacter(std::string& strLine, char c) {
         strLine += "\\n";
     } else if (c == '\t') {
         strLine += "\\t";
-    } else if (static_cast<unsigned char>(c) < ' ' || c == kDel) {
+    } else if (static_cast<unsigned char>(c) < ' ' || c == kDel || IsC1(static_cast<unsigned char>(c))) {
         AppendHex(strLine, c);
     } else {
         strLine += c;
     }
+}
+
+/// Appends the character that a non-empty text begins with and returns its length in bytes.
+size_t AppendEscapedCharacter(std::string& strLine, std::string_view text) {
+    const SCharacter character = DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    if (character.uLength == 0) {
+        AppendEscapedByte(strLine, text[0]);
+        return 1;
+    }
+    const std::string_view bytes = text.substr(0, character.uLength);
+    if (IsC1(character.uCode)) {
+        for (const char c : bytes) {
+            AppendHex(strLine, c);
+        }
+    } else {
+        strLine += bytes;
+    }
+    return bytes.size();
 }
 
 }  // namespace
@@ -83,8 +108,8 @@ SLogText FormatLogText(const char* pszFormat, va_list args) {
 }
 
 void AppendEscaped(std::string& strLine, std::string_view text) {
-    for (const char c : text) {
-        AppendEscapedCharacter(strLine, c);
+    while (!text.empty()) {
+        text.remove_prefix(AppendEscapedCharacter(strLine, text));
     }
 }
 
@@ -92,11 +117,12 @@ void AppendWord(std::string& strLine, std::string_view name) {
     if (name.empty()) {
         strLine += '-';
     }
-    for (const char c : name) {
-        if (c == ' ') {
-            AppendHex(strLine, c);
+    while (!name.empty()) {
+        if (name[0] == ' ') {
+            AppendHex(strLine, ' ');
+            name.remove_prefix(1);
         } else {
-            AppendEscapedCharacter(strLine, c);
+            name.remove_prefix(AppendEscapedCharacter(strLine, name));
         }
     }
 }

@@ -20,7 +20,7 @@ SLogText CutLogText(std::string_view text);
 SLogText FormatLogText(const char* pszFormat, va_list args);
 
 /// Appends a text with what could forge a record made visible: a backslash becomes \\, control characters and DEL
-/// become \n, \t or \xNN.
+/// become \n, \t or \xNN, and so do the bytes of U+0080 to U+009F and bytes 80 to 9F that are not in a UTF-8 character.
 void AppendEscaped(std::string& strLine, std::string_view text);
 
 /// Appends a name as one word: as AppendEscaped, with a space as \x20 and "-" for an empty name.

@@ -286,6 +286,10 @@ TEST_F(AdapterTest, ExceptionsOfTheHostStop) {
     endpoint_.script.during_request = [] { throw std::runtime_error("host"); };
     EXPECT_EQ(CqxpmaintPluginObj::Start(), static_cast<int>(0xE0010003));
     EXPECT_EQ(g_calls, Calls{});
+    table_.init = [](PluginInitParam*) -> int { throw std::runtime_error("init"); };
+    QxInitBlock block{nullptr};
+    EXPECT_EQ(CqxpmaintPluginObj::Initialize(&block), static_cast<int>(0xE0010003));
+    EXPECT_EQ(manager_->m_stPluginInit.kv, nullptr) << "the default string is gone with the call";
 }
 
 TEST_F(AdapterTest, ACancelledHostThreadUnwindsToItsEnd) {

@@ -145,9 +145,13 @@ TEST(Log, NoTextCanForgeARecord) {
         log->LogPrintStr(2, "source", "f", 1, "a\\n\nb\t\r\x1b[0m\x7f%s \xC3\xA9\x01");
         log->LogPrintStr(2, "x 4\ny", "f", 1, nullptr);
         log->LogPrintStr(2, nullptr, nullptr, 0, "");
+        log->LogPrintStr(2, "n\xC2\x9Bn", "f", 1,
+                         "\xC2\x80\xC2\x9F\xC2\xA0\x9B \xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\x82\x85\xFF\xE2\x82");
     });
     EXPECT_THAT(Records(run.lines), ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01",
-                                                "info x\\x204\\ny 2 ", "info - 2 "));
+                                                "info x\\x204\\ny 2 ", "info - 2 ",
+                                                "info n\\xc2\\x9bn 2 \\xc2\\x80\\xc2\\x9f\xC2\xA0\\x9b "
+                                                "\xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\\x82\\x85\xFF\xE2\\x82"));
 }
 
 TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {
@@ -158,7 +162,7 @@ TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {
         {std::string(500'000, 'a'), std::string(kLimit, 'a') + " (+483616 bytes)"},
         {std::string(kLimit - 1, 'a') + "\n\n", std::string(kLimit - 1, 'a') + "\\n (+1 bytes)"},
         {std::string(kLimit - 2, 'a') + "\xE2\x82\xAC.", std::string(kLimit - 2, 'a') + " (+4 bytes)"},
-        {std::string(kLimit + 9, '\x80'), std::string(kLimit, '\x80') + " (+9 bytes)"},
+        {std::string(kLimit + 9, '\xA0'), std::string(kLimit, '\xA0') + " (+9 bytes)"},
         {std::string(511, 'a'), std::string(511, 'a')},
         {std::string(512, 'a'), std::string(512, 'a')}};
     const Ended run = InProcess({}, [&] {

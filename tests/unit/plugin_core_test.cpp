@@ -77,13 +77,13 @@ TEST_F(CoreTest, InitStringItems) {
 
 TEST_F(CoreTest, ConfigurationFile) {
     EXPECT_EQ(InitWith("[QXPMAINT]\nCheckCycle = 3\n[other]\ncheckcycle=9\n"), 0);
-    EXPECT_EQ(g_lCheckCycle, 3);
+    EXPECT_EQ(g_lCheckCycle.load(), 3);
     uninit();
     EXPECT_EQ(InitWith("[qxpmaint]\ncheckcycle=abc\ncheckcycle=0\n"), 0);
-    EXPECT_EQ(g_lCheckCycle, 3) << "no number keeps what is set";
+    EXPECT_EQ(g_lCheckCycle.load(), 3) << "no number keeps what is set";
     uninit();
     EXPECT_EQ(InitWith("[qxpmaint]\ncheckcycle=-5\n"), 0);
-    EXPECT_EQ(g_lCheckCycle, -5);
+    EXPECT_EQ(g_lCheckCycle.load(), -5);
 }
 
 TEST_F(CoreTest, InitFailuresLeaveThePluginUninitialised) {
@@ -142,7 +142,8 @@ TEST_F(CoreTest, RefusedCommandsAreAnsweredWhenTheyHaveAnId) {
     EXPECT_EQ(replyTo("{\"ID\":\"\xc3\xa9\",\"Command\":\"x\"}"), R"({"ID":"\u00e9","msg_type":"4","data_type":"x"})");
     const std::string longId(300, 'i');
     EXPECT_EQ(replyTo(("{\"ID\":\"" + longId + "\"}").c_str()), ("{\"ID\":\"" + longId).substr(0, 255));
-    for (const char* unanswered : {"", "not json", "{}", R"({"ID":"","Command":"Reboot"})", R"({"Command":"Reboot"})"})
+    for (const char* unanswered : {"", "not json", "{}", R"({"ID":"","Command":"Reboot"})",
+                                   R"({"ID":"\u00007","Command":"Reboot"})", R"({"Command":"Reboot"})"})
         EXPECT_EQ(replyTo(unanswered), "(none)") << unanswered;
     EXPECT_EQ(plugin_recv_handler(nullptr), 0);
     uninit();
@@ -169,6 +170,19 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
     std::filesystem::create_symlink("/dev/full", directory_ / "full4.json");
     EXPECT_FALSE(SendReportDataToServer("{}", true, "full")) << "a full disk is an error";
     EXPECT_EQ(g_sent.size(), 1U);
+}
+
+TEST_F(CoreTest, RunOnceNeedsAnInitialisedPluginAndUsesItsFileUp) {
+    const auto run_once = [this] {
+        strcpy(g_szPolicyProcessPath, directory_.Path().c_str());
+        return RunOnceScriptTask("p.json");
+    };
+    const std::string file = directory_.Write("p.json", "no policy");
+    EXPECT_FALSE(run_once());
+    EXPECT_TRUE(std::filesystem::exists(file)) << "not looked at before init";
+    ASSERT_EQ(Init("agent_type=KSTL"), 0);
+    EXPECT_FALSE(run_once());
+    EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 TEST_F(CoreTest, WardenChecks) {

@@ -84,8 +84,9 @@ TEST(ToolFile, WhatIsSavedIsReadBackAndFailuresAreTold) {
     const std::string path = directory / "file";
     std::string content = "old";
     EXPECT_FALSE(CMainTTool::ReadFileDataA(path, content));
-    EXPECT_FALSE(CMainTTool::ReadFileDataA(directory.Path().string(), content));
     EXPECT_EQ(content, "old");
+    EXPECT_FALSE(CMainTTool::ReadFileDataA(directory.Path().string(), content));
+    EXPECT_EQ(content, "") << "opened, and then found to be a directory";
 
     EXPECT_TRUE(CMainTTool::SaveFileDataA(path, "a longer text"));
     EXPECT_TRUE(CMainTTool::SaveFileDataA(path, "short"));
@@ -98,6 +99,7 @@ TEST(ToolFile, WhatIsSavedIsReadBackAndFailuresAreTold) {
 
     EXPECT_TRUE(CMainTTool::SaveFileDataA(path, ""));
     EXPECT_FALSE(CMainTTool::ReadFileDataA(path, content));
+    EXPECT_EQ(content, "") << "an empty file leaves nothing of an earlier content";
     EXPECT_FALSE(CMainTTool::SaveFileDataA(path, nullptr));
     EXPECT_FALSE(CMainTTool::SaveFileDataA("", "text"));
     EXPECT_FALSE(CMainTTool::SaveFileDataA("/dev/full", "text")) << "the text is lost when the stream is flushed";

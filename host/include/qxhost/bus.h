@@ -72,7 +72,8 @@ public:
                       void* pReplyCtx) = 0;
 
     /// Queues a message; the data is copied before the call returns.
-    /// @param pSink      told of the outcome on a bus thread, once; may be null. Must outlive the send.
+    /// @param pSink      told of the outcome on a bus thread, once; may be null. Must outlive the send. It may be a
+    ///                   static object: a host ends its bus threads before its process exits.
     /// @param pOut       receives a number that names this send; may be null.
     /// @param uiTimeOut  in milliseconds, after which an undelivered message is given up.
     /// @return 0 when queued.

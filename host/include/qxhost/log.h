@@ -6,9 +6,11 @@
 //
 // LEVEL is trace, debug, info, warn or error; "module|source" stands for one word, the number given to LogPrintC or the
 // source unit given to CLogDebug; level is the caller's own number. In the text a backslash is written \\ and control
-// characters and DEL as \n, \t or \xNN, so that no text can forge a record; in names a space is \x20, and an empty one
-// is "-". Of a text over 16 KiB the first 16 KiB are written, less what would split a UTF-8 character, and " (+N
-// bytes)" for the N that are left out: both count before escaping, so a line may be longer. A record is one write.
+// characters and DEL as \n, \t or \xNN, so that no text can forge a record; control characters are also U+0080 to
+// U+009F (each byte is written) and single bytes 80 to 9F that are in no UTF-8 character. In names a space is \x20, and
+// an empty one is "-". Of a text over 16 KiB the first 16 KiB are written, less what would split a UTF-8 character, and
+// " (+N bytes)" for the N that are left out: both count before escaping, so a line may be longer. A record is one
+// write.
 //
 // Environment, read at the first record: QXHOST_LOG is a file's path, "stderr" (default) or "journal"; QXHOST_LOG_LEVEL
 // is the least level that is written (default info), or "off". The file is opened once, for appending, with mode 0640:

@@ -7,8 +7,8 @@ extern "C" {
 /// The signature text is exactly 136 hexadecimal digits: the mark 0x2001 as 4 bytes, least significant byte first (so
 /// the text begins 01200000), then the 64 signature bytes (RFC 8032) over the data. It is valid when the public key in
 /// any *.pem file (SubjectPublicKeyInfo, RFC 8410; one key a file, at most 64 KiB; names that begin with a dot do not
-/// count) of the trust directory verifies it. The directory is read at every
-/// check, so a key can be added or withdrawn without a restart.
+/// count) of the trust directory verifies it. The directory is read at every check, so a key can be added or withdrawn
+/// without a restart.
 /// @return 0 valid; -1 not valid, for whatever reason: no directory, no key, another mark, null.
 int qxchksign_buffer(const char* pszSign, const unsigned char* pData, unsigned int uSize);
 

@@ -21,12 +21,8 @@ std::optional<std::string> Member(const CPJsonParse& json, void* parent, const c
     void* const node = json.GetNode(parent, key);
     if (!node)
         return std::nullopt;
-    return json.GetValue(node).Str();
-}
-
-// The plugin hands texts to its signature check up to the first NUL.
-std::string UpToNul(const std::string& text) {
-    return text.substr(0, text.find('\0'));
+    // Every value ends at its first NUL, as in the plugin.
+    return json.GetValue(node).c_str();
 }
 
 // The body that the plugin would write to the script file; nothing when it cannot be decoded.
@@ -71,7 +67,7 @@ ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys
     const std::optional<std::string> sign = Member(json, node, "sign");
     if (!sign)
         return Judge(script, Verdict::Dropped, "there is no \"sign\"");
-    if (const std::string reason = keys.WhyInvalid(UpToNul(*sign), UpToNul(*data)); !reason.empty())
+    if (const std::string reason = keys.WhyInvalid(*sign, *data); !reason.empty())
         return Judge(script, Verdict::Dropped, "bad signature: " + reason);
     if (!type)
         return Judge(script, Verdict::Dropped, "there is no \"scripttype\"");

@@ -1,5 +1,5 @@
-#include <time.h>
 #include <unistd.h>
+#include <ctime>
 
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"

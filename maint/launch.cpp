@@ -114,7 +114,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
         pRunData->u64ThreadId = u64ThreadId;
         bFinished = pRunData->dwRunState == RUN_FINISHED;
         m_PRunScriptList.splice(m_PRunScriptList.end(), listEntry);
-        spRunData.release();
+        static_cast<void>(spRunData.release());  // the list owns it now
     }
     // The signal of a run that was over before it was listed may have been taken by a pass that could not see it.
     if (bFinished)

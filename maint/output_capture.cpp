@@ -1,7 +1,7 @@
 #include "maint/output_capture.h"
 
-#include <string.h>
 #include <unistd.h>
+#include <cstring>
 
 #include <algorithm>
 #include <cerrno>

@@ -47,6 +47,7 @@ void LogRecord(const _MaintPolicyDetail& record, const CPString& strSign) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the ID is taken by value at this interface
 int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int dwPolicyType,
                            std::list<_MaintPolicyDetail>& list) {
     if (!lpJsonData || !*lpJsonData)

@@ -65,6 +65,7 @@ std::optional<_ProcessStat> ReadProcessStat(pid_t iPid) {
         return std::nullopt;
     _ProcessStat stat;
     stat.stIdentity.iPid = iPid;
+    // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers, which fit
     if (sscanf(strStat.c_str() + uName + 1,
                " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu", &stat.cState,
                &stat.iParent, &stat.lThreads, &stat.stIdentity.u64StartTime) != 4)

@@ -1,9 +1,9 @@
 #include "maint/process_tree.h"
 
-#include <signal.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
+#include <csignal>
+#include <ctime>
 
 #include <algorithm>
 

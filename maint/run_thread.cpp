@@ -1,8 +1,8 @@
 #include "maint/run_thread.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
+#include <csignal>
 
 #include <exception>
 

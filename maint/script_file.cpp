@@ -1,8 +1,8 @@
 #include "maint/script_file.h"
 
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstring>
 
 #include <cerrno>
 #include <cstdio>

@@ -1,5 +1,5 @@
 #include <sys/prctl.h>
-#include <time.h>
+#include <ctime>
 
 #include <exception>
 #include <map>
@@ -48,10 +48,9 @@ bool IsSelected(const _RunScriptData& run, unsigned int dwDisposeType, unsigned 
 
 // The copy takes the strings over, the output above all, and leaves the numbers and handles for CleanRunData.
 _RunScriptData TakeForReport(_RunScriptData& run) {
-    const std::shared_ptr<CRunControl> spControl = run.spControl;
+    const std::shared_ptr<CRunControl> spControl = std::move(run.spControl);
     _RunScriptData copy = std::move(run);
-    run.spControl = spControl;
-    copy.spControl.reset();
+    run.spControl = spControl;  // NOLINT(bugprone-use-after-move): the control block stays with the record
     return copy;
 }
 

@@ -56,7 +56,9 @@ bool WriteResultFile(const char* pszSendData, unsigned int uDataSize, const CPSt
 }  // namespace qxpmaint_impl
 
 bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPString& strName) {
-    using namespace qxpmaint_impl;
+    using qxpmaint_impl::EncodedText;
+    using qxpmaint_impl::g_qxpmaint_send_to_mgr;
+    using qxpmaint_impl::SendToMgr;
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 5, "*qxpmaint SendReportDataToServer pJsonData[%p] is NULL",
                   static_cast<const void*>(pJsonData));
@@ -73,7 +75,7 @@ bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPStri
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer bWriteFile[%d] uDataSize[%u] pszSendData[%s]",
               bWriteFile ? 1 : 0, uDataSize, pszSendData);
     if (bWriteFile)
-        return WriteResultFile(pszSendData, uDataSize, strName);
+        return qxpmaint_impl::WriteResultFile(pszSendData, uDataSize, strName);
     const int iRet = SendToMgr(pszSendData, uDataSize);
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer g_qxpmaint_send_to_mgr iRet[%d]", iRet);
     return true;

@@ -190,7 +190,8 @@ TEST_F(EntryPointsTest, TheHostsProcessIsLeftAsItWas) {
             text += std::string(*entry) + "\n";
         std::ifstream status("/proc/self/status");
         for (std::string line; std::getline(status, line);)
-            if (line.rfind("Umask", 0) == 0 || line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0 || line.rfind("SigCgt", 0) == 0)
+            if (line.rfind("Umask", 0) == 0 || line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0 ||
+                line.rfind("SigCgt", 0) == 0)
                 text += line + "\n";
         return text;
     };

@@ -154,7 +154,7 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
     EXPECT_FALSE(SendReportDataToServer("{}", true, "early")) << "no file either without a callback";
     ASSERT_EQ(Init("agent_type=KSTL"), 0);
     ASSERT_LT(directory_.Path().string().size(), sizeof g_szResultFilePath);
-    strcpy(g_szResultFilePath, directory_.Path().c_str());
+    snprintf(g_szResultFilePath, sizeof g_szResultFilePath, "%s", directory_.Path().c_str());
     g_u64ResultFileIndex = 0;
 
     EXPECT_TRUE(SendReportDataToServer("{\"a\":\"\xc3\xa9\"}", false, "x"));
@@ -174,7 +174,7 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
 
 TEST_F(CoreTest, RunOnceNeedsAnInitialisedPluginAndUsesItsFileUp) {
     const auto run_once = [this] {
-        strcpy(g_szPolicyProcessPath, directory_.Path().c_str());
+        snprintf(g_szPolicyProcessPath, sizeof g_szPolicyProcessPath, "%s", directory_.Path().c_str());
         return RunOnceScriptTask("p.json");
     };
     const std::string file = directory_.Write("p.json", "no policy");

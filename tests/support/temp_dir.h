@@ -7,14 +7,14 @@
 #include <stdexcept>
 #include <string>
 
-/// A directory of its own for one test, removed with everything in it.
+/// A directory of its own for one test, removed with everything in it. Its path is canonical.
 class TempDir {
 public:
     TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "qxp-test-XXXXXX").string();
         if (!mkdtemp(pattern.data()))
             throw std::runtime_error("cannot make a temporary directory");
-        path_ = pattern;
+        path_ = std::filesystem::canonical(pattern);
     }
     ~TempDir() {
         std::error_code ignored;

@@ -20,8 +20,8 @@
 #include "agent/report_store.h"
 #include "agent/startup_error.h"
 #include "agent/unix_listener.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/agent_test_support.h"
-#include "tests/unit/host_temporary_directory.h"
 
 namespace qxpagent {
 namespace {
@@ -152,7 +152,7 @@ protected:
         return fd;
     }
 
-    const TemporaryDirectory directory_;
+    const TempDir directory_;
     const std::filesystem::path socket_ = directory_.Path() / "agent.sock";
     FakeAgent agent_;
     MemoryReportStore reports_;
@@ -390,7 +390,7 @@ TEST_F(HttpTest, EveryDescriptorIsCloseOnExec) {
 }
 
 TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::filesystem::path path = directory.Path() / "agent.sock";
     const auto refusal = [](const std::filesystem::path& socket_path) -> std::string {
         try {
@@ -426,20 +426,20 @@ TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
 
     directory.Write("agent.sock", "precious");
     expect_refusal(path, "is not a socket");
-    EXPECT_EQ("precious", ReadWhole(path));
+    EXPECT_EQ("precious", ReadFile(path));
     expect_refusal(directory.Path() / "missing" / "agent.sock", "Create its directory");
     expect_refusal(directory.Path() / std::string(120, 'x'), "longer than 107");
 }
 
 TEST(UnixListenerTest, DoesNotRemoveWhatHasTakenItsPlace) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::filesystem::path path = directory.Path() / "agent.sock";
     {
         const UnixListener listener(path);
         std::filesystem::remove(path);
         directory.Write("agent.sock", "another");
     }
-    EXPECT_EQ("another", ReadWhole(path));
+    EXPECT_EQ("another", ReadFile(path));
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include "agent/plugin_module.h"
 #include "agent/startup_error.h"
 #include "qxhost/init_block.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/agent_test_support.h"
-#include "tests/unit/host_temporary_directory.h"
 
 namespace qxpagent {
 namespace {
@@ -137,7 +137,7 @@ TEST_F(PluginModuleTest, RunningOnceDelaysTheEndAndIsRefusedAfterTheStop) {
 }
 
 TEST(LoadPluginTest, SaysInOneLineWhatIsWrong) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const auto message = [](const std::string& path) -> std::string {
         try {
             LoadPlugin(path);

@@ -5,8 +5,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "host_temporary_directory.h"
 #include "qxhost/file.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ FileData Read(const fs::path& path) {
 }
 
 TEST(ReadFileData, GivesTheBytesOfARegularFileAndANul) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::string content = "{\"a\"\0:1}\n"s;
     const std::string file = directory.Write("policy.json", content);
     fs::create_symlink("policy.json", directory.Path() / "link");
@@ -34,7 +35,7 @@ TEST(ReadFileData, GivesTheBytesOfARegularFileAndANul) {
 }
 
 TEST(ReadFileData, RefusesWhatIsNotAReadableRegularFileOfItsSize) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     directory.Write("empty", "");
     const std::string large = directory.Write("large", "x");
     fs::resize_file(large, kMaxFileSize + 1);
@@ -58,11 +59,11 @@ TEST(ReadFileData, GivesWhatIsThereWhenTheFileIsShorterThanItsSizeSaid) {
     }
     const FileData data = Read(shorter);
     ASSERT_TRUE(data);
-    EXPECT_EQ(std::string(data.get()), ReadWhole(shorter));
+    EXPECT_EQ(std::string(data.get()), ReadFile(shorter));
 }
 
 TEST(GetFileAttr, GivesSizeAndModificationTimeOrLeavesTheOutputs) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::string file = directory.Write("file", "12345");
     const timespec times[2] = {{1, 0}, {1'234'567'890, 999'999'999}};
     ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);

@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-#include "host_temporary_directory.h"
 #include "qxhost/log.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ std::vector<std::string> Records(const std::vector<std::string>& lines) {
 
 /// Runs the body in a process of its own, because the environment is read once a process.
 Ended InProcess(const Environment& environment, const std::function<void()>& body) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::string error_file = directory.Path() / "stderr";
     const pid_t child = fork();
     if (child == 0) {
@@ -80,8 +80,8 @@ Ended InProcess(const Environment& environment, const std::function<void()>& bod
     }
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadWhole(error_file);
-    return {child, Lines(ReadWhole(error_file))};
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadFile(error_file);
+    return {child, Lines(ReadFile(error_file))};
 }
 
 std::string LocalTime(time_t now, long offset) {
@@ -202,7 +202,7 @@ TEST(Log, KeepsErrnoAndFormatsIt) {
 #pragma GCC diagnostic pop
 
 TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::string file = directory.Path() / "agent.log";
     const auto log_once = [] {
         LogPrintC(93, 5, "once");
@@ -216,8 +216,8 @@ TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
     };
     EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
     EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
-    EXPECT_THAT(Records(Lines(ReadWhole(file))), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1",
-                                                             "info 93 5 once", "info 93 5 close-on-exec 1"));
+    EXPECT_THAT(Records(Lines(ReadFile(file))), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1",
+                                                            "info 93 5 once", "info 93 5 close-on-exec 1"));
     struct stat info = {};
     ASSERT_EQ(stat(file.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777 & ~0640, 0U);
@@ -235,7 +235,7 @@ TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
 
 TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
     constexpr size_t kRecords = 200;
-    const TemporaryDirectory directory;
+    const TempDir directory;
     const std::string file = directory.Path() / "agent.log";
     const Environment environment = {{"QXHOST_LOG", file}};
     const auto log_many = [] {
@@ -260,7 +260,7 @@ TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
         }
     });
     std::map<std::string, size_t> counts;
-    for (const std::string& record : Records(Lines(ReadWhole(file)))) {
+    for (const std::string& record : Records(Lines(ReadFile(file)))) {
         ++counts[record];
     }
     EXPECT_EQ(counts.size(), 3U);

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <optional>
 
-#include "host_temporary_directory.h"
 #include "qxhost/module.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ int CheckMovingLibrary(const fs::path& directory) {
 }
 
 TEST(ModuleFilePath, DependsNeitherOnTheWorkingDirectoryNorOnTheFile) {
-    const TemporaryDirectory temporary;
+    const TempDir temporary;
     const fs::path directory = temporary.Path() / "with space\nand line (deleted)";
     fs::create_directory(directory);
     Dl_info info = {};

@@ -10,8 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "host_temporary_directory.h"
 #include "qxhost/signature.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ protected:
     Signature() { QxSetTrustDirectory(directory_.Path().c_str()); }
     ~Signature() override { QxSetTrustDirectory(nullptr); }
 
-    const TemporaryDirectory directory_;
+    const TempDir directory_;
 };
 
 TEST_F(Signature, AcceptsTheKnownAnswer) {

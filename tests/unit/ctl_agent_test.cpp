@@ -249,6 +249,8 @@ TEST_F(AgentTest, TheExitCodeTellsHowTheRunEnded) {
 }
 
 TEST_F(AgentTest, HostileOutputCannotDriveATerminal) {
+    if (access("/dev/ptmx", R_OK | W_OK) != 0 || access("/dev/pts/ptmx", F_OK) != 0)
+        GTEST_SKIP() << "no pseudo-terminals here: is /dev/pts mounted?";
     const std::string hostile =
         "ok\ttab\nx\033]0;owned\007\r\b\x7F\xC2\x9B"
         "2J\xC3\xA9\n";

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -9,7 +11,14 @@
 
 namespace qxpagent {
 
-/// What the command line asks for, all paths absolute.
+/// How long things are kept.
+struct Retention {
+    std::chrono::hours age{30 * 24};          // of commands, reports and result files in the store
+    uint64_t bytes = uint64_t{1} << 30;       // of all texts in the store
+    std::chrono::hours leftover_age{7 * 24};  // of script files and result files in the plugin's directories
+};
+
+/// What the configuration file and the command line ask for, all paths absolute.
 struct Options {
     std::filesystem::path socket;
     std::filesystem::path plugin;
@@ -17,6 +26,9 @@ struct Options {
     std::optional<ServerAddress> online;  // nothing: offline
     std::string log;                      // as QXHOST_LOG; empty: as the environment says
     std::string log_level;                // as QXHOST_LOG_LEVEL; empty: as the environment says
+    std::string socket_group;             // group that may use the socket; empty: the agent's own
+    std::filesystem::path store;          // database file; empty: ../data/qxpagent/agent.db
+    Retention retention;
 };
 
 inline constexpr int kExitOk = 0;

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include "adapter/adapter_mgr.h"
 #include "adapter/adapter_support.h"
@@ -36,21 +37,14 @@ void PutU32(unsigned char* pTarget, uint32_t uValue) {
         pTarget[i] = static_cast<unsigned char>(uValue >> (8 * i));
 }
 
-void PutText(unsigned char* pTarget, const char* pszText, size_t uLength) {
-    memcpy(pTarget, pszText, uLength);
+void PutText(unsigned char* pTarget, std::string_view text) {
+    memcpy(pTarget, text.data(), text.size());
 }
 
-}  // namespace
-
-int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
-                             int value8, const char* json) {
-    if (!ep || !name1 || !name2 || !json)
-        return ADAPTER_E_INVALID_ARG;
-    if (json_data_type != 1 && json_data_type != 2)
-        return ADAPTER_E_JSON_DATA_TYPE;
-    const size_t uLength = strlen(json);
-    const size_t uSize = TextOffset + uLength + 1;
-    if (uLength == 0 || uSize > std::numeric_limits<uint32_t>::max())
+int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
+                 int value8, std::string_view json) {
+    const size_t uSize = TextOffset + json.size() + 1;
+    if (json.empty() || uSize > std::numeric_limits<uint32_t>::max())
         return ADAPTER_E_INVALID_ARG;
     const std::unique_ptr<unsigned char[]> pEnvelope(new (std::nothrow) unsigned char[uSize]());
     if (!pEnvelope)
@@ -61,18 +55,33 @@ int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const cha
     PutU32(pBytes + Value4Offset, static_cast<uint32_t>(value4));
     PutU32(pBytes + Value8Offset, static_cast<uint32_t>(value8));
     if (*name1 && *name2) {
-        PutText(pBytes + Name1Offset, name1, strnlen(name1, NameLimit));
-        PutText(pBytes + Name2Offset, name2, strnlen(name2, NameLimit));
+        PutText(pBytes + Name1Offset, {name1, strnlen(name1, NameLimit)});
+        PutText(pBytes + Name2Offset, {name2, strnlen(name2, NameLimit)});
     }
-    PutU32(pBytes + LengthOffset, static_cast<uint32_t>(uLength));
-    PutText(pBytes + TextOffset, json, uLength);
+    PutU32(pBytes + LengthOffset, static_cast<uint32_t>(json.size()));
+    PutText(pBytes + TextOffset, json);
 
     // Destroyed at process exit; a host ends its bus threads before it exits, so no completion comes after that.
     static CLogCacheAsynCallback s_completionSink;
     unsigned long ulOut = 0;
     // The envelope is freed on return: SendAsync copies it.
-    return ep->SendAsync(ParseGuid(MGR_COMPONENT_ID), MSG_TYPE_JSON_COMBO, pBytes, static_cast<unsigned int>(uSize),
-                         &s_completionSink, nullptr, &ulOut, SendTimeOutMs);
+    return endPoint.SendAsync(ParseGuid(MGR_COMPONENT_ID), MSG_TYPE_JSON_COMBO, pBytes,
+                              static_cast<unsigned int>(uSize), &s_completionSink, nullptr, &ulOut, SendTimeOutMs);
+}
+
+bool IsJsonDataType(int json_data_type) {
+    return json_data_type == 1 || json_data_type == 2;
+}
+
+}  // namespace
+
+int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
+                             int value8, const char* json) {
+    if (!ep || !name1 || !name2 || !json)
+        return ADAPTER_E_INVALID_ARG;
+    if (!IsJsonDataType(json_data_type))
+        return ADAPTER_E_JSON_DATA_TYPE;
+    return SendEnvelope(*ep, json_data_type, name1, name2, value4, value8, json);
 }
 
 int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
@@ -88,13 +97,16 @@ int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, co
         return -1;
     }
     IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
-    const CPString strJson(reinterpret_cast<const char*>(data), len);
-    if (json_data_type != 1 && json_data_type != 2) {
+    if (!IsJsonDataType(json_data_type)) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName,
                     json_data_type);
         return -1;
     }
-    return SendJsonComboDataAsyncEx(pEndPoint, json_data_type, "", "", value4, 1, strJson.c_str());
+    if (!pEndPoint)
+        return ADAPTER_E_INVALID_ARG;
+    // Straight from the caller's bytes: a report can be over a hundred MiB.
+    const auto* pszJson = reinterpret_cast<const char*>(data);
+    return SendEnvelope(*pEndPoint, json_data_type, "", "", value4, 1, {pszJson, strnlen(pszJson, len)});
 } catch (...) {
     StopException(__FUNCTION__);
     return -1;

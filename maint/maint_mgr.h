@@ -84,8 +84,8 @@ public:
 
     // Reports.
 
-    /// Builds and sends one report. Non-zero when it was handed on or written.
-    int SendResultToServer(const CPString& strID, const std::list<_RunScriptData>& list);
+    /// Builds and sends one report; the runs are released before it is sent. Non-zero when it was handed on or written.
+    int SendResultToServer(const CPString& strID, std::list<_RunScriptData> list);
     /// Local time; i64Time 0 means now; dwFormat 0 gives 14 digits, any other "%Y-%m-%d %H:%M:%S".
     CPString GetStrTime(long i64Time, unsigned int dwFormat);
 

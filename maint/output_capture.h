@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,14 +40,17 @@ public:
     std::string Take();
 
 private:
+    void BeginTail();
+    size_t NextChunkEnd() const;
     void DropOldestChunk();
     void PushTail(std::string_view chunk);
 
-    std::string m_strHead;
-    // The tail is a ring of a fixed size: m_uTailBytes bytes from m_uTailBegin on. A set mark says that a chunk ends
-    // with the byte of the same number.
-    std::vector<char> m_Ring;
-    std::vector<bool> m_ChunkEnds;
+    // The head, and once that is full room for the mark and the tail behind it, so that the output is put together in
+    // place. The tail is a ring of a fixed size: m_uTailBytes bytes from m_uTailBegin on. A set bit in m_ChunkEnds says
+    // that a chunk ends with the byte of the same number.
+    std::string m_strOutput;
+    std::vector<uint64_t> m_ChunkEnds;  // empty while there is no tail
+    size_t m_uRing = 0;                 // where the ring begins
     size_t m_uTailBegin = 0;
     size_t m_uTailBytes = 0;
     bool m_bTruncated = false;

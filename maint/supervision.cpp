@@ -107,7 +107,7 @@ int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
         }
     }
     for (auto it = mapReport.begin(); it != mapReport.end(); it = mapReport.erase(it))
-        SendResultToServer(it->first, it->second);
+        SendResultToServer(it->first, std::move(it->second));
     return dwDisposeType == MT_ERROR ? 0 : 1;
 }
 

@@ -57,6 +57,11 @@ std::vector<BusCall> ScriptedEndpoint::Calls(const std::string& operation) const
     return calls;
 }
 
+void ScriptedEndpoint::Forget() {
+    const std::lock_guard guard(lock_);
+    calls_ = {};
+}
+
 bool ScriptedEndpoint::WaitForCalls(const std::string& operation, size_t count, std::chrono::milliseconds deadline) {
     std::unique_lock guard(lock_);
     return changed_.wait_for(guard, deadline, [&] {

@@ -54,6 +54,8 @@ public:
     Script script;
 
     std::vector<BusCall> Calls(const std::string& operation = "") const;
+    /// Forgets the calls so far.
+    void Forget();
     /// Waits until an operation has been called count times; false when the deadline passes first.
     bool WaitForCalls(const std::string& operation, size_t count, std::chrono::milliseconds deadline = DEADLINE);
 

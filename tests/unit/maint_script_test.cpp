@@ -1,0 +1,100 @@
+// Scripts that misbehave: they hold their output, leave, flood, multiply or die, and nothing is stalled or left behind.
+
+#include <sstream>
+#include <thread>
+
+#include "maint/output_capture.h"
+#include "tests/support/allocated.h"
+#include "tests/unit/maint_run_fixture.h"
+
+namespace {
+
+TEST_F(RunTest, ABackgroundChildThatKeepsTheOutputKeepsItsRunAndEndsWithIt) {
+    Launch(Script("(echo $BASHPID > '" + (directory_ / "pid") + "'; exec sleep 1000) & echo parent is done"));
+    const pid_t pid = PidIn("pid");
+    Launch(Script("echo done", "other"));
+    EXPECT_TRUE(WaitUntil([&] {
+        manager_->DisposeScriptList(MT_RUNCOMPLETE);
+        return Reported().size() == 1;
+    }));
+    EXPECT_EQ(Reported()[0].script, "other");
+    EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U) << "the output of the first has not ended";
+    EXPECT_TRUE(ProcessRuns(pid));
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    ExpectGone(pid);
+}
+
+TEST_F(RunTest, ADaemonThatHasLeftTreeAndOutputIsLeftAlone) {
+    const std::string pid_file = directory_ / "pid";
+    Launch(Script("setsid bash -c 'echo $$ > \"" + pid_file + "\"; exec sleep 1000' </dev/null >/dev/null 2>&1 & " +
+                  "until [ -s '" + pid_file + "' ]; do sleep 0.01; done; echo started"));
+    EXPECT_EQ(Collect()["script"].output, "started\n");
+    const pid_t pid = PidIn("pid");
+    EXPECT_TRUE(ProcessRuns(pid));
+    kill(pid, SIGKILL);
+}
+
+TEST_F(RunTest, AFloodWithoutANewlineStaysWithinItsBound) {
+    ForgetPeak();
+    const size_t before = StatusBytes("VmRSS:");
+    Launch(Script("head -c 104857600 /dev/zero | tr '\\0' x; printf END"));
+    EXPECT_TRUE(WaitUntil([] { return CThreadGate::Instance().Count() == 0; }));
+    const size_t grown = StatusBytes("VmHWM:") - before;
+    const std::string output = Collect()["script"].output;
+    constexpr size_t PART = (COutputCapture::PART_LIMIT / CChunkReader::CHUNK_LIMIT + 1) * CChunkReader::CHUNK_LIMIT;
+    EXPECT_EQ(output.find("\n...\n"), PART);
+    EXPECT_LE(output.size(), 2 * PART + 5);
+    EXPECT_GT(output.size(), 2 * COutputCapture::PART_LIMIT);
+    EXPECT_TRUE(output.ends_with("xEND"));
+    if (!SANITIZED) {
+        EXPECT_LT(grown, 5 * (size_t{1} << 20) / 2 + (size_t{1} << 19)) << "2.5 MiB, and half a MiB for the thread";
+    }
+}
+
+TEST_F(RunTest, TwoHundredChildrenEndWithTheirScript) {
+    Launch(Script("for i in {1..200}; do sleep 1000 & echo $!; done > '" + (directory_ / "list") + "'; echo $$ > '" +
+                  (directory_ / "pid") + "'; wait"));
+    std::vector<pid_t> children{PidIn("pid")};
+    std::istringstream list(ReadFile(directory_ / "list"));
+    for (pid_t child = 0; list >> child;)
+        children.push_back(child);
+    EXPECT_EQ(children.size(), 201U);
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    for (const pid_t child : children)
+        ExpectGone(child);
+}
+
+TEST_F(RunTest, AScriptThatKillsItselfIsReportedWithWhatItWrote) {
+    auto marked = Script("echo before; kill -KILL $$", "marked");
+    marked.strCheckRet = "after";
+    manager_->RunNewScript({Script("echo before; kill -SEGV $$", "plain"), marked});
+    auto results = Collect();
+    ASSERT_EQ(results.size(), 2U);
+    EXPECT_EQ(results["plain"].result + results["plain"].output, "1before\n");
+    EXPECT_EQ(results["marked"].result + results["marked"].output, "0before\n");
+}
+
+TEST_F(RunTest, FreshExecutablesAreNeverBusyBesideOtherLaunches) {
+    constexpr int EACH = 25;
+    const auto launch = [&](const std::string& name) {
+        std::string body = "#!/bin/sh\necho ran\n";
+        for (int count = 0; count < EACH; ++count) {
+            auto script = Script("", name + std::to_string(count));
+            script.strType = "exe";
+            script.pText = reinterpret_cast<unsigned char*>(body.data());
+            script.iLength = static_cast<int>(body.size());
+            Launch(script);
+        }
+    };
+    std::vector<std::thread> launchers;
+    for (const char* name : {"a", "b", "c"})
+        launchers.emplace_back(launch, name);
+    for (std::thread& launcher : launchers)
+        launcher.join();
+    const auto results = Collect();
+    EXPECT_EQ(results.size(), 3U * EACH);
+    for (const auto& [script, result] : results)
+        EXPECT_EQ(result.output, "ran\n") << script;
+}
+
+}  // namespace

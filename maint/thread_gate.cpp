@@ -52,6 +52,7 @@ bool CThreadGate::WaitEmpty(int iMilliseconds) {
             return false;
         m_Empty.wait_for(lock, std::chrono::milliseconds(1));
     }
+    m_Ending.shrink_to_fit();
     return true;
 }
 

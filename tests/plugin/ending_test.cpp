@@ -72,9 +72,8 @@ TEST_F(EndingTest, StopAndCloseAreBoundedWhenTheHostNeverLetsGo) {
     EXPECT_EQ(host_.LogWith("CMaintMgr::Stop kill WorkThread").size(), 1U);
     host_.object->Uninitialize();
     EXPECT_EQ(host_.LogWith("still running after").size(), 1U);
-    // A fresh life beside the thread that is still held.
-    EXPECT_EQ(host_.object->Initialize(&host_.init_block), 0);
-    EXPECT_EQ(host_.object->Start(), 0);
+    host_.Shutdown();
+    host_.Launch();  // a fresh life beside the thread that is still held
     Release();
     EXPECT_TRUE(WaitUntil([&] { return Threads("qxpmaintwork") == 0; })) << "the thread was cancelled meanwhile";
     ASSERT_TRUE(host_.SendCommand(Policy("next", {Echo("next")})));

@@ -112,6 +112,7 @@ struct Api::Route {
 
 const Api::Route Api::kRoutes[] = {
     {"/v1/commands", "POST", kMaxCommandBytes, &Api::SubmitCommand},
+    {"/v1/commands", "GET", kMaxSmallBodyBytes, &Api::ListCommands},
     {"/v1/reports", "GET", kMaxSmallBodyBytes, &Api::FetchReports},
     {"/v1/runonce", "POST", kMaxSmallBodyBytes, &Api::RunOnce},
     {"/v1/status", "GET", kMaxSmallBodyBytes, &Api::ShowStatus},
@@ -180,6 +181,31 @@ HttpResponse Api::SubmitCommand(HttpRequest& request) {
             break;
     }
     return Problem(503, outcome.detail);
+}
+
+HttpResponse Api::ListCommands(HttpRequest& request) {
+    if (const std::string bad = BadParameter(request, {"after"}); !bad.empty()) {
+        return Problem(400, bad);
+    }
+    const auto after = NumberParameter(request, "after", UINT64_MAX, 0);
+    if (!after.has_value()) {
+        return Problem(400, "The parameter \"after\" must be a sequence, a whole number from 0.");
+    }
+    constexpr const char* kStates[] = {"received", "delivered", "refused", "reported", "interrupted"};
+    CommandQuery query;
+    query.after = *after;
+    Json commands = Json::array();
+    uint64_t sequence = *after;
+    for (const CommandRecord& record : agent_.ListCommands(query)) {
+        commands.push_back({{"id", record.id},
+                            {"state", kStates[static_cast<size_t>(record.state)]},
+                            {"reason", record.reason},
+                            {"sequence", record.sequence},
+                            {"expected", record.expected},
+                            {"unreported", record.unreported}});
+        sequence = record.sequence;
+    }
+    return Answer(200, Json{{"commands", std::move(commands)}, {"sequence", sequence}});
 }
 
 HttpResponse Api::FetchReports(HttpRequest& request) {

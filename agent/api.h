@@ -21,6 +21,7 @@ private:
     static const Route kRoutes[];
 
     HttpResponse SubmitCommand(HttpRequest& request);
+    HttpResponse ListCommands(HttpRequest& request);
     HttpResponse FetchReports(HttpRequest& request);
     HttpResponse RunOnce(HttpRequest& request);
     HttpResponse ShowStatus(HttpRequest& request);

@@ -437,6 +437,17 @@ TEST_F(StoreFileTest, ADamagedStoreIsSetAsideWhole) {
         store_.reset();
         ASSERT_EQ(before + 1, Aside().size()) << damage.what;
     }
+    // Damage that was met while the agent ran: the next start checks all of it, however long that takes.
+    std::string bad = good;
+    bad.replace(good.size() - 4096, 4096, 4096, '\x5a');
+    directory_.Write("agent.db", bad);
+    directory_.Write("agent.db.suspect", "");
+    options_.check_for = std::chrono::milliseconds(0);
+    Open();
+    store_.reset();
+    EXPECT_EQ(4U, Aside().size());
+    EXPECT_FALSE(std::filesystem::exists(directory_.Path() / "agent.db.suspect"));
+
     bool kept = false;
     for (const std::string& name : Aside()) {
         kept = kept || ReadFile(directory_.Path() / name).size() == good.size();

@@ -3,7 +3,6 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <system_error>
 #include <thread>
 
+#include "agent/lock_file.h"
 #include "agent/log.h"
 #include "agent/startup_error.h"
 #include "agent/store_schema.h"
@@ -170,16 +170,17 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
 
 UniqueFd LockStore(const std::filesystem::path& path) {
     const std::string name = path.string() + ".lock";
-    UniqueFd lock(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
-    if (!lock.IsOpen()) {
-        throw StartupError("The lock file " + name + " cannot be opened: " + Reason(errno) +
+    try {
+        std::optional<UniqueFd> lock = TakeLockFile(name);
+        if (lock.has_value()) {
+            return std::move(*lock);
+        }
+    } catch (const std::system_error& error) {
+        throw StartupError("The lock file " + name + " cannot be opened: " + Reason(error.code().value()) +
                            ". Create its directory, or name another file with --store.");
     }
-    if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw StartupError("Another agent uses the store " + path.string() +
-                           ": stop it, or name another file with --store.");
-    }
-    return lock;
+    throw StartupError("Another agent uses the store " + path.string() +
+                       ": stop it, or name another file with --store.");
 }
 
 std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options) {

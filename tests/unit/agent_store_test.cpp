@@ -389,6 +389,9 @@ TEST_F(StoreTest, ALockedStoreRefusesAndGoesOnAfterwards) {
     EXPECT_EQ(2U, Append("{}"));
     EXPECT_EQ("", store_->Figures().fault);
     EXPECT_THROW(Store second(options_), StartupError) << "one agent a store";
+    std::thread leaving([&] { store_.reset(); });
+    EXPECT_NO_THROW(Store next(options_)) << "one that is about to end is waited for";
+    leaving.join();
 }
 
 class StoreFileTest : public StoreTest {

@@ -14,6 +14,7 @@ namespace qxpagent {
 
 namespace {
 
+constexpr char kDefaultStore[] = "../data/qxpagent/agent.db";
 constexpr char kDefaultConfiguration[] = "../etc/plugins/qxpmaint/qxpmaint.conf";
 
 // The configuration file that the plugin will read with this parameter string; empty when none. Items are separated by
@@ -61,27 +62,65 @@ void Agent::Start() {
     // plugin runs wait to be accepted.
     listener_ = std::make_unique<UnixListener>(options_.socket);
     CheckConfigurationFile(options_.init_param);
-    const PluginEntryPoints entry_points = LoadPlugin(options_.plugin);
-    plugin_data_ = std::filesystem::weakly_canonical(PluginDirectory(entry_points) / ".." / "data" / "qxpmaint");
-    plugin_ = std::make_unique<PluginModule>(entry_points);
+    OpenStore();
+    LoadPluginLibrary();
+    // What an earlier agent has left: its result files first, since they may be the last words that are missing, and
+    // before the plugin writes over them.
+    try {
+        desk_->TakeStock();
+        collector_ = std::make_unique<ResultCollector>(plugin_data_ / "result", *intake_);
+    } catch (const StoreError& error) {
+        throw StartupError(error.what());
+    }
+    plugin_ = std::make_unique<PluginModule>(entry_points_);
     plugin_->Start(plugin_endpoint_, options_.init_param);
+    desk_->Settle();
+    upkeep_->Start({plugin_data_, plugin_data_ / "result"});
     accepting_ = true;
     http_ = std::make_unique<HttpServer>(*listener_, api_);
     QXPAGENT_LOG(kLogInfo, "qxpagent %s started: plugin %s %s, socket %s", QXPAGENT_VERSION, options_.plugin.c_str(),
                  plugin_->Version().c_str(), options_.socket.c_str());
 }
 
+void Agent::OpenStore() {
+    StoreOptions options;
+    options.path =
+        std::filesystem::absolute(options_.store.empty() ? kDefaultStore : options_.store).lexically_normal();
+    store_ = std::make_unique<Store>(options);
+    desk_ = std::make_unique<CommandDesk>(
+        *store_, counters_, keys_, [this](std::string document) { return server_data_.Send(std::move(document)); });
+    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, counters_, options_.retention);
+    intake_ = std::make_unique<ReportIntake>(*store_, counters_, [this] { upkeep_->StoreHasGrown(); });
+    manager_ = std::make_unique<Manager>(bus_, *intake_);
+}
+
+void Agent::LoadPluginLibrary() {
+    entry_points_ = LoadPlugin(options_.plugin);
+    plugin_data_ = std::filesystem::weakly_canonical(PluginDirectory(entry_points_) / ".." / "data" / "qxpmaint");
+    if (!keys_.SetPluginKey(entry_points_.rsa_modulus, entry_points_.rsa_exponent)) {
+        throw StartupError("The plugin " + options_.plugin.string() + " was built with a key of another kind.");
+    }
+}
+
 bool Agent::Stop() {
     accepting_ = false;
+    bool ended = true;
     if (plugin_ != nullptr) {
         plugin_->Stop();
-        if (!plugin_->Finish()) {
-            QXPAGENT_LOG(kLogError, "a run-once call did not return; leaving it behind");
-            listener_->RemoveName();
-            return false;
-        }
+        ended = plugin_->Finish();
     }
-    reports_.StopWaiting();
+    if (upkeep_ != nullptr) {
+        upkeep_->Stop();
+    }
+    GiveFinalWords();
+    if (!ended) {
+        QXPAGENT_LOG(kLogError, "a run-once call did not return; leaving it behind");
+        listener_->RemoveName();
+        return false;
+    }
+    if (store_ != nullptr) {
+        store_->StopWaiting();
+    }
     http_.reset();
     plugin_.reset();
     bus_.Shutdown();
@@ -89,50 +128,76 @@ bool Agent::Stop() {
     return true;
 }
 
-SubmitResult Agent::Submit(const std::string& id, std::string document) {
-    if (!accepting_) {
-        return SubmitResult::kNotRunning;
+// Nothing runs any more: what has no result now never will.
+void Agent::GiveFinalWords() {
+    if (collector_ == nullptr) {
+        return;
     }
-    const size_t size = document.size();
-    const int status = server_data_.Send(std::move(document));
-    if (status == kBusOk) {
-        ++commands_delivered_;
-        QXPAGENT_LOG(kLogInfo, "command [%s] delivered, %zu bytes", id.c_str(), size);
-        return SubmitResult::kDelivered;
+    collector_->Stop();
+    if (plugin_ == nullptr) {
+        return;
     }
-    QXPAGENT_LOG(kLogWarn, "command [%s] not delivered (%d), %zu bytes", id.c_str(), status, size);
-    switch (status) {
-        case kBusUndelivered:
-        case kBusShutDown:
-            return SubmitResult::kNotRunning;
-        case kBusQueueFull:
-            return SubmitResult::kBusy;
-        case kBusTimedOut:
-            return SubmitResult::kNotAcknowledged;
-        default:
-            return SubmitResult::kFailed;
+    try {
+        desk_->InterruptAll("The agent was stopped before every result was there; what was running was ended.");
+    } catch (const StoreError& error) {
+        QXPAGENT_LOG(kLogError, "commands have no final word yet, the next start gives it: %s", error.what());
     }
 }
 
-std::optional<bool> Agent::RunOnce(const std::string& name) {
-    const std::optional<bool> accepted = plugin_->RunOnce(name);
-    if (accepted.has_value()) {
-        QXPAGENT_LOG(kLogInfo, "run-once of [%s] %s", name.c_str(), *accepted ? "has ended" : "was not accepted");
+SubmitOutcome Agent::Submit(std::string document, const Peer& peer) {
+    if (!accepting_) {
+        return {SubmitStatus::kNotRunning, "The agent is stopping, or its plugin is not started.", std::nullopt};
     }
+    return desk_->Submit(std::move(document), peer);
+}
+
+std::optional<CommandRecord> Agent::FindCommand(const std::string& id) {
+    return store_->FindCommand(id);
+}
+
+std::vector<CommandRecord> Agent::ListCommands(const CommandQuery& query) {
+    return store_->ListCommands(query);
+}
+
+std::vector<Report> Agent::ListReports(const ReportQuery& query) {
+    return store_->ListReports(query);
+}
+
+std::optional<Report> Agent::FindReport(uint64_t cursor) {
+    return store_->FindReport(cursor);
+}
+
+uint64_t Agent::Acknowledge(const std::vector<uint64_t>& cursors) {
+    return store_->Acknowledge(cursors);
+}
+
+uint64_t Agent::AcknowledgeUpTo(uint64_t cursor) {
+    return store_->AcknowledgeUpTo(cursor);
+}
+
+std::optional<bool> Agent::RunOnce(const std::string& name, const Peer& peer) {
+    const std::optional<bool> accepted = plugin_->RunOnce(name);
+    QXPAGENT_LOG(kLogInfo, "run-once of [%s] from user [%s] uid %u pid %d: %s", name.c_str(), peer.user.c_str(),
+                 peer.uid, peer.pid,
+                 !accepted.has_value() ? "not running"
+                 : *accepted           ? "has ended"
+                                       : "not accepted");
     return accepted;
 }
 
-AgentStatus Agent::Status() const {
+AgentStatus Agent::Status() {
     AgentStatus status;
     status.version = QXPAGENT_VERSION;
     status.plugin_status = plugin_->Status();
     status.plugin_version = plugin_->Version();
     status.uptime = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_);
-    status.commands_delivered = commands_delivered_;
     status.data_directory = plugin_data_;
     status.policy_directory = plugin_data_ / "policyfile";
     status.process_directory = plugin_data_ / "policyprocess";
     status.result_directory = plugin_data_ / "result";
+    status.scripts_waiting = static_cast<unsigned int>(store_->ScriptsWaiting());
+    status.store = store_->Figures();
+    status.counters = counters_.Get();
     return status;
 }
 

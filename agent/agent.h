@@ -9,15 +9,21 @@
 
 #include "agent/agent_connect.h"
 #include "agent/api.h"
+#include "agent/command_desk.h"
 #include "agent/endpoint.h"
 #include "agent/http_server.h"
 #include "agent/manager.h"
 #include "agent/message_bus.h"
 #include "agent/options.h"
 #include "agent/plugin_module.h"
-#include "agent/report_store.h"
+#include "agent/report_intake.h"
+#include "agent/result_collector.h"
+#include "agent/run_counters.h"
 #include "agent/server_data.h"
+#include "agent/store.h"
 #include "agent/unix_listener.h"
+#include "agent/upkeep.h"
+#include "policy/trusted_keys.h"
 
 namespace qxpagent {
 
@@ -39,32 +45,49 @@ public:
     bool Stop();
 
 private:
-    SubmitResult Submit(const std::string& id, std::string document) override;
-    std::optional<bool> RunOnce(const std::string& name) override;
-    AgentStatus Status() const override;
+    SubmitOutcome Submit(std::string document, const Peer& peer) override;
+    std::optional<CommandRecord> FindCommand(const std::string& id) override;
+    std::vector<CommandRecord> ListCommands(const CommandQuery& query) override;
+    std::vector<Report> ListReports(const ReportQuery& query) override;
+    std::optional<Report> FindReport(uint64_t cursor) override;
+    uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override;
+    uint64_t AcknowledgeUpTo(uint64_t cursor) override;
+    std::optional<bool> RunOnce(const std::string& name, const Peer& peer) override;
+    AgentStatus Status() override;
+
+    void OpenStore();
+    void LoadPluginLibrary();
+    void GiveFinalWords();
 
     // Constant after construction.
     const Options options_;
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 
-    // Safe for any thread by themselves. Each uses those above it, so they end in the reverse order.
-    MemoryReportStore reports_;
+    // Safe for any thread by themselves. Each uses those above it, so they end in the reverse order. The pointers are
+    // set by Start before the plugin starts, and constant until the destructor.
+    RunCounters counters_;
+    qxppolicy::TrustedKeys keys_;
+    std::unique_ptr<Store> store_;
     MessageBus bus_;
     ServerData server_data_{bus_};
     AgentConnect agent_connect_;
-    Manager manager_{bus_, reports_};
+    std::unique_ptr<CommandDesk> desk_;
+    std::unique_ptr<Upkeep> upkeep_;
+    std::unique_ptr<ReportIntake> intake_;
+    std::unique_ptr<Manager> manager_;
     Endpoint plugin_endpoint_{bus_};
-    Api api_{*this, reports_};
+    std::unique_ptr<ResultCollector> collector_;
+    Api api_{*this};
 
     // Set by Start before the API is served, constant until the API has ended.
     std::filesystem::path plugin_data_;
+    PluginEntryPoints entry_points_;
     std::unique_ptr<UnixListener> listener_;
     std::unique_ptr<PluginModule> plugin_;
     std::unique_ptr<HttpServer> http_;
 
     // Atomic.
     std::atomic<bool> accepting_{false};
-    std::atomic<uint64_t> commands_delivered_{0};
 };
 
 }  // namespace qxpagent

@@ -77,6 +77,8 @@ Json ReportToJson(const Report& report) {
     Json json;
     json["cursor"] = report.cursor;
     json["id"] = report.id;
+    constexpr const char* kSources[] = {"plugin", "file", "agent"};
+    json["source"] = kSources[static_cast<size_t>(report.source)];
     json["received"] = LocalTimeText(report.received);
     json["json_data_type"] = report.json_data_type;
     json["value"] = report.value;
@@ -110,6 +112,7 @@ struct Api::Route {
 
 const Api::Route Api::kRoutes[] = {
     {"/v1/commands", "POST", kMaxCommandBytes, &Api::SubmitCommand},
+    {"/v1/commands", "GET", kMaxSmallBodyBytes, &Api::ListCommands},
     {"/v1/reports", "GET", kMaxSmallBodyBytes, &Api::FetchReports},
     {"/v1/runonce", "POST", kMaxSmallBodyBytes, &Api::RunOnce},
     {"/v1/status", "GET", kMaxSmallBodyBytes, &Api::ShowStatus},
@@ -151,19 +154,58 @@ HttpResponse Api::SubmitCommand(HttpRequest& request) {
     if (!id.error.empty()) {
         return Problem(400, id.error);
     }
-    switch (agent_.Submit(id.text, std::move(request.body))) {
-        case SubmitResult::kDelivered:
-            return Answer(202, Json{{"id", id.text}, {"delivered", true}});
-        case SubmitResult::kNotRunning:
+    const SubmitOutcome outcome = agent_.Submit(std::move(request.body), Peer());
+    constexpr const char* kStates[] = {"received", "delivered", "refused", "reported", "interrupted"};
+    Json body{{"id", id.text}, {"delivered", true}};
+    if (outcome.command.has_value()) {
+        body["state"] = kStates[static_cast<size_t>(outcome.command->state)];
+        body["expected"] = outcome.command->expected;
+    }
+    switch (outcome.status) {
+        case SubmitStatus::kTaken:
+            return Answer(202, body);
+        case SubmitStatus::kKnown:
+            return Answer(200, body);
+        case SubmitStatus::kConflict:
+            return Problem(409, outcome.detail);
+        case SubmitStatus::kUnacceptable:
+            return Problem(422, outcome.detail);
+        case SubmitStatus::kNotRunning:
             return NotRunning();
-        case SubmitResult::kBusy:
-            return Problem(503, "Too many commands are waiting for the plugin: send this one again later.");
-        case SubmitResult::kNotAcknowledged:
-            return Problem(504, "The plugin has not acknowledged the command in time; it may still run it.");
-        case SubmitResult::kFailed:
+        case SubmitStatus::kStorageFull:
+            return Problem(507, outcome.detail);
+        case SubmitStatus::kNotAcknowledged:
+            return Problem(504, outcome.detail);
+        case SubmitStatus::kBusy:
+        case SubmitStatus::kStorageFailed:
             break;
     }
-    return Problem(500, "The plugin failed over the command; the log says more.");
+    return Problem(503, outcome.detail);
+}
+
+HttpResponse Api::ListCommands(HttpRequest& request) {
+    if (const std::string bad = BadParameter(request, {"after"}); !bad.empty()) {
+        return Problem(400, bad);
+    }
+    const auto after = NumberParameter(request, "after", UINT64_MAX, 0);
+    if (!after.has_value()) {
+        return Problem(400, "The parameter \"after\" must be a sequence, a whole number from 0.");
+    }
+    constexpr const char* kStates[] = {"received", "delivered", "refused", "reported", "interrupted"};
+    CommandQuery query;
+    query.after = *after;
+    Json commands = Json::array();
+    uint64_t sequence = *after;
+    for (const CommandRecord& record : agent_.ListCommands(query)) {
+        commands.push_back({{"id", record.id},
+                            {"state", kStates[static_cast<size_t>(record.state)]},
+                            {"reason", record.reason},
+                            {"sequence", record.sequence},
+                            {"expected", record.expected},
+                            {"unreported", record.unreported}});
+        sequence = record.sequence;
+    }
+    return Answer(200, Json{{"commands", std::move(commands)}, {"sequence", sequence}});
 }
 
 HttpResponse Api::FetchReports(HttpRequest& request) {
@@ -178,12 +220,15 @@ HttpResponse Api::FetchReports(HttpRequest& request) {
     if (!wait.has_value()) {
         return Problem(400, "The parameter \"wait\" must be a whole number of seconds from 0 to 60.");
     }
-    ReportQuery query{Parameter(request, "id"), *after, std::chrono::seconds(*wait)};
+    ReportQuery query;
+    query.id = Parameter(request, "id");
+    query.after = *after;
+    query.wait = std::chrono::seconds(*wait);
     Json reports = Json::array();
     uint64_t cursor = *after;
-    for (const auto& report : reports_.Fetch(query)) {
-        reports.push_back(ReportToJson(*report));
-        cursor = report->cursor;
+    for (const auto& report : agent_.ListReports(query)) {
+        reports.push_back(ReportToJson(report));
+        cursor = report.cursor;
     }
     Json body;
     body["reports"] = std::move(reports);
@@ -202,7 +247,7 @@ HttpResponse Api::RunOnce(HttpRequest& request) {
     if (!IsFileName(name.text)) {
         return Problem(400, "The member \"name\" must be a file name, without '/' and control characters.");
     }
-    const std::optional<bool> accepted = agent_.RunOnce(name.text);
+    const std::optional<bool> accepted = agent_.RunOnce(name.text, Peer());
     if (!accepted.has_value()) {
         return NotRunning();
     }
@@ -214,14 +259,12 @@ HttpResponse Api::ShowStatus(HttpRequest& request) {
         return Problem(400, bad);
     }
     const AgentStatus status = agent_.Status();
-    const ReportCounts reports = reports_.Counts();
     Json body;
     body["version"] = status.version;
     body["plugin_status"] = status.plugin_status;
     body["plugin_version"] = status.plugin_version;
     body["uptime_seconds"] = status.uptime.count();
-    body["reports"] = Json{{"stored", reports.stored}, {"last_cursor", reports.last_cursor}};
-    body["commands"] = Json{{"delivered", status.commands_delivered}};
+    body["reports"] = Json{{"stored", status.store.reports}, {"last_cursor", status.store.last_cursor}};
     body["data_directory"] = status.data_directory.string();
     body["policy_directory"] = status.policy_directory.string();
     body["process_directory"] = status.process_directory.string();

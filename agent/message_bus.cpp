@@ -71,6 +71,7 @@ int MessageBus::Detach(const GUID& component) {
     found->attached = false;
     for (auto& [type, channel] : found->channels) {
         channel.sink = nullptr;
+        channel.direct = nullptr;
     }
     for (auto& [type, channel] : found->channels) {
         WaitUntilIdle(channel, lock);
@@ -88,11 +89,26 @@ int MessageBus::Register(const GUID& component, long type, IMRReceiveComplete* s
         return kBusNotAttached;
     }
     Channel& channel = found->channels[type];
-    if (channel.sink != nullptr) {
+    if (channel.sink != nullptr || channel.direct != nullptr) {
         return kBusTypeTaken;
     }
     channel.sink = sink;
     channel.context = context;
+    return kBusOk;
+}
+
+int MessageBus::RegisterDirect(const GUID& component, long type, DirectReceiver receiver) {
+    auto direct = std::make_shared<const DirectReceiver>(std::move(receiver));
+    std::lock_guard lock(mutex_);
+    Component* const found = FindAttached(component);
+    if (found == nullptr) {
+        return kBusNotAttached;
+    }
+    Channel& channel = found->channels[type];
+    if (channel.sink != nullptr || channel.direct != nullptr) {
+        return kBusTypeTaken;
+    }
+    channel.direct = std::move(direct);
     return kBusOk;
 }
 
@@ -107,7 +123,9 @@ int MessageBus::Unregister(const GUID& component, long type) {
         return kBusNotRegistered;
     }
     Channel& channel = entry->second;
-    const bool registered = std::exchange(channel.sink, nullptr) != nullptr;
+    const bool registered = channel.sink != nullptr || channel.direct != nullptr;
+    channel.sink = nullptr;
+    channel.direct = nullptr;
     WaitUntilIdle(channel, lock);
     return registered ? kBusOk : kBusNotRegistered;
 }
@@ -129,15 +147,20 @@ void MessageBus::WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& l
     settled_.wait(lock, [&] { return channel.in_flight == (within ? channel.leaving : 0); });
 }
 
-int MessageBus::Enqueue(Message message) {
+int MessageBus::WhyRefused(const GUID& sender, size_t bytes) {
     if (stopping_) {
         return kBusShutDown;
     }
-    if (FindAttached(message.sender) == nullptr) {
+    if (FindAttached(sender) == nullptr) {
         return kBusNotAttached;
     }
-    if (queue_.size() >= limits_.queued_messages || message.body.size() > limits_.queued_bytes - queued_bytes_) {
-        return kBusQueueFull;
+    const bool full = queue_.size() + reserved_ >= limits_.queued_messages;
+    return full || bytes > limits_.queued_bytes - queued_bytes_ ? kBusQueueFull : kBusOk;
+}
+
+int MessageBus::Enqueue(Message message) {
+    if (const int refused = WhyRefused(message.sender, message.body.size())) {
+        return refused;
     }
     queued_bytes_ += message.body.size();
     if (message.deadline < armed_) {
@@ -173,8 +196,55 @@ int MessageBus::Request(const GUID& sender, const GUID& target, long type, std::
 int MessageBus::Post(const GUID& sender, const GUID& target, long type, std::string body,
                      const BusCompletion& completion, std::chrono::milliseconds timeout) {
     const auto exchange = completion.sink != nullptr ? std::make_shared<Exchange>() : nullptr;
-    std::lock_guard lock(mutex_);
-    return Enqueue({sender, target, type, std::move(body), Clock::now() + timeout, completion, exchange});
+    std::unique_lock lock(mutex_);
+    Message message{sender, target, type, std::move(body), Clock::now() + timeout, completion, exchange};
+    Channel* const direct = FindDirect(target, type);
+    return direct != nullptr ? GiveDirectly(std::move(message), *direct, lock) : Enqueue(std::move(message));
+}
+
+MessageBus::Channel* MessageBus::FindDirect(const GUID& target, long type) {
+    Component* const component = FindAttached(target);
+    if (component == nullptr) {
+        return nullptr;
+    }
+    const auto entry = component->channels.find(type);
+    return entry != component->channels.end() && entry->second.direct != nullptr ? &entry->second : nullptr;
+}
+
+// The place of the completion is reserved first: once the receiver has taken the message, nothing may fail.
+int MessageBus::GiveDirectly(Message message, Channel& channel, std::unique_lock<std::mutex>& lock) {
+    if (const int refused = WhyRefused(message.sender, 0)) {
+        return refused;
+    }
+    std::list<Message> completion;
+    completion.emplace_back(std::move(message));
+    const std::shared_ptr<const DirectReceiver> receiver = channel.direct;
+    ++reserved_;
+    ++channel.in_flight;
+    Delivery delivery{&channel, false};
+    Delivery* const outer = std::exchange(current_delivery_, &delivery);  // a sink may post
+    lock.unlock();
+    bool taken = false;
+    const bool returned =
+        Guarded("receiver", completion.front().type, [&] { taken = (*receiver)(completion.front().body); });
+    lock.lock();
+    current_delivery_ = outer;
+    EndDelivery(channel, delivery);
+    --reserved_;
+    if (returned && taken && completion.front().exchange != nullptr) {
+        completion.front().body.clear();
+        completion.front().deadline = Clock::time_point::max();
+        completion.front().taken = true;
+        queue_.splice(queue_.end(), completion);
+    }
+    work_.notify_all();
+    return returned && taken ? kBusOk : kBusReceiverFailed;
+}
+
+void MessageBus::EndDelivery(Channel& channel, const Delivery& delivery) {
+    channel.leaving -= delivery.leaving ? 1 : 0;
+    --channel.in_flight;
+    settled_.notify_all();
 }
 
 int MessageBus::Reply(const GUID& receiver, void* token, BusAnswer answer) {
@@ -194,14 +264,14 @@ int MessageBus::Reply(const GUID& receiver, void* token, BusAnswer answer) {
 void MessageBus::DeliverLoop() {
     std::unique_lock lock(mutex_);
     for (;;) {
-        work_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        work_.wait(lock, [this] { return (stopping_ && reserved_ == 0) || !queue_.empty(); });
         if (queue_.empty()) {
             return;
         }
         Message message = std::move(queue_.front());
         queue_.pop_front();
         queued_bytes_ -= message.body.size();
-        Finish(message, Deliver(message, lock), lock);
+        Finish(message, message.taken ? kBusOk : Deliver(message, lock), lock);
     }
 }
 
@@ -237,9 +307,7 @@ int MessageBus::Deliver(const Message& message, std::unique_lock<std::mutex>& lo
     });
     lock.lock();
     current_delivery_ = nullptr;
-    channel.leaving -= delivery.leaving ? 1 : 0;
-    --channel.in_flight;
-    settled_.notify_all();
+    EndDelivery(channel, delivery);
     return taken ? kBusOk : kBusReceiverFailed;
 }
 

@@ -4,11 +4,13 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -23,7 +25,7 @@ enum BusStatus : int {
     kBusOk = 0,
     kBusUndelivered,     // nobody takes this type at the target
     kBusTimedOut,        // not delivered, or not answered, in time
-    kBusReceiverFailed,  // the receiver's sink threw
+    kBusReceiverFailed,  // the receiver's sink threw, or a direct receiver refused
     kBusShutDown,        // the bus is ending
     kBusQueueFull,       // BusLimits
     kBusBadArgument,
@@ -53,6 +55,9 @@ struct BusCompletion {
     unsigned long number = 0;
 };
 
+/// Takes posted messages on the thread that posts them: true when it has taken one for good.
+using DirectReceiver = std::function<bool(std::string_view body)>;
+
 /// The message bus of this process: components attach by name, register for message types and send to each other.
 ///
 /// Messages wait in one bounded queue and are delivered in its order by a small pool of threads, so deliveries overlap,
@@ -76,6 +81,10 @@ public:
     /// Messages of this type to this component go to `sink` from now on. Refused while the type has a sink.
     int Register(const GUID& component, long type, IMRReceiveComplete* sink, void* context);
 
+    /// Posted messages of this type to this component are given to `receiver` within Post from now on, so that a sender
+    /// whose Post has succeeded knows that they are safe. Requests are not taken. Ended by Unregister and Detach.
+    int RegisterDirect(const GUID& component, long type, DirectReceiver receiver);
+
     /// Ends that. Returns only when no delivery of this type to this component is in flight, also when nothing was
     /// registered. Called from within such a delivery it does not wait for that one, nor for others that are
     /// themselves in this function.
@@ -89,6 +98,7 @@ public:
     /// Queues a message. kBusOk: the completion's sink (if any) is called exactly once, on a thread of the bus, with
     /// the outcome and, when the receiver replied before its callback returned, the answer. Anything else: the message
     /// was not queued and the sink is not called. A receiver gets a reply token only when there is a sink to tell.
+    /// With a direct receiver this takes as long as the receiver does, and kBusOk means that it has taken the message.
     int Post(const GUID& sender, const GUID& target, long type, std::string body, const BusCompletion& completion,
              std::chrono::milliseconds timeout);
 
@@ -121,12 +131,14 @@ private:
         Clock::time_point deadline;
         BusCompletion completion;
         std::shared_ptr<Exchange> exchange;  // null: no answer is expected
+        bool taken = false;                  // by a direct receiver: only the completion is left
     };
 
     // One message type of one component. Guarded by mutex_.
     struct Channel {
         IMRReceiveComplete* sink = nullptr;  // null: not registered
         void* context = nullptr;
+        std::shared_ptr<const DirectReceiver> direct;  // instead of a sink
         int in_flight = 0;
         int leaving = 0;  // of those in flight, how many have called Unregister or Detach from within
     };
@@ -145,6 +157,10 @@ private:
 
     Component* FindAttached(const GUID& component);
     int Enqueue(Message message);
+    int WhyRefused(const GUID& sender, size_t bytes);
+    int GiveDirectly(Message message, Channel& channel, std::unique_lock<std::mutex>& lock);
+    Channel* FindDirect(const GUID& target, long type);
+    void EndDelivery(Channel& channel, const Delivery& delivery);
     void DeliverLoop();
     void ExpireLoop();
     int Deliver(const Message& message, std::unique_lock<std::mutex>& lock);
@@ -166,6 +182,7 @@ private:
     std::map<GUID, Component, GuidLess> components_;
     std::list<Message> queue_;
     size_t queued_bytes_ = 0;
+    size_t reserved_ = 0;  // places in the queue, for completions of messages that a direct receiver is taking
     std::unordered_map<uint64_t, std::shared_ptr<Exchange>> exchanges_;  // by token: delivered, not answered yet
     uint64_t token_state_;
     Clock::time_point armed_ = Clock::time_point::max();  // when expiry_thread_ will next look at the queue

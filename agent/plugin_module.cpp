@@ -70,6 +70,11 @@ PluginEntryPoints LoadPlugin(const std::filesystem::path& path) {
     LookUp(library, path, "runonce_plugin", entry_points.runonce_plugin);
     LookUp(library, path, "CreateObject", entry_points.create_object);
     LookUp(library, path, "DestroyObject", entry_points.destroy_object);
+    const char* const* text = nullptr;
+    LookUp(library, path, "g_szRsaModulus", text);
+    entry_points.rsa_modulus = *text;
+    LookUp(library, path, "g_szRsaPublicExponent", text);
+    entry_points.rsa_exponent = *text;
     return entry_points;
 }
 

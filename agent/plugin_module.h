@@ -19,6 +19,9 @@ struct PluginEntryPoints {
     decltype(&::runonce_plugin) runonce_plugin = nullptr;
     decltype(&::CreateObject) create_object = nullptr;
     decltype(&::DestroyObject) destroy_object = nullptr;
+    // The public key that the plugin verifies scripts with: modulus and exponent as hexadecimal digits.
+    const char* rsa_modulus = nullptr;
+    const char* rsa_exponent = nullptr;
 };
 
 /// Loads a plugin library and looks its functions up. The library stays loaded for the life of the process: its threads

@@ -1,16 +1,18 @@
 #include "agent/unix_listener.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "agent/lock_file.h"
 #include "agent/startup_error.h"
 
 namespace qxpagent {
@@ -25,17 +27,17 @@ std::string Reason(int error) {
 
 UniqueFd TakeLock(const std::filesystem::path& socket_path) {
     const std::string path = socket_path.string() + ".lock";
-    UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
-    if (!lock.IsOpen()) {
-        const int error = errno;
-        throw StartupError("The lock file " + path + " cannot be opened: " + Reason(error) +
+    try {
+        std::optional<UniqueFd> lock = TakeLockFile(path);
+        if (lock.has_value()) {
+            return std::move(*lock);
+        }
+    } catch (const std::system_error& error) {
+        throw StartupError("The lock file " + path + " cannot be opened: " + Reason(error.code().value()) +
                            ". Create its directory, or name another socket with --socket.");
     }
-    if (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw StartupError("Another agent is running, or still stopping, on " + socket_path.string() +
-                           ": stop it, or name another socket with --socket.");
-    }
-    return lock;
+    throw StartupError("Another agent is running, or still stopping, on " + socket_path.string() +
+                       ": stop it, or name another socket with --socket.");
 }
 
 UniqueFd NewSocket() {

@@ -7,10 +7,15 @@
 
 #include "ctl/error.h"
 #include "ctl/files.h"
-#include "ctl/signature_format.h"
 #include "ctl/text.h"
+#include "policy/signature_format.h"
 
 namespace qxpctl {
+
+using qxppolicy::BignumPtr;
+using qxppolicy::BioPtr;
+using qxppolicy::kRsaBits;
+using qxppolicy::kRsaExponent;
 
 namespace {
 

@@ -2,9 +2,11 @@
 
 #include <string>
 
-#include "ctl/openssl_ptr.h"
+#include "policy/openssl_ptr.h"
 
 namespace qxpctl {
+
+using qxppolicy::KeyPtr;
 
 /// The signature form that a key makes or checks.
 enum class Scheme { Plugin, Ed25519 };

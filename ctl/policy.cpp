@@ -9,13 +9,15 @@
 #include "ctl/error.h"
 #include "ctl/json.h"
 #include "ctl/script_type.h"
-#include "ctl/signature_format.h"
 #include "ctl/signer.h"
 #include "ctl/text.h"
+#include "policy/signature_format.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxppolicy::kMaxSignedBytes;
 
 // Base64 makes four characters of three bytes.
 constexpr size_t kMaxScriptBytes = kMaxSignedBytes / 4 * 3;
@@ -88,10 +90,6 @@ void CheckDistinctIds(const std::vector<PackedScript>& scripts) {
 }
 
 }  // namespace
-
-bool IsRunCommand(const std::string& command) {
-    return command == kRunNormal || command == kRunFile || command == kRunProcess;
-}
 
 Policy BuildPolicy(const PolicyRequest& request, const Key& private_key) {
     if (request.scripts.empty())

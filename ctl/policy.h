@@ -6,18 +6,16 @@
 
 #include "ctl/key_file.h"
 #include "ctl/script_argument.h"
+#include "policy/command.h"
 
 namespace qxpctl {
 
-inline constexpr const char* kRunNormal = "RunScriptNormal";
-inline constexpr const char* kRunFile = "RunScriptFile";
-inline constexpr const char* kRunProcess = "RunScriptProcess";
+using qxppolicy::IsRunCommand;
+using qxppolicy::kMaxScripts;
+using qxppolicy::kRunFile;
+using qxppolicy::kRunNormal;
+using qxppolicy::kRunProcess;
 
-/// True for the three commands that run scripts.
-bool IsRunCommand(const std::string& command);
-
-/// The plugin admits a policy while its scripts and the runs in progress are fewer than 64.
-inline constexpr size_t kMaxScripts = 63;
 /// The agent takes no larger command document.
 inline constexpr size_t kMaxPolicyBytes = 104857600;
 

@@ -1,42 +1,15 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "ctl/trusted_keys.h"
+#include "policy/policy_check.h"
+
+// The shared check of a policy, under the names of the tool.
 
 namespace qxpctl {
 
-enum class Verdict {
-    Accepted,  // runs
-    NotRun,    // accepted, but nothing of it would run
-    CutShort,  // accepted, but only a part of it would run
-    Dropped,
-};
-
-struct ScriptVerdict {
-    std::string id;    // as in the document; may be empty
-    std::string type;  // likewise
-    Verdict verdict = Verdict::Dropped;
-    std::string reason;  // in plain words; empty when accepted
-};
-
-struct PolicyVerdict {
-    /// False when the plugin cannot read the text as JSON; nothing else is then set.
-    bool readable = false;
-    std::string id;
-    std::string command;
-    /// Why the policy is refused as a whole, whatever its scripts.
-    std::vector<std::string> faults;
-    /// In document order; empty when the document cannot be read down to its scripts.
-    std::vector<ScriptVerdict> scripts;
-
-    /// True when nothing is refused and every script would be accepted and run.
-    bool Good() const;
-};
-
-/// What the plugin would make of a command document. Read with the plugin's own JSON reader, and checked in the
-/// plugin's own order, so that the two cannot disagree.
-PolicyVerdict CheckPolicy(const std::string& document, const TrustedKeys& keys);
+using qxppolicy::CheckPolicy;
+using qxppolicy::PolicyVerdict;
+using qxppolicy::ScriptVerdict;
+using qxppolicy::Verdict;
 
 }  // namespace qxpctl

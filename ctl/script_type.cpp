@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "ctl/error.h"
-#include "qxhost/cpstring.h"
 
 namespace qxpctl {
 
@@ -37,19 +36,6 @@ std::string InterpreterName(std::string_view script) {
 }
 
 }  // namespace
-
-TypeHandling HandlingOf(const std::string& type) {
-    // The plugin's own comparison, so that it is the same for any text.
-    const CPString text(type);
-    const auto is = [&text](const char* name) { return text.CompareNoCase(name) == 0; };
-    if (is("bat") || is("vbs"))
-        return TypeHandling::Unsupported;
-    if (is("sh"))
-        return TypeHandling::Shell;
-    if (is("exe"))
-        return TypeHandling::Program;
-    return TypeHandling::NeverRun;
-}
 
 std::string GuessType(const std::string& path, const ScriptFile& script) {
     const std::string interpreter = InterpreterName(script.bytes);

@@ -3,18 +3,12 @@
 #include <string>
 
 #include "ctl/files.h"
+#include "policy/type_handling.h"
 
 namespace qxpctl {
 
-/// What the plugin does with a script of a type, compared without regard to case.
-enum class TypeHandling {
-    Shell,       // "sh": run by bash
-    Program,     // "exe": run as it is
-    NeverRun,    // "zip" and unknown types: accepted, and then nothing happens
-    Unsupported  // "bat", "vbs": dropped
-};
-
-TypeHandling HandlingOf(const std::string& type);
+using qxppolicy::HandlingOf;
+using qxppolicy::TypeHandling;
 
 /// The type of a script that nobody gave one: "sh" for a script that names sh, bash, dash or ash as its interpreter and
 /// for a file named *.sh; "exe" for an ELF program, a script with any other interpreter and a file with the execute

@@ -7,12 +7,21 @@
 #include <array>
 
 #include "ctl/error.h"
-#include "ctl/signature_format.h"
 #include "ctl/text.h"
+#include "policy/signature_format.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxppolicy::DigestContextPtr;
+using qxppolicy::kDigestBytes;
+using qxppolicy::kEd25519Mark;
+using qxppolicy::kEd25519SignatureBytes;
+using qxppolicy::KeyContextPtr;
+using qxppolicy::kPluginBlockBytes;
+using qxppolicy::kPluginDigestOffset;
+using qxppolicy::kPluginMark;
 
 const unsigned char* Bytes(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());

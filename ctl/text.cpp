@@ -73,16 +73,6 @@ std::string Escape(std::string_view text, bool keep_layout) {
     return escaped;
 }
 
-int HexValue(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F')
-        return digit - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 bool IsValidUtf8(std::string_view text) {
@@ -125,31 +115,6 @@ std::string ShellWord(std::string_view text) {
             word += c;
     }
     return word + "'";
-}
-
-std::string HexEncode(std::span<const unsigned char> bytes) {
-    std::string digits;
-    digits.reserve(2 * bytes.size());
-    for (const unsigned char byte : bytes) {
-        digits += kHexDigits[byte >> 4];
-        digits += kHexDigits[byte & 0x0F];
-    }
-    return digits;
-}
-
-std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits) {
-    if (digits.size() % 2 != 0)
-        return std::nullopt;
-    std::vector<unsigned char> bytes;
-    bytes.reserve(digits.size() / 2);
-    for (size_t at = 0; at < digits.size(); at += 2) {
-        const int high = HexValue(digits[at]);
-        const int low = HexValue(digits[at + 1]);
-        if (high < 0 || low < 0)
-            return std::nullopt;
-        bytes.push_back(static_cast<unsigned char>(high * 16 + low));
-    }
-    return bytes;
 }
 
 std::string Base64Encode(std::string_view bytes) {

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "policy/hex.h"
 
 namespace qxpctl {
 
@@ -24,11 +24,8 @@ std::string OneLine(std::string_view text);
 /// A word for a POSIX shell, quoted only when it must be.
 std::string ShellWord(std::string_view text);
 
-/// Two lower-case digits a byte.
-std::string HexEncode(std::span<const unsigned char> bytes);
-
-/// Reads an even number of hexadecimal digits of either case; nothing for any other text.
-std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits);
+using qxppolicy::HexDecode;
+using qxppolicy::HexEncode;
 
 /// Base64 in the standard alphabet with padding, without line breaks (RFC 4648 section 4).
 std::string Base64Encode(std::string_view bytes);

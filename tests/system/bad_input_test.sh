@@ -52,8 +52,12 @@ printf '{"ID":"deep","Command":"RunScriptNormal","param":%s}' "$(printf '[%.0s' 
 status_of -d @deep.json http://agent/v1/commands >/dev/null
 printf '{"ID":"\xff\xfe","Command":"Reboot"}' | status_of --data-binary @- http://agent/v1/commands >/dev/null
 jq -c '.ID = "many" | .param.scriptinfo = [range(64) as $n | .param.scriptinfo[0]]' good.json >many.json
-expect "64 scripts are delivered" "202 application/json" "$(status_of -d @many.json http://agent/v1/commands)"
-expect "and refused whole" 4 "$(api 'http://agent/v1/reports?id=many&wait=30' | jq -r '.reports[0].document.msg_type')"
+problem "64 scripts" 422 '64 scripts' -d @many.json http://agent/v1/commands
+jq -c '.ID = "path" | .param.scriptinfo[0].scriptpath = "/opt/$(id)"' good.json >path.json
+problem "a path for a shell to stumble over, past the tool" 422 'scriptpath' -d @path.json http://agent/v1/commands
+jq -c '.ID = "unsigned" | .param.scriptinfo[0].sign = "01100000ff"' good.json >unsigned.json
+expect "nothing that may run" refused "$(api -d @unsigned.json http://agent/v1/commands | jq -r .state)"
+expect "and the plugin says so" 4 "$(api 'http://agent/v1/reports?id=unsigned' | jq -r '.reports[0].document.msg_type')"
 expect "a good policy still runs" 0 "$(exit_code qxpctl run --key "$QXP_KEY" good.sh)"
 stop_agent TERM
 expect "exit code of the agent" 0 "$exit_status"

@@ -7,7 +7,7 @@
 // The two forms of a script's signature. Both are hexadecimal text: a 4-byte mark, least significant byte first, then
 // the signature over the Base64 text of the script exactly as it stands in the policy.
 
-namespace qxpctl {
+namespace qxppolicy {
 
 /// The plugin's own form: the RSA private-key operation, without padding, over a message of 128 bytes that holds the
 /// SHA-256 of the text. A plugin trusts the one public key that it was built with.
@@ -33,4 +33,4 @@ inline constexpr size_t kMaxSignedBytes = 52428800;
 inline constexpr int kRsaBits = 1024;
 inline constexpr uint64_t kRsaExponent = 65537;
 
-}  // namespace qxpctl
+}  // namespace qxppolicy

@@ -1,4 +1,4 @@
-#include "ctl/policy_check.h"
+#include "policy/policy_check.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -6,12 +6,12 @@
 #include <memory>
 #include <optional>
 
-#include "ctl/policy.h"
-#include "ctl/script_type.h"
+#include "policy/command.h"
+#include "policy/type_handling.h"
 #include "qxhost/base64.h"
 #include "qxhost/json.h"
 
-namespace qxpctl {
+namespace qxppolicy {
 
 namespace {
 
@@ -44,6 +44,7 @@ ScriptVerdict Judge(ScriptVerdict script, Verdict verdict, std::string reason) {
 // A script that the plugin accepts: what it would run of it.
 ScriptVerdict JudgeBody(ScriptVerdict script, const std::string& base64_text) {
     const std::optional<std::string> body = Decode(base64_text);
+    script.reported = true;
     const bool shell = HandlingOf(script.type) == TypeHandling::Shell;
     const size_t nul = body && shell ? body->find('\0') : std::string::npos;
     if (!body)
@@ -137,14 +138,16 @@ bool PolicyVerdict::Good() const {
 }
 
 PolicyVerdict CheckPolicy(const std::string& document, const TrustedKeys& keys) {
-    PolicyVerdict verdict;
     CPJsonParse json;
-    verdict.readable = json.LoadBuffer(document.c_str());
-    if (!verdict.readable)
-        return verdict;
-    CheckCommand(json, verdict);
-    CheckScripts(json, keys, verdict);
+    return json.LoadBuffer(document.c_str()) ? CheckPolicy(json, keys) : PolicyVerdict();
+}
+
+PolicyVerdict CheckPolicy(const CPJsonParse& document, const TrustedKeys& keys) {
+    PolicyVerdict verdict;
+    verdict.readable = true;
+    CheckCommand(document, verdict);
+    CheckScripts(document, keys, verdict);
     return verdict;
 }
 
-}  // namespace qxpctl
+}  // namespace qxppolicy

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agent/agent_control.h"
+#include "agent/run_counters.h"
+#include "agent/store.h"
+#include "policy/trusted_keys.h"
+#include "qxhost/json.h"
+
+namespace qxpagent {
+
+/// Takes commands in, journals them, hands them to the plugin, and sees that each gets its final word. Any thread.
+class CommandDesk {
+public:
+    /// Hands a document to the plugin and waits until it has acknowledged it. Returns a BusStatus; see ServerData.
+    using HandOver = std::function<int(std::string document)>;
+
+    /// All must outlive it.
+    CommandDesk(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys, HandOver hand_over)
+        : store_(store), counters_(counters), keys_(keys), hand_over_(std::move(hand_over)) {}
+
+    /// As AgentControl::Submit. Calls with one ID follow each other.
+    SubmitOutcome Submit(std::string document, const Peer& peer);
+
+    /// Before the plugin starts: the commands that an earlier agent delivered and never heard of are to be interrupted.
+    /// Throws StoreError.
+    void TakeStock();
+    /// Gives those their final word, and delivers what was journalled and not delivered. What the store or the plugin
+    /// does not take now is left for the next call.
+    void Settle();
+    /// After the plugin has ended: interrupts what is still delivered. Throws StoreError.
+    void InterruptAll(const std::string& reason);
+
+private:
+    // What the plugin will make of a command.
+    struct Forecast {
+        bool refused = false;
+        std::string reason;  // should it refuse it
+        std::string command;
+        uint32_t scripts = 0;
+        std::vector<std::string> expected;
+    };
+    class Turn;
+
+    SubmitOutcome Take(std::string document, const Peer& peer, NewCommand& command);
+    SubmitOutcome Journal(const NewCommand& command, const Forecast& forecast);
+    Forecast Foresee(const qxtools::CPJsonParse& document) const;
+    SubmitOutcome Deliver(const NewCommand& command, const Forecast& forecast);
+    SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
+    void FinishWithdrawal(const std::string& id);
+    void Conclude(const std::string& id, int status, const Forecast& forecast);
+    void DeliverAgain(const std::string& id);
+    void InterruptOne(const std::string& id, const std::string& reason);
+
+    Store& store_;
+    RunCounters& counters_;
+    const qxppolicy::TrustedKeys& keys_;
+    const HandOver hand_over_;
+
+    std::mutex mutex_;
+    std::condition_variable turn_ended_;
+    // Guarded by mutex_.
+    std::set<std::string> busy_;        // IDs that are being submitted or delivered
+    std::vector<std::string> orphans_;  // IDs that are to be interrupted
+    std::set<std::string> withdrawn_;   // IDs that are to be taken back, which the store refused
+};
+
+}  // namespace qxpagent

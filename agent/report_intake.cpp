@@ -1,0 +1,53 @@
+#include "agent/report_intake.h"
+
+#include <utility>
+
+#include "agent/log.h"
+#include "agent/report_envelope.h"
+
+namespace qxpagent {
+
+bool ReportIntake::TakeMessage(std::string_view envelope) {
+    const auto decoded = DecodeReportEnvelope(envelope);
+    if (!decoded.has_value()) {
+        QXPAGENT_LOG(kLogWarn, "a report of %zu bytes was refused: its envelope is malformed", envelope.size());
+        return false;
+    }
+    Report report;
+    report.json_data_type = decoded->json_data_type;
+    report.value = decoded->value;
+    report.text = decoded->text;
+    const ReportContent content = ReadReport(report.text);
+    try {
+        Take(std::move(report), content, std::nullopt);
+        return true;
+    } catch (const StoreError& error) {
+        QXPAGENT_LOG(kLogError, "a report of command [%s], %zu bytes, was refused: %s", content.id.c_str(),
+                     decoded->text.size(), error.what());
+        return false;
+    }
+}
+
+void ReportIntake::TakeFile(const FileMark& mark, std::string text, const ReportContent& content) {
+    Report report;
+    report.source = ReportSource::kFile;
+    report.file = mark.name;
+    report.text = std::move(text);
+    Take(std::move(report), content, mark);
+}
+
+uint64_t ReportIntake::Take(Report report, const ReportContent& content, const std::optional<FileMark>& mark) {
+    report.received = std::chrono::system_clock::now();
+    report.id = content.id;
+    const uint64_t cursor = store_.Append(report, content, mark);
+    if (cursor == 0) {
+        return 0;
+    }
+    QXPAGENT_LOG(kLogInfo, "report %llu stored, command [%s], %zu bytes%s%s", static_cast<unsigned long long>(cursor),
+                 report.id.c_str(), report.text.size(), report.file.empty() ? "" : ", file ", report.file.c_str());
+    counters_.Count(content);
+    stored_();
+    return cursor;
+}
+
+}  // namespace qxpagent

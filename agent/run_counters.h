@@ -1,0 +1,31 @@
+#pragma once
+
+#include <mutex>
+
+#include "agent/agent_control.h"
+#include "agent/report_document.h"
+
+namespace qxpagent {
+
+/// What has happened since the start, counted. Any thread.
+class RunCounters {
+public:
+    RunCounters();
+
+    void CommandTaken();
+    void RefusedAtDoor();
+    void RefusedByPlugin();
+    /// Runs that will never have a result.
+    void Interrupted(uint64_t runs);
+    void RemovedUndelivered(uint64_t reports);
+    /// The runs of a report that was stored.
+    void Count(const ReportContent& content);
+
+    AgentCounters Get() const;
+
+private:
+    mutable std::mutex mutex_;
+    AgentCounters counters_;  // guarded by mutex_
+};
+
+}  // namespace qxpagent

@@ -1,0 +1,99 @@
+#include "agent/upkeep.h"
+
+#include <pthread.h>
+
+#include <utility>
+
+#include "agent/housekeeping.h"
+#include "agent/log.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr std::chrono::seconds kRetryTime{5};   // what the store refused is tried again
+constexpr std::chrono::minutes kRoundTime{10};  // ages are looked at
+
+}  // namespace
+
+Upkeep::Upkeep(Store& store, CommandDesk& desk, RunCounters& counters, const Retention& retention)
+    : store_(store), desk_(desk), counters_(counters), retention_(retention) {
+}
+
+Upkeep::~Upkeep() {
+    Stop();
+}
+
+void Upkeep::Start(const Directories& directories) {
+    directories_ = directories;
+    thread_ = std::thread([this] { Loop(); });
+    pthread_setname_np(thread_.native_handle(), "qxpupkeep");
+}
+
+void Upkeep::StoreHasGrown() {
+    const std::lock_guard lock(mutex_);
+    grown_ = true;
+    woken_.notify_all();
+}
+
+void Upkeep::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+        woken_.notify_all();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Upkeep::Loop() {
+    auto next_round = std::chrono::steady_clock::now();
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        grown_ = false;
+        lock.unlock();
+        const auto now = std::chrono::steady_clock::now();
+        const bool all = now >= next_round;
+        if (all) {
+            next_round = now + kRoundTime;
+        }
+        Round(all);
+        lock.lock();
+        woken_.wait_for(lock, kRetryTime, [this] { return stopping_ || grown_; });
+    }
+}
+
+void Upkeep::Round(bool all) {
+    try {
+        store_.Probe();
+        desk_.Settle();
+        if (all || store_.Bytes() > retention_.bytes) {
+            Retain();
+        }
+        if (all) {
+            RemoveLeftovers(store_, directories_.data, directories_.result,
+                            std::chrono::system_clock::now() - retention_.leftover_age);
+        }
+    } catch (const StoreError& error) {
+        QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());
+    }
+}
+
+void Upkeep::Retain() {
+    const Removed removed = store_.Retain(retention_, std::chrono::system_clock::now());
+    counters_.RemovedUndelivered(removed.unacknowledged);
+    if (removed.unacknowledged > 0) {
+        QXPAGENT_LOG(kLogError,
+                     "%llu reports were removed from the store before anybody acknowledged them: they were too old or "
+                     "too large together",
+                     static_cast<unsigned long long>(removed.unacknowledged));
+    }
+    if (removed.commands + removed.reports > removed.unacknowledged) {
+        QXPAGENT_LOG(kLogInfo, "%llu commands and %llu reports have had their time and were removed from the store",
+                     static_cast<unsigned long long>(removed.commands),
+                     static_cast<unsigned long long>(removed.reports));
+    }
+}
+
+}  // namespace qxpagent

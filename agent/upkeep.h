@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "agent/command_desk.h"
+#include "agent/options.h"
+#include "agent/run_counters.h"
+#include "agent/store.h"
+
+namespace qxpagent {
+
+/// A thread that keeps the store within its limits and the plugin's directories tidy, and tries again what the store
+/// refused.
+class Upkeep {
+public:
+    struct Directories {
+        std::filesystem::path data;
+        std::filesystem::path result;
+    };
+
+    Upkeep(Store& store, CommandDesk& desk, RunCounters& counters, const Retention& retention);
+    ~Upkeep();
+    Upkeep(const Upkeep&) = delete;
+    Upkeep& operator=(const Upkeep&) = delete;
+
+    /// Begins; the first round comes at once.
+    void Start(const Directories& directories);
+    /// The store has grown. Any thread, also before Start.
+    void StoreHasGrown();
+    /// Ends the thread. A second call does nothing.
+    void Stop();
+
+private:
+    void Loop();
+    void Round(bool all);
+    void Retain();
+
+    // Constant after Start.
+    Store& store_;
+    CommandDesk& desk_;
+    RunCounters& counters_;
+    const Retention retention_;
+    Directories directories_;
+
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    // Guarded by mutex_.
+    bool grown_ = false;
+    bool stopping_ = false;
+
+    std::thread thread_;
+};
+
+}  // namespace qxpagent

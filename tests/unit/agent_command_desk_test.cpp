@@ -1,0 +1,260 @@
+#include "agent/command_desk.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/message_bus.h"
+#include "ctl/key_file.h"
+#include "ctl/signer.h"
+#include "ctl/trusted_keys.h"
+#include "tests/support/temp_dir.h"
+#include "tests/unit/agent_test_support.h"
+
+namespace qxpagent {
+namespace {
+
+const Peer kPeer{1000, 1000, 4321, "operator"};
+
+// The desk over a store, with a plugin that does as the test says.
+class CommandDeskTest : public testing::Test {
+protected:
+    CommandDeskTest() {
+        const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+        keys_.AddKeyFile(directory_.Write("pub.pem", qxpctl::WriteKeyPair(key).public_pem));
+        sign_ = qxpctl::Sign(key, "ZWNobwo=");
+        Restart();
+    }
+
+    // As a new process would: what is not in the store is gone.
+    void Restart() {
+        desk_.reset();
+        store_.reset();
+        store_ = std::make_unique<Store>(StoreOptions{.path = path_, .busy = std::chrono::milliseconds(10)});
+        desk_ = std::make_unique<CommandDesk>(*store_, counters_, keys_, [this](const std::string& document) {
+            delivered_.push_back(document);
+            return plugin_(document);
+        });
+    }
+    std::string Script(const std::string& id, const std::string& type = "sh", const std::string& sign = "") const {
+        return R"({"scriptid":")" + id + R"(","scripttype":")" + type + R"(","scriptdata":"ZWNobwo=","sign":")" +
+               (sign.empty() ? sign_ : sign) + "\"}";
+    }
+    std::string Document(const std::string& id, const std::string& scripts,
+                         const std::string& command = "RunScriptNormal") const {
+        return R"({"ID":")" + id + R"(","Command":")" + command + R"(","param":{"scriptinfo":[)" + scripts + "]}}";
+    }
+    std::string Document(const std::string& id) const { return Document(id, Script("a")); }
+    SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
+    void Report(const std::string& text) {
+        qxpagent::Report report;
+        const ReportContent content = ReadReport(text);
+        report.id = content.id;
+        report.text = text;
+        store_->Append(report, content);
+    }
+    CommandState StateOf(const std::string& id) {
+        const auto record = store_->FindCommand(id);
+        EXPECT_TRUE(record.has_value()) << id;
+        return record.value_or(CommandRecord()).state;
+    }
+    std::unique_ptr<SQLite::Database> Lock() const {
+        auto other = std::make_unique<SQLite::Database>(path_.string(), SQLite::OPEN_READWRITE);
+        other->exec("BEGIN IMMEDIATE");
+        return other;
+    }
+    size_t AgentReports(const std::string& id) {
+        return store_->ListReports({.id = id, .source = ReportSource::kAgent}).size();
+    }
+
+    const TempDir directory_;
+    const std::filesystem::path path_ = directory_.Path() / "agent.db";
+    qxpctl::TrustedKeys keys_;
+    std::string sign_;
+    RunCounters counters_;
+    std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
+    std::vector<std::string> delivered_;
+    std::unique_ptr<Store> store_;
+    std::unique_ptr<CommandDesk> desk_;
+};
+
+TEST_F(CommandDeskTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) {
+    plugin_ = [this](const std::string&) {
+        EXPECT_EQ(CommandState::kDelivered, StateOf("c"));
+        return kBusOk;
+    };
+    const std::string document = Document("c", Script("a") + "," + Script("b", "EXE") + "," + Script("z", "zip") + "," +
+                                                   Script("bad", "sh", "01100000ff") + "," + Script("w", "bat"));
+    const SubmitOutcome outcome = desk_->Submit(document, kPeer);
+    ASSERT_EQ(SubmitStatus::kTaken, outcome.status);
+    ASSERT_TRUE(outcome.command.has_value());
+    EXPECT_EQ(CommandState::kDelivered, outcome.command->state);
+    EXPECT_EQ(5U, outcome.command->scripts);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), outcome.command->unreported);
+    EXPECT_EQ(4321, outcome.command->submitter.pid);
+    EXPECT_EQ(64U, outcome.command->sha256.size());
+    EXPECT_EQ(document, delivered_.at(0)) << "not a byte differs";
+
+    EXPECT_EQ(SubmitStatus::kKnown, Submit(document));
+    const SubmitOutcome conflict = desk_->Submit(document + " ", kPeer);
+    EXPECT_EQ(SubmitStatus::kConflict, conflict.status);
+    EXPECT_NE(std::string::npos, conflict.detail.find("\"c\""));
+    EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("a/b")));
+    EXPECT_EQ(SubmitStatus::kUnacceptable, Submit("no json"));
+    EXPECT_EQ(1U, delivered_.size());
+    EXPECT_EQ(1U, counters_.Get().commands_taken);
+    EXPECT_EQ(2U, counters_.Get().commands_refused_at_door);
+}
+
+TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
+    EXPECT_EQ(CommandState::kReported, desk_->Submit(Document("zip", Script("z", "zip")), kPeer).command->state)
+        << "nothing of it has a result";
+    plugin_ = [this](const std::string&) {
+        Report(R"({"ID":"full","msg_type":"4","data_type":"x"})");
+        return kBusOk;
+    };
+    SubmitOutcome outcome = desk_->Submit(Document("full"), kPeer);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+    EXPECT_NE(std::string::npos, outcome.command->reason.find("too many")) << outcome.command->reason;
+
+    // A refusal that the plugin's own answer does not name, since its text is cut.
+    plugin_ = [](const std::string&) { return kBusOk; };
+    outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+    EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
+    plugin_ = [](const std::string&) { return kBusReceiverFailed; };
+    EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
+    EXPECT_EQ(3U, counters_.Get().commands_refused_by_plugin);
+
+    plugin_ = [](const std::string&) { return kBusTimedOut; };
+    outcome = desk_->Submit(Document("late"), kPeer);
+    EXPECT_EQ(SubmitStatus::kNotAcknowledged, outcome.status);
+    EXPECT_EQ(CommandState::kDelivered, outcome.command->state) << "it may run, so it stays";
+}
+
+TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {
+    plugin_ = [](const std::string&) { return kBusQueueFull; };
+    EXPECT_EQ(SubmitStatus::kBusy, Submit(Document("c")));
+    plugin_ = [](const std::string&) { return kBusUndelivered; };
+    EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c")));
+    EXPECT_FALSE(store_->FindCommand("c").has_value());
+    plugin_ = [](const std::string&) { return kBusOk; };
+    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
+}
+
+TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
+    {
+        const auto lock = Lock();
+        EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
+        EXPECT_TRUE(delivered_.empty());
+    }
+    // It fails just when the plugin has not taken the command: neither told as known nor delivered later.
+    std::unique_ptr<SQLite::Database> lock;
+    plugin_ = [&](const std::string&) {
+        lock = Lock();
+        return kBusQueueFull;
+    };
+    EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
+    lock.reset();
+    plugin_ = [](const std::string&) { return kBusOk; };
+    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
+
+    // It fails when the plugin has it: the command is taken, and ends like any other.
+    plugin_ = [&](const std::string&) {
+        lock = Lock();
+        return kBusOk;
+    };
+    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("d", Script("z", "zip"))));
+    lock.reset();
+    desk_->InterruptAll("stopped");
+    EXPECT_EQ(CommandState::kInterrupted, StateOf("d"));
+}
+
+TEST_F(CommandDeskTest, SubmissionsOfOneIdFollowEachOther) {
+    Happening inside;
+    Happening release;
+    plugin_ = [&](const std::string&) {
+        inside.Set();
+        EXPECT_TRUE(release.Wait());
+        return kBusUndelivered;
+    };
+    std::thread first([&] { EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))); });
+    ASSERT_TRUE(inside.Wait());
+    std::thread second([&] {
+        EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))) << "and not known: the first was taken back";
+    });
+    release.Set();
+    first.join();
+    second.join();
+    EXPECT_EQ(2U, delivered_.size());
+}
+
+TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord) {
+    Submit(Document("running", Script("a") + "," + Script("b")));
+    Report(R"({"ID":"running","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
+    Submit(Document("done"));
+    Report(R"({"ID":"done","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
+    // As if the process had died between the two steps of the journal.
+    NewCommand journalled;
+    journalled.id = "journalled";
+    journalled.text = Document("journalled");
+    journalled.sha256 = "sha";
+    journalled.expected = {"a"};
+    CommandRecord record;
+    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
+    Submit(Document("late", Script("f"), "RunScriptFile"));
+
+    Restart();
+    delivered_.clear();
+    desk_->TakeStock();
+    // A result file of the time before is found while the stock is taken.
+    Report(R"({"ID":"late","msg_type":"1","data":{"result":[{"scriptid":"f","run_starttime":"t"}]}})");
+    {
+        const auto lock = Lock();
+        desk_->Settle();
+        EXPECT_EQ(CommandState::kDelivered, StateOf("running")) << "nothing could be written";
+        EXPECT_TRUE(delivered_.empty());
+    }
+    Submit(Document("new"));
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kInterrupted, StateOf("running"));
+    EXPECT_EQ(std::vector<std::string>{"b"}, store_->FindCommand("running")->unreported);
+    EXPECT_EQ(CommandState::kReported, StateOf("done"));
+    EXPECT_EQ(CommandState::kReported, StateOf("late"));
+    EXPECT_EQ(CommandState::kDelivered, StateOf("journalled"));
+    EXPECT_EQ(CommandState::kDelivered, StateOf("new")) << "it is of this process";
+    EXPECT_EQ((std::vector<std::string>{Document("new"), Document("journalled")}), delivered_);
+    EXPECT_EQ(1U, AgentReports("running"));
+    EXPECT_EQ(1U, counters_.Get().runs_interrupted);
+
+    desk_->Settle();
+    EXPECT_EQ(2U, delivered_.size());
+    desk_->InterruptAll("stopped");
+    EXPECT_EQ(CommandState::kInterrupted, StateOf("new"));
+    EXPECT_EQ(1U, AgentReports("new"));
+    EXPECT_EQ(1U, AgentReports("running"));
+    EXPECT_EQ(0U, AgentReports("done"));
+}
+
+TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
+    NewCommand journalled;
+    journalled.id = "c";
+    journalled.text = Document("c");
+    journalled.expected = {"a"};
+    CommandRecord record;
+    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
+    plugin_ = [](const std::string&) { return kBusUndelivered; };
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kReceived, StateOf("c"));
+    plugin_ = [](const std::string&) { return kBusOk; };
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kDelivered, StateOf("c"));
+}
+
+}  // namespace
+}  // namespace qxpagent

@@ -1,0 +1,87 @@
+#include "agent/door_check.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qxpagent {
+namespace {
+
+std::string Why(const std::string& document) {
+    qxtools::CPJsonParse json;
+    EXPECT_TRUE(json.LoadBuffer(document.c_str())) << document;
+    return WhyUnacceptable(json);
+}
+
+std::string WithScripts(const std::string& scripts) {
+    return R"({"ID":"c","Command":"RunScriptNormal","param":{"scriptinfo":)" + scripts + "}}";
+}
+
+std::string WithScript(const std::string& members) {
+    return WithScripts(R"([{"scriptid":"first"},{"scriptid":"second",)" + members + "}]");
+}
+
+TEST(DoorCheckTest, AnIdMustBeFitForAFileName) {
+    const auto with_id = [](const std::string& id) { return Why(R"({"ID":")" + id + R"("})"); };
+    for (const std::string id : {"a", "a b", "..", "caf\xc3\xa9", "\\\"\\\\", "a\\u0000/b"}) {
+        EXPECT_EQ("", with_id(id)) << id;
+    }
+    EXPECT_EQ("", with_id(std::string(128, 'x')));
+    for (const std::string id : {"", "/", "a/b", "a\\u002fb", "a\\n", "\\u007f", "\\u0000"}) {
+        EXPECT_NE(std::string::npos, with_id(id).find("\"ID\"")) << id;
+    }
+    EXPECT_NE(std::string::npos, with_id(std::string(129, 'x')).find("128"));
+    EXPECT_NE("", Why("{}"));
+    EXPECT_NE("", Why("[]"));
+    EXPECT_EQ("", Why(R"({"ID":"first","ID":"sec/ond"})")) << "the first of equal keys counts";
+    EXPECT_NE("", Why(R"({"ID":"fir/st","ID":"second"})"));
+}
+
+TEST(DoorCheckTest, AScriptPathMustBeHarmlessForAShell) {
+    for (const char* const path : {"", "/", "/opt/a-b_c.d+e@f=g,h/", "/x\\u0000;rm"}) {
+        EXPECT_EQ("", Why(WithScript(std::string(R"("scriptpath":")") + path + '"'))) << path;
+    }
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"opt", "absolute"},     {"./opt", "absolute"},      {"/opt/../etc", ".."},       {"/opt/..", ".."},
+        {"/a..b", ".."},         {"/opt/a b", "letters"},    {"/opt/$(id)", "letters"},   {"/opt/`id`", "letters"},
+        {"/opt/;id", "letters"}, {"/opt/a\\nb", "letters"},  {"/opt/\\u00e9", "letters"}, {"/opt/'a'", "letters"},
+        {"/opt/*", "letters"},   {"/opt/a\\\\b", "letters"},
+    };
+    for (const auto& [path, reason] : bad) {
+        const std::string why = Why(WithScript(R"("scriptpath":")" + path + '"'));
+        EXPECT_NE(std::string::npos, why.find("In script 2 (second) the member \"scriptpath\"")) << path << why;
+        EXPECT_NE(std::string::npos, why.find(reason)) << path << " " << why;
+    }
+    EXPECT_NE("", Why(WithScript(R"("scriptpath":"rel","scriptpath":"/abs")")));
+    EXPECT_NE("", Why(WithScript(R"("scriptpath":7)"))) << "a number is read as its digits";
+    EXPECT_EQ("", Why(WithScript(R"("scriptpath":{"a":"rel"})"))) << "and an object as nothing";
+}
+
+TEST(DoorCheckTest, AScriptTypeMustBeKnown) {
+    for (const char* const type : {"sh", "SH", "exe", "Exe", "bat", "vbs", "zip", "ZIP", "sh\\u0000;id"}) {
+        EXPECT_EQ("", Why(WithScript(std::string(R"("scripttype":")") + type + '"'))) << type;
+    }
+    for (const char* const type : {"", " sh", "sh;id", "py", "sh/../x"}) {
+        const std::string why = Why(WithScript(std::string(R"("scripttype":")") + type + '"'));
+        EXPECT_NE(std::string::npos, why.find("script 2 (second) the member \"scripttype\"")) << type << why;
+    }
+}
+
+TEST(DoorCheckTest, ScriptsAreReadAsThePluginReadsThem) {
+    EXPECT_NE("", Why(WithScripts(R"({"a":{"scripttype":"sh"},"b":{"scripttype":"py"}})"))) << "an object of scripts";
+    EXPECT_EQ("", Why(WithScripts("7"))) << "the plugin will refuse it";
+    EXPECT_EQ("", Why(WithScripts(R"([7,"x",null,[]])")));
+    std::string many = "[{}";
+    for (int i = 1; i < 63; ++i) {
+        many += ",{}";
+    }
+    EXPECT_EQ("", Why(WithScripts(many + "]")));
+    EXPECT_NE(std::string::npos, Why(WithScripts(many + ",{}]")).find("64 scripts"));
+    const std::string why = Why(WithScripts(R"([{"scriptid":"a\nb","scripttype":"py"}])"));
+    EXPECT_EQ(std::string::npos, why.find('\n')) << "a sentence is one line";
+}
+
+}  // namespace
+}  // namespace qxpagent

@@ -1,68 +1,57 @@
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <optional>
-#include <string>
+#include <cstddef>
+#include <span>
+#include <string_view>
+#include <vector>
 
+#include "agent/agent_control.h"
 #include "agent/http_message.h"
-#include "agent/report_store.h"
 
 namespace qxpagent {
 
-/// What became of a command that was submitted.
-enum class SubmitResult {
-    kDelivered,
-    kNotRunning,       // the agent is stopping, or the plugin is not started
-    kBusy,             // too much is waiting already
-    kNotAcknowledged,  // the plugin may have it, but has not said so in time
-    kFailed,           // the plugin failed over it
-};
-
-struct AgentStatus {
-    std::string version;
-    unsigned int plugin_status = 0;
-    std::string plugin_version;
-    std::chrono::seconds uptime{0};
-    uint64_t commands_delivered = 0;
-    std::filesystem::path data_directory;
-    std::filesystem::path policy_directory;
-    std::filesystem::path process_directory;
-    std::filesystem::path result_directory;
-};
-
-/// What the API asks of the agent. Called from several threads at once.
-class AgentControl {
-public:
-    virtual ~AgentControl() = default;
-    /// Delivers a command document to the plugin. `id` is the document's "ID".
-    virtual SubmitResult Submit(const std::string& id, std::string document) = 0;
-    /// Runs a policy file of the process directory and waits for its end: accepted or not; nothing when not running.
-    virtual std::optional<bool> RunOnce(const std::string& name) = 0;
-    virtual AgentStatus Status() const = 0;
-};
-
-/// The agent's HTTP API: finds the handler for a request, checks what it was given, answers in JSON.
+/// The agent's HTTP API: finds the handler for a request, checks what it was given, answers in JSON. docs/openapi.yaml
+/// describes it to its clients.
 class Api final : public HttpHandler {
 public:
-    /// Both must outlive it.
-    Api(AgentControl& agent, ReportStore& reports) : agent_(agent), reports_(reports) {}
+    /// The agent must outlive it.
+    explicit Api(AgentControl& agent) : agent_(agent) {}
 
     size_t MaxBodyBytes(const HttpRequest& head) const override;
     HttpResponse Handle(HttpRequest request) override;
 
-private:
-    struct Route;
-    static const Route kRoutes[];
+    static constexpr size_t kMaxCommandBytes = size_t{100} << 20;
+    static constexpr size_t kMaxSmallBodyBytes = size_t{64} << 10;
 
-    HttpResponse SubmitCommand(HttpRequest& request);
-    HttpResponse FetchReports(HttpRequest& request);
-    HttpResponse RunOnce(HttpRequest& request);
-    HttpResponse ShowStatus(HttpRequest& request);
+    /// A request of the API: of one method on one path, with these query parameters, each at most once.
+    struct Route {
+        std::string_view path;  // with a '{' at its end part: that part is any non-empty text
+        std::string_view method;
+        size_t max_body;
+        std::vector<std::string_view> parameters;
+        HttpResponse (Api::*handle)(HttpRequest&, const std::string& name);  // name: what stood for the '{…}'
+    };
+    static std::span<const Route> Routes();
+
+private:
+    // api_commands.cpp
+    HttpResponse SubmitCommand(HttpRequest& request, const std::string& name);
+    HttpResponse ListCommands(HttpRequest& request, const std::string& name);
+    HttpResponse ShowCommand(HttpRequest& request, const std::string& name);
+    HttpResponse RunOnce(HttpRequest& request, const std::string& name);
+
+    // api_reports.cpp
+    HttpResponse ListReports(HttpRequest& request, const std::string& name);
+    HttpResponse AcknowledgeReports(HttpRequest& request, const std::string& name);
+    HttpResponse ListResults(HttpRequest& request, const std::string& name);
+    HttpResponse ShowResult(HttpRequest& request, const std::string& name);
+
+    // api_status.cpp
+    HttpResponse ShowStatus(HttpRequest& request, const std::string& name);
+    HttpResponse ShowHealth(HttpRequest& request, const std::string& name);
+    HttpResponse ShowMetrics(HttpRequest& request, const std::string& name);
 
     AgentControl& agent_;
-    ReportStore& reports_;
 };
 
 }  // namespace qxpagent

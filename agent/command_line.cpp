@@ -53,8 +53,9 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, const Install
     std::string config = installation.bin.parent_path() / "etc" / "qxpagent.conf";
     CLI::App app("Hosts the maintenance plugin and serves its API on a Unix socket.", "qxpagent");
     app.set_version_flag("--version", "qxpagent " QXPAGENT_VERSION);
-    const CLI::Option* const named = app.add_option("--config", config, "Configuration file; options come before it")
-                                         ->option_text("FILE [../etc/qxpagent.conf]");
+    const CLI::Option* const named =
+        app.add_option("--config", config, "Configuration file; an option wins over its key")
+            ->option_text("FILE [../etc/qxpagent.conf]");
     app.add_flag("--check-config", command_line.check_config,
                  "Name every mistake in the configuration file and end: 0 without, 2 with mistakes");
     AddSettings(app, command_line.settings);

@@ -68,20 +68,30 @@ ReloadOutcome ConfigReload::Reload() {
     if (outcome.mistakes.empty()) {
         outcome.needs_restart = NeedingRestart(running_, loaded.options);
         ApplyRetention(loaded.options.retention, outcome);
-        ApplyLogLevel(loaded.options, outcome);
+        if (loaded.options.log_level != running_.log_level) {
+            outcome.applied.emplace_back("log-level");
+        }
     }
-    Log(outcome);
+    // Under whichever of the two levels lets it be seen.
+    const bool is_seen = CLogDebug::Instance()->CheckLogLevel(kLogInfo);
+    if (is_seen) {
+        Log(outcome);
+    }
+    if (outcome.mistakes.empty()) {
+        ApplyLogLevel(loaded.options.log_level);
+    }
+    if (!is_seen) {
+        Log(outcome);
+    }
     return outcome;
 }
 
-void ConfigReload::ApplyLogLevel(const Options& wanted, ReloadOutcome& outcome) {
-    if (wanted.log_level == running_.log_level) {
-        return;
+void ConfigReload::ApplyLogLevel(const std::string& wanted) {
+    if (wanted != running_.log_level) {
+        // Without a setting, what the host SDK does by itself.
+        QxSetLogLevel(wanted.empty() ? "info" : wanted.c_str());
+        running_.log_level = wanted;
     }
-    // Without a setting, what the host SDK does by itself.
-    QxSetLogLevel(wanted.log_level.empty() ? "info" : wanted.log_level.c_str());
-    running_.log_level = wanted.log_level;
-    outcome.applied.emplace_back("log-level");
 }
 
 void ConfigReload::ApplyRetention(const Retention& wanted, ReloadOutcome& outcome) {

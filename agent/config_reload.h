@@ -25,7 +25,7 @@ public:
     ReloadOutcome Reload();
 
 private:
-    void ApplyLogLevel(const Options& wanted, ReloadOutcome& outcome);
+    void ApplyLogLevel(const std::string& wanted);
     void ApplyRetention(const Retention& wanted, ReloadOutcome& outcome);
 
     const CommandLine command_line_;

@@ -6,12 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
+#include <cstdint>
 #include <optional>
 #include <system_error>
 
 #include "agent/peer.h"
 #include "agent/startup_error.h"
+#include "agent/whole_number.h"
 #include "qxhost/log.h"
 
 namespace qxpagent {
@@ -69,11 +70,10 @@ std::filesystem::path HostLibrary() {
 }  // namespace
 
 gid_t FindGroup(const std::string& group) {
-    gid_t number = 0;
-    const char* const end = group.data() + group.size();
-    const auto [parsed, error] = std::from_chars(group.data(), end, number);
-    if (error == std::errc() && parsed == end) {
-        return number;
+    // The largest number means "no group" to the kernel.
+    const std::optional<uint64_t> number = WholeNumber(group);
+    if (number.has_value() && *number < UINT32_MAX) {
+        return static_cast<gid_t>(*number);
     }
     constexpr size_t kMostBytes = size_t{1} << 24;  // a group with very many members
     std::vector<char> buffer(4096);

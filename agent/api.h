@@ -25,7 +25,7 @@ public:
 
     /// A request of the API: of one method on one path, with these query parameters, each at most once.
     struct Route {
-        std::string_view path;  // with a '{' at its end part: that part is any non-empty text
+        std::string_view path;  // its last part may be "{…}", which stands for any text but none
         std::string_view method;
         size_t max_body;
         std::vector<std::string_view> parameters;

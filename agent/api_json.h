@@ -12,6 +12,9 @@ namespace qxpagent {
 /// JSON whose members stay in the order in which they were added.
 using Json = nlohmann::ordered_json;
 
+/// AgentStatus::plugin_status of a plugin that is started.
+inline constexpr unsigned int kPluginStarted = 2;
+
 /// The words of the API for these values.
 std::string_view Word(CommandState state);
 std::string_view Word(ReportSource source);

@@ -8,6 +8,7 @@
 #include "agent/api_json.h"
 #include "agent/api_request.h"
 #include "agent/log.h"
+#include "agent/whole_number.h"
 
 namespace qxpagent {
 

@@ -1,7 +1,8 @@
 #include "agent/api_request.h"
 
 #include <algorithm>
-#include <charconv>
+
+#include "agent/whole_number.h"
 
 namespace qxpagent {
 
@@ -15,13 +16,6 @@ std::string Quoted(std::string_view name) {
 }
 
 }  // namespace
-
-std::optional<uint64_t> WholeNumber(std::string_view text) {
-    uint64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [parsed, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && parsed == end ? std::optional(number) : std::nullopt;
-}
 
 std::optional<std::string> QueryParameters::Text(std::string_view name) const {
     for (const auto& [key, value] : request_.query) {

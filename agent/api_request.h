@@ -18,9 +18,6 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// A whole number as it is written, nothing when the text is anything else.
-std::optional<uint64_t> WholeNumber(std::string_view text);
-
 /// The query parameters of a request, each known and given at most once. All but Text throw BadRequest for a value that
 /// is wrong.
 class QueryParameters {

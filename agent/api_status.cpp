@@ -10,8 +10,6 @@ namespace qxpagent {
 
 namespace {
 
-constexpr unsigned int kPluginStarted = 2;  // of PluginModule::Status
-
 std::vector<std::string> Problems(AgentControl& agent) {
     std::vector<std::string> problems;
     try {

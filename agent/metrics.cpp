@@ -88,14 +88,14 @@ double AgeSeconds(const std::optional<WallTime>& since) {
 }
 
 std::vector<MetricFamily> OfTheAgent(const AgentStatus& status) {
-    return {
-        Gauge("qxpagent_build_info", "Always 1; the versions are in the labels.",
-              {{1, {{"version", status.version}, {"plugin_version", status.plugin_version}}}}),
-        Gauge("qxpagent_uptime_seconds", "Time since the agent started.",
-              {{static_cast<double>(status.uptime.count()), {}}}),
-        Gauge("qxpagent_plugin_started", "1 while the plugin is started.", {{status.plugin_status == 2 ? 1.0 : 0, {}}}),
-        Gauge("qxpagent_scripts_waiting", "Scripts of delivered commands that have no result yet.",
-              {{static_cast<double>(status.scripts_waiting), {}}})};
+    return {Gauge("qxpagent_build_info", "Always 1; the versions are in the labels.",
+                  {{1, {{"version", status.version}, {"plugin_version", status.plugin_version}}}}),
+            Gauge("qxpagent_uptime_seconds", "Time since the agent started.",
+                  {{static_cast<double>(status.uptime.count()), {}}}),
+            Gauge("qxpagent_plugin_started", "1 while the plugin is started.",
+                  {{status.plugin_status == kPluginStarted ? 1.0 : 0, {}}}),
+            Gauge("qxpagent_scripts_waiting", "Scripts of delivered commands that have no result yet.",
+                  {{static_cast<double>(status.scripts_waiting), {}}})};
 }
 
 std::vector<MetricFamily> OfTheWork(const AgentCounters& counters) {

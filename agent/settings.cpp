@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <optional>
 #include <utility>
+
+#include "agent/whole_number.h"
 
 namespace qxpagent {
 
@@ -12,12 +13,6 @@ namespace {
 
 // Each `apply` returns what is wrong with the value, as the end of "NAME …"; empty when it was taken.
 using Mistake = std::string;
-
-std::optional<uint64_t> Number(std::string_view text) {
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
 
 Mistake ApplyPath(std::filesystem::path& path, const std::string& value) {
     if (value.empty()) {
@@ -29,7 +24,7 @@ Mistake ApplyPath(std::filesystem::path& path, const std::string& value) {
 
 Mistake ApplyDays(std::chrono::hours& age, const std::string& value) {
     constexpr uint64_t kMostDays = 36500;
-    const std::optional<uint64_t> days = Number(value);
+    const std::optional<uint64_t> days = WholeNumber(value);
     if (!days.has_value() || *days == 0 || *days > kMostDays) {
         return "must be a whole number of days from 1 to 36500";
     }
@@ -44,7 +39,7 @@ Mistake ApplyBytes(uint64_t& bytes, const std::string& value) {
         std::find_if(kUnits.begin(), kUnits.end(), [&](const auto& each) { return value.ends_with(each.first); });
     std::string_view digits = std::string_view(value).substr(0, value.size() - unit->first.size());
     digits = digits.substr(0, digits.find_last_not_of(' ') + 1);
-    const std::optional<uint64_t> number = Number(digits);
+    const std::optional<uint64_t> number = WholeNumber(digits);
     constexpr uint64_t kMost = uint64_t{INT64_MAX};
     if (!number.has_value() || *number == 0 || *number > kMost >> unit->second) {
         return "must be a number of bytes from 1, or of KiB, MiB or GiB, as in 512MiB";

@@ -126,8 +126,10 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
         EXPECT_EQ(mode, ModeOf(other)) << "a directory that is not ours stays as it is";
     }
     options_.socket = installation_.socket;
-    options_.socket_group = "no-such-group";
-    EXPECT_THAT(prepare(), HasSubstr("There is no group \"no-such-group\""));
+    for (const char* group : {"no-such-group", "4294967295", "4294967296"}) {
+        options_.socket_group = group;
+        EXPECT_THAT(prepare(), HasSubstr("There is no group \"" + std::string(group) + "\""));
+    }
 }
 
 TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {

@@ -71,6 +71,8 @@ TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
     EXPECT_EQ(getgid(), agent_.submitter.gid);
     EXPECT_EQ(getpid(), agent_.submitter.pid);
     EXPECT_EQ(UserName(getuid()), agent_.submitter.user);
+    EXPECT_EQ("root", UserName(0));
+    EXPECT_EQ("4000000000", UserName(4000000000U)) << "a user without a name";
 
     agent_.submit_outcome.status = SubmitStatus::kKnown;
     EXPECT_EQ(200, Post("/v1/commands", document).status);

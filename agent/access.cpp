@@ -62,6 +62,15 @@ void AddTree(std::vector<std::filesystem::path>& paths, const std::filesystem::p
     }
 }
 
+void GiveToGroup(const std::filesystem::path& directory, const struct stat& status, gid_t group, mode_t mode) {
+    if ((status.st_gid != group && chown(directory.c_str(), static_cast<uid_t>(-1), group) != 0) ||
+        chmod(directory.c_str(), mode) != 0) {
+        const int error = errno;
+        throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
+                           Reason(error) + ". Start the agent as root, or name a group of its user.");
+    }
+}
+
 std::filesystem::path HostLibrary() {
     Dl_info information{};
     return dladdr(reinterpret_cast<const void*>(&LogPrintC), &information) != 0 ? information.dli_fname : "";
@@ -147,11 +156,11 @@ void PrepareSocketDirectory(const Options& options, const Installation& installa
         return;
     }
     const gid_t group = options.socket_group.empty() ? getegid() : FindGroup(options.socket_group);
-    if ((status->st_gid != group && chown(directory.c_str(), static_cast<uid_t>(-1), group) != 0) ||
-        chmod(directory.c_str(), 0750) != 0) {
-        const int cause = errno;
-        throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
-                           Reason(cause) + ". Start the agent as root, or name a group of its user.");
+    GiveToGroup(directory, *status, group, 0750);
+    const std::filesystem::path data = installation.agent_data.parent_path();
+    const auto above = Examine(data);
+    if (!options.socket_group.empty() && above.has_value() && (above->st_mode & S_IXOTH) == 0) {
+        GiveToGroup(data, *above, group, (above->st_mode & 07755) | S_IXGRP);
     }
 }
 

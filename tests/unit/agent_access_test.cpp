@@ -115,6 +115,16 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
     EXPECT_EQ(0750U, ModeOf(installation_.agent_data));
     EXPECT_EQ(getegid(), GroupOf(installation_.agent_data));
 
+    ASSERT_EQ(0, chmod((root_ / "data").c_str(), 0700));
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(0700U, ModeOf(root_ / "data")) << "no group is named";
+    options_.socket_group = std::to_string(geteuid() == 0 ? 4321 : getegid());
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(0710U, ModeOf(root_ / "data")) << "its members get to the socket";
+    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(root_ / "data")));
+    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(installation_.agent_data)));
+    EXPECT_EQ("none", Check());
+
     const std::filesystem::path other = root_ / "run";
     std::filesystem::create_directory(other);
     options_.socket = other / "agent.sock";

@@ -145,10 +145,10 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
 TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {
     const std::string path = installation_.socket.string();
     {
-        const mode_t before = umask(0777);
+        const mode_t before = umask(0077);
         const UnixListener listener(path);
         umask(before);
-        EXPECT_EQ(0660U, ModeOf(path)) << "whatever the umask is";
+        EXPECT_EQ(0660U, ModeOf(path)) << "and not what the umask leaves";
         EXPECT_EQ(getegid(), GroupOf(path));
     }
     EXPECT_THAT(Refusal([&] { const UnixListener listener(path, "no-such-group"); }), HasSubstr("no-such-group"));

@@ -71,7 +71,10 @@ public:
         return 4;
     }
     std::optional<bool> RunOnce(const std::string& name, const Peer& peer) override {
-        submitter = peer;
+        {
+            const std::lock_guard lock(mutex_);
+            submitter = peer;
+        }
         if (name == "stopped.json") {
             return std::nullopt;
         }

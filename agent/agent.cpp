@@ -60,7 +60,7 @@ Agent::~Agent() {
 void Agent::Start() {
     // The socket first: its lock keeps a second agent from starting a second plugin. Clients that connect before the
     // plugin runs wait to be accepted.
-    listener_ = std::make_unique<UnixListener>(options_.socket);
+    listener_ = std::make_unique<UnixListener>(options_.socket, options_.socket_group);
     CheckConfigurationFile(options_.init_param);
     OpenStore();
     LoadPluginLibrary();
@@ -183,6 +183,19 @@ std::optional<bool> Agent::RunOnce(const std::string& name, const Peer& peer) {
                  : *accepted           ? "has ended"
                                        : "not accepted");
     return accepted;
+}
+
+bool Agent::IsAlive() {
+    try {
+        Status();
+    } catch (const StoreError&) {
+        // Told by the API's health: a restart mends no disk.
+    }
+    return true;
+}
+
+void Agent::SetRetention(const Retention& retention) {
+    upkeep_->SetRetention(retention);
 }
 
 AgentStatus Agent::Status() {

@@ -20,6 +20,7 @@
 #include "agent/result_collector.h"
 #include "agent/run_counters.h"
 #include "agent/server_data.h"
+#include "agent/service.h"
 #include "agent/store.h"
 #include "agent/unix_listener.h"
 #include "agent/upkeep.h"
@@ -28,7 +29,7 @@
 namespace qxpagent {
 
 /// The agent: its parts, wired together, started and stopped in order. Start and Stop belong to one thread.
-class Agent final : private AgentControl {
+class Agent final : public ServiceAgent, private AgentControl {
 public:
     explicit Agent(const Options& options);
     ~Agent() override;
@@ -37,12 +38,15 @@ public:
 
     /// When it returns, the plugin is started and the API answers. Throws StartupError; Stop, or the
     /// destructor, then ends what had been started.
-    void Start();
+    void Start() override;
 
     /// Refuses new commands, ends the plugin, then the API, then the bus. The API answers until the plugin has ended.
     /// False when a call into the plugin never came back: the threads cannot be joined, the socket is removed, and the
     /// process has to end at once, without running destructors.
-    bool Stop();
+    bool Stop() override;
+
+    bool IsAlive() override;
+    void SetRetention(const Retention& retention) override;
 
 private:
     SubmitOutcome Submit(std::string document, const Peer& peer) override;

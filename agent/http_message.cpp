@@ -6,7 +6,9 @@ namespace qxpagent {
 
 namespace {
 
-// RFC 9110 section 15.
+constexpr char kRetryAfterSeconds[] = "2";
+
+// RFC 9110 section 15; 507 is of RFC 4918 section 11.5.
 const char* Title(int status) {
     switch (status) {
         case 400:
@@ -15,12 +17,18 @@ const char* Title(int status) {
             return "Not Found";
         case 405:
             return "Method Not Allowed";
+        case 409:
+            return "Conflict";
         case 413:
             return "Content Too Large";
+        case 422:
+            return "Unprocessable Content";
         case 503:
             return "Service Unavailable";
         case 504:
             return "Gateway Timeout";
+        case 507:
+            return "Insufficient Storage";
         default:
             return "Internal Server Error";
     }
@@ -38,6 +46,9 @@ HttpResponse Problem(int status, const std::string& detail) {
     response.status = status;
     response.content_type = "application/problem+json";
     response.body = problem.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    if (status == 503) {
+        response.headers.emplace_back("Retry-After", kRetryAfterSeconds);
+    }
     return response;
 }
 

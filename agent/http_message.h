@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "agent/agent_control.h"
 
 namespace qxpagent {
 
@@ -13,16 +14,18 @@ struct HttpRequest {
     std::string path;                                        // percent-decoded, without the query
     std::vector<std::pair<std::string, std::string>> query;  // in order, percent-decoded
     std::string body;
+    Peer peer;  // who sent it
 };
 
 struct HttpResponse {
     int status = 200;
     std::string content_type = "application/json";
     std::string body;
-    std::string allow;  // the Allow header of a 405; empty: none
+    std::vector<std::pair<std::string, std::string>> headers;  // beside Content-Type and Content-Length
 };
 
-/// An error as RFC 9457 wants it, application/problem+json. `detail` names the member or parameter that is wrong.
+/// An error as RFC 9457 wants it, application/problem+json. `detail` names the member or parameter that is wrong. A 503
+/// says when to come again (Retry-After).
 HttpResponse Problem(int status, const std::string& detail);
 
 /// What an HttpServer serves. Both functions are called on the server's threads, several at once.

@@ -2,6 +2,7 @@
 
 #include <microhttpd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdarg>
@@ -15,6 +16,7 @@
 #include <utility>
 
 #include "agent/log.h"
+#include "agent/peer.h"
 #include "agent/startup_error.h"
 #include "agent/unique_fd.h"
 
@@ -62,8 +64,8 @@ MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
         return MHD_NO;
     }
     MHD_add_response_header(message, MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());
-    if (!response.allow.empty()) {
-        MHD_add_response_header(message, MHD_HTTP_HEADER_ALLOW, response.allow.c_str());
+    for (const auto& [name, value] : response.headers) {
+        MHD_add_response_header(message, name.c_str(), value.c_str());
     }
     const MHD_Result result = MHD_queue_response(connection, static_cast<unsigned int>(response.status), message);
     MHD_destroy_response(message);
@@ -110,6 +112,13 @@ struct HttpServer::Callbacks {
         return MHD_YES;
     }
 
+    // A path is a C string here: a NUL in it becomes a byte that no name has, so that it finds nothing.
+    static size_t Unescape(void* /*unused*/, MHD_Connection* /*connection*/, char* text) {
+        const size_t size = MHD_http_unescape(text);
+        std::replace(text, text + size, '\0', '\xff');
+        return size;
+    }
+
     static void OnLog(void* /*unused*/, const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
         std::array<char, 512> text{};
         vsnprintf(text.data(), text.size(), format, arguments);
@@ -128,6 +137,7 @@ HttpServer::HttpServer(UnixListener& listener, HttpHandler& handler, const HttpL
                                MHD_OPTION_LISTEN_SOCKET, listener_.Release(),           //
                                MHD_OPTION_CONNECTION_LIMIT, limits_.connections,        //
                                MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits_.idle.count()),  //
+                               MHD_OPTION_UNESCAPE_CALLBACK, &Callbacks::Unescape, nullptr,                     //
                                MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::OnEnd, this,                            //
                                MHD_OPTION_END);
     if (daemon_ == nullptr) {
@@ -158,6 +168,7 @@ HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* 
     HttpRequest& request = exchange->request;
     request.method = method;
     request.path = path;
+    request.peer = PeerOf(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd);
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::OnQueryParameter, &request.query);
     exchange->max_body = handler_.MaxBodyBytes(request);
     const size_t length = DeclaredLength(connection);

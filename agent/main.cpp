@@ -1,40 +1,31 @@
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <optional>
 
+#include "agent/access.h"
 #include "agent/agent.h"
+#include "agent/command_line.h"
 #include "agent/installation.h"
-#include "agent/log.h"
-#include "agent/options.h"
+#include "agent/log_setup.h"
+#include "agent/service.h"
 #include "agent/signals.h"
 
 namespace {
 
-// Before the first thread, and before the first record.
-void SetUpLog(const qxpagent::Options& options) {
-    if (!options.log.empty()) {
-        setenv("QXHOST_LOG", options.log.c_str(), 1);
+int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation& installation) {
+    const qxpagent::LoadedOptions loaded = qxpagent::LoadOptions(command_line, installation);
+    if (command_line.check_config || !loaded.mistakes.empty()) {
+        return qxpagent::CheckConfig(command_line, installation);
     }
-    if (!options.log_level.empty()) {
-        setenv("QXHOST_LOG_LEVEL", options.log_level.c_str(), 1);
-    }
-}
-
-int Run(const qxpagent::Options& options, const qxpagent::Installation& installation) {
-    SetUpLog(options);
+    const qxpagent::Options& options = loaded.options;
+    qxpagent::SetUpLog(options);  // before the first thread, and before the first record
     qxpagent::SurviveBrokenPipes();
     qxpagent::EnterInstallation(installation);
-    qxpagent::StopSignal stop_signal;
+    qxpagent::CheckAccess(options, installation, command_line.config_file);
+    qxpagent::PrepareSocketDirectory(options, installation);
+    qxpagent::ServiceSignals signals;
     qxpagent::Agent agent(options);
-    agent.Start();
-    const int signal_number = stop_signal.Wait();
-    QXPAGENT_LOG(qxpagent::kLogInfo, "stopping on signal %d", signal_number);
-    if (!agent.Stop()) {
-        std::_Exit(qxpagent::kExitFailure);
-    }
-    QXPAGENT_LOG(qxpagent::kLogInfo, "stopped");
-    return qxpagent::kExitOk;
+    return qxpagent::RunService(agent, signals, command_line, installation, options);
 }
 
 }  // namespace
@@ -43,8 +34,8 @@ int main(int argc, char** argv) {
     try {
         const qxpagent::Installation installation = qxpagent::FindInstallation();
         int exit_code = qxpagent::kExitOk;
-        const auto options = qxpagent::ParseOptions(argc, argv, installation, exit_code);
-        return options.has_value() ? Run(*options, installation) : exit_code;
+        const auto command_line = qxpagent::ParseCommandLine(argc, argv, installation, exit_code);
+        return command_line.has_value() ? Run(*command_line, installation) : exit_code;
     } catch (const std::exception& error) {
         std::cerr << "qxpagent: " << error.what() << '\n';
         return qxpagent::kExitFailure;

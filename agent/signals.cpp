@@ -17,14 +17,20 @@ namespace qxpagent {
 
 namespace {
 
-// Written before the handler is installed.
+// Written before the handlers are installed.
 int g_event = -1;
-std::atomic<int> g_signal{0};
-static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may use it");
+std::atomic<int> g_stop{0};  // the signal that asked for it
+std::atomic<bool> g_reload{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "a signal handler may use them");
 
 void OnSignal(int number) {
     const int saved_errno = errno;
-    g_signal = number;
+    if (number == SIGHUP) {
+        g_reload = true;
+    } else {
+        g_stop = number;
+    }
     const uint64_t one = 1;
     // A full counter has woken the reader already.
     [[maybe_unused]] const ssize_t written = write(g_event, &one, sizeof(one));
@@ -44,20 +50,33 @@ void Catch(int number, void (*handler)(int)) {
 
 }  // namespace
 
-StopSignal::StopSignal() {
-    g_event = eventfd(0, EFD_CLOEXEC);
+ServiceSignals::ServiceSignals() {
+    g_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (g_event < 0) {
         throw StartupError("No event descriptor can be made: " + std::generic_category().message(errno) + ".");
     }
     Catch(SIGTERM, OnSignal);
     Catch(SIGINT, OnSignal);
+    Catch(SIGHUP, OnSignal);
 }
 
-int StopSignal::Wait() {
-    pollfd event{g_event, POLLIN, 0};
-    while (poll(&event, 1, -1) < 0 && errno == EINTR) {
+ServiceSignals::Request ServiceSignals::Wait() {
+    for (;;) {
+        if (g_stop != 0) {
+            return Request::kStop;
+        }
+        if (g_reload.exchange(false)) {
+            return Request::kReload;
+        }
+        pollfd event{g_event, POLLIN, 0};
+        poll(&event, 1, -1);
+        uint64_t count = 0;
+        [[maybe_unused]] const ssize_t emptied = read(g_event, &count, sizeof(count));
     }
-    return g_signal;
+}
+
+int ServiceSignals::StopNumber() const {
+    return g_stop;
 }
 
 void SurviveBrokenPipes() {

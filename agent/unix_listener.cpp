@@ -1,5 +1,6 @@
 #include "agent/unix_listener.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "agent/access.h"
 #include "agent/lock_file.h"
 #include "agent/startup_error.h"
 
@@ -86,12 +88,13 @@ void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& add
 
 }  // namespace
 
-UnixListener::UnixListener(const std::filesystem::path& path) : path_(path) {
+UnixListener::UnixListener(const std::filesystem::path& path, const std::string& group) : path_(path) {
     const sockaddr_un address = AddressOf(path_);
+    const gid_t group_number = group.empty() ? getegid() : FindGroup(group);
     lock_ = TakeLock(path_);
     RemoveStaleSocket(path_, address);
     socket_ = NewSocket();
-    // On Linux the name that bind makes takes the mode of the socket's own inode, less the umask: 0600 from birth.
+    // On Linux the name that bind makes takes the mode of the socket's own inode, less the umask.
     struct stat status {};
     if (fchmod(socket_.Get(), 0600) != 0 ||
         bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -101,10 +104,28 @@ UnixListener::UnixListener(const std::filesystem::path& path) : path_(path) {
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
-    // Nobody can connect before listen, so a name of any other mode has let nobody in.
-    if ((status.st_mode & 07777 & ~0600) != 0 || listen(socket_.Get(), kBacklog) != 0) {
+    try {
+        SetAccess(group_number);
+    } catch (...) {
         RemoveName();
-        throw StartupError("The socket " + path_.string() + " cannot be made for its owner alone.");
+        throw;
+    }
+}
+
+// Nobody can connect before listen. The name is changed through a descriptor of itself, so that nothing else is changed
+// that may have taken its place.
+void UnixListener::SetAccess(gid_t group) {
+    const UniqueFd name(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const std::string name_path = "/proc/self/fd/" + std::to_string(name.Get());
+    struct stat status {};
+    const bool is_ours =
+        name.IsOpen() && fstat(name.Get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+    if (!is_ours ||
+        (status.st_gid != group && fchownat(name.Get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0) ||
+        chmod(name_path.c_str(), 0660) != 0 || listen(socket_.Get(), kBacklog) != 0) {
+        const int error = errno;
+        throw StartupError("The socket " + path_.string() + " cannot be given to its group: " + Reason(error) +
+                           ". Start the agent as root, or name a group of its user with --socket-group.");
     }
 }
 

@@ -3,18 +3,20 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <string>
 
 #include "agent/unique_fd.h"
 
 namespace qxpagent {
 
-/// A listening Unix stream socket of this process alone: mode 0600 from birth, and guarded by a lock file beside it
+/// A listening Unix stream socket of mode 0660, for its owner and one group, guarded by a lock file beside it
 /// (PATH.lock, which stays in place), so that no two agents ever share a path. The socket of an agent that has died is
 /// replaced; the socket of a living one, and a file that is no socket, never is.
 class UnixListener {
 public:
-    /// Throws StartupError.
-    explicit UnixListener(const std::filesystem::path& path);
+    /// `group`: a name or a number; empty: the process's own. Nobody can connect before owner, group and mode are
+    /// right. Throws StartupError.
+    explicit UnixListener(const std::filesystem::path& path, const std::string& group = {});
     /// Removes the socket, then gives up the lock.
     ~UnixListener();
     UnixListener(const UnixListener&) = delete;
@@ -29,6 +31,8 @@ public:
     const std::filesystem::path& Path() const { return path_; }
 
 private:
+    void SetAccess(gid_t group);
+
     // Constant after construction, but for what Release and RemoveName take away.
     const std::filesystem::path path_;
     UniqueFd lock_;

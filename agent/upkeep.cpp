@@ -36,6 +36,13 @@ void Upkeep::StoreHasGrown() {
     woken_.notify_all();
 }
 
+void Upkeep::SetRetention(const Retention& retention) {
+    const std::lock_guard lock(mutex_);
+    retention_ = retention;
+    grown_ = true;
+    woken_.notify_all();
+}
+
 void Upkeep::Stop() {
     {
         const std::lock_guard lock(mutex_);
@@ -52,36 +59,37 @@ void Upkeep::Loop() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         grown_ = false;
+        const Retention retention = retention_;
         lock.unlock();
         const auto now = std::chrono::steady_clock::now();
         const bool all = now >= next_round;
         if (all) {
             next_round = now + kRoundTime;
         }
-        Round(all);
+        Round(all, retention);
         lock.lock();
         woken_.wait_for(lock, kRetryTime, [this] { return stopping_ || grown_; });
     }
 }
 
-void Upkeep::Round(bool all) {
+void Upkeep::Round(bool all, const Retention& retention) {
     try {
         store_.Probe();
         desk_.Settle();
-        if (all || store_.Bytes() > retention_.bytes) {
-            Retain();
+        if (all || store_.Bytes() > retention.bytes) {
+            Retain(retention);
         }
         if (all) {
             RemoveLeftovers(store_, directories_.data, directories_.result,
-                            std::chrono::system_clock::now() - retention_.leftover_age);
+                            std::chrono::system_clock::now() - retention.leftover_age);
         }
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());
     }
 }
 
-void Upkeep::Retain() {
-    const Removed removed = store_.Retain(retention_, std::chrono::system_clock::now());
+void Upkeep::Retain(const Retention& retention) {
+    const Removed removed = store_.Retain(retention, std::chrono::system_clock::now());
     counters_.RemovedUndelivered(removed.unacknowledged);
     if (removed.unacknowledged > 0) {
         QXPAGENT_LOG(kLogError,

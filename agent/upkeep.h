@@ -31,24 +31,26 @@ public:
     void Start(const Directories& directories);
     /// The store has grown. Any thread, also before Start.
     void StoreHasGrown();
+    /// How long things are kept from now on; the next round goes by it. Any thread.
+    void SetRetention(const Retention& retention);
     /// Ends the thread. A second call does nothing.
     void Stop();
 
 private:
     void Loop();
-    void Round(bool all);
-    void Retain();
+    void Round(bool all, const Retention& retention);
+    void Retain(const Retention& retention);
 
     // Constant after Start.
     Store& store_;
     CommandDesk& desk_;
     RunCounters& counters_;
-    const Retention retention_;
     Directories directories_;
 
     std::mutex mutex_;
     std::condition_variable woken_;
     // Guarded by mutex_.
+    Retention retention_;
     bool grown_ = false;
     bool stopping_ = false;
 

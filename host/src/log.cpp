@@ -84,6 +84,15 @@ void LogPrintC(int iModule, int iLevel, const char* pszFormat, ...) {
     va_end(args);
 }
 
+bool QxSetLogLevel(const char* pszLevel) {
+    const CCallerState callerState;
+    try {
+        return CLogOutput::Instance().SetLeast(OrEmpty(pszLevel));
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 CLogDebug* CLogDebug::Instance() {
     static CLogDebug instance;
     return &instance;

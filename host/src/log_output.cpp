@@ -166,20 +166,40 @@ CLogOutput& CLogOutput::Instance() {
 CLogOutput::CLogOutput() {
     const std::string_view levelName = Environment("QXHOST_LOG_LEVEL");
     const std::optional<ELogLevel> level = LevelOfName(levelName);
-    m_eLeast = level.value_or(ELogLevel::Info);
-    if (m_eLeast == ELogLevel::Off) {
+    if (level == ELogLevel::Off) {
         return;
     }
-
-    STarget target = OpenTarget(Environment("QXHOST_LOG"));
-    m_pLogger = MakeLogger(std::move(target.pSink));
-    if (!target.strProblem.empty()) {
-        Report(ELogLevel::Error, target.strProblem + "; logging to the standard error");
-    }
+    OpenLogger();
     if (!levelName.empty() && !level) {
         Report(ELogLevel::Warn, fmt::format("QXHOST_LOG_LEVEL is \"{}\", not trace, debug, info, warn, error or off; "
                                             "logging from info on",
                                             levelName));
+    }
+    m_eLeast = level.value_or(ELogLevel::Info);
+}
+
+bool CLogOutput::SetLeast(std::string_view name) {
+    const std::optional<ELogLevel> level = LevelOfName(name);
+    if (!level) {
+        return false;
+    }
+    if (*level != ELogLevel::Off) {
+        const std::lock_guard lock(m_openMutex);
+        OpenLogger();
+    }
+    m_eLeast.store(*level, std::memory_order_release);
+    return true;
+}
+
+// Nothing is opened while no level is on.
+void CLogOutput::OpenLogger() {
+    if (m_pLogger != nullptr) {
+        return;
+    }
+    STarget target = OpenTarget(Environment("QXHOST_LOG"));
+    m_pLogger = MakeLogger(std::move(target.pSink));
+    if (!target.strProblem.empty()) {
+        Report(ELogLevel::Error, target.strProblem + "; logging to the standard error");
     }
 }
 

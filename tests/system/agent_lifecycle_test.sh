@@ -7,7 +7,7 @@ has_pid() { [ -s "$work/pid" ]; }
 
 for signal in TERM INT; do
     start_agent
-    expect "mode of the socket" 600 "$(stat -c %a "$socket")"
+    expect "mode of the socket" 660 "$(stat -c %a "$socket")"
     expect "the plugin is started" 2 "$(api http://agent/v1/status | jq .plugin_status)"
     rm -f pid
     script long.sh "#!/bin/bash

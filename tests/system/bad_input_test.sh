@@ -37,9 +37,9 @@ problem() {
     expect "$1" "$2 application/problem+json" "$(status_of "${@:4}")"
     expect_match "detail: $1" "$3" "$(jq -r .detail body)"
 }
-problem "a command that is no JSON" 400 'JSON' -d 'no json' http://agent/v1/commands
-problem "a command without ID" 400 'ID' -d '{"Command":"RunScriptNormal"}' http://agent/v1/commands
-problem "a command with an empty ID" 400 'ID' -d '{"ID":"","Command":"RunScriptNormal"}' http://agent/v1/commands
+problem "a command that is no JSON" 422 'JSON' -d 'no json' http://agent/v1/commands
+problem "a command without ID" 422 'ID' -d '{"Command":"RunScriptNormal"}' http://agent/v1/commands
+problem "a command with an empty ID" 422 'ID' -d '{"ID":"","Command":"RunScriptNormal"}' http://agent/v1/commands
 problem "a bad cursor" 400 'after' 'http://agent/v1/reports?after=x'
 problem "a negative wait" 400 'wait' 'http://agent/v1/reports?wait=-1'
 problem "a run-once outside its directory" 400 'name' -d '{"name":"../x.json"}' http://agent/v1/runonce

@@ -139,6 +139,25 @@ TEST(Log, MapsTheLevelsAndKeepsBackWhatIsOff) {
                          "logging from info on"));
 }
 
+TEST(Log, TheLevelCanBeSetWhileItRuns) {
+    const TempDir directory;
+    const std::string file = directory.Path() / "agent.log";
+    InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", file}}, [] {
+        LogPrintC(93, 3, "off");
+        bool right = QxSetLogLevel("debug");
+        LogPrintC(93, 0, "debug");
+        right = right && !QxSetLogLevel("loud") && !QxSetLogLevel("") && !QxSetLogLevel(nullptr);
+        LogPrintC(93, 0, "still debug");
+        right = right && QxSetLogLevel("error");
+        LogPrintC(93, 2, "less than error");
+        LogPrintC(93, 3, "%d", right);
+        QxSetLogLevel("off");
+        LogPrintC(93, 3, "off again");
+    });
+    EXPECT_THAT(Records(Lines(ReadFile(file))),
+                ElementsAre("debug 93 0 debug", "debug 93 0 still debug", "error 93 3 1"));
+}
+
 TEST(Log, NoTextCanForgeARecord) {
     const Ended run = InProcess({}, [] {
         CLogDebug* const log = CLogDebug::Instance();

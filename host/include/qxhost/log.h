@@ -21,6 +21,10 @@
 /// info; any other counts as info. A level that is off costs no formatting. Any thread; errno is kept.
 extern "C" void LogPrintC(int iModule, int iLevel, const char* pszFormat, ...) __attribute__((format(printf, 3, 4)));
 
+/// Sets the least level that is written from now on: "trace", "debug", "info", "warn", "error" or "off", as
+/// QXHOST_LOG_LEVEL, which it replaces. False, and nothing is changed, for any other text and for null. Any thread.
+extern "C" bool QxSetLogLevel(const char* pszLevel);
+
 /// The logger for source units. Levels: 6 trace, 2 info, 3 warn, 4 error; any other counts as info.
 class CLogDebug {
 public:

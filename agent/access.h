@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "agent/installation.h"
+#include "agent/options.h"
+
+namespace qxpagent {
+
+// Who may change what the agent trusts, and who may reach its socket. What is not there is passed over: whoever needs
+// it says so. All but FindGroup look at what is there and throw StartupError, which names the path and the command that
+// mends it.
+
+/// The number of a group that is given by its name or its number. Throws StartupError when there is none.
+gid_t FindGroup(const std::string& group);
+
+/// Refuses a file or directory that somebody else can change: it belongs to a user other than root and the agent's own,
+/// everybody may write it, or a group may that is neither root's nor the agent's own. A symbolic link counts as what it
+/// leads to.
+void RequireUnwritableByOthers(const std::filesystem::path& path);
+
+/// What RequireUnwritableByOthers has to hold for before a plugin is loaded and scripts are run: bin/ and lib/ and in
+/// them this program and the host library, the plugin and its directory, everything under etc/, the configuration file,
+/// and the data directories of agent and plugin with the store's.
+std::vector<std::filesystem::path> TrustedPaths(const Options& options, const Installation& installation,
+                                                const std::filesystem::path& config_file);
+void CheckAccess(const Options& options, const Installation& installation, const std::filesystem::path& config_file);
+
+/// Makes the socket's directory fit for it. The agent's own data directory is given to the socket's group with mode
+/// 0750, and so is data/ above it, in its own mode, where a group is named and not everybody may pass. Any other
+/// directory is left as it is, and refused when others can write it, unless it has the sticky bit as /tmp has, where
+/// nobody can take another's files away.
+void PrepareSocketDirectory(const Options& options, const Installation& installation);
+
+}  // namespace qxpagent

@@ -1,0 +1,150 @@
+#include "agent/api_json.h"
+
+#include "agent/time_text.h"
+#include "qxhost/json.h"
+
+namespace qxpagent {
+
+namespace {
+
+Json TimeOrNull(const std::optional<WallTime>& time) {
+    return time.has_value() ? Json(LocalTimeText(*time)) : Json(nullptr);
+}
+
+Json TextOrNull(const std::string& text) {
+    return text.empty() ? Json(nullptr) : Json(text);
+}
+
+Json PeerToJson(const Peer& peer) {
+    Json json;
+    json["uid"] = peer.uid;
+    json["gid"] = peer.gid;
+    json["pid"] = peer.pid;
+    json["user"] = peer.user;
+    return json;
+}
+
+// Discarded when the text is not one JSON document. The host SDK's reader bounds the nesting, so that writing the
+// document out again cannot exhaust the stack.
+Json ReadDocument(const std::string& text) {
+    qxtools::CPJsonParse bounded;
+    return bounded.LoadBuffer(text.c_str()) ? Json::parse(text, nullptr, false) : Json(Json::value_t::discarded);
+}
+
+}  // namespace
+
+std::string_view Word(CommandState state) {
+    switch (state) {
+        case CommandState::kReceived:
+            return "received";
+        case CommandState::kDelivered:
+            return "delivered";
+        case CommandState::kRefused:
+            return "refused";
+        case CommandState::kReported:
+            return "reported";
+        case CommandState::kInterrupted:
+            break;
+    }
+    return "interrupted";
+}
+
+std::string_view Word(ReportSource source) {
+    switch (source) {
+        case ReportSource::kPlugin:
+            return "plugin";
+        case ReportSource::kFile:
+            return "file";
+        case ReportSource::kAgent:
+            break;
+    }
+    return "agent";
+}
+
+Json CommandToJson(const CommandRecord& command) {
+    Json json;
+    json["id"] = command.id;
+    json["command"] = command.command;
+    json["state"] = Word(command.state);
+    json["reason"] = TextOrNull(command.reason);
+    json["sequence"] = command.sequence;
+    json["scripts"] = command.scripts;
+    json["expected"] = command.expected;
+    json["unreported"] = command.unreported;
+    json["bytes"] = command.bytes;
+    json["sha256"] = command.sha256;
+    json["submitter"] = PeerToJson(command.submitter);
+    json["received"] = LocalTimeText(command.received);
+    json["delivered"] = TimeOrNull(command.delivered);
+    json["finished"] = TimeOrNull(command.finished);
+    return json;
+}
+
+Json ReportToJson(const Report& report) {
+    Json json;
+    json["cursor"] = report.cursor;
+    json["id"] = report.id;
+    json["source"] = Word(report.source);
+    json["file"] = TextOrNull(report.file);
+    json["received"] = LocalTimeText(report.received);
+    json["acknowledged"] = TimeOrNull(report.acknowledged);
+    json["json_data_type"] = report.json_data_type;
+    json["value"] = report.value;
+    json["bytes"] = report.bytes;
+    Json document = ReadDocument(report.text);
+    if (document.is_discarded()) {
+        json["document"] = nullptr;
+        json["text"] = report.text;
+    } else {
+        json["document"] = std::move(document);
+    }
+    return json;
+}
+
+Json ResultToJson(const Report& report) {
+    Json json;
+    json["cursor"] = report.cursor;
+    json["id"] = report.id;
+    json["file"] = report.file;
+    json["bytes"] = report.bytes;
+    json["received"] = LocalTimeText(report.received);
+    json["acknowledged"] = TimeOrNull(report.acknowledged);
+    return json;
+}
+
+Json StatusToJson(const AgentStatus& status) {
+    const StoreFigures& store = status.store;
+    Json commands;
+    for (const CommandState state : {CommandState::kReceived, CommandState::kDelivered, CommandState::kRefused,
+                                     CommandState::kReported, CommandState::kInterrupted}) {
+        const auto count = store.states.find(state);
+        commands[std::string(Word(state))] = count != store.states.end() ? count->second : 0;
+    }
+    Json json;
+    json["version"] = status.version;
+    json["plugin_status"] = status.plugin_status;
+    json["plugin_version"] = status.plugin_version;
+    json["uptime_seconds"] = status.uptime.count();
+    json["commands"] = std::move(commands);
+    json["last_sequence"] = store.last_sequence;
+    json["reports"] = Json{{"stored", store.reports},
+                           {"pending", store.reports_pending},
+                           {"last_cursor", store.last_cursor},
+                           {"oldest_pending", TimeOrNull(store.oldest_pending)}};
+    json["scripts_waiting"] = status.scripts_waiting;
+    json["store"] = Json{{"bytes", store.bytes}, {"fault", TextOrNull(store.fault)}};
+    json["data_directory"] = status.data_directory.string();
+    json["policy_directory"] = status.policy_directory.string();
+    json["process_directory"] = status.process_directory.string();
+    json["result_directory"] = status.result_directory.string();
+    return json;
+}
+
+HttpResponse JsonResponse(int status, const Json& body) {
+    HttpResponse response;
+    response.status = status;
+    response.body = body.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return response;
+}
+
+}  // namespace qxpagent

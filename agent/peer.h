@@ -1,0 +1,14 @@
+#pragma once
+
+#include "agent/agent_control.h"
+
+namespace qxpagent {
+
+/// Who is at the other end of a connected Unix socket, as the kernel noted when it connected. Throws std::system_error
+/// when the socket does not tell.
+Peer PeerOf(int socket);
+
+/// The name of a user, or the number where the user has no name.
+std::string UserName(uid_t uid);
+
+}  // namespace qxpagent

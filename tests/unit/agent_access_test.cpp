@@ -1,0 +1,219 @@
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent/access.h"
+#include "agent/startup_error.h"
+#include "agent/unix_listener.h"
+#include "tests/support/temp_dir.h"
+
+namespace qxpagent {
+namespace {
+
+using testing::HasSubstr;
+
+// What a StartupError says; "none" without one.
+template <typename Function>
+std::string Refusal(const Function& function) {
+    try {
+        function();
+    } catch (const StartupError& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+mode_t ModeOf(const std::filesystem::path& path) {
+    struct stat status {};
+    EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
+    return status.st_mode & 07777U;
+}
+
+gid_t GroupOf(const std::filesystem::path& path) {
+    struct stat status {};
+    EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
+    return status.st_gid;
+}
+
+class AccessTest : public testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* name : {"bin", "lib", "etc/trusted-keys", "etc/plugins/qxpmaint", "data/qxpagent",
+                                 "data/qxpmaint/policyfile", "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
+            std::filesystem::create_directories(root_ / name);
+        }
+        for (const char* name : {"bin/qxpagent", "lib/libqxpmaint.so", "etc/trusted-keys/ops.pub.pem",
+                                 "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf"}) {
+            directory_.Write(name, "x");
+        }
+        options_.plugin = installation_.plugin;
+        options_.socket = installation_.socket;
+    }
+
+    std::string Check() const {
+        return Refusal([this] { CheckAccess(options_, installation_, root_ / "etc/qxpagent.conf"); });
+    }
+
+    const TempDir directory_;
+    const std::filesystem::path root_ = directory_.Path();
+    const Installation installation_{root_ / "bin", root_ / "data/qxpagent", root_ / "data/qxpagent/agent.sock",
+                                     root_ / "lib/libqxpmaint.so"};
+    Options options_;
+};
+
+TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
+    ASSERT_EQ("none", Check());
+    for (const char* name : {"", "bin", "bin/qxpagent", "lib", "lib/libqxpmaint.so", "etc", "etc/trusted-keys",
+                             "etc/trusted-keys/ops.pub.pem", "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf",
+                             "data", "data/qxpagent", "data/qxpmaint", "data/qxpmaint/policyfile",
+                             "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
+        const std::string path = *name != '\0' ? (root_ / name).string() : root_.string();
+        const mode_t mode = ModeOf(path);
+        ASSERT_EQ(0, chmod(path.c_str(), mode | S_IWOTH));
+        const std::string refusal = Check();
+        EXPECT_THAT(refusal, testing::EndsWith(": chmod o-w " + path)) << name;
+        // The command that it names mends it.
+        const size_t command = refusal.find("chmod ");
+        ASSERT_NE(std::string::npos, command);
+        EXPECT_EQ(0, std::system(refusal.substr(command).c_str()));  // NOLINT(cert-env33-c)
+        EXPECT_EQ("none", Check()) << name;
+    }
+    ASSERT_EQ(0, chmod(root_.c_str(), 0770));
+    EXPECT_EQ("none", Check()) << "the agent's own group may write";
+
+    options_.store = root_ / "elsewhere" / "agent.db";
+    EXPECT_EQ("none", Check()) << "what is not there yet";
+    std::filesystem::create_directory(root_ / "elsewhere");
+    ASSERT_EQ(0, chmod((root_ / "elsewhere").c_str(), 0777));
+    EXPECT_THAT(Check(), HasSubstr("elsewhere"));
+
+    options_.store.clear();
+    std::filesystem::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
+    EXPECT_THAT(Check(), HasSubstr("etc/link")) << "a link counts as what it leads to";
+}
+
+TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    const std::string keys = (root_ / "etc/trusted-keys").string();
+    ASSERT_EQ(0, chown(keys.c_str(), 4321, 0));
+    EXPECT_THAT(Check(), HasSubstr("chown root " + keys));
+    ASSERT_EQ(0, chown(keys.c_str(), 0, 4321));
+    ASSERT_EQ(0, chmod(keys.c_str(), 0775));
+    EXPECT_THAT(Check(), HasSubstr("chmod g-w " + keys));
+    ASSERT_EQ(0, chmod(keys.c_str(), 0777));
+    EXPECT_THAT(Check(), HasSubstr("chmod go-w " + keys));
+    ASSERT_EQ(0, chmod(keys.c_str(), 0755));
+    EXPECT_EQ("none", Check());
+}
+
+TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
+    const auto prepare = [this] { return Refusal([this] { PrepareSocketDirectory(options_, installation_); }); };
+    ASSERT_EQ(0, chmod(installation_.agent_data.c_str(), 0777));
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(0750U, ModeOf(installation_.agent_data));
+    EXPECT_EQ(getegid(), GroupOf(installation_.agent_data));
+
+    ASSERT_EQ(0, chmod((root_ / "data").c_str(), 0700));
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(0700U, ModeOf(root_ / "data")) << "no group is named";
+    options_.socket_group = std::to_string(geteuid() == 0 ? 4321 : getegid());
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(0710U, ModeOf(root_ / "data")) << "its members get to the socket";
+    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(root_ / "data")));
+    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(installation_.agent_data)));
+    EXPECT_EQ("none", Check());
+
+    const std::filesystem::path other = root_ / "run";
+    std::filesystem::create_directory(other);
+    options_.socket = other / "agent.sock";
+    ASSERT_EQ(0, chmod(other.c_str(), 0777));
+    EXPECT_THAT(prepare(), HasSubstr("chmod o-w " + other.string()));
+    for (const mode_t mode : {mode_t{01777}, mode_t{0755}}) {
+        ASSERT_EQ(0, chmod(other.c_str(), mode));
+        EXPECT_EQ("none", prepare());
+        EXPECT_EQ(mode, ModeOf(other)) << "a directory that is not ours stays as it is";
+    }
+    options_.socket = installation_.socket;
+    for (const char* group : {"no-such-group", "4294967295", "4294967296"}) {
+        options_.socket_group = group;
+        EXPECT_THAT(prepare(), HasSubstr("There is no group \"" + std::string(group) + "\""));
+    }
+}
+
+TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {
+    const std::string path = installation_.socket.string();
+    {
+        const mode_t before = umask(0077);
+        const UnixListener listener(path);
+        umask(before);
+        EXPECT_EQ(0660U, ModeOf(path)) << "and not what the umask leaves";
+        EXPECT_EQ(getegid(), GroupOf(path));
+    }
+    EXPECT_THAT(Refusal([&] { const UnixListener listener(path, "no-such-group"); }), HasSubstr("no-such-group"));
+    const std::string foreign = "4321";
+    if (geteuid() != 0) {
+        EXPECT_THAT(Refusal([&] { const UnixListener listener(path, foreign); }), HasSubstr("Start the agent as root"));
+        EXPECT_FALSE(std::filesystem::exists(path));
+        return;
+    }
+    const UnixListener listener(path, foreign);
+    EXPECT_EQ(4321U, GroupOf(path));
+    EXPECT_EQ(0660U, ModeOf(path));
+    options_.socket_group = foreign;
+    PrepareSocketDirectory(options_, installation_);
+    EXPECT_EQ(4321U, GroupOf(installation_.agent_data));
+    EXPECT_EQ("none", Check());
+}
+
+TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
+    const TempDir directory;
+    const std::filesystem::path path = directory.Path() / "agent.sock";
+    const auto refusal = [](const std::filesystem::path& socket_path) {
+        return Refusal([&] { const UnixListener listener(socket_path); });
+    };
+    const auto expect_refusal = [&](const std::filesystem::path& socket_path, const char* part) {
+        const std::string text = refusal(socket_path);
+        EXPECT_NE(std::string::npos, text.find(part)) << text;
+    };
+    {
+        const UnixListener listener(path);
+        struct stat status {};
+        ASSERT_EQ(0, stat(path.c_str(), &status));
+        EXPECT_EQ(S_IFSOCK | 0660U, status.st_mode);
+        expect_refusal(path, "Another agent is running");
+        std::filesystem::remove(directory.Path() / "agent.sock.lock");
+        expect_refusal(path, "Another process is serving");
+        EXPECT_TRUE(std::filesystem::exists(path));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+
+    // What an agent that was killed leaves behind: a name that nobody listens on.
+    {
+        UnixListener listener(path);
+        std::filesystem::rename(path, directory.Path() / "kept");
+    }
+    std::filesystem::rename(directory.Path() / "kept", path);
+    EXPECT_EQ("none", refusal(path));
+
+    directory.Write("agent.sock", "precious");
+    expect_refusal(path, "is not a socket");
+    EXPECT_EQ("precious", ReadFile(path));
+    expect_refusal(directory.Path() / "missing" / "agent.sock", "Create its directory");
+    expect_refusal(directory.Path() / std::string(120, 'x'), "longer than 107");
+}
+
+TEST(UnixListenerTest, DoesNotRemoveWhatHasTakenItsPlace) {
+    const TempDir directory;
+    const std::filesystem::path path = directory.Path() / "agent.sock";
+    {
+        const UnixListener listener(path);
+        std::filesystem::remove(path);
+        directory.Write("agent.sock", "another");
+    }
+    EXPECT_EQ("another", ReadFile(path));
+}
+
+}  // namespace
+}  // namespace qxpagent

@@ -1,0 +1,113 @@
+#include "agent/metrics.h"
+
+#include <gmock/gmock.h>
+
+#include <limits>
+#include <sstream>
+
+namespace qxpagent {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+AgentStatus Busy() {
+    AgentStatus status;
+    status.version = "1.2.3";
+    status.plugin_version = "4 \"x\"";
+    status.plugin_status = 2;
+    status.scripts_waiting = 6;
+    status.store.reports = 12;
+    status.store.reports_pending = 3;
+    status.store.bytes = 5000000001;
+    status.store.states = {{CommandState::kReported, 8}, {CommandState::kDelivered, 2}};
+    status.counters.commands_taken = 11;
+    status.counters.commands_refused_at_door = 4;
+    status.counters.commands_refused_by_plugin = 5;
+    status.counters.runs_succeeded = 1;
+    status.counters.runs_failed = 2;
+    status.counters.runs_timed_out = 3;
+    status.counters.runs_interrupted = 4;
+    status.counters.output_bytes = 1234567;
+    status.counters.run_seconds = {{0.1, 1}, {1, 4}, {std::numeric_limits<double>::infinity(), 10}};
+    status.counters.run_seconds_sum = 99.5;
+    status.counters.removed_undelivered = 2;
+    return status;
+}
+
+TEST(MetricsTest, EveryFigureIsExposed) {
+    const std::vector<std::string> lines = Lines(MetricsText(Busy()));
+    for (const char* line : {
+             R"(qxpagent_build_info{version="1.2.3",plugin_version="4 \"x\""} 1)",
+             "qxpagent_plugin_started 1",
+             "qxpagent_scripts_waiting 6",
+             "qxpagent_commands_taken_total 11",
+             R"(qxpagent_commands_refused_total{by="door"} 4)",
+             R"(qxpagent_commands_refused_total{by="plugin"} 5)",
+             R"(qxpagent_runs_total{outcome="succeeded"} 1)",
+             R"(qxpagent_runs_total{outcome="failed"} 2)",
+             R"(qxpagent_runs_total{outcome="timed_out"} 3)",
+             R"(qxpagent_runs_total{outcome="interrupted"} 4)",
+             "qxpagent_run_output_bytes_total 1234567",
+             R"(qxpagent_run_duration_seconds_bucket{le="0.1"} 1)",
+             R"(qxpagent_run_duration_seconds_bucket{le="1"} 4)",
+             R"(qxpagent_run_duration_seconds_bucket{le="+Inf"} 10)",
+             "qxpagent_run_duration_seconds_count 10",
+             "qxpagent_run_duration_seconds_sum 99.5",
+             R"(qxpagent_commands{state="reported"} 8)",
+             R"(qxpagent_commands{state="delivered"} 2)",
+             R"(qxpagent_commands{state="refused"} 0)",
+             "qxpagent_reports 12",
+             "qxpagent_reports_pending 3",
+             "qxpagent_reports_oldest_pending_age_seconds 0",
+             "qxpagent_reports_removed_pending_total 2",
+             "qxpagent_store_bytes 5000000001",
+             "qxpagent_store_writable 1",
+         }) {
+        EXPECT_THAT(lines, Contains(line));
+    }
+}
+
+TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
+    AgentStatus status;
+    status.store.fault = "no space";
+    status.store.oldest_pending = std::chrono::system_clock::now() - std::chrono::seconds(100);
+    const std::string text = MetricsText(status);
+    EXPECT_THAT(text, HasSubstr("\nqxpagent_store_writable 0\n"));
+    EXPECT_THAT(text, HasSubstr("\nqxpagent_plugin_started 0\n"));
+    EXPECT_THAT(text, HasSubstr("\nqxpagent_run_duration_seconds_count 0\n")) << "before the first run";
+    const std::string name = "\nqxpagent_reports_oldest_pending_age_seconds ";
+    const double age = std::stod(text.substr(text.find(name) + name.size()));
+    EXPECT_GE(age, 100);
+    EXPECT_LT(age, 160);
+    status.store.oldest_pending = std::chrono::system_clock::now() + std::chrono::hours(1);
+    EXPECT_THAT(MetricsText(status), HasSubstr(name + "0\n")) << "the clock was set back";
+}
+
+TEST(MetricsTest, TheFormIsWhatPrometheusReads) {
+    std::string family;
+    for (const std::string& line : Lines(MetricsText(Busy()))) {
+        if (line.starts_with("# HELP ")) {
+            family = line.substr(7, line.find(' ', 7) - 7);
+            EXPECT_EQ('.', line.back()) << line;
+        } else if (line.starts_with("# TYPE ")) {
+            EXPECT_THAT(line, HasSubstr(" " + family + " ")) << "each family has its help first";
+            EXPECT_EQ(line.ends_with(" counter"), family.ends_with("_total")) << line;
+        } else {
+            EXPECT_THAT(line, testing::MatchesRegex("qxpagent_[a-z_]+(\\{.*\\})? [0-9.e+-]+"));
+            EXPECT_TRUE(line.starts_with(family)) << line;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace qxpagent

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "ctl/command_model.h"
 #include "ctl/commands.h"
 
 namespace qxpctl {
@@ -74,12 +75,23 @@ void RefuseEmptyValues(int argc, const char* const* argv) {
     }
 }
 
+std::string Generate(const CLI::App& program, const std::string& what) {
+    const CommandModel model = ReadCommandModel(program);
+    if (what == "bash")
+        return BashCompletion(model);
+    return what == "zsh" ? ZshCompletion(model) : ManPage(model, "qxpctl " QXPCTL_VERSION);
+}
+
 ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) {
     CLI::App program(kDescription, "qxpctl");
     Invocation invocation;
     program.set_version_flag("--version", "qxpctl " QXPCTL_VERSION, "Print the version and exit");
     AddJsonOption(program, invocation);
     AddSocketOption(program, invocation);
+    std::string generate;
+    program.add_option("--generate", generate, "Print completions or the manual page, for packages")
+        ->check(CLI::IsMember({"bash", "zsh", "man"}))
+        ->group("");
     program.require_subcommand(0, 1);
     program.footer(kFooter);
     program.get_formatter()->column_width(34);
@@ -90,6 +102,10 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return Explain(program, error, console);
+    }
+    if (!generate.empty()) {
+        console.Print(Generate(program, generate));
+        return ExitCode::Success;
     }
     if (!invocation.action) {
         static_cast<void>(console.Remarks().Write(program.help()));

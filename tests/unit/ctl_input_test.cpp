@@ -208,6 +208,7 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
         {{"watch", "--wait", "1h"}, "--wait"},
         {{"results", "p", "--raw", "1"}, "ID"},
         {{"drop", "--directory", script, script}, "is not a directory"},
+        {{"--generate", "fish"}, "fish"},
         {{"submit", "--socket", std::string(108, 's'), directory_.Write("p.json", R"({"ID":"p"})")}, "longer than"},
     };
     for (const auto& expected : cases) {

@@ -87,7 +87,7 @@ std::optional<Submission> AgentClient::Submit(const std::string& document, const
     if (!answer)
         return std::nullopt;
     if (answer->status == kRefusedAtTheDoor)
-        throw CommandRefused("the agent refuses the policy: " + DetailOf(*answer));
+        throw CommandRefused(DetailOf(*answer));
     if (answer->status == kConflict)
         throw BadInput("the agent refuses: " + Clause(DetailOf(*answer)) +
                        "; pack it with another ID (qxpctl pack --id, or none for a random one)");

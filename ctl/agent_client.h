@@ -83,7 +83,13 @@ private:
 /// The agent's check at the door refuses this command: the plugin would not run it.
 class CommandRefused : public Error {
 public:
-    explicit CommandRefused(const std::string& text) : Error(ExitCode::Negative, text) {}
+    explicit CommandRefused(const std::string& reason)
+        : Error(ExitCode::Negative, "the agent refuses the policy: " + reason), reason_(reason) {}
+
+    const std::string& Reason() const { return reason_; }
+
+private:
+    std::string reason_;
 };
 
 /// The plugin has not acknowledged a command in time. The agent has it, and it may still run.

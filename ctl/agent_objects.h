@@ -22,6 +22,9 @@ enum class CommandState { Received, Delivered, Refused, Reported, Interrupted };
 const char* StateName(CommandState state);
 bool IsFinal(CommandState state);
 
+// A check in the JSON library's move constructor looks as if it could throw.
+// NOLINTBEGIN(bugprone-exception-escape)
+
 struct Command {
     std::string id;
     std::string command;
@@ -78,6 +81,8 @@ struct AgentStatus {
     std::string process_directory;
     Json document;
 };
+
+// NOLINTEND(bugprone-exception-escape)
 
 struct Health {
     bool ok = false;

@@ -42,6 +42,7 @@ OptionModel ReadOption(const CLI::Option& option) {
     if (model.names.empty())
         model.names.push_back(option.get_name(true));
     model.description = OnOneLine(option.get_description());
+    model.required = option.get_required();
     model.repeated =
         option.get_expected_max() > 1 || option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll;
     if (option.get_items_expected_max() == 0)

@@ -16,6 +16,7 @@ struct OptionModel {
     std::vector<std::string> choices;  // of Choice
     std::string description;           // on one line
     bool repeated = false;
+    bool required = false;
 };
 
 struct CommandModel {

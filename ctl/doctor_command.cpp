@@ -44,7 +44,7 @@ std::string AsText(const Findings& findings, const Stream& output) {
     for (const Finding& finding : findings.All()) {
         const std::string name = LevelName(finding.level);
         text += output.Paint(LevelColor(finding.level), name) + std::string(6 - name.size(), ' ') + finding.check +
-                ": " + OneLine(finding.text) + (finding.advice.empty() ? "" : ": " + OneLine(finding.advice)) + "\n";
+                ": " + OneLine(finding.text) + (finding.advice.empty() ? "" : "; " + OneLine(finding.advice)) + "\n";
     }
     return text;
 }

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <sstream>
 
 #include "ctl/command_model.h"
@@ -10,9 +9,13 @@ namespace {
 // Text for a line of its own (groff_man(7), "Portability").
 std::string Escape(const std::string& text) {
     std::string escaped;
-    for (const char c : text) {
+    for (size_t at = 0; at < text.size(); ++at) {
+        const char c = text[at];
         if (c == '\\')
             escaped += "\\e";
+        else if (text.compare(at, 2, "[,") == 0)
+            // A long list of optional parts may be broken between them.
+            escaped += "\\:[";
         else if (c == '-')
             escaped += "\\-";
         else if (c == '\'')
@@ -43,13 +46,17 @@ std::vector<std::vector<std::string>> Paragraphs(const std::string& text) {
     return paragraphs;
 }
 
-// A paragraph with indented lines is a table or an example and stays as it is; any other is prose.
+// Indented lines are a table or an example and stay as they are; the others are prose.
 std::string ParagraphText(const std::vector<std::string>& lines) {
-    const bool verbatim =
-        std::any_of(lines.begin(), lines.end(), [](const std::string& line) { return line.front() == ' '; });
-    std::string text = verbatim ? ".PP\n.nf\n" : ".PP\n";
-    for (const std::string& line : lines)
+    std::string text = ".PP\n";
+    bool verbatim = false;
+    for (const std::string& line : lines) {
+        const bool indented = line.front() == ' ';
+        if (indented != verbatim)
+            text += indented ? ".nf\n" : ".fi\n";
+        verbatim = indented;
         text += Escape(line) + "\n";
+    }
     return verbatim ? text + ".fi\n" : text;
 }
 
@@ -68,8 +75,10 @@ std::string OptionText(const OptionModel& option) {
 
 std::string Synopsis(const CommandModel& command) {
     std::string text = "\\fBqxpctl " + command.name + "\\fR [\\fIoptions\\fR]";
-    for (const OptionModel& argument : command.positionals)
-        text += " \\fI" + argument.value + "\\fR" + (argument.repeated ? " .\\|.\\|." : "");
+    for (const OptionModel& argument : command.positionals) {
+        const std::string word = "\\fI" + argument.value + "\\fR" + (argument.repeated ? " .\\|.\\|." : "");
+        text += argument.required ? " " + word : " [" + word + "]";
+    }
     return text;
 }
 
@@ -109,6 +118,8 @@ std::string ManPage(const CommandModel& program, const std::string& version) {
     std::string text = R"(.\" Made by 'qxpctl --generate man'.
 .TH QXPCTL 1 "" ")" + version +
                        R"(" "User Commands"
+.ad l
+.nh
 .SH NAME
 qxpctl \- sign maintenance scripts, have them run, see the results
 .SH SYNOPSIS

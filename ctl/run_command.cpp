@@ -101,7 +101,14 @@ public:
     ExitCode Run() {
         // From here on reports count, unless the agent knows this very policy already.
         uint64_t after = agent_.GetStatus().last_cursor;
-        Submission submission = Submit();
+        Submission submission;
+        try {
+            submission = Submit();
+        } catch (const CommandRefused& refusal) {
+            submission.command.id = policy_.id;
+            submission.command.reason = refusal.Reason();
+            return Finish(submission.command, FollowOutcome::Refused);
+        }
         spinner_.Clear();
         if (!submission.taken) {
             after = 0;
@@ -109,17 +116,21 @@ public:
         }
         sent_ = true;
         const FollowOutcome outcome = Follow(submission.command, after);
-        spinner_.Clear();
-        if (json_)
-            console_.Print(RunJson(submission.command, collector_, outcome));
-        else
-            static_cast<void>(console_.Remarks().Write(RunSummary(collector_, outcome, console_.Remarks())));
-        Acknowledge();
-        Explain(outcome, ReasonOf(submission.command, collector_));
-        return ExitCodeOf(outcome, collector_.AllSucceeded());
+        return Finish(submission.command, outcome);
     }
 
 private:
+    ExitCode Finish(const Command& command, FollowOutcome outcome) {
+        spinner_.Clear();
+        if (json_)
+            console_.Print(RunJson(command, collector_, outcome));
+        else
+            static_cast<void>(console_.Remarks().Write(RunSummary(collector_, outcome, console_.Remarks())));
+        Acknowledge();
+        Explain(outcome, ReasonOf(command, collector_));
+        return ExitCodeOf(outcome, collector_.AllSucceeded());
+    }
+
     bool Tick() {
         spinner_.Tick(sent_ ? Waiting(collector_) : "sending");
         return !interrupt_.Interrupted();
@@ -178,9 +189,9 @@ private:
 
     void Explain(FollowOutcome outcome, const std::string& reason) const {
         if (outcome == FollowOutcome::Refused)
-            console_.Remark("the plugin refused the policy " + policy_.id + ": " +
-                            (reason.empty() ? "it trusts another key, or too many scripts are in progress; its log "
-                                              "tells which, and 'qxpctl verify' checks the key"
+            console_.Remark("the policy " + policy_.id + " was refused: " +
+                            (reason.empty() ? "the plugin trusts another key, or too many scripts are in progress; its "
+                                              "log tells which, and 'qxpctl verify' checks the key"
                                             : reason));
         if (outcome == FollowOutcome::Interrupted)
             console_.Remark("the policy " + policy_.id + " was interrupted: " +

@@ -93,8 +93,9 @@ TEST_F(DocsTest, TheManualPageIsCleanAndNamesEverything) {
             .output;
     for (const char* const command : kAllCommands)
         EXPECT_THAT(text, HasSubstr("qxpctl " + std::string(command) + " [options]"));
-    for (const char* const part : {"--trust-dir DIR", "--acknowledge", "EXIT STATUS", "QXPAGENT_SOCKET",
-                                   "qxpctl run --key ops.key.pem 'disk-check.sh,check=DISK CHECKED'", "\\, and a"})
+    for (const char* const part :
+         {"--trust-dir DIR", "watch [options] [ID ...]", "[options] SCRIPT ...", "--acknowledge", "EXIT STATUS",
+          "QXPAGENT_SOCKET", "qxpctl run --key ops.key.pem 'disk-check.sh,check=DISK CHECKED'", "\\, and a"})
         EXPECT_THAT(text, HasSubstr(part));
     EXPECT_THAT(text, Not(HasSubstr("--generate")));
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "ctl/socket_access.h"
 #include "tests/unit/ctl_fake_journal.h"
 
 namespace qxpctl {
@@ -144,6 +145,14 @@ TEST_F(DoctorTest, TheSocketSaysWhyItCannotBeUsed) {
         const FakeAgent left_behind(Socket(), [](const auto&) { return std::nullopt; });
     }
     EXPECT_THAT(Texts(ExamineWithoutAgent(), "fail", "socket"), HasSubstr("nothing answers on"));
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(Socket().c_str(), 0, 1), 0);
+        Mode("agent.sock", 0660);
+        EXPECT_EQ(WhoMayUse(Socket()),
+                  "it is for the user root and the group " + GroupName(1) + ": join that group, or try again as root");
+        Mode("agent.sock", 0600);
+        EXPECT_THAT(WhoMayUse(Socket()), HasSubstr("it is for the user root alone"));
+    }
     Mode("agent.sock", 0666);
     EXPECT_THAT(Texts(ExamineWithoutAgent(), "fail", "socket"), HasSubstr("can be used by everybody"));
 }

@@ -78,12 +78,22 @@ TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
 
     const ToolResult refused = RunOne(FakeJournal(Pages{{Json(), Refusal("p")}}));
     EXPECT_EQ(refused.code, 1);
-    EXPECT_THAT(refused.remarks, AllOf(HasSubstr("a.sh: refused"), HasSubstr("refused the policy p")));
+    EXPECT_THAT(refused.remarks, AllOf(HasSubstr("a.sh: refused"),
+                                       HasSubstr("the policy p was refused: the plugin trusts another key")));
 
     // Its state alone tells, without a report.
     const ToolResult unreported = RunOne(FakeJournal(Pages{{}}).EndingAs("refused", "the plugin is not there"));
     EXPECT_EQ(unreported.code, 1);
-    EXPECT_THAT(unreported.remarks, HasSubstr("refused the policy p: the plugin is not there"));
+    EXPECT_THAT(unreported.remarks, HasSubstr("the policy p was refused: the plugin is not there"));
+
+    const auto refuse = [](const FakeAgent::Request& request) {
+        return request.method == "POST" ? FakeAgent::Answer(422, R"({"detail":"bad signature"})")
+                                        : FakeAgent::Answer(200, FakeJournal::StatusObject(0, 0).dump());
+    };
+    const ToolResult at_the_door = RunOne(refuse, {"--json"});
+    EXPECT_EQ(at_the_door.code, 1);
+    EXPECT_EQ(Json::parse(at_the_door.output)["outcome"], "refused");
+    EXPECT_EQ(Json::parse(at_the_door.output)["reason"], "bad signature");
 
     const ToolResult interrupted = RunOne(FakeJournal(Pages{{Interruption("p", "power cut")}}), {"--json"});
     EXPECT_EQ(interrupted.code, 1);

@@ -200,11 +200,11 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
 TEST_F(ViewTest, WatchOfAllBeginsNowAndEndsByCtrlC) {
     const auto changing = Changing({{}, {FakeJournal::CommandObject("p", "received", 21)}});
     const ToolResult result = Run(
-        [&](const FakeAgent::Request& request) {
-            if (polls_ == 2) {
-                EXPECT_EQ(kill(getpid(), SIGINT), 0);
-            }
-            return changing(request);
+        [&](const FakeAgent::Request& request) -> std::optional<std::string> {
+            if (polls_ < 2)
+                return changing(request);
+            EXPECT_EQ(kill(getpid(), SIGINT), 0);
+            return std::nullopt;
         },
         {"watch", "--json"});
     EXPECT_EQ(result.code, 130);

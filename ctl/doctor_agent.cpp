@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sstream>
 #include <system_error>
 
 #include "ctl/child_process.h"
@@ -31,19 +32,24 @@ constexpr seconds kConfigurationDeadline{30};
 // A check is no place to wait for an agent that hangs.
 constexpr seconds kAgentDeadline{15};
 constexpr seconds kOldReport{86400};
+constexpr size_t kMaxMistakes = 20;
 
 std::string ErrnoText(int number) {
     return std::generic_category().message(number);
 }
 
-// The last line that is not empty: what a program says when it ends.
-std::string LastLine(const std::string& output) {
-    const size_t end = output.find_last_not_of('\n');
-    if (end == std::string::npos)
-        return "it says nothing";
-    const size_t begin = output.rfind('\n', end);
-    return output.substr(begin == std::string::npos ? 0 : begin + 1,
-                         end - (begin == std::string::npos ? 0 : begin + 1) + 1);
+// Each line that the agent writes about its configuration is a mistake of its own.
+void AddMistakes(const std::string& output, const std::string& advice, Findings& findings) {
+    std::istringstream lines(output);
+    size_t mistakes = 0;
+    for (std::string line; mistakes < kMaxMistakes && std::getline(lines, line);) {
+        if (line.empty())
+            continue;
+        findings.Fail(kConfigurationCheck, line, advice);
+        ++mistakes;
+    }
+    if (mistakes == 0)
+        findings.Fail(kConfigurationCheck, "the agent does not take it, and does not say why", advice);
 }
 
 // False when it is of no use to try to connect.
@@ -124,7 +130,7 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
             break;
         case ChildResult::End::Exited:
             if (result.code != 0)
-                findings.Fail(kConfigurationCheck, LastLine(result.output), advice);
+                AddMistakes(result.output, advice, findings);
             break;
     }
     findings.OkUnlessFound(kConfigurationCheck, "the agent can read it");

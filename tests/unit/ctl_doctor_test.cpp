@@ -121,8 +121,11 @@ TEST_F(DoctorTest, EveryBadKeyIsNamed) {
 }
 
 TEST_F(DoctorTest, TheAgentsOwnWordsOnItsConfigurationArePassedOn) {
-    Program("#!/bin/sh\n[ \"$*\" = --check-config ] && echo starting && echo 'line 3: no such key' >&2\nexit 1\n");
-    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("line 3: no such key; mend it"));
+    Program("#!/bin/sh\n[ \"$*\" = --check-config ] && echo 'line 2: bad' && echo 'line 3: no such key' >&2\nexit 1\n");
+    EXPECT_THAT(Texts(Examine(), "fail", "configuration"),
+                testing::AllOf(HasSubstr("line 2: bad; mend it"), HasSubstr("line 3: no such key; mend it")));
+    Program("#!/bin/sh\nexit 1\n");
+    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("does not say why"));
     Program("#!/bin/sh\nkill -SEGV $$\n");
     EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("killed by signal 11"));
     Program("#!/nowhere/sh\n");

@@ -100,8 +100,9 @@ std::string ZshAction(const OptionModel& option) {
 // One specification for _arguments for each name of the option.
 std::string ZshOption(const OptionModel& option, const std::string& indent) {
     std::string text;
+    const std::string excluded = option.repeated ? "*" : "(" + Join(option.names, " ") + ")";
     for (const std::string& name : option.names) {
-        text += " \\\n" + indent + "'" + (option.repeated ? "*" : "(" + Join(option.names, " ") + ")") + name;
+        text.append(" \\\n").append(indent).append("'").append(excluded).append(name);
         if (option.kind != ValueKind::None)
             text += name.starts_with("--") ? "=" : "+";
         text += "[" + ZshText(option.description) + "]";

@@ -51,6 +51,7 @@ public:
     void Draw(const std::map<std::string, Command>& commands) {
         const TerminalSize size = console_.Output().Size().value_or(kUnknownSize);
         std::vector<const Command*> newest;
+        newest.reserve(commands.size());
         for (const auto& [id, command] : commands)
             newest.push_back(&command);
         std::sort(newest.begin(), newest.end(), [](const Command* a, const Command* b) {

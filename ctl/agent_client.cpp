@@ -1,257 +1,196 @@
 #include "ctl/agent_client.h"
 
-#include <curl/curl.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-
-#include "ctl/error.h"
-#include "ctl/text.h"
-#include "qxhost/module.h"
+#include <stdexcept>
 
 namespace qxpctl {
 
 namespace {
 
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 
 constexpr milliseconds kDefaultTimeout{120000};
-constexpr milliseconds kTickInterval{100};
-// Room for a page of the largest reports that a policy can make; beyond it something is wrong at the other end.
-constexpr size_t kMaxAnswerBytes = size_t{1} << 30;
+// A policy file runs for as long as its scripts do.
+constexpr milliseconds kNoTimeout{0};
 
-struct EasyFree {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct MultiFree {
-    void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-struct ListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
+constexpr long kConflict = 409;
+constexpr long kRefusedAtTheDoor = 422;
+constexpr long kUnavailable = 503;
+constexpr long kNotAcknowledged = 504;
+constexpr long kStorageFull = 507;
 
-size_t Receive(char* data, size_t /*one*/, size_t size, void* body) {
-    auto& text = *static_cast<std::string*>(body);
-    if (text.size() + size > kMaxAnswerBytes)
-        return 0;
-    text.append(data, size);
-    return size;
+bool Succeeded(const HttpAnswer& answer) {
+    return answer.status >= 200 && answer.status < 300;
 }
 
-// A text member of an answer, or what stands for it.
-std::string TextOr(const Json& object, const char* key, const std::string& otherwise) {
-    const auto member = object.find(key);
-    return member != object.end() && member->is_string() ? member->get<std::string>() : otherwise;
+// The agent's own words for what went wrong.
+std::string DetailOf(const HttpAnswer& answer) {
+    const Json body = Json::parse(answer.body, nullptr, false);
+    return TextMember(body, "detail", TextMember(body, "title", "status " + std::to_string(answer.status)));
 }
 
-const Json* Find(const Json& object, const char* key) {
-    if (!object.is_object())
-        return nullptr;
-    const auto member = object.find(key);
-    return member == object.end() ? nullptr : &*member;
+// Without a full stop, so that the sentence can go on.
+std::string Clause(std::string text) {
+    while (!text.empty() && (text.back() == '.' || text.back() == ' '))
+        text.pop_back();
+    return text;
 }
 
-std::string EscapeForUrl(const std::string& text) {
-    const std::unique_ptr<char, decltype(&curl_free)> escaped(
-        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), curl_free);
-    return escaped ? std::string(escaped.get()) : std::string();
+std::string WhenToTryAgain(const HttpAnswer& answer) {
+    if (!answer.retry_after)
+        return "see its log and try again";
+    return "try again in " + std::to_string(answer.retry_after->count()) + " s";
+}
+
+seconds BoundedWait(seconds wait) {
+    return std::clamp(wait, seconds(0), AgentClient::kMaxPoll);
 }
 
 }  // namespace
 
-// One request on its way.
-class AgentClient::Transfer {
-public:
-    Transfer(const std::string& url, const std::string& socket, const std::string* body, milliseconds timeout)
-        : easy_(curl_easy_init()), multi_(curl_multi_init()) {
-        if (!easy_ || !multi_)
-            throw LocalFailure("libcurl cannot be initialised");
-        Set(CURLOPT_URL, url.c_str());
-        Set(CURLOPT_UNIX_SOCKET_PATH, socket.c_str());
-        // A proxy of the environment has no part in this.
-        Set(CURLOPT_PROXY, "");
-        Set(CURLOPT_NOSIGNAL, 1L);
-        Set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
-        Set(CURLOPT_WRITEFUNCTION, Receive);
-        Set(CURLOPT_WRITEDATA, &answer_.body);
-        if (!body)
-            return;
-        headers_.reset(curl_slist_append(nullptr, "Content-Type: application/json"));
-        // No waiting for "100 Continue": the agent is on this machine.
-        curl_slist_append(headers_.get(), "Expect:");
-        Set(CURLOPT_HTTPHEADER, headers_.get());
-        Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
-        Set(CURLOPT_POSTFIELDS, body->data());
-    }
-    ~Transfer() {
-        if (started_)
-            curl_multi_remove_handle(multi_.get(), easy_.get());
-    }
-    Transfer(const Transfer&) = delete;
-    Transfer& operator=(const Transfer&) = delete;
-
-    /// False when tick gave up.
-    bool Run(const Tick& tick) {
-        started_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
-        int running = started_ ? 1 : 0;
-        while (running > 0) {
-            if (tick && !tick())
-                return false;
-            if (curl_multi_perform(multi_.get(), &running) != CURLM_OK)
-                break;
-            if (running > 0)
-                curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(kTickInterval.count()), nullptr);
-        }
-        return true;
-    }
-
-    CURLcode Result() const {
-        int left = 0;
-        while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
-            if (message->msg == CURLMSG_DONE)
-                return message->data.result;
-        }
-        return CURLE_FAILED_INIT;
-    }
-
-    Answer TakeAnswer() {
-        curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &answer_.status);
-        return std::move(answer_);
-    }
-
-private:
-    template <typename T>
-    void Set(CURLoption option, T value) {
-        curl_easy_setopt(easy_.get(), option, value);
-    }
-
-    std::unique_ptr<curl_slist, ListFree> headers_;
-    std::unique_ptr<CURL, EasyFree> easy_;
-    std::unique_ptr<CURLM, MultiFree> multi_;
-    Answer answer_;
-    bool started_ = false;
-};
-
-AgentClient::AgentClient(std::string socket_path) : socket_path_(std::move(socket_path)), timeout_(kDefaultTimeout) {
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_NOTHING);
-    if (initialised != CURLE_OK)
-        throw LocalFailure("libcurl cannot be initialised");
-    if (socket_path_.size() >= sizeof(sockaddr_un::sun_path))
-        throw BadInput("the socket path " + socket_path_ + " is longer than the " +
-                       std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes that a Unix socket may have");
+AgentClient::AgentClient(std::string socket_path) : http_(std::move(socket_path)), timeout_(kDefaultTimeout) {
 }
 
-AgentClient::~AgentClient() = default;
-
-AgentStatus AgentClient::GetStatus() {
-    const Json status = Read(Perform("/v1/status", nullptr, timeout_, {}).value());
-    const Json* const reports = Find(status, "reports");
-    const Json* const cursor = reports ? Find(*reports, "last_cursor") : nullptr;
-    if (!cursor || !cursor->is_number_unsigned())
-        FailForeign("its status names no last cursor");
-    return {cursor->get<uint64_t>(), TextOr(status, "result_directory", "")};
+// Runs a reader of agent_objects.h over an answer.
+template <typename Reader>
+static auto Interpret(const AgentHttp& http, Json json, Reader reader) {
+    try {
+        return reader(std::move(json));
+    } catch (const std::invalid_argument& error) {
+        http.FailForeign(error.what());
+    }
 }
 
-std::optional<std::string> AgentClient::Submit(const std::string& document, const Tick& tick) {
-    const std::optional<Answer> answer = Perform("/v1/commands", &document, timeout_, tick);
+AgentStatus AgentClient::GetStatus(const Tick& tick) {
+    std::optional<Json> json = Get("/v1/status", timeout_, tick);
+    if (!json)
+        throw Error(ExitCode::Interrupted, "interrupted");
+    return Interpret(http_, std::move(*json), ReadStatus);
+}
+
+Health AgentClient::GetHealth() {
+    const HttpAnswer answer = http_.Perform("/v1/health", nullptr, timeout_, {}).value();
+    const Json body = Json::parse(answer.body, nullptr, false);
+    if (TextMember(body, "status").empty())
+        FailRefused(answer);
+    Health health{Succeeded(answer), {}};
+    if (const Json* const problems = FindMember(body, "problems"); problems && problems->is_array()) {
+        for (const Json& problem : *problems)
+            health.problems.push_back(problem.is_string() ? problem.get<std::string>() : problem.dump());
+    }
+    return health;
+}
+
+std::optional<Submission> AgentClient::Submit(const std::string& document, const Tick& tick) {
+    const std::optional<HttpAnswer> answer = http_.Perform("/v1/commands", &document, timeout_, tick);
     if (!answer)
         return std::nullopt;
-    const Json accepted = Read(*answer);
-    const Json* const id = Find(accepted, "id");
-    if (!id || !id->is_string())
-        FailForeign("it did not say which ID it took");
-    return id->get<std::string>();
+    if (answer->status == kRefusedAtTheDoor)
+        throw CommandRefused(DetailOf(*answer));
+    if (answer->status == kConflict)
+        throw BadInput("the agent refuses: " + Clause(DetailOf(*answer)) +
+                       "; pack it with another ID (qxpctl pack --id, or none for a random one)");
+    if (answer->status == kNotAcknowledged)
+        throw NotAcknowledged("the agent has the policy, but: " + Clause(DetailOf(*answer)) +
+                              "; look later with 'qxpctl show'");
+    return Submission{answer->status == 202, Interpret(http_, Read(*answer), ReadCommand)};
 }
 
-std::optional<ReportPage> AgentClient::GetReports(const std::string& policy_id, uint64_t after,
-                                                  std::chrono::seconds wait, const Tick& tick) {
-    wait = std::clamp(wait, std::chrono::seconds(0), kMaxPoll);
-    const std::string path = "/v1/reports?id=" + EscapeForUrl(policy_id) + "&after=" + std::to_string(after) +
-                             "&wait=" + std::to_string(wait.count());
-    const std::optional<Answer> answer = Perform(path, nullptr, wait + timeout_, tick);
+std::optional<CommandPage> AgentClient::ListCommands(const CommandFilter& filter, const Tick& tick) {
+    const seconds wait = BoundedWait(filter.wait);
+    std::optional<Json> json =
+        Get("/v1/commands?after=" + std::to_string(filter.after) + "&limit=" + std::to_string(filter.limit) +
+                "&wait=" + std::to_string(wait.count()),
+            wait + timeout_, tick);
+    if (!json)
+        return std::nullopt;
+    return Interpret(http_, std::move(*json), ReadCommandPage);
+}
+
+CommandDetail AgentClient::GetCommand(const std::string& id) {
+    return Interpret(http_, Get("/v1/commands/" + EscapeForUrl(id), timeout_, {}).value(), ReadCommandDetail);
+}
+
+std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, const Tick& tick) {
+    const seconds wait = BoundedWait(filter.wait);
+    std::string target = "/v1/reports?after=" + std::to_string(filter.after) +
+                         "&limit=" + std::to_string(filter.limit) + "&wait=" + std::to_string(wait.count());
+    if (!filter.id.empty())
+        target += "&id=" + EscapeForUrl(filter.id);
+    if (!filter.source.empty())
+        target += "&source=" + EscapeForUrl(filter.source);
+    if (filter.acknowledged)
+        target += *filter.acknowledged ? "&acknowledged=true" : "&acknowledged=false";
+    std::optional<Json> json = Get(target, wait + timeout_, tick);
+    if (!json)
+        return std::nullopt;
+    return Interpret(http_, std::move(*json), ReadReportPage);
+}
+
+uint64_t AgentClient::Acknowledge(const std::vector<uint64_t>& cursors) {
+    // Its bodies are small: 64 KiB hold more than 3000 of the longest numbers.
+    constexpr size_t kBatch = 1000;
+    uint64_t acknowledged = 0;
+    for (size_t at = 0; at < cursors.size(); at += kBatch) {
+        const auto first = cursors.begin() + static_cast<std::ptrdiff_t>(at);
+        const auto last = cursors.begin() + static_cast<std::ptrdiff_t>(std::min(at + kBatch, cursors.size()));
+        const Json body = {{"cursors", std::vector<uint64_t>(first, last)}};
+        const Json answer = Post("/v1/reports/acknowledge", body.dump(), timeout_, {}).value();
+        acknowledged += NumberMember(answer, "acknowledged");
+    }
+    return acknowledged;
+}
+
+std::string AgentClient::GetResultFile(uint64_t cursor) {
+    HttpAnswer answer = http_.Perform("/v1/results/" + std::to_string(cursor), nullptr, timeout_, {}).value();
+    if (!Succeeded(answer))
+        FailRefused(answer);
+    return std::move(answer.body);
+}
+
+std::optional<bool> AgentClient::RunOnce(const std::string& name, const Tick& tick) {
+    const Json body = {{"name", name}};
+    const std::optional<Json> answer = Post("/v1/runonce", body.dump(), kNoTimeout, tick);
     if (!answer)
         return std::nullopt;
-    Json body = Read(*answer);
-    const Json* const reports = Find(body, "reports");
-    const Json* const cursor = Find(body, "cursor");
-    if (!reports || !reports->is_array() || !cursor || !cursor->is_number_unsigned())
-        FailForeign("its list of reports cannot be read");
-    ReportPage page;
-    page.cursor = cursor->get<uint64_t>();
-    for (Json& report : body["reports"])
-        page.reports.push_back({report.is_object() ? std::move(report["document"]) : Json()});
-    return page;
+    const Json* const accepted = FindMember(*answer, "accepted");
+    if (!accepted || !accepted->is_boolean())
+        http_.FailForeign("it did not say whether it accepted the policy");
+    return accepted->get<bool>();
 }
 
-std::optional<AgentClient::Answer> AgentClient::Perform(const std::string& path, const std::string* body,
-                                                        milliseconds timeout, const Tick& tick) {
-    // The host's name is not looked at: the socket is the address.
-    Transfer transfer("http://agent" + path, socket_path_, body, timeout);
-    if (!transfer.Run(tick))
-        return std::nullopt;
-    const CURLcode result = transfer.Result();
-    if (result == CURLE_COULDNT_CONNECT)
-        FailUnreachable("nothing answers on " + socket_path_);
-    if (result == CURLE_OPERATION_TIMEDOUT)
-        FailUnreachable("the agent on " + socket_path_ + " does not answer in time");
-    if (result == CURLE_WRITE_ERROR)
-        FailForeign("its answer is larger than " + std::to_string(kMaxAnswerBytes) + " bytes");
-    if (result != CURLE_OK)
-        FailUnreachable("the connection to the agent on " + socket_path_ + " broke (" + curl_easy_strerror(result) +
-                        ")");
-    return transfer.TakeAnswer();
+std::optional<Json> AgentClient::Get(const std::string& target, milliseconds timeout, const Tick& tick) const {
+    const std::optional<HttpAnswer> answer = http_.Perform(target, nullptr, timeout, tick);
+    return answer ? std::optional(Read(*answer)) : std::nullopt;
 }
 
-Json AgentClient::Read(const Answer& answer) const {
+std::optional<Json> AgentClient::Post(const std::string& target, const std::string& body, milliseconds timeout,
+                                      const Tick& tick) const {
+    const std::optional<HttpAnswer> answer = http_.Perform(target, &body, timeout, tick);
+    return answer ? std::optional(Read(*answer)) : std::nullopt;
+}
+
+Json AgentClient::Read(const HttpAnswer& answer) const {
+    if (!Succeeded(answer))
+        FailRefused(answer);
     Json body = Json::parse(answer.body, nullptr, false);
-    const bool success = answer.status >= 200 && answer.status < 300;
-    if (success && body.is_object())
-        return body;
-    if (success)
-        FailForeign("its answer is not a JSON object");
-    const std::string status = "status " + std::to_string(answer.status);
-    const std::string detail = body.is_object() ? TextOr(body, "detail", TextOr(body, "title", status)) : status;
+    if (!body.is_object())
+        http_.FailForeign("its answer is not a JSON object");
+    return body;
+}
+
+void AgentClient::FailRefused(const HttpAnswer& answer) const {
+    const std::string detail = DetailOf(answer);
     // 4xx: this request cannot succeed as it is. Anything else is the agent's own trouble.
     if (answer.status >= 400 && answer.status < 500)
         throw BadInput("the agent refuses: " + detail);
-    throw AgentUnavailable("the agent on " + socket_path_ + " cannot do this now: " + detail +
-                           "; see its log and try again");
-}
-
-void AgentClient::FailUnreachable(const std::string& reason) const {
-    const int failure = access(socket_path_.c_str(), R_OK | W_OK) == 0 ? 0 : errno;
-    if (failure == ENOENT || failure == ENOTDIR)
-        throw AgentUnavailable("there is no agent socket " + socket_path_ +
-                               "; start qxpagent, or name its socket with --socket or QXPAGENT_SOCKET");
-    if (failure == EACCES)
-        throw AgentUnavailable("no permission to use the agent socket " + socket_path_ +
-                               "; try again as the user of the agent, which is root as a rule");
-    throw AgentUnavailable(reason + "; is qxpagent running, and is this its socket (--socket, QXPAGENT_SOCKET)?");
-}
-
-void AgentClient::FailForeign(const std::string& what) const {
-    throw AgentUnavailable("what answers on " + socket_path_ + " does not speak like qxpagent: " + what +
-                           "; check --socket");
-}
-
-std::string FindSocket(const std::string& option) {
-    if (!option.empty())
-        return option;
-    const char* const environment = std::getenv("QXPAGENT_SOCKET");
-    if (environment && *environment)
-        return environment;
-    // Any address in this program tells where it lies.
-    static const char kHere = 0;
-    constexpr unsigned int kMaxPath = 4096;
-    std::string directory(kMaxPath + 1, '\0');
-    if (!QxGetModuleFilePath(&kHere, directory.data(), kMaxPath))
-        throw LocalFailure("cannot tell where this program lies; name the agent's socket with --socket");
-    const std::filesystem::path bin(directory.c_str());
-    return (bin / "../data/qxpagent/agent.sock").lexically_normal().string();
+    const std::string text = "the agent on " + SocketPath() + " cannot do this now: " + Clause(detail) + "; ";
+    if (answer.status == kUnavailable)
+        throw AgentAway(AgentAway::Cause::Busy, text + WhenToTryAgain(answer));
+    if (answer.status == kStorageFull)
+        throw AgentUnavailable(text + "make room on its disk, and try again");
+    throw AgentUnavailable(text + WhenToTryAgain(answer));
 }
 
 }  // namespace qxpctl

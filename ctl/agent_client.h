@@ -2,58 +2,67 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "ctl/json.h"
+#include "ctl/agent_http.h"
+#include "ctl/agent_objects.h"
 
 namespace qxpctl {
 
-/// Called about ten times a second while a request is under way; false gives the request up.
-using Tick = std::function<bool()>;
-
-/// What GET /v1/status tells, as far as this tool needs it.
-struct AgentStatus {
-    uint64_t last_cursor = 0;
-    std::string result_directory;
+/// What became of a command that was sent.
+// NOLINTNEXTLINE(bugprone-exception-escape): a check in the JSON library's move constructor looks as if it could throw
+struct Submission {
+    /// False when the agent knew this very document already; nothing was done then.
+    bool taken = false;
+    Command command;
 };
 
-struct Report {
-    /// The document that the plugin sent; null when it is not JSON.
-    Json document;
+struct ReportFilter {
+    std::string id;                    // empty: of any command
+    std::string source;                // plugin, file, agent; empty: any
+    std::optional<bool> acknowledged;  // not set: either
+    uint64_t after = 0;                // only greater cursors
+    unsigned limit = 100;              // 1 to 1000
+    std::chrono::seconds wait{0};      // for the first one; at most AgentClient::kMaxPoll
 };
 
-struct ReportPage {
-    std::vector<Report> reports;
-    /// Where the next page begins.
-    uint64_t cursor = 0;
+struct CommandFilter {
+    uint64_t after = 0;  // only what changed after this sequence
+    unsigned limit = 100;
+    std::chrono::seconds wait{0};
 };
 
-/// The agent's HTTP API over its Unix socket. One request at a time; belongs to one thread.
+/// The agent's HTTP API. One request at a time; belongs to one thread.
 ///
-/// Every call throws AgentUnavailable when the agent cannot be reached, is stopping, or answers what no agent answers,
-/// and BadInput with the agent's own words when it refuses the request.
+/// Every call throws AgentAway when the agent cannot be reached or takes nothing now, AgentUnavailable when it answers
+/// what no agent answers or cannot go on (a full disk, a failure of its own), BadInput with the agent's own words when
+/// it refuses the request as it is. Calls that take a Tick return nothing when it gave up.
 class AgentClient {
 public:
     explicit AgentClient(std::string socket_path);
-    ~AgentClient();
-    AgentClient(const AgentClient&) = delete;
-    AgentClient& operator=(const AgentClient&) = delete;
 
-    const std::string& SocketPath() const { return socket_path_; }
+    const std::string& SocketPath() const { return http_.SocketPath(); }
 
-    AgentStatus GetStatus();
+    AgentStatus GetStatus(const Tick& tick = {});
+    Health GetHealth();
 
-    /// Sends a command document. Returns its ID as the agent read it, or nothing when tick gave up.
-    std::optional<std::string> Submit(const std::string& document, const Tick& tick = {});
+    /// Sends a command document. Throws CommandRefused when the agent's check at the door refuses it, NotAcknowledged
+    /// when the plugin did not answer in time and may still run it, and BadInput also when another document has its ID.
+    std::optional<Submission> Submit(const std::string& document, const Tick& tick = {});
 
-    /// Reports of a policy after a cursor, in order of arrival. Waits up to the given time, at most kMaxPoll, for the
-    /// first one. Nothing when tick gave up.
-    std::optional<ReportPage> GetReports(const std::string& policy_id, uint64_t after, std::chrono::seconds wait,
-                                         const Tick& tick = {});
+    std::optional<CommandPage> ListCommands(const CommandFilter& filter, const Tick& tick = {});
+    CommandDetail GetCommand(const std::string& id);
+
+    std::optional<ReportPage> GetReports(const ReportFilter& filter, const Tick& tick = {});
+    /// Returns how many were not acknowledged before.
+    uint64_t Acknowledge(const std::vector<uint64_t>& cursors);
+    /// The bytes of a result file as the plugin wrote them.
+    std::string GetResultFile(uint64_t cursor);
+
+    /// Runs a policy file of the process directory and waits for its end, however long. True when it was accepted.
+    std::optional<bool> RunOnce(const std::string& name, const Tick& tick = {});
 
     /// The longest that the agent holds a request open.
     static constexpr std::chrono::seconds kMaxPoll{60};
@@ -62,24 +71,32 @@ public:
     void SetTimeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
 
 private:
-    struct Answer {
-        long status = 0;
-        std::string body;
-    };
-    class Transfer;
+    std::optional<Json> Get(const std::string& target, std::chrono::milliseconds wait, const Tick& tick) const;
+    std::optional<Json> Post(const std::string& target, const std::string& body, std::chrono::milliseconds timeout,
+                             const Tick& tick) const;
+    Json Read(const HttpAnswer& answer) const;
+    [[noreturn]] void FailRefused(const HttpAnswer& answer) const;
 
-    std::optional<Answer> Perform(const std::string& path, const std::string* body, std::chrono::milliseconds timeout,
-                                  const Tick& tick);
-    Json Read(const Answer& answer) const;
-    [[noreturn]] void FailUnreachable(const std::string& reason) const;
-    [[noreturn]] void FailForeign(const std::string& what) const;
-
-    const std::string socket_path_;
+    const AgentHttp http_;
     std::chrono::milliseconds timeout_;
 };
 
-/// The agent's socket: what --socket says, else the environment variable QXPAGENT_SOCKET, else
-/// ../data/qxpagent/agent.sock beside the directory of this program.
-std::string FindSocket(const std::string& option);
+/// The agent's check at the door refuses this command: the plugin would not run it.
+class CommandRefused : public Error {
+public:
+    explicit CommandRefused(const std::string& reason)
+        : Error(ExitCode::Negative, "the agent refuses the policy: " + reason), reason_(reason) {}
+
+    const std::string& Reason() const { return reason_; }
+
+private:
+    std::string reason_;
+};
+
+/// The plugin has not acknowledged a command in time. The agent has it, and it may still run.
+class NotAcknowledged : public Error {
+public:
+    explicit NotAcknowledged(const std::string& text) : Error(ExitCode::WaitTimedOut, text) {}
+};
 
 }  // namespace qxpctl

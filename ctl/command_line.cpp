@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "ctl/command_model.h"
 #include "ctl/commands.h"
 
 namespace qxpctl {
@@ -12,7 +13,8 @@ namespace qxpctl {
 namespace {
 
 constexpr void (*kCommands[])(CLI::App&, Invocation&) = {
-    AddKeygenCommand, AddPackCommand, AddVerifyCommand, AddSubmitCommand, AddRunCommand,
+    AddKeygenCommand, AddPackCommand, AddVerifyCommand,  AddSubmitCommand, AddRunCommand,     AddStatusCommand,
+    AddWatchCommand,  AddShowCommand, AddResultsCommand, AddDropCommand,   AddRunOnceCommand, AddDoctorCommand,
 };
 
 constexpr const char* kDescription =
@@ -27,15 +29,19 @@ The same in steps, as when scripts are signed on another machine than they run o
   qxpctl pack --key ops.key.pem --output policy.json disk-check.sh,timeout=60
   qxpctl verify --key ops.pub.pem policy.json
   qxpctl submit policy.json
+  qxpctl watch; qxpctl results; qxpctl show ID
+
+When something is wrong: qxpctl status; qxpctl doctor
 
 Exit codes:
   0    done; for run and verify: every script succeeded, or would be accepted and run
-  1    a run failed or was refused, or a script would not be accepted and run
+  1    the answer is no: a run failed, was refused or interrupted, a script would not be accepted and run, the agent or
+       the installation is not well
   2    wrong options or input that cannot be used; nothing was done
   3    the agent cannot be reached or cannot take work
-  4    run: the wait ended before all results were there; the scripts go on
+  4    the wait ended before the final word; the scripts go on
   5    a file or the standard output could not be written
-  130  run: Ctrl-C while waiting; the scripts go on
+  130  Ctrl-C while waiting; the scripts go on
 
 Environment:
   QXPAGENT_SOCKET  the agent's socket, unless --socket names one
@@ -69,12 +75,23 @@ void RefuseEmptyValues(int argc, const char* const* argv) {
     }
 }
 
+std::string Generate(const CLI::App& program, const std::string& what) {
+    const CommandModel model = ReadCommandModel(program);
+    if (what == "bash")
+        return BashCompletion(model);
+    return what == "zsh" ? ZshCompletion(model) : ManPage(model, "qxpctl " QXPCTL_VERSION);
+}
+
 ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) {
     CLI::App program(kDescription, "qxpctl");
     Invocation invocation;
     program.set_version_flag("--version", "qxpctl " QXPCTL_VERSION, "Print the version and exit");
     AddJsonOption(program, invocation);
     AddSocketOption(program, invocation);
+    std::string generate;
+    program.add_option("--generate", generate, "Print completions or the manual page, for packages")
+        ->check(CLI::IsMember({"bash", "zsh", "man"}))
+        ->group("");
     program.require_subcommand(0, 1);
     program.footer(kFooter);
     program.get_formatter()->column_width(34);
@@ -85,6 +102,10 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return Explain(program, error, console);
+    }
+    if (!generate.empty()) {
+        console.Print(Generate(program, generate));
+        return ExitCode::Success;
     }
     if (!invocation.action) {
         static_cast<void>(console.Remarks().Write(program.help()));

@@ -1,5 +1,6 @@
 #include "ctl/console.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,6 +50,13 @@ std::string Stream::Paint(Color color, std::string_view text) const {
 
 std::string Stream::Untrusted(std::string_view text) const {
     return terminal_ ? EscapeForTerminal(text) : std::string(text);
+}
+
+std::optional<TerminalSize> Stream::Size() const {
+    winsize size{};
+    if (!terminal_ || ioctl(descriptor_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return std::nullopt;
+    return TerminalSize{size.ws_col, size.ws_row};
 }
 
 int Stream::Write(std::string_view text) const {

@@ -1,11 +1,17 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace qxpctl {
 
 enum class Color { Plain, Green, Red, Yellow, Bold };
+
+struct TerminalSize {
+    size_t columns;
+    size_t lines;
+};
 
 /// One output stream of the program: whether it is a terminal, and whether to colour it.
 class Stream {
@@ -18,6 +24,8 @@ public:
     std::string Paint(Color color, std::string_view text) const;
     /// Text from elsewhere: escaped for a terminal, as it is for a pipe or a file.
     std::string Untrusted(std::string_view text) const;
+    /// How much the terminal shows; nothing when this stream is none, or does not tell.
+    std::optional<TerminalSize> Size() const;
     /// Writes all of it. Returns 0, or the errno of the write that failed.
     int Write(std::string_view text) const;
 

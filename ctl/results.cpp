@@ -6,54 +6,88 @@ namespace qxpctl {
 
 namespace {
 
-// The "msg_type" of the reply to a command that the plugin refused, and of a result document.
-constexpr const char* kRefusal = "4";
+// The "msg_type" of a result document, of the plugin's reply to a command that it refused, and of the agent's last word
+// on a command that it could not see through.
 constexpr const char* kResult = "1";
-
-std::string Text(const Json& object, const char* key) {
-    if (!object.is_object())
-        return {};
-    const auto member = object.find(key);
-    return member != object.end() && member->is_string() ? member->get<std::string>() : std::string();
-}
+constexpr const char* kRefusal = "4";
+constexpr const char* kInterruption = "5";
 
 RunResult ReadRun(const Json& run) {
     RunResult result;
-    result.script_id = Text(run, "scriptid");
-    result.succeeded = Text(run, "run_result") == "1";
-    result.seconds = Text(run, "run_runningtime");
-    result.start_time = Text(run, "run_starttime");
-    result.end_time = Text(run, "run_endtime");
+    result.script_id = TextMember(run, "scriptid");
+    result.succeeded = TextMember(run, "run_result") == "1";
+    result.seconds = TextMember(run, "run_runningtime");
+    result.start_time = TextMember(run, "run_starttime");
+    result.end_time = TextMember(run, "run_endtime");
     result.timed_out = result.end_time.empty();
-    result.file = Text(run, "filepath");
-    result.output = Text(run, "run_outdata");
+    result.file = TextMember(run, "filepath");
+    result.output = TextMember(run, "run_outdata");
     return result;
+}
+
+void ReadRuns(const Json& data, ReportContent& content) {
+    const Json* const runs = FindMember(data, "result");
+    if (!runs || !runs->is_array())
+        return;
+    content.kind = ReportContent::Kind::Results;
+    for (const Json& run : *runs) {
+        const Json* const script = FindMember(run, "scriptid");
+        if (script && script->is_string())
+            content.runs.push_back(ReadRun(run));
+    }
+}
+
+void ReadInterruption(const Json& data, ReportContent& content) {
+    content.kind = ReportContent::Kind::Interruption;
+    content.reason = TextMember(data, "reason");
+    const Json* const unreported = FindMember(data, "unreported");
+    if (!unreported || !unreported->is_array())
+        return;
+    for (const Json& script : *unreported) {
+        if (script.is_string())
+            content.unreported.push_back(script.get<std::string>());
+    }
 }
 
 }  // namespace
 
-ResultCollector::ResultCollector(const Policy& policy) : policy_id_(policy.id) {
-    for (const PackedScript& script : policy.scripts)
-        script_ids_.push_back(script.id);
+ReportContent ReadReportContent(const Json& document) {
+    ReportContent content;
+    content.id = TextMember(document, "ID");
+    const std::string type = TextMember(document, "msg_type");
+    const Json* const data = FindMember(document, "data");
+    if (type == kRefusal)
+        content.kind = ReportContent::Kind::Refusal;
+    else if (type == kInterruption)
+        ReadInterruption(data ? *data : Json(), content);
+    else if (type == kResult && data)
+        ReadRuns(*data, content);
+    return content;
 }
 
-std::vector<const RunResult*> ResultCollector::Add(const Json& document) {
+ResultCollector::ResultCollector(std::string policy_id, std::vector<std::string> script_ids)
+    : policy_id_(std::move(policy_id)), script_ids_(std::move(script_ids)) {
+}
+
+std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
     std::vector<const RunResult*> added;
-    if (Text(document, "ID") != policy_id_)
+    if (report.cursor <= last_cursor_)
         return added;
-    const std::string type = Text(document, "msg_type");
-    if (type == kRefusal)
-        refused_ = true;
-    if (type != kResult || !document.contains("data") || !document["data"].is_object())
+    last_cursor_ = report.cursor;
+    ReportContent content = ReadReportContent(report.content);
+    if (content.id != policy_id_ || content.kind == ReportContent::Kind::Unknown)
         return added;
-    const auto runs = document["data"].find("result");
-    if (runs == document["data"].end() || !runs->is_array())
-        return added;
-    for (const Json& run : *runs) {
-        RunResult result = ReadRun(run);
-        if (std::find(script_ids_.begin(), script_ids_.end(), result.script_id) == script_ids_.end())
+    cursors_.push_back(report.cursor);
+    refused_ = refused_ || content.kind == ReportContent::Kind::Refusal;
+    if (content.kind == ReportContent::Kind::Interruption) {
+        interrupted_ = true;
+        reason_ = content.reason;
+    }
+    for (RunResult& result : content.runs) {
+        const std::string id = result.script_id;
+        if (std::find(script_ids_.begin(), script_ids_.end(), id) == script_ids_.end())
             continue;
-        const auto [place, inserted] = results_.try_emplace(result.script_id, std::move(result));
+        const auto [place, inserted] = results_.try_emplace(id, std::move(result));
         if (inserted)
             added.push_back(&place->second);
     }

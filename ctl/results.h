@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/json.h"
-#include "ctl/policy.h"
+#include "ctl/agent_objects.h"
 
 namespace qxpctl {
 
@@ -22,19 +21,38 @@ struct RunResult {
     std::string output;
 };
 
+/// What a report's document is.
+struct ReportContent {
+    enum class Kind { Unknown, Results, Refusal, Interruption };
+    Kind kind = Kind::Unknown;
+    std::string id;
+    std::vector<RunResult> runs;          // of Results
+    std::string reason;                   // of Interruption; may be empty
+    std::vector<std::string> unreported;  // of Interruption: script ids
+};
+
+/// Reads any document; what it cannot read is Unknown, or a run that is left out.
+ReportContent ReadReportContent(const Json& document);
+
 /// Gathers the results of one policy from its reports, of which there can be several: scripts that end at different
 /// times are reported separately.
 class ResultCollector {
 public:
-    explicit ResultCollector(const Policy& policy);
+    ResultCollector(std::string policy_id, std::vector<std::string> script_ids);
 
-    /// Takes the document of one report. Returns the results that are new, in the report's order; the pointers live as
-    /// long as the collector. Documents of other policies, scripts that the policy does not hold and results that were
-    /// reported before are passed over.
-    std::vector<const RunResult*> Add(const Json& document);
+    /// Takes one report. Returns the results that are new, in the report's order; the pointers live as long as the
+    /// collector. A report whose cursor was taken before, documents of other policies, scripts that the policy does not
+    /// hold and results that were reported before are passed over.
+    std::vector<const RunResult*> Add(const Report& report);
+
+    /// The cursors of the reports that were understood, in the order in which they came.
+    const std::vector<uint64_t>& Cursors() const { return cursors_; }
 
     /// True when the plugin has refused the whole policy.
     bool Refused() const { return refused_; }
+    /// True when the agent has said that the rest of the results will never come.
+    bool Interrupted() const { return interrupted_; }
+    const std::string& InterruptionReason() const { return reason_; }
     /// True when every script has its result.
     bool Complete() const { return results_.size() == script_ids_.size(); }
     bool AllSucceeded() const;
@@ -47,9 +65,13 @@ public:
 
 private:
     const std::string policy_id_;
-    std::vector<std::string> script_ids_;
+    const std::vector<std::string> script_ids_;
     std::map<std::string, RunResult> results_;
+    std::vector<uint64_t> cursors_;
+    uint64_t last_cursor_ = 0;
     bool refused_ = false;
+    bool interrupted_ = false;
+    std::string reason_;
 };
 
 }  // namespace qxpctl

@@ -9,36 +9,46 @@ namespace qxpctl {
 
 namespace {
 
-struct State {
-    const char* name;
-    Color color;
-};
-
-State StateOf(const RunResult* result, WaitOutcome outcome) {
-    if (!result && outcome == WaitOutcome::Refused)
-        return {"refused", Color::Red};
-    if (!result)
-        return {"no result yet", Color::Yellow};
-    if (result->succeeded)
-        return {"succeeded", Color::Green};
-    return result->timed_out ? State{"timed out", Color::Red} : State{"failed", Color::Red};
-}
-
-const char* OutcomeName(WaitOutcome outcome, bool all_succeeded) {
+const char* OutcomeName(FollowOutcome outcome, bool all_succeeded) {
     switch (outcome) {
-        case WaitOutcome::Complete:
+        case FollowOutcome::Complete:
             return all_succeeded ? "succeeded" : "failed";
-        case WaitOutcome::Refused:
+        case FollowOutcome::Refused:
             return "refused";
-        case WaitOutcome::TimedOut:
+        case FollowOutcome::Interrupted:
+            return "interrupted";
+        case FollowOutcome::TimedOut:
             return "wait timed out";
-        case WaitOutcome::GivenUp:
+        case FollowOutcome::GivenUp:
             break;
     }
-    return "interrupted";
+    return "given up";
 }
 
 }  // namespace
+
+RunState StateOf(const RunResult* result, FollowOutcome outcome) {
+    if (result && result->succeeded)
+        return {"succeeded", Color::Green};
+    if (result)
+        return result->timed_out ? RunState{"timed out", Color::Red} : RunState{"failed", Color::Red};
+    switch (outcome) {
+        case FollowOutcome::Complete:
+            return {"not run", Color::Red};
+        case FollowOutcome::Refused:
+            return {"refused", Color::Red};
+        case FollowOutcome::Interrupted:
+            return {"interrupted", Color::Red};
+        case FollowOutcome::TimedOut:
+        case FollowOutcome::GivenUp:
+            break;
+    }
+    return {"no result yet", Color::Yellow};
+}
+
+std::string ReasonOf(const Command& command, const ResultCollector& collector) {
+    return command.reason.empty() ? collector.InterruptionReason() : command.reason;
+}
 
 std::string RunOutput(const RunResult& result, bool heading, const Stream& output) {
     std::string text = output.Untrusted(result.output);
@@ -49,12 +59,12 @@ std::string RunOutput(const RunResult& result, bool heading, const Stream& outpu
     return output.Paint(Color::Bold, "==> " + OneLine(result.script_id) + " <==") + "\n" + text;
 }
 
-std::string RunSummary(const ResultCollector& collector, WaitOutcome outcome, const Stream& stream) {
+std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, const Stream& stream) {
     size_t succeeded = 0;
     std::string text;
     for (const std::string& id : collector.ScriptIds()) {
         const RunResult* const result = collector.Find(id);
-        const State state = StateOf(result, outcome);
+        const RunState state = StateOf(result, outcome);
         text += OneLine(id) + ": " + stream.Paint(state.color, state.name);
         if (result && !result->timed_out)
             text += " in " + OneLine(result->seconds) + " s";
@@ -68,9 +78,12 @@ std::string RunSummary(const ResultCollector& collector, WaitOutcome outcome, co
            "\n";
 }
 
-std::string RunJson(const std::string& policy_id, const ResultCollector& collector, WaitOutcome outcome) {
-    Json document = {
-        {"id", policy_id}, {"outcome", OutcomeName(outcome, collector.AllSucceeded())}, {"scripts", Json::array()}};
+std::string RunJson(const Command& command, const ResultCollector& collector, FollowOutcome outcome) {
+    const std::string reason = ReasonOf(command, collector);
+    Json document = {{"id", command.id},
+                     {"outcome", OutcomeName(outcome, collector.AllSucceeded())},
+                     {"reason", reason.empty() ? Json() : Json(reason)},
+                     {"scripts", Json::array()}};
     for (const std::string& id : collector.ScriptIds()) {
         const RunResult* const result = collector.Find(id);
         Json script = {{"scriptid", id}, {"state", StateOf(result, outcome).name}};

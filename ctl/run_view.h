@@ -3,8 +3,8 @@
 #include <string>
 
 #include "ctl/console.h"
+#include "ctl/follow_command.h"
 #include "ctl/results.h"
-#include "ctl/wait_for_results.h"
 
 namespace qxpctl {
 
@@ -13,9 +13,20 @@ namespace qxpctl {
 std::string RunOutput(const RunResult& result, bool heading, const Stream& output);
 
 /// A line for each script and one for the whole, for people.
-std::string RunSummary(const ResultCollector& collector, WaitOutcome outcome, const Stream& stream);
+std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, const Stream& stream);
 
 /// The same and the outputs, for programs.
-std::string RunJson(const std::string& policy_id, const ResultCollector& collector, WaitOutcome outcome);
+std::string RunJson(const Command& command, const ResultCollector& collector, FollowOutcome outcome);
+
+/// Why a command was refused or interrupted, as far as anybody has said; may be empty.
+std::string ReasonOf(const Command& command, const ResultCollector& collector);
+
+/// The state of one run in a word, for people and programs.
+struct RunState {
+    const char* name;
+    Color color;
+};
+/// @param result  null when there is none.
+RunState StateOf(const RunResult* result, FollowOutcome outcome);
 
 }  // namespace qxpctl

@@ -2,46 +2,50 @@
 
 #include "ctl/agent_client.h"
 #include "ctl/commands.h"
-#include "ctl/files.h"
-#include "ctl/json.h"
-#include "ctl/policy.h"
+#include "ctl/ready_policy.h"
 #include "ctl/spinner.h"
-#include "ctl/text.h"
 
 namespace qxpctl {
 
 namespace {
 
 constexpr const char* kFooter =
-    R"(Prints the ID under which the results come back. The agent hands every command to the plugin; what the plugin makes of
-the scripts in it is for the reports to tell, or beforehand for 'qxpctl verify'.
+    R"(Prints the ID under which the results come back; whether the agent has taken the policy or knew it already, and its state,
+go to the standard error. The same policy may be sent again: it is run once. What the plugin makes of the scripts in it
+is for the reports to tell ('qxpctl show'), or beforehand for 'qxpctl verify'.
 
 Examples:
   qxpctl submit policy.json
   qxpctl pack --key ops.key.pem disk-check.sh | qxpctl submit -
-  id=$(qxpctl submit policy.json)
-  curl --get --unix-socket "$QXPAGENT_SOCKET" --data-urlencode "id=$id" --data wait=60 http://agent/v1/reports)";
+  id=$(qxpctl submit policy.json) && qxpctl watch "$id" && qxpctl show "$id"
 
-ExitCode Submit(const std::string& policy, const Console& console, const CommonOptions& common) {
-    const std::string document = ReadDocument(policy, kMaxPolicyBytes, "policy");
-    // Said here, with the file's name, rather than by the agent.
-    if (!Json::accept(document))
-        throw BadInput((policy == "-" ? "the standard input" : policy) +
-                       " is not a JSON document; make a policy with 'qxpctl pack'");
+Exit codes: 0 the agent has the policy; 1 the agent or the plugin refused it; 2 unusable input, or the agent knows another
+policy under this ID; 3 the agent cannot be reached or takes nothing; 4 the agent has it, but the plugin did not answer in
+time.)";
+
+ExitCode Submit(const std::string& path, const Console& console, const CommonOptions& common) {
+    const ReadyPolicy policy = ReadReadyPolicy(path, PolicyRoad::Command);
     AgentClient agent(FindSocket(common.socket));
-    Spinner spinner(console);
-    const std::optional<std::string> id = agent.Submit(document, [&spinner] {
-        spinner.Tick("sending");
-        return true;
-    });
-    spinner.Clear();
+    std::optional<Submission> submission;
+    {
+        Spinner spinner(console);
+        submission = agent.Submit(policy.document, [&spinner] {
+            spinner.Tick("sending");
+            return true;
+        });
+    }
+    const Command& command = submission.value().command;
+    const bool refused = command.state == CommandState::Refused;
     if (common.json) {
-        const Json result = {{"id", id.value_or("")}, {"delivered", true}};
+        Json result = command.document;
+        result["taken"] = submission->taken;
         console.Print(ToLine(result));
     } else {
-        console.Print(console.Output().Untrusted(id.value_or("")) + "\n");
+        console.Print(console.Output().Untrusted(command.id) + "\n");
+        console.Remark(std::string(submission->taken ? "taken" : "known already") + ", " + StateName(command.state) +
+                       (command.reason.empty() ? "" : ": " + command.reason));
     }
-    return ExitCode::Success;
+    return refused ? ExitCode::Negative : ExitCode::Success;
 }
 
 }  // namespace

@@ -205,7 +205,11 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
         {{"run", "--key", key, script + ",type=zip"}, "runs no scripts of the type 'zip'"},
         {{"run", "--key", key, "--wait", "1h", script}, "--wait"},
         {{"submit", script}, "a.sh is not a JSON document"},
-        {{"submit", "--socket", std::string(108, 's'), directory_.Write("p.json", "{}")}, "longer than"},
+        {{"watch", "--wait", "1h"}, "--wait"},
+        {{"results", "p", "--raw", "1"}, "ID"},
+        {{"drop", "--directory", script, script}, "is not a directory"},
+        {{"--generate", "fish"}, "fish"},
+        {{"submit", "--socket", std::string(108, 's'), directory_.Write("p.json", R"({"ID":"p"})")}, "longer than"},
     };
     for (const auto& expected : cases) {
         const ToolResult result = RunTool(expected.arguments);

@@ -1,0 +1,64 @@
+#include <memory>
+
+#include "ctl/agent_client.h"
+#include "ctl/commands.h"
+#include "ctl/interrupt.h"
+#include "ctl/spinner.h"
+#include "ctl/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+constexpr const char* kFooter =
+    R"(Has the plugin run a policy file of its process directory and waits for the end of its scripts. The file is deleted
+afterwards, accepted or not. Its name serves as the ID of the results.
+
+Examples:
+  qxpctl drop --process nightly.json && qxpctl runonce nightly.json && qxpctl results nightly.json
+
+Exit codes: 0 the policy was accepted; 1 it was not, or there is no such file; 3 the agent cannot be reached;
+130 Ctrl-C: the scripts go on.)";
+
+ExitCode RunOnce(const std::string& name, const Console& console, const CommonOptions& common) {
+    AgentClient agent(FindSocket(common.socket));
+    const InterruptGuard interrupt;
+    std::optional<bool> accepted;
+    {
+        Spinner spinner(console);
+        accepted = agent.RunOnce(name, [&] {
+            spinner.Tick("waiting for the scripts to end");
+            return !interrupt.Interrupted();
+        });
+    }
+    if (!accepted)
+        throw Error(ExitCode::Interrupted, "interrupted; the scripts go on: see 'qxpctl results'");
+    if (common.json)
+        console.Print(ToLine({{"name", name}, {"accepted", *accepted}}));
+    else if (*accepted)
+        console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
+    else
+        console.Remark(name +
+                       " was not accepted: there is no such file in the process directory, or the plugin "
+                       "refuses it; its log tells which");
+    return *accepted ? ExitCode::Success : ExitCode::Negative;
+}
+
+}  // namespace
+
+void AddRunOnceCommand(CLI::App& program, Invocation& invocation) {
+    const auto name = std::make_shared<std::string>();
+    CLI::App* const command =
+        program.add_subcommand("runonce", "Have the plugin run a policy file of its process directory");
+    command->add_option("NAME", *name, "The file's name, without a directory")->type_name("")->required();
+    AddSocketOption(*command, invocation);
+    AddJsonOption(*command, invocation);
+    command->footer(kFooter);
+    command->callback([name, &invocation] {
+        invocation.action = [name](const Console& console, const CommonOptions& common) {
+            return RunOnce(*name, console, common);
+        };
+    });
+}
+
+}  // namespace qxpctl

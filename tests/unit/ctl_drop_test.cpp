@@ -1,0 +1,140 @@
+// drop: a policy file appears where the plugin looks, complete or not at all.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+
+#include "tests/unit/ctl_fake_journal.h"
+
+namespace qxpctl {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class DropTest : public AgentTest {
+protected:
+    DropTest() { std::filesystem::create_directory(directory_ / "in"); }
+
+    std::string Policy(const std::string& name, const std::string& id) {
+        const Json policy = {{"ID", id}, {"Command", "RunScriptNormal"}, {"param", {{"scriptinfo", {Json::object()}}}}};
+        return directory_.Write(name, policy.dump());
+    }
+    // What is in the directory, hidden files too.
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_ / "in"))
+            names.push_back(entry.path().filename());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    ToolResult Drop(std::vector<std::string> files) const {
+        files.insert(files.begin(), {"drop", "--directory", directory_ / "in"});
+        return RunTool(files);
+    }
+};
+
+TEST_F(DropTest, AFileGetsItsNameOnlyOnceItIsComplete) {
+    const std::string policy = Policy("a.json", "a");
+    const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(watch, (directory_ / "in").c_str(), IN_ALL_EVENTS), 0);
+    ASSERT_EQ(Drop({policy}).code, 0);
+    EXPECT_EQ(ReadFile(directory_ / "in/a.json"), ReadFile(policy));
+
+    // All that the name "a.json" saw was that a file was moved to it.
+    std::array<char, 65536> events{};
+    const ssize_t length = read(watch, events.data(), events.size());
+    close(watch);
+    uint32_t of_name = 0;
+    for (ssize_t at = 0; at < length;) {
+        inotify_event event{};
+        memcpy(&event, events.data() + at, sizeof(event));
+        const char* const name = events.data() + at + sizeof(event);
+        if (event.len > 0 && std::string(name) == "a.json") {
+            of_name |= event.mask;
+        } else if (event.len > 0) {
+            EXPECT_FALSE(std::string(name).ends_with(".json")) << name;
+        }
+        at += static_cast<ssize_t>(sizeof(event) + event.len);
+    }
+    EXPECT_EQ(of_name & (IN_ALL_EVENTS & ~(IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE)), uint32_t{IN_MOVED_TO});
+}
+
+TEST_F(DropTest, OneBadFileKeepsAllOut) {
+    const std::string good = Policy("good", "good");
+    const struct {
+        std::string file;
+        const char* fault;
+    } cases[] = {
+        {directory_.Write("text.json", "not"), "is not a JSON document"},
+        {directory_.Write("cut.json", R"({"ID":"a","param":)"), "is not a JSON document"},
+        {directory_.Write("nul.json", std::string(R"({"ID":"a"})") + '\0'), "NUL byte"},
+        {directory_.Write("empty.json", ""), "is empty"},
+        {directory_.Write("none.json", R"({"ID":"a","param":{"scriptinfo":[]}})"), "no list of scripts"},
+        {Policy("id.json", ""), "no usable \"ID\""},
+        {Policy("slash.json", "a/b"), "no usable \"ID\""},
+        {directory_ / "missing.json", "No such file"},
+        {Policy("good.json", "other"), "would get the same name"},
+    };
+    for (const auto& expected : cases) {
+        const ToolResult result = Drop({good, expected.file});
+        EXPECT_EQ(result.code, 2) << expected.fault;
+        EXPECT_THAT(result.remarks, AllOf(HasSubstr(expected.file), HasSubstr(expected.fault)));
+        EXPECT_THAT(Names(), IsEmpty()) << expected.fault;
+    }
+    const ToolResult both = Drop({good, Policy("B.JSON", "b"), "--json"});
+    EXPECT_EQ(both.code, 0) << both.remarks;
+    EXPECT_EQ(Json::parse(both.output)["dropped"][1]["id"], "b");
+    EXPECT_THAT(Names(), ElementsAre("B.JSON", "good.json"));
+}
+
+TEST_F(DropTest, AWaitingFileIsReplacedOnlyWhenAsked) {
+    directory_.Write("in/a.json", "waiting");
+    const std::string policy = Policy("a.json", "a");
+    EXPECT_EQ(Drop({Policy("b.json", "b"), policy}).code, 2);
+    EXPECT_EQ(ReadFile(directory_ / "in/a.json"), "waiting");
+    EXPECT_THAT(Names(), ElementsAre("a.json"));
+    EXPECT_EQ(Drop({"--force", policy}).code, 0);
+    EXPECT_EQ(ReadFile(directory_ / "in/a.json"), ReadFile(policy));
+}
+
+TEST_F(DropTest, ADiskThatIsFullLeavesNothing) {
+    const std::string policy = Policy("a.json", "a");
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small{10, limit.rlim_max};
+    const auto old_handler = signal(SIGXFSZ, SIG_IGN);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int code = RunToolOn(null, null, {"drop", "--directory", directory_ / "in", policy});
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    signal(SIGXFSZ, old_handler);
+    close(null);
+    EXPECT_EQ(code, 5);
+    EXPECT_THAT(Names(), IsEmpty());
+}
+
+TEST_F(DropTest, TheAgentIsAskedForTheDirectory) {
+    std::filesystem::create_directory(directory_ / "once");
+    const auto status = [&](const FakeAgent::Request&) {
+        Json document = FakeJournal::StatusObject(0, 0);
+        document["policy_directory"] = directory_ / "in";
+        document["process_directory"] = directory_ / "once";
+        return FakeAgent::Answer(200, document.dump());
+    };
+    EXPECT_EQ(Run(status, {"drop", Policy("a.json", "a")}).code, 0);
+    EXPECT_THAT(Names(), ElementsAre("a.json"));
+    // A run-once policy has its name for an ID.
+    EXPECT_EQ(Run(status, {"drop", "--process", Policy("b.json", "")}).code, 0);
+    EXPECT_TRUE(std::filesystem::exists(directory_ / "once/b.json"));
+    EXPECT_EQ(RunTool({"drop", "--socket", directory_ / "none", Policy("c.json", "c")}).code, 3);
+}
+
+}  // namespace
+}  // namespace qxpctl

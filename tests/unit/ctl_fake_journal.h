@@ -1,0 +1,167 @@
+#pragma once
+
+#include <deque>
+#include <utility>
+
+#include "tests/unit/ctl_support.h"
+
+namespace qxpctl {
+
+/// The documents that each poll for reports brings.
+using Pages = std::vector<std::vector<Json>>;
+
+/// The answers of an agent that takes one command and then brings its reports, a page a poll.
+class FakeJournal {
+public:
+    explicit FakeJournal(Pages pages = {}) : pages_(pages.begin(), pages.end()) {}
+
+    /// The state, and the reason of it, that the command has once the last page has been brought.
+    FakeJournal& EndingAs(const std::string& state, const Json& reason = nullptr) {
+        final_state_ = state;
+        reason_ = reason;
+        return *this;
+    }
+    /// How POST /v1/commands is answered: 202 taken, 200 known.
+    FakeJournal& Answering(int status) {
+        status_ = status;
+        return *this;
+    }
+    FakeJournal& From(const std::string& source) {
+        source_ = source;
+        return *this;
+    }
+
+    std::optional<std::string> operator()(const FakeAgent::Request& request) {
+        if (request.target == "/v1/status")
+            return FakeAgent::Answer(200, Status().dump());
+        if (request.target == "/v1/health")
+            return FakeAgent::Answer(200, R"({"status":"ok"})");
+        if (request.target == "/v1/reports/acknowledge")
+            return Acknowledge(Json::parse(request.body));
+        if (request.method == "POST") {
+            id_ = Json::parse(request.body)["ID"];
+            return FakeAgent::Answer(status_, Command().dump());
+        }
+        if (request.target.starts_with("/v1/commands?"))
+            return FakeAgent::Answer(200, Json{{"commands", {Command()}}, {"sequence", sequence_}}.dump());
+        if (request.target.starts_with("/v1/commands/"))
+            return FakeAgent::Answer(200, Json{{"command", Command()}, {"reports", Json::array()}}.dump());
+        return NextPage();
+    }
+
+    static Json CommandObject(const std::string& id, const std::string& state, uint64_t sequence) {
+        return {{"id", id},
+                {"command", "RunScriptNormal"},
+                {"state", state},
+                {"reason", nullptr},
+                {"sequence", sequence},
+                {"scripts", 2},
+                {"expected", 2},
+                {"unreported", {"b"}},
+                {"submitter", {{"uid", 0}, {"user", "root"}}},
+                {"received", "2026-11-21T09:21:30.123+08:00"},
+                {"finished", nullptr}};
+    }
+    static Json StatusObject(uint64_t cursor, uint64_t sequence) {
+        return {{"version", "1"},
+                {"plugin_status", 2},
+                {"plugin_version", "1"},
+                {"uptime_seconds", 60},
+                {"last_sequence", sequence},
+                {"commands", {{"reported", 3}}},
+                {"reports", {{"stored", 7}, {"pending", 0}, {"last_cursor", cursor}, {"oldest_pending", nullptr}}},
+                {"store", {{"bytes", 1}, {"fault", nullptr}}}};
+    }
+
+    /// All that has been acknowledged.
+    std::vector<uint64_t> acknowledged;
+
+private:
+    Json Status() const { return StatusObject(cursor_, sequence_); }
+    Json Command() const {
+        Json command = CommandObject(id_, pages_.empty() ? final_state_ : "delivered", sequence_);
+        if (pages_.empty())
+            command["reason"] = reason_;
+        return command;
+    }
+    std::string NextPage() {
+        Json reports = Json::array();
+        if (!pages_.empty()) {
+            for (const Json& document : pages_.front())
+                reports.push_back({{"cursor", ++cursor_}, {"id", id_}, {"source", source_}, {"document", document}});
+            pages_.pop_front();
+            ++sequence_;
+        }
+        return FakeAgent::Answer(200, Json{{"reports", reports}, {"cursor", cursor_}}.dump());
+    }
+    std::string Acknowledge(const Json& body) {
+        for (const Json& cursor : body["cursors"])
+            acknowledged.push_back(cursor);
+        return FakeAgent::Answer(200, Json{{"acknowledged", body["cursors"].size()}}.dump());
+    }
+
+    std::deque<std::vector<Json>> pages_;
+    std::string final_state_ = "delivered";
+    Json reason_;
+    int status_ = 202;
+    std::string source_ = "plugin";
+    std::string id_;
+    uint64_t cursor_ = 7;
+    uint64_t sequence_ = 3;
+};
+
+inline Json RunEntry(const std::string& script, const std::string& result, const std::string& output,
+                     const std::string& end = "2026-11-21 09:21:31") {
+    return {{"scriptid", script},
+            {"filepath", "/x"},
+            {"run_result", result},
+            {"run_outdata", output},
+            {"run_starttime", "2026-11-21 09:21:30"},
+            {"run_runningtime", end.empty() ? "0" : "1"},
+            {"run_endtime", end}};
+}
+
+inline Json ResultDocument(const std::string& id, const std::vector<Json>& runs) {
+    return {{"ID", id},
+            {"msg_type", "1"},
+            {"data_type", "RunScriptData"},
+            {"data", {{"handler_type", "1"}, {"result", runs}}}};
+}
+
+inline Json Refusal(const std::string& id) {
+    return {{"ID", id}, {"msg_type", "4"}, {"data_type", "RunScriptNormal"}};
+}
+
+inline Json Interruption(const std::string& id, const std::string& reason) {
+    return {{"ID", id},
+            {"msg_type", "5"},
+            {"data_type", "CommandInterrupted"},
+            {"data", {{"reason", reason}, {"unreported", {"a.sh"}}}}};
+}
+
+/// A temporary directory with a socket, and policies to send.
+class AgentTest : public testing::Test {
+protected:
+    std::string Socket() const { return directory_ / "agent.sock"; }
+
+    /// The arguments that run a script through the whole command.
+    std::vector<std::string> RunCommand(const std::vector<std::string>& more) const {
+        if (!std::filesystem::exists(directory_ / "k.key.pem")) {
+            EXPECT_EQ(RunTool({"keygen", "--out", directory_ / "k"}).code, 0);
+        }
+        std::vector<std::string> arguments{"run", "--socket", Socket(), "--key", directory_ / "k.key.pem"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    }
+    /// Runs a sub-command against a fake agent of its own.
+    ToolResult Run(const FakeAgent::Handler& handler, std::vector<std::string> arguments) const {
+        std::filesystem::remove(Socket());
+        const FakeAgent agent(Socket(), handler);
+        arguments.insert(arguments.begin() + 1, {"--socket", Socket()});
+        return RunTool(arguments);
+    }
+
+    const TempDir directory_;
+};
+
+}  // namespace qxpctl

@@ -34,10 +34,13 @@ install(FILES "${generated}/qxpagent.service" DESTINATION "${QXP_UNIT_DIRECTORY}
         EXCLUDE_FROM_ALL)
 file(CREATE_LINK "${CMAKE_INSTALL_PREFIX}/bin/qxpctl" "${generated}/link/qxpctl" SYMBOLIC)
 install(FILES "${generated}/link/qxpctl" DESTINATION "${QXP_SYSTEM_PREFIX}/bin" COMPONENT agent-system EXCLUDE_FROM_ALL)
-foreach(share IN ITEMS man bash-completion zsh)
+foreach(share IN ITEMS man bash-completion)
   install(DIRECTORY "${CMAKE_BINARY_DIR}/share/${share}" DESTINATION "${QXP_SYSTEM_PREFIX}/share"
           COMPONENT agent-system EXCLUDE_FROM_ALL OPTIONAL)
 endforeach()
+# Debian's zsh leaves site-functions to the administrator.
+install(DIRECTORY "${CMAKE_BINARY_DIR}/share/zsh/site-functions/"
+        DESTINATION "${QXP_SYSTEM_PREFIX}/share/zsh/vendor-completions" COMPONENT agent-system EXCLUDE_FROM_ALL OPTIONAL)
 
 # Headers of the host SDK and of the plugin's entry points, for those who write a host.
 target_include_directories(qxhost INTERFACE $<INSTALL_INTERFACE:include>)

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # What is in the packages, and what script/package refuses. Runs on the building machine.
 #
-#   contents_test.sh PACKAGE_DIR SOURCE_DIR
+#   contents_test.sh PACKAGE_DIR PUBLIC_KEY    the packages, and the key that they were built with
 set -euo pipefail
 trap 'echo "FAILED: ${BASH_SOURCE[0]}:$LINENO: $BASH_COMMAND" >&2' ERR
 debs=$1
-top=$2
+key=$(realpath "$2")
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -39,10 +40,11 @@ if cmake -S "$top" -B "$work/keyless" --preset package >"$work/out" 2>&1; then f
 grep -q 'Packages need the public key' "$work/out" || fail "cmake does not say that packages need a key"
 
 echo "- contents"
-for deb in "$debs"/*.deb; do
+for deb in "$debs"/*.deb "$debs"/*.ddeb; do
     name=$(dpkg-deb -f "$deb" Package)
     dpkg-deb -R "$deb" "$work/$name"
     dpkg-deb -c "$deb" | awk '{print $1, $2, $6, $7, $8}' | sed 's/ *$//' >"$work/$name.list"
+    (cd "$work/$name" && md5sum --quiet -c DEBIAN/md5sums) || fail "$name: wrong checksums"
     if awk '$2 != "root/root"' "$work/$name.list" | grep -q .; then fail "$name: files that are not root's"; fi
     if grep -E '^[^l].{7}w' "$work/$name.list"; then fail "$name: files that everybody may write"; fi
 done
@@ -71,5 +73,9 @@ for program in "$work"/qxpmaint/opt/qxpmaint/lib/*.so "$work"/qxpmaint-agent/opt
     esac
 done
 
+echo "- the same again"
+SOURCE_DATE_EPOCH=$(stat -c %Y "$work/qxpmaint/opt/qxpmaint/lib/libqxpmaint.so") "$top/script/package" "$key" "$work/again" >/dev/null
+for deb in "$debs"/*.deb; do cmp "$deb" "$work/again/$(basename "$deb")" || fail "the same sources and key make another package"; done
+
 echo "- lintian"
-lintian --allow-root --fail-on error --tag-display-limit 0 "$debs"/*.deb || fail "lintian finds errors"
+TMPDIR=$work lintian --allow-root --fail-on error --tag-display-limit 0 "$debs"/*.deb || fail "lintian finds errors"

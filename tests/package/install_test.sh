@@ -36,6 +36,10 @@ old=$(version_of qxpmaint-agent)
 expect "trusted-keys" "755 root:root" "$(mode_of "$prefix/etc/trusted-keys")"
 expect "data" "750 root:qxpmaint" "$(mode_of "$prefix/data")"
 expect "data/qxpagent" "750 root:qxpmaint" "$(mode_of "$prefix/data/qxpagent")"
+group=$(getent group qxpmaint | cut -d : -f 3)
+as_stranger() { setpriv --reuid 65534 --regid 65534 "$@"; }
+as_stranger --groups "$group" test -x "$prefix/data/qxpagent" || fail "the group cannot reach the socket's directory"
+if as_stranger --clear-groups test -x "$prefix/data/qxpagent"; then fail "everybody can reach the socket's directory"; fi
 expect "the command in the path" "$prefix/bin/qxpctl" "$(realpath /usr/bin/qxpctl)"
 expect "the unit is enabled for a later boot" /lib/systemd/system/qxpagent.service \
     "$(readlink /etc/systemd/system/multi-user.target.wants/qxpagent.service)"

@@ -16,10 +16,10 @@ start_hanging_script() {
     cat >"$work/hang.sh" <<SCRIPT
 sleep 100001 &
 echo \$! >$work/pid.in_pipe.new && mv $work/pid.in_pipe.new $work/pid.in_pipe
-setsid bash -c 'echo \$\$ >$work/pid.escaped.new && mv $work/pid.escaped.new $work/pid.escaped; exec sleep 100002' </dev/null >/dev/null 2>&1 &
+(setsid bash -c 'echo \$\$ >$work/pid.escaped.new && mv $work/pid.escaped.new $work/pid.escaped; exec sleep 100002' </dev/null >/dev/null 2>&1 &)
 wait
 SCRIPT
-    qxpctl pack --key /test/key.pem --output "$work/hang.json" "$work/hang.sh"
+    qxpctl pack --key /test/key.pem --output "$work/hang.json" "$work/hang.sh" 2>/dev/null
     qxpctl submit "$work/hang.json" >/dev/null
     wait_until test -s "$work/pid.in_pipe"
     wait_until test -s "$work/pid.escaped"
@@ -79,6 +79,18 @@ restarted() { [ "$(property ActiveState)" = active ] && [ "$(property MainPID)" 
 wait_until restarted
 expect_scripts_ended "crash"
 qxpctl run --key /test/key.pem "$work/hello.sh" >/dev/null 2>&1 || fail "no script runs after a crash"
+
+echo "- a mistake in the options ends the service at once, and no restart repeats it"
+systemctl stop "$unit"
+mkdir -p "/run/systemd/system/$unit.d"
+printf '[Service]\nExecStart=\nExecStart=%s --log-level nonsense\n' "$prefix/bin/qxpagent" \
+    >"/run/systemd/system/$unit.d/mistake.conf"
+systemctl daemon-reload
+if systemctl start "$unit" 2>/dev/null; then fail "the agent starts with a mistake in its options"; fi
+expect "state" failed "$(property ActiveState)"
+rm -r "/run/systemd/system/$unit.d"
+systemctl daemon-reload
+systemctl start "$unit"
 
 echo "- an upgrade restarts what runs, and leaves alone what was stopped"
 main=$(property MainPID)

@@ -145,8 +145,8 @@ int Endpoint::SendAsync(const GUID& stTarget, long i64MsgType, const unsigned ch
         if (pOut != nullptr) {
             *pOut = completion.number;  // before the sink can be told
         }
-        return bus_.Post(*id, stTarget, i64MsgType, ToBytes(pData, uiLength), completion,
-                         std::chrono::milliseconds(uiTimeOut));
+        const std::string_view body{reinterpret_cast<const char*>(pData), uiLength};
+        return bus_.Post(*id, stTarget, i64MsgType, body, completion, std::chrono::milliseconds(uiTimeOut));
     });
 }
 

@@ -193,13 +193,18 @@ int MessageBus::Request(const GUID& sender, const GUID& target, long type, std::
     return exchange->outcome;
 }
 
-int MessageBus::Post(const GUID& sender, const GUID& target, long type, std::string body,
+int MessageBus::Post(const GUID& sender, const GUID& target, long type, std::string_view body,
                      const BusCompletion& completion, std::chrono::milliseconds timeout) {
-    const auto exchange = completion.sink != nullptr ? std::make_shared<Exchange>() : nullptr;
+    Message message{sender, target, type, {}, Clock::now() + timeout, completion, nullptr};
+    message.exchange = completion.sink != nullptr ? std::make_shared<Exchange>() : nullptr;
     std::unique_lock lock(mutex_);
-    Message message{sender, target, type, std::move(body), Clock::now() + timeout, completion, exchange};
-    Channel* const direct = FindDirect(target, type);
-    return direct != nullptr ? GiveDirectly(std::move(message), *direct, lock) : Enqueue(std::move(message));
+    if (Channel* const direct = FindDirect(target, type)) {
+        return GiveDirectly(std::move(message), body, *direct, lock);
+    }
+    lock.unlock();
+    message.body = body;
+    lock.lock();
+    return Enqueue(std::move(message));
 }
 
 MessageBus::Channel* MessageBus::FindDirect(const GUID& target, long type) {
@@ -212,7 +217,8 @@ MessageBus::Channel* MessageBus::FindDirect(const GUID& target, long type) {
 }
 
 // The place of the completion is reserved first: once the receiver has taken the message, nothing may fail.
-int MessageBus::GiveDirectly(Message message, Channel& channel, std::unique_lock<std::mutex>& lock) {
+int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& channel,
+                             std::unique_lock<std::mutex>& lock) {
     if (const int refused = WhyRefused(message.sender, 0)) {
         return refused;
     }
@@ -225,14 +231,12 @@ int MessageBus::GiveDirectly(Message message, Channel& channel, std::unique_lock
     Delivery* const outer = std::exchange(current_delivery_, &delivery);  // a sink may post
     lock.unlock();
     bool taken = false;
-    const bool returned =
-        Guarded("receiver", completion.front().type, [&] { taken = (*receiver)(completion.front().body); });
+    const bool returned = Guarded("receiver", completion.front().type, [&] { taken = (*receiver)(body); });
     lock.lock();
     current_delivery_ = outer;
     EndDelivery(channel, delivery);
     --reserved_;
     if (returned && taken && completion.front().exchange != nullptr) {
-        completion.front().body.clear();
         completion.front().deadline = Clock::time_point::max();
         completion.front().taken = true;
         queue_.splice(queue_.end(), completion);

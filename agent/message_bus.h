@@ -99,7 +99,7 @@ public:
     /// the outcome and, when the receiver replied before its callback returned, the answer. Anything else: the message
     /// was not queued and the sink is not called. A receiver gets a reply token only when there is a sink to tell.
     /// With a direct receiver this takes as long as the receiver does, and kBusOk means that it has taken the message.
-    int Post(const GUID& sender, const GUID& target, long type, std::string body, const BusCompletion& completion,
+    int Post(const GUID& sender, const GUID& target, long type, std::string_view body, const BusCompletion& completion,
              std::chrono::milliseconds timeout);
 
     /// Answers a message that `receiver` got with this token. The token of a Request is good until its time-out, that
@@ -158,7 +158,7 @@ private:
     Component* FindAttached(const GUID& component);
     int Enqueue(Message message);
     int WhyRefused(const GUID& sender, size_t bytes);
-    int GiveDirectly(Message message, Channel& channel, std::unique_lock<std::mutex>& lock);
+    int GiveDirectly(Message message, std::string_view body, Channel& channel, std::unique_lock<std::mutex>& lock);
     Channel* FindDirect(const GUID& target, long type);
     void EndDelivery(Channel& channel, const Delivery& delivery);
     void DeliverLoop();

@@ -16,10 +16,9 @@ bool ReportIntake::TakeMessage(std::string_view envelope) {
     Report report;
     report.json_data_type = decoded->json_data_type;
     report.value = decoded->value;
-    report.text = decoded->text;
-    const ReportContent content = ReadReport(report.text);
+    const ReportContent content = ReadReport(decoded->text);
     try {
-        Take(std::move(report), content, std::nullopt);
+        Take(std::move(report), decoded->text, content, std::nullopt);
         return true;
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "a report of command [%s], %zu bytes, was refused: %s", content.id.c_str(),
@@ -28,26 +27,25 @@ bool ReportIntake::TakeMessage(std::string_view envelope) {
     }
 }
 
-void ReportIntake::TakeFile(const FileMark& mark, std::string text, const ReportContent& content) {
+void ReportIntake::TakeFile(const FileMark& mark, std::string_view text, const ReportContent& content) {
     Report report;
     report.source = ReportSource::kFile;
     report.file = mark.name;
-    report.text = std::move(text);
-    Take(std::move(report), content, mark);
+    Take(std::move(report), text, content, mark);
 }
 
-uint64_t ReportIntake::Take(Report report, const ReportContent& content, const std::optional<FileMark>& mark) {
+void ReportIntake::Take(Report report, std::string_view text, const ReportContent& content,
+                        const std::optional<FileMark>& mark) {
     report.received = std::chrono::system_clock::now();
     report.id = content.id;
-    const uint64_t cursor = store_.Append(report, content, mark);
+    const uint64_t cursor = store_.Append(report, text, content, mark);
     if (cursor == 0) {
-        return 0;
+        return;
     }
     QXPAGENT_LOG(kLogInfo, "report %llu stored, command [%s], %zu bytes%s%s", static_cast<unsigned long long>(cursor),
-                 report.id.c_str(), report.text.size(), report.file.empty() ? "" : ", file ", report.file.c_str());
+                 report.id.c_str(), text.size(), report.file.empty() ? "" : ", file ", report.file.c_str());
     counters_.Count(content);
     stored_();
-    return cursor;
 }
 
 }  // namespace qxpagent

@@ -20,10 +20,10 @@ public:
     /// Stores a message of the plugin. False when it could not be stored, which has then been logged.
     bool TakeMessage(std::string_view envelope);
     /// Stores a result file, unless this state of it was stored before. Throws StoreError.
-    void TakeFile(const FileMark& mark, std::string text, const ReportContent& content);
+    void TakeFile(const FileMark& mark, std::string_view text, const ReportContent& content);
 
 private:
-    uint64_t Take(Report report, const ReportContent& content, const std::optional<FileMark>& mark);
+    void Take(Report report, std::string_view text, const ReportContent& content, const std::optional<FileMark>& mark);
 
     Store& store_;
     RunCounters& counters_;

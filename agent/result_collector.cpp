@@ -215,7 +215,7 @@ bool ResultCollector::TakeOne(int directory, const std::string& name) {
         return true;
     }
     try {
-        intake_.TakeFile(file->mark, std::move(file->text), content);
+        intake_.TakeFile(file->mark, file->text, content);
         return true;
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "the result file [%s] is not stored yet: %s", name.c_str(), error.what());

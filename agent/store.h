@@ -107,8 +107,10 @@ public:
     // Reports.
 
     /// Stores a report and advances its command, in one transaction. With a mark, only if that state of that file was
-    /// never stored before. Returns the cursor, 0 when it was. `report.cursor` and `report.bytes` are ignored.
-    uint64_t Append(const Report& report, const ReportContent& content, const std::optional<FileMark>& mark = {});
+    /// never stored before. Returns the cursor, 0 when it was. `report.cursor`, `report.text` and `report.bytes` are
+    /// ignored: a text can be over a hundred MiB, and is not copied.
+    uint64_t Append(const Report& report, std::string_view text, const ReportContent& content,
+                    const std::optional<FileMark>& mark = {});
     std::vector<Report> ListReports(const ReportQuery& query);
     std::optional<Report> FindReport(uint64_t cursor);
     uint64_t Acknowledge(const std::vector<uint64_t>& cursors);

@@ -169,7 +169,7 @@ std::optional<size_t> Store::Interrupt(const std::string& id, const std::string&
         report.source = ReportSource::kAgent;
         report.received = std::chrono::system_clock::now();
         report.text = InterruptedReport(id, reason, unreported);
-        InsertReport(database, report);
+        InsertReport(database, report, report.text);
         FinishCommand(database, *number, CommandState::kInterrupted, reason);
         return unreported.size();
     });

@@ -114,22 +114,23 @@ std::vector<Report> FindReports(SQLite::Database& database, const ReportQuery& q
 
 }  // namespace
 
-uint64_t InsertReport(SQLite::Database& database, const Report& report) {
+uint64_t InsertReport(SQLite::Database& database, const Report& report, std::string_view text) {
     Execute(database,
             "INSERT INTO reports(id, source, file, received, json_data_type, value, bytes) VALUES(?, ?, ?, ?, ?, ?, ?)",
             report.id, static_cast<int>(report.source), report.file, report.received, report.json_data_type,
-            report.value, report.text.size());
+            report.value, text.size());
     const int64_t cursor = database.getLastInsertRowid();
-    Execute(database, "INSERT INTO report_texts VALUES(?, ?)", cursor, Blob{report.text});
+    Execute(database, "INSERT INTO report_texts VALUES(?, ?)", cursor, Blob{text});
     return static_cast<uint64_t>(cursor);
 }
 
-uint64_t Store::Append(const Report& report, const ReportContent& content, const std::optional<FileMark>& mark) {
+uint64_t Store::Append(const Report& report, std::string_view text, const ReportContent& content,
+                       const std::optional<FileMark>& mark) {
     return Write([&](SQLite::Database& database) -> uint64_t {
         if (mark.has_value() && !NoteFile(database, *mark)) {
             return 0;
         }
-        const uint64_t cursor = InsertReport(database, report);
+        const uint64_t cursor = InsertReport(database, report, text);
         AdvanceCommand(database, content);
         return cursor;
     });

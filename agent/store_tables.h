@@ -21,6 +21,6 @@ void FinishCommand(SQLite::Database& database, int64_t number, CommandState stat
 void RemoveCommand(SQLite::Database& database, int64_t number);
 
 /// Adds a report and returns its cursor. `report.cursor` and `report.bytes` are ignored.
-uint64_t InsertReport(SQLite::Database& database, const Report& report);
+uint64_t InsertReport(SQLite::Database& database, const Report& report, std::string_view text);
 
 }  // namespace qxpagent

@@ -4,7 +4,7 @@
 . "$(dirname "$0")/lib.sh"
 store=$root/data/qxpagent
 mkdir -p "$store"
-if ! mount -t tmpfs -o size=1500k none "$store" 2>why; then
+if ! mount -t tmpfs -o size=1500k,mode=0750 none "$store" 2>why; then
     echo "SKIPPED: no file system can be mounted here: $(head -n 1 why)"
     exit 77
 fi

@@ -56,7 +56,7 @@ protected:
         const ReportContent content = ReadReport(text);
         report.id = content.id;
         report.text = text;
-        store_->Append(report, content);
+        store_->Append(report, report.text, content);
     }
     CommandState StateOf(const std::string& id) {
         const auto record = store_->FindCommand(id);

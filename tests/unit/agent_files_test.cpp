@@ -193,7 +193,7 @@ TEST_F(FilesTest, TheUpkeepKeepsTheStoreWithinItsLimits) {
         Report report;
         report.received = std::chrono::system_clock::now();
         report.text.assign(400, 'x');
-        store_.Append(report, {});
+        store_.Append(report, report.text, {});
     }
     upkeep.StoreHasGrown();
     while (store_.Bytes() > 1000 || fs::exists(data_ / "202611210903010001.sh")) {

@@ -27,6 +27,10 @@ Report ReportOf(const std::string& id, const std::string& text = "{}") {
     return report;
 }
 
+uint64_t StoreReport(Store& store, const Report& report, const ReportContent& content) {
+    return store.Append(report, report.text, content);
+}
+
 std::string RunText(const std::string& script, const std::string& start, const std::string& file) {
     return R"({"scriptid":")" + script + R"(","run_starttime":")" + start + R"(","filepath":")" + file +
            R"(","run_result":"1","run_outdata":"abc","run_endtime":"x","run_runningtime":"2"})";
@@ -65,7 +69,7 @@ protected:
     }
     uint64_t Append(const std::string& text) {
         const ReportContent content = ReadReport(text);
-        return store_->Append(ReportOf(content.id, text), content);
+        return StoreReport(*store_, ReportOf(content.id, text), content);
     }
     CommandRecord Find(const std::string& id) { return store_->FindCommand(id).value_or(CommandRecord()); }
     std::vector<uint64_t> Cursors(const ReportQuery& query = {}) {
@@ -101,7 +105,7 @@ TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     Report report = ReportOf("c1", text);
     report.json_data_type = 2;
     report.value = -5;
-    EXPECT_EQ(1U, store_->Append(report, ReadReport(text)));
+    EXPECT_EQ(1U, store_->Append(report, report.text, ReadReport(text)));
     EXPECT_EQ(2U, Append(ResultText("c1", RunText("b", "t", "f"))));
     EXPECT_EQ(1U, store_->Acknowledge({1, 1, 77}));
     Open();
@@ -214,10 +218,10 @@ TEST_F(StoreTest, AStateOfAFileIsStoredOnce) {
     report.source = ReportSource::kFile;
     report.file = "c1.json";
     const FileMark mark{"c1.json", 5, text.size(), "sha"};
-    EXPECT_EQ(1U, store_->Append(report, content, mark));
-    EXPECT_EQ(0U, store_->Append(report, content, mark));
-    EXPECT_EQ(2U, store_->Append(report, content, FileMark{"c1.json", 6, text.size(), "sha"}));
-    EXPECT_EQ(3U, store_->Append(report, content, FileMark{"c1.json", 5, text.size(), "other"}));
+    EXPECT_EQ(1U, store_->Append(report, report.text, content, mark));
+    EXPECT_EQ(0U, store_->Append(report, report.text, content, mark));
+    EXPECT_EQ(2U, store_->Append(report, report.text, content, FileMark{"c1.json", 6, text.size(), "sha"}));
+    EXPECT_EQ(3U, store_->Append(report, report.text, content, FileMark{"c1.json", 5, text.size(), "other"}));
     EXPECT_EQ(Names{"b"}, Find("c").unreported) << "the run counts once";
     EXPECT_EQ("c1.json", store_->ListReports({.source = ReportSource::kFile}).at(0).file);
     EXPECT_TRUE(store_->HasFile("c1.json", 6, text.size()));
@@ -239,11 +243,11 @@ TEST_F(StoreTest, ListsAreBoundedInNumberAndSize) {
     EXPECT_EQ("", store_->ListReports({.with_text = false}).at(0).text);
     const std::string half(Store::kMostBytes / 2, 'x');
     for (int i = 0; i < 3; ++i) {
-        store_->Append(ReportOf("half", half), {});
+        StoreReport(*store_, ReportOf("half", half), {});
     }
     EXPECT_EQ(2U, store_->ListReports({.id = "half"}).size());
     EXPECT_EQ(3U, store_->ListReports({.id = "half", .with_text = false}).size());
-    store_->Append(ReportOf("whole", half + half + half), {});
+    StoreReport(*store_, ReportOf("whole", half + half + half), {});
     EXPECT_EQ(1U, store_->ListReports({.id = "whole"}).size()) << "one at least";
 
     EXPECT_EQ(0U, store_->AcknowledgeUpTo(0));
@@ -268,13 +272,13 @@ TEST_F(StoreTest, AWaitEndsWithAMatchItsTimeOrTheStop) {
         uint64_t seen = 0;
         for (int round = 0; round < kRounds; ++round) {
             if (serves || round > 0) {
-                store_->Append(ReportOf(mine), {});
+                StoreReport(*store_, ReportOf(mine), {});
             }
             const List answer = Cursors({.id = theirs, .after = seen, .wait = kDeadline});
             ASSERT_EQ(1U, answer.size()) << mine << " in round " << round;
             seen = answer.back();
         }
-        store_->Append(ReportOf(mine), {});
+        StoreReport(*store_, ReportOf(mine), {});
     };
     std::thread other([&] { play("pong", "ping", false); });
     play("ping", "pong", true);
@@ -302,7 +306,7 @@ TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     Deliver("ended");
     store_->Refuse("ended", "x");
     for (int i = 0; i < 4; ++i) {
-        store_->Append(ReportOf("", std::string(1000, 'x')), {});
+        StoreReport(*store_, ReportOf("", std::string(1000, 'x')), {});
     }
     store_->Acknowledge({2, 4});
     const uint64_t rest = store_->Bytes() - 4000;
@@ -322,13 +326,13 @@ TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     EXPECT_TRUE(store_->FindCommand("open").has_value());
     EXPECT_FALSE(store_->FindCommand("ended").has_value());
     Open();
-    EXPECT_EQ(5U, store_->Append(ReportOf(""), {})) << "a cursor is never used again";
+    EXPECT_EQ(5U, StoreReport(*store_, ReportOf(""), {})) << "a cursor is never used again";
     EXPECT_EQ(5U, store_->Figures().last_cursor);
 }
 
 TEST_F(StoreTest, RetentionGivesTheRoomBack) {
     for (int i = 0; i < 1200; ++i) {
-        store_->Append(ReportOf("", std::string(8000, 'x')), {});
+        StoreReport(*store_, ReportOf("", std::string(8000, 'x')), {});
     }
     store_->AcknowledgeUpTo(UINT64_MAX);
     const Removed removed = store_->Retain({.bytes = 80000}, std::chrono::system_clock::now());
@@ -346,7 +350,7 @@ TEST_F(StoreTest, AFullStoreRefusesNewWorkAndKeepsWhatIsThere) {
     bool full = false;
     for (; stored < 100 && !full; ++stored) {
         try {
-            store_->Append(ReportOf("", std::string(20000, 'x')), {});
+            StoreReport(*store_, ReportOf("", std::string(20000, 'x')), {});
         } catch (const StoreFullError&) {
             full = true;
         }

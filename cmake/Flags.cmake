@@ -18,6 +18,8 @@ if(QXPMAINT_SANITIZER)
   target_compile_options(qxp_flags INTERFACE -fsanitize=${QXPMAINT_SANITIZER} -fno-omit-frame-pointer)
   target_link_options(qxp_flags INTERFACE -fsanitize=${QXPMAINT_SANITIZER})
 endif()
+# For sources that lean on the command line library: with a sanitizer and optimisation, each takes most of a minute.
+set(QXP_QUICK_TO_COMPILE $<$<BOOL:${QXPMAINT_SANITIZER}>:-O0>)
 if(QXPMAINT_TEST_HOOKS)
   target_compile_definitions(qxp_flags INTERFACE QXPMAINT_TEST_HOOKS)
 endif()

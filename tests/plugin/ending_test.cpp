@@ -113,7 +113,9 @@ TEST_F(EndingTest, PoliciesThatComeDuringAndAfterAStopLeaveNothingBehind) {
     std::atomic<bool> over{false};
     std::atomic<int> handled{0};
     std::vector<std::thread> senders;
-    for (int sender = 0; sender < 3; ++sender) {
+    constexpr int SENDERS = 3;
+    senders.reserve(SENDERS);
+    for (int sender = 0; sender < SENDERS; ++sender) {
         senders.emplace_back([&] {
             while (!over) {
                 handlers.plugin_recv(policy.c_str());
@@ -139,7 +141,7 @@ TEST_F(EndingTest, PoliciesThatComeDuringAndAfterAStopLeaveNothingBehind) {
 
 TEST_F(EndingTest, ACancelledWorkThreadOrLoaderLeavesNoLockBehind) {
     host_.Launch();
-    std::minstd_rand random(20261121);
+    std::minstd_rand random(20261121);  // NOLINT(cert-msc32-c,cert-msc51-cpp): to repeat it
     for (int round = 1; round <= 6; ++round) {
         const std::string id = "round" + std::to_string(round);
         ASSERT_TRUE(host_.SendCommand(Policy(id, {Echo("one"), Echo("two")})));

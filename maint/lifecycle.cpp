@@ -1,3 +1,4 @@
+#include <list>
 #include <new>
 
 #include "maint/maint_lock.h"
@@ -16,6 +17,12 @@ constexpr int CLOSE_PASS_MS = 100;
 
 /// The last sequence number before the count begins again.
 constexpr uint32_t SEQUENCE_LAST = 0x7ffffffe;
+
+// Managers that were left to threads which did not end. Only reachable; used by those threads alone.
+std::list<CMaintMgr*>& LeftBehind() {
+    static auto* const pList = new std::list<CMaintMgr*>;
+    return *pList;
+}
 
 }  // namespace
 
@@ -70,6 +77,8 @@ void CMaintMgr::Close() {
                    "**qxpmaint CMaintMgr::Close threads[%u] still running after [%d]ms, the manager is left to them",
                    CThreadGate::Instance().Count(), CLOSE_WAIT_MS);
     pthread_setcancelstate(iCancelState, nullptr);
+    if (!bEnded)
+        LeftBehind().push_back(pThis);
 }
 
 // Ends the runs that Stop left and whatever a late policy or a run-once started, and waits for every thread.

@@ -79,36 +79,37 @@ int MessageBus::Detach(const GUID& component) {
     return kBusOk;
 }
 
+int MessageBus::FindFreeChannel(const GUID& component, long type, Channel*& channel) {
+    Component* const found = FindAttached(component);
+    if (found == nullptr) {
+        return kBusNotAttached;
+    }
+    channel = &found->channels[type];
+    return channel->sink != nullptr || channel->direct != nullptr ? kBusTypeTaken : kBusOk;
+}
+
 int MessageBus::Register(const GUID& component, long type, IMRReceiveComplete* sink, void* context) {
     if (sink == nullptr) {
         return kBusBadArgument;
     }
     std::lock_guard lock(mutex_);
-    Component* const found = FindAttached(component);
-    if (found == nullptr) {
-        return kBusNotAttached;
+    Channel* channel = nullptr;
+    if (const int refused = FindFreeChannel(component, type, channel)) {
+        return refused;
     }
-    Channel& channel = found->channels[type];
-    if (channel.sink != nullptr || channel.direct != nullptr) {
-        return kBusTypeTaken;
-    }
-    channel.sink = sink;
-    channel.context = context;
+    channel->sink = sink;
+    channel->context = context;
     return kBusOk;
 }
 
 int MessageBus::RegisterDirect(const GUID& component, long type, DirectReceiver receiver) {
     auto direct = std::make_shared<const DirectReceiver>(std::move(receiver));
     std::lock_guard lock(mutex_);
-    Component* const found = FindAttached(component);
-    if (found == nullptr) {
-        return kBusNotAttached;
+    Channel* channel = nullptr;
+    if (const int refused = FindFreeChannel(component, type, channel)) {
+        return refused;
     }
-    Channel& channel = found->channels[type];
-    if (channel.sink != nullptr || channel.direct != nullptr) {
-        return kBusTypeTaken;
-    }
-    channel.direct = std::move(direct);
+    channel->direct = std::move(direct);
     return kBusOk;
 }
 

@@ -159,6 +159,7 @@ private:
     int Enqueue(Message message);
     int WhyRefused(const GUID& sender, size_t bytes);
     int GiveDirectly(Message message, std::string_view body, Channel& channel, std::unique_lock<std::mutex>& lock);
+    int FindFreeChannel(const GUID& component, long type, Channel*& channel);
     Channel* FindDirect(const GUID& target, long type);
     void EndDelivery(Channel& channel, const Delivery& delivery);
     void DeliverLoop();

@@ -68,7 +68,7 @@ _qxpctl() {
         case ${COMP_WORDS[at]} in
 )";
 
-// The text of a zsh specification between brackets or colons, inside single quotes.
+// The text of a zsh description between brackets or colons, inside single quotes.
 std::string ZshText(const std::string& text) {
     std::string escaped;
     for (const char c : text) {
@@ -97,7 +97,7 @@ std::string ZshAction(const OptionModel& option) {
     return " ";
 }
 
-// One specification for _arguments for each name of the option.
+// One entry for _arguments for each name of the option.
 std::string ZshOption(const OptionModel& option, const std::string& indent) {
     std::string text;
     const std::string excluded = option.repeated ? "*" : "(" + Join(option.names, " ") + ")";

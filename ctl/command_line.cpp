@@ -1,5 +1,6 @@
 #include "ctl/command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <exception>
 #include <new>
 #include <sstream>
@@ -12,7 +13,7 @@ namespace qxpctl {
 
 namespace {
 
-constexpr void (*kCommands[])(CLI::App&, Invocation&) = {
+constexpr void (*kCommands[])(const CommandSetup&) = {
     AddKeygenCommand, AddPackCommand, AddVerifyCommand,  AddSubmitCommand, AddRunCommand,     AddStatusCommand,
     AddWatchCommand,  AddShowCommand, AddResultsCommand, AddDropCommand,   AddRunOnceCommand, AddDoctorCommand,
 };
@@ -86,8 +87,9 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
     CLI::App program(kDescription, "qxpctl");
     Invocation invocation;
     program.set_version_flag("--version", "qxpctl " QXPCTL_VERSION, "Print the version and exit");
-    AddJsonOption(program, invocation);
-    AddSocketOption(program, invocation);
+    const CommandSetup setup(program, invocation);
+    setup.JsonOption();
+    setup.SocketOption();
     std::string generate;
     program.add_option("--generate", generate, "Print completions or the manual page, for packages")
         ->check(CLI::IsMember({"bash", "zsh", "man"}))
@@ -96,7 +98,7 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
     program.footer(kFooter);
     program.get_formatter()->column_width(34);
     for (const auto add : kCommands)
-        add(program, invocation);
+        add(setup);
     RefuseEmptyValues(argc, argv);
     try {
         program.parse(argc, argv);
@@ -115,17 +117,6 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
 }
 
 }  // namespace
-
-void AddJsonOption(CLI::App& command, Invocation& invocation) {
-    command.add_flag("--json", invocation.common.json, "Print the result as one JSON object, for programs");
-}
-
-void AddSocketOption(CLI::App& command, Invocation& invocation) {
-    command
-        .add_option("--socket", invocation.common.socket,
-                    "The agent's socket [$QXPAGENT_SOCKET, or\n../data/qxpagent/agent.sock beside this program]")
-        ->type_name("PATH");
-}
 
 int Run(int argc, const char* const* argv, const Console& console) {
     ExitCode code = ExitCode::LocalFailure;

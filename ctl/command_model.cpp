@@ -1,5 +1,6 @@
 #include "ctl/command_model.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <sstream>
 

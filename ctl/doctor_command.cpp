@@ -86,19 +86,16 @@ bool Findings::Any(Level level) const {
     return std::any_of(all_.begin(), all_.end(), [level](const Finding& finding) { return finding.level == level; });
 }
 
-void AddDoctorCommand(CLI::App& program, Invocation& invocation) {
+void AddDoctorCommand(const CommandSetup& program) {
     const auto root = std::make_shared<std::string>();
-    CLI::App* const command =
-        program.add_subcommand("doctor", "Find out what is wrong with an installation, and what to do about it");
-    command->add_option("--root", *root, "The installation [that of this program]")->type_name("DIR");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([root, &invocation] {
-        invocation.action = [root](const Console& console, const CommonOptions& common) {
-            return Examine(*root, console, common);
-        };
-    });
+    const CommandSetup command =
+        program.SubCommand("doctor", "Find out what is wrong with an installation, and what to do about it");
+    command.Value("--root", "DIR", *root, "The installation [that of this program]");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(
+        [root](const Console& console, const CommonOptions& common) { return Examine(*root, console, common); });
 }
 
 }  // namespace qxpctl

@@ -110,21 +110,18 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
 
 }  // namespace
 
-void AddDropCommand(CLI::App& program, Invocation& invocation) {
+void AddDropCommand(const CommandSetup& program) {
     const auto options = std::make_shared<DropOptions>();
-    CLI::App* const command = program.add_subcommand("drop", "Put policy files where the plugin picks them up");
-    command->add_option("FILE", options->files, "The policies, as made by 'qxpctl pack'")->type_name("")->required();
-    command->add_option("--directory,-d", options->directory, "Where to put them [the agent is asked]")
-        ->type_name("DIR");
-    command->add_flag("--process", options->process, "Into the directory of run-once policies; see runonce");
-    command->add_flag("--force", options->force, "Replace a file that has not been picked up yet");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return DropFiles(*options, console, common);
-        };
+    const CommandSetup command = program.SubCommand("drop", "Put policy files where the plugin picks them up");
+    command.Arguments("FILE", options->files, "The policies, as made by 'qxpctl pack'").Required();
+    command.Value("--directory,-d", "DIR", options->directory, "Where to put them [the agent is asked]");
+    command.Flag("--process", options->process, "Into the directory of run-once policies; see runonce");
+    command.Flag("--force", options->force, "Replace a file that has not been picked up yet");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return DropFiles(*options, console, common);
     });
 }
 

@@ -63,23 +63,16 @@ ExitCode MakeKeys(const KeygenOptions& options, const Console& console, bool jso
 
 }  // namespace
 
-void AddKeygenCommand(CLI::App& program, Invocation& invocation) {
+void AddKeygenCommand(const CommandSetup& program) {
     const auto options = std::make_shared<KeygenOptions>();
-    CLI::App* const command = program.add_subcommand("keygen", "Make a pair of keys to sign scripts with");
-    command->add_option("--scheme", options->scheme, "plugin or ed25519")
-        ->type_name("NAME")
-        ->check(CLI::IsMember({"plugin", "ed25519"}))
-        ->capture_default_str();
-    command->add_option("--out,-o", options->prefix, "Writes PREFIX.key.pem and PREFIX.pub.pem")
-        ->type_name("PREFIX")
-        ->required();
-    command->add_flag("--force", options->force, "Replace existing files; what they signed stays signed");
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return MakeKeys(*options, console, common.json);
-        };
+    const CommandSetup command = program.SubCommand("keygen", "Make a pair of keys to sign scripts with");
+    command.Value("--scheme", "NAME", options->scheme, "plugin or ed25519").OneOf({"plugin", "ed25519"}).ShowDefault();
+    command.Value("--out,-o", "PREFIX", options->prefix, "Writes PREFIX.key.pem and PREFIX.pub.pem").Required();
+    command.Flag("--force", options->force, "Replace existing files; what they signed stays signed");
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return MakeKeys(*options, console, common.json);
     });
 }
 

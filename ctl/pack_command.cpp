@@ -65,20 +65,16 @@ ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, 
 
 }  // namespace
 
-void AddPackCommand(CLI::App& program, Invocation& invocation) {
+void AddPackCommand(const CommandSetup& program) {
     const auto options = std::make_shared<PackCommandOptions>();
-    CLI::App* const command = program.add_subcommand("pack", "Sign scripts into a policy document");
-    AddPackOptions(*command, options->pack);
-    command
-        ->add_option("--output,-o", options->output,
-                     "Where to write the policy, in one step; '-' or not given: the standard output")
-        ->type_name("FILE");
-    AddJsonOption(*command, invocation);
-    command->footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return WritePolicy(*options, console, common.json);
-        };
+    const CommandSetup command = program.SubCommand("pack", "Sign scripts into a policy document");
+    AddPackOptions(command, options->pack);
+    command.Value("--output,-o", "FILE", options->output,
+                  "Where to write the policy, in one step; '-' or not given: the standard output");
+    command.JsonOption();
+    command.Footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return WritePolicy(*options, console, common.json);
     });
 }
 

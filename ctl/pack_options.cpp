@@ -19,36 +19,33 @@ overrides the general option. A comma that belongs to a name or a text is writte
   path     the directory on the agent's machine in which the script file is written; not given: the plugin's own
   action   a number that goes along with the time-out)";
 
-void AddPackOptions(CLI::App& command, PackOptions& options) {
-    command.add_option("--key,-k", options.key_file, "The private key to sign with (PEM); its kind gives\nthe scheme")
-        ->type_name("FILE")
-        ->required();
-    options.id_option =
-        command.add_option("--id", options.id, "The ID of the policy, under which results come back\n[a random UUID]")
-            ->type_name("ID");
+void AddPackOptions(const CommandSetup& command, PackOptions& options) {
     command
-        .add_option("--command", options.command,
-                    "RunScriptNormal: results come back as reports;\n"
-                    "RunScriptFile, RunScriptProcess: they become files\n"
-                    "on the agent's machine")
-        ->type_name("NAME")
-        ->capture_default_str();
+        .Value("--key,-k", "FILE", options.key_file, "The private key to sign with (PEM); its kind gives\nthe scheme")
+        .Required();
+    options.id_option =
+        command.Value("--id", "ID", options.id, "The ID of the policy, under which results come back\n[a random UUID]");
+    command
+        .Value("--command", "NAME", options.command,
+               "RunScriptNormal: results come back as reports;\n"
+               "RunScriptFile, RunScriptProcess: they become files\n"
+               "on the agent's machine")
+        .ShowDefault();
     const char* const group = "General attributes of scripts";
-    command.add_option("--type", options.type, "Type of every script")->type_name("TYPE")->group(group);
-    command.add_option("--timeout", options.timeout, "Time-out of every script")->type_name("SECONDS")->group(group);
-    command.add_option("--check", options.check, "Text that output must contain")->type_name("TEXT")->group(group);
-    command.add_option("--path", options.path, "Directory for the script files")->type_name("DIR")->group(group);
-    command.add_option("--action", options.action, "Number for the time-out")->type_name("N")->group(group);
-    command.add_option("SCRIPT", options.scripts, "The scripts, in the order in which they start,\n63 at most")
-        ->type_name("")
-        ->required();
+    command.Value("--type", "TYPE", options.type, "Type of every script").InGroup(group);
+    command.Value("--timeout", "SECONDS", options.timeout, "Time-out of every script").InGroup(group);
+    command.Value("--check", "TEXT", options.check, "Text that output must contain").InGroup(group);
+    command.Value("--path", "DIR", options.path, "Directory for the script files").InGroup(group);
+    command.Value("--action", "N", options.action, "Number for the time-out").InGroup(group);
+    command.Arguments("SCRIPT", options.scripts, "The scripts, in the order in which they start,\n63 at most")
+        .Required();
 }
 
 PackedPolicy Pack(const PackOptions& options) {
     PolicyRequest request;
     request.command = options.command;
     request.scripts = options.scripts;
-    if (options.id_option && options.id_option->count() > 0)
+    if (options.id_option.Given())
         request.id = options.id;
     if (!options.type.empty()) {
         CheckType(options.type);

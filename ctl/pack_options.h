@@ -1,10 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
-#include "ctl/console.h"
+#include "ctl/command_setup.h"
 #include "ctl/policy.h"
 
 namespace qxpctl {
@@ -20,11 +19,11 @@ struct PackOptions {
     std::string path;
     std::string action;
     std::vector<std::string> scripts;
-    const CLI::Option* id_option = nullptr;  // set once the options have been added
+    OptionSetup id_option;  // set once the options have been added
 };
 
 /// Declares them. The options must outlive the parser.
-void AddPackOptions(CLI::App& command, PackOptions& options);
+void AddPackOptions(const CommandSetup& command, PackOptions& options);
 
 /// What a footer says about script arguments.
 extern const char* const kScriptArgumentHelp;

@@ -133,25 +133,21 @@ ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const C
 
 }  // namespace
 
-void AddResultsCommand(CLI::App& program, Invocation& invocation) {
+void AddResultsCommand(const CommandSetup& program) {
     const auto options = std::make_shared<ResultsOptions>();
-    CLI::App* const command =
-        program.add_subcommand("results", "List the reports and result files that the agent keeps, or fetch one");
-    command->add_option("ID", options->id, "Only those of this command [all]")->type_name("");
-    command->add_flag("--pending", options->pending, "Only those that nobody has acknowledged");
-    CLI::Option* const raw =
-        command->add_option("--raw", options->raw, "Fetch this result file, as it was written")->type_name("CURSOR");
-    raw->excludes(command->get_option("ID"));
-    command->add_option("--output,-o", options->output, "Where to write; '-' or not given: the standard output")
-        ->type_name("FILE");
-    command->add_flag("--acknowledge", options->acknowledge, "Acknowledge what has been listed or written");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([options, raw, &invocation] {
-        invocation.action = [options, raw](const Console& console, const CommonOptions& common) {
-            return raw->count() > 0 ? WriteRaw(*options, console, common) : List(*options, console, common);
-        };
+    const CommandSetup command =
+        program.SubCommand("results", "List the reports and result files that the agent keeps, or fetch one");
+    const OptionSetup id = command.Argument("ID", options->id, "Only those of this command [all]");
+    command.Flag("--pending", options->pending, "Only those that nobody has acknowledged");
+    const OptionSetup raw = command.Value("--raw", "CURSOR", options->raw, "Fetch this result file, as it was written");
+    raw.Excludes(id);
+    command.Value("--output,-o", "FILE", options->output, "Where to write; '-' or not given: the standard output");
+    command.Flag("--acknowledge", options->acknowledge, "Acknowledge what has been listed or written");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options, raw](const Console& console, const CommonOptions& common) {
+        return raw.Given() ? WriteRaw(*options, console, common) : List(*options, console, common);
     });
 }
 

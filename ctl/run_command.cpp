@@ -237,24 +237,20 @@ ExitCode PackAndRun(const RunOptions& options, const Console& console, const Com
 
 }  // namespace
 
-void AddRunCommand(CLI::App& program, Invocation& invocation) {
+void AddRunCommand(const CommandSetup& program) {
     const auto options = std::make_shared<RunOptions>();
-    CLI::App* const command = program.add_subcommand("run", "Sign scripts, have the agent run them, show the results");
-    AddPackOptions(*command, options->pack);
-    command
-        ->add_option("--wait", options->wait,
-                     "How long to wait for the results [a minute longer than\n"
-                     "the longest time-out when every script has one, else\n"
-                     "for as long as it takes]")
-        ->type_name("SECONDS");
-    command->add_flag("--no-acknowledge", options->keep, "Leave the reports unacknowledged, for another reader");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return PackAndRun(*options, console, common);
-        };
+    const CommandSetup command = program.SubCommand("run", "Sign scripts, have the agent run them, show the results");
+    AddPackOptions(command, options->pack);
+    command.Value("--wait", "SECONDS", options->wait,
+                  "How long to wait for the results [a minute longer than\n"
+                  "the longest time-out when every script has one, else\n"
+                  "for as long as it takes]");
+    command.Flag("--no-acknowledge", options->keep, "Leave the reports unacknowledged, for another reader");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return PackAndRun(*options, console, common);
     });
 }
 

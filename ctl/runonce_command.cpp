@@ -46,19 +46,16 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
 
 }  // namespace
 
-void AddRunOnceCommand(CLI::App& program, Invocation& invocation) {
+void AddRunOnceCommand(const CommandSetup& program) {
     const auto name = std::make_shared<std::string>();
-    CLI::App* const command =
-        program.add_subcommand("runonce", "Have the plugin run a policy file of its process directory");
-    command->add_option("NAME", *name, "The file's name, without a directory")->type_name("")->required();
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([name, &invocation] {
-        invocation.action = [name](const Console& console, const CommonOptions& common) {
-            return RunOnce(*name, console, common);
-        };
-    });
+    const CommandSetup command =
+        program.SubCommand("runonce", "Have the plugin run a policy file of its process directory");
+    command.Argument("NAME", *name, "The file's name, without a directory").Required();
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(
+        [name](const Console& console, const CommonOptions& common) { return RunOnce(*name, console, common); });
 }
 
 }  // namespace qxpctl

@@ -84,18 +84,14 @@ ExitCode Show(const std::string& id, const Console& console, const CommonOptions
 
 }  // namespace
 
-void AddShowCommand(CLI::App& program, Invocation& invocation) {
+void AddShowCommand(const CommandSetup& program) {
     const auto id = std::make_shared<std::string>();
-    CLI::App* const command = program.add_subcommand("show", "Show one command with its results and outputs");
-    command->add_option("ID", *id, "The ID of the command, as run and submit gave it")->type_name("")->required();
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([id, &invocation] {
-        invocation.action = [id](const Console& console, const CommonOptions& common) {
-            return Show(*id, console, common);
-        };
-    });
+    const CommandSetup command = program.SubCommand("show", "Show one command with its results and outputs");
+    command.Argument("ID", *id, "The ID of the command, as run and submit gave it").Required();
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([id](const Console& console, const CommonOptions& common) { return Show(*id, console, common); });
 }
 
 }  // namespace qxpctl

@@ -81,13 +81,12 @@ ExitCode ShowStatus(const Console& console, const CommonOptions& common) {
 
 }  // namespace
 
-void AddStatusCommand(CLI::App& program, Invocation& invocation) {
-    CLI::App* const command =
-        program.add_subcommand("status", "Show how the agent, its plugin and its store are doing");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([&invocation] { invocation.action = ShowStatus; });
+void AddStatusCommand(const CommandSetup& program) {
+    const CommandSetup command = program.SubCommand("status", "Show how the agent, its plugin and its store are doing");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(ShowStatus);
 }
 
 }  // namespace qxpctl

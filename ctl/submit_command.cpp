@@ -50,18 +50,15 @@ ExitCode Submit(const std::string& path, const Console& console, const CommonOpt
 
 }  // namespace
 
-void AddSubmitCommand(CLI::App& program, Invocation& invocation) {
+void AddSubmitCommand(const CommandSetup& program) {
     const auto policy = std::make_shared<std::string>();
-    CLI::App* const command = program.add_subcommand("submit", "Send a policy to the agent of this machine");
-    command->add_option("POLICY", *policy, "The policy document; '-' is the standard input")->type_name("")->required();
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([policy, &invocation] {
-        invocation.action = [policy](const Console& console, const CommonOptions& common) {
-            return Submit(*policy, console, common);
-        };
-    });
+    const CommandSetup command = program.SubCommand("submit", "Send a policy to the agent of this machine");
+    command.Argument("POLICY", *policy, "The policy document; '-' is the standard input").Required();
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(
+        [policy](const Console& console, const CommonOptions& common) { return Submit(*policy, console, common); });
 }
 
 }  // namespace qxpctl

@@ -103,30 +103,20 @@ ExitCode Verify(const VerifyOptions& options, const Console& console, bool json)
 
 }  // namespace
 
-void AddVerifyCommand(CLI::App& program, Invocation& invocation) {
+void AddVerifyCommand(const CommandSetup& program) {
     const auto options = std::make_shared<VerifyOptions>();
-    CLI::App* const command =
-        program.add_subcommand("verify", "Tell which scripts of a policy the plugin would accept, and why not");
-    command
-        ->add_option("--key,-k", options->key_files,
-                     "A public key that the plugin trusts (PEM): the RSA key\n"
-                     "it was built with, or an Ed25519 key; may be repeated")
-        ->type_name("FILE")
-        ->expected(1)
-        ->take_all();
-    command
-        ->add_option("--trust-dir", options->trust_directory,
-                     "The agent's directory of trusted Ed25519 keys\n[that of this installation]")
-        ->type_name("DIR");
-    command->add_option("POLICY", options->policy, "The policy document; '-' is the standard input")
-        ->type_name("")
-        ->required();
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return Verify(*options, console, common.json);
-        };
+    const CommandSetup command =
+        program.SubCommand("verify", "Tell which scripts of a policy the plugin would accept, and why not");
+    command.Values("--key,-k", "FILE", options->key_files,
+                   "A public key that the plugin trusts (PEM): the RSA key\n"
+                   "it was built with, or an Ed25519 key; may be repeated");
+    command.Value("--trust-dir", "DIR", options->trust_directory,
+                  "The agent's directory of trusted Ed25519 keys\n[that of this installation]");
+    command.Argument("POLICY", options->policy, "The policy document; '-' is the standard input").Required();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return Verify(*options, console, common.json);
     });
 }
 

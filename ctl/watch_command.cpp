@@ -183,18 +183,16 @@ std::optional<std::chrono::seconds> ReadWait(const std::string& text) {
 
 }  // namespace
 
-void AddWatchCommand(CLI::App& program, Invocation& invocation) {
+void AddWatchCommand(const CommandSetup& program) {
     const auto options = std::make_shared<WatchOptions>();
-    CLI::App* const command = program.add_subcommand("watch", "Show commands as they change");
-    command->add_option("ID", options->ids, "The commands to watch, to their end [all, until Ctrl-C]")->type_name("");
-    command->add_option("--wait", options->wait, "How long to watch [for as long as it takes]")->type_name("SECONDS");
-    AddSocketOption(*command, invocation);
-    AddJsonOption(*command, invocation);
-    command->footer(kFooter);
-    command->callback([options, &invocation] {
-        invocation.action = [options](const Console& console, const CommonOptions& common) {
-            return Watcher(*options, console, common, ReadWait(options->wait)).Run();
-        };
+    const CommandSetup command = program.SubCommand("watch", "Show commands as they change");
+    command.Arguments("ID", options->ids, "The commands to watch, to their end [all, until Ctrl-C]");
+    command.Value("--wait", "SECONDS", options->wait, "How long to watch [for as long as it takes]");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return Watcher(*options, console, common, ReadWait(options->wait)).Run();
     });
 }
 

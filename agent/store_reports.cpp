@@ -58,11 +58,12 @@ void CountRuns(SQLite::Database& database, int64_t command, const std::vector<Ru
     }
 }
 
-void AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
+// True when the command is now refused.
+bool AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
     SQLite::Statement row = Prepare(database, "SELECT number, refusal_reason FROM commands WHERE id = ? AND state = ?",
                                     content.id, static_cast<int>(CommandState::kDelivered));
     if (content.id.empty() || !row.executeStep()) {
-        return;
+        return false;
     }
     const int64_t command = row.getColumn(0).getInt64();
     const std::string refusal_reason = Text(row, 1);
@@ -72,6 +73,7 @@ void AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
     } else {
         CountRuns(database, command, content.runs);
     }
+    return content.refusal;
 }
 
 bool NoteFile(SQLite::Database& database, const FileMark& mark) {
@@ -124,15 +126,14 @@ uint64_t InsertReport(SQLite::Database& database, const Report& report, std::str
     return static_cast<uint64_t>(cursor);
 }
 
-uint64_t Store::Append(const Report& report, std::string_view text, const ReportContent& content,
+Appended Store::Append(const Report& report, std::string_view text, const ReportContent& content,
                        const std::optional<FileMark>& mark) {
-    return Write([&](SQLite::Database& database) -> uint64_t {
+    return Write([&](SQLite::Database& database) -> Appended {
         if (mark.has_value() && !NoteFile(database, *mark)) {
-            return 0;
+            return {};
         }
         const uint64_t cursor = InsertReport(database, report, text);
-        AdvanceCommand(database, content);
-        return cursor;
+        return {cursor, AdvanceCommand(database, content)};
     });
 }
 

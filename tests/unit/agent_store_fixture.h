@@ -21,7 +21,7 @@ inline Report ReportOf(const std::string& id, const std::string& text = "{}") {
 }
 
 inline uint64_t StoreReport(Store& store, const Report& report, const ReportContent& content) {
-    return store.Append(report, report.text, content);
+    return store.Append(report, report.text, content).cursor;
 }
 
 inline std::string RunText(const std::string& script, const std::string& start, const std::string& file) {

@@ -21,7 +21,7 @@ TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     Report report = ReportOf("c1", text);
     report.json_data_type = 2;
     report.value = -5;
-    EXPECT_EQ(1U, store_->Append(report, report.text, ReadReport(text)));
+    EXPECT_EQ(1U, store_->Append(report, report.text, ReadReport(text)).cursor);
     EXPECT_EQ(2U, Append(ResultText("c1", RunText("b", "t", "f"))));
     EXPECT_EQ(1U, store_->Acknowledge({1, 1, 77}));
     Open();
@@ -47,7 +47,7 @@ TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     EXPECT_EQ(1U, figures.reports_pending);
     EXPECT_EQ(2U, figures.last_cursor);
     EXPECT_EQ(1U, figures.states.at(CommandState::kDelivered));
-    EXPECT_EQ(1U, store_->ScriptsWaiting());
+    EXPECT_EQ(1U, store_->ScriptsWithoutResult().unreported);
     EXPECT_EQ(12 + store_->FindReport(2)->bytes + CommandOf("c1").text.size(), figures.bytes);
     EXPECT_TRUE(figures.oldest_pending.has_value());
 }
@@ -57,6 +57,8 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     EXPECT_EQ(Admission::kNew, store_->Admit(CommandOf("c"), record));
     EXPECT_EQ(CommandState::kReceived, record.state);
     EXPECT_EQ("document of c", store_->CommandText("c"));
+    EXPECT_EQ(1U, store_->ScriptsWithoutResult().queued);
+    EXPECT_EQ(0U, store_->ScriptsWithoutResult().unreported);
     EXPECT_EQ(Admission::kKnown, store_->Admit(CommandOf("c"), record));
     NewCommand other = CommandOf("c");
     other.sha256 = "another";
@@ -66,6 +68,8 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     const auto grows = [&] { return std::exchange(sequence, Find("c").sequence) < sequence; };
     EXPECT_TRUE(store_->MarkDelivered("c"));
     EXPECT_TRUE(grows());
+    EXPECT_EQ(0U, store_->ScriptsWithoutResult().queued);
+    EXPECT_EQ(1U, store_->ScriptsWithoutResult().unreported);
     EXPECT_FALSE(store_->MarkDelivered("c")) << "never twice";
     store_->MarkReceived("c");
     EXPECT_TRUE(grows());
@@ -134,10 +138,10 @@ TEST_F(StoreTest, AStateOfAFileIsStoredOnce) {
     report.source = ReportSource::kFile;
     report.file = "c1.json";
     const FileMark mark{"c1.json", 5, text.size(), "sha"};
-    EXPECT_EQ(1U, store_->Append(report, report.text, content, mark));
-    EXPECT_EQ(0U, store_->Append(report, report.text, content, mark));
-    EXPECT_EQ(2U, store_->Append(report, report.text, content, FileMark{"c1.json", 6, text.size(), "sha"}));
-    EXPECT_EQ(3U, store_->Append(report, report.text, content, FileMark{"c1.json", 5, text.size(), "other"}));
+    EXPECT_EQ(1U, store_->Append(report, report.text, content, mark).cursor);
+    EXPECT_EQ(0U, store_->Append(report, report.text, content, mark).cursor);
+    EXPECT_EQ(2U, store_->Append(report, report.text, content, FileMark{"c1.json", 6, text.size(), "sha"}).cursor);
+    EXPECT_EQ(3U, store_->Append(report, report.text, content, FileMark{"c1.json", 5, text.size(), "other"}).cursor);
     EXPECT_EQ(Names{"b"}, Find("c").unreported) << "the run counts once";
     EXPECT_EQ("c1.json", store_->ListReports({.source = ReportSource::kFile}).at(0).file);
     EXPECT_TRUE(store_->HasFile("c1.json", 6, text.size()));

@@ -99,14 +99,11 @@ HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name)
     }
     ReportQuery query;
     query.id = name;
-    Json reports = Json::array();
-    for (const Report& report : agent_.ListReports(query)) {
-        reports.push_back(ReportToJson(report));
-    }
-    Json body;
-    body["command"] = CommandToJson(*command);
-    body["reports"] = std::move(reports);
-    return JsonResponse(200, body);
+    HttpResponse response;
+    response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
+    AppendReports(response.body, agent_.ListReports(query));
+    response.body.Append("}");
+    return response;
 }
 
 HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {

@@ -1,4 +1,7 @@
+#include <sqlite3.h>
+
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "agent/store_access.h"
@@ -28,9 +31,21 @@ Report ReadRow(SQLite::Statement& row) {
     return report;
 }
 
+// By the database's own reader of large values: a statement would hold the text beside our copy.
 std::string ReadText(SQLite::Database& database, uint64_t cursor) {
-    SQLite::Statement row = Prepare(database, "SELECT text FROM report_texts WHERE cursor = ?", cursor);
-    return row.executeStep() ? Text(row, 0) : std::string();
+    sqlite3_blob* opened = nullptr;
+    int code = sqlite3_blob_open(database.getHandle(), "main", "report_texts", "text", static_cast<int64_t>(cursor), 0,
+                                 &opened);
+    const std::unique_ptr<sqlite3_blob, decltype(&sqlite3_blob_close)> blob(opened, &sqlite3_blob_close);
+    std::string text;
+    if (code == SQLITE_OK) {
+        text.resize(static_cast<size_t>(sqlite3_blob_bytes(blob.get())));
+        code = sqlite3_blob_read(blob.get(), text.data(), static_cast<int>(text.size()), 0);
+    }
+    if (code != SQLITE_OK) {
+        throw SQLite::Exception(database.getHandle(), code);
+    }
+    return text;
 }
 
 // Takes one script off those that are to have a result. False when this run was counted before, or none is missing.

@@ -176,13 +176,10 @@ uint64_t Agent::AcknowledgeUpTo(uint64_t cursor) {
 }
 
 std::optional<bool> Agent::RunOnce(const std::string& name, const Peer& peer) {
-    const std::optional<bool> accepted = plugin_->RunOnce(name);
-    QXPAGENT_LOG(kLogInfo, "run-once of [%s] from user [%s] uid %u pid %d: %s", name.c_str(), peer.user.c_str(),
-                 peer.uid, peer.pid,
-                 !accepted.has_value() ? "not running"
-                 : *accepted           ? "has ended"
-                                       : "not accepted");
-    return accepted;
+    // Before it runs: a script that takes the machine down leaves who asked for it behind.
+    QXPAGENT_LOG(kLogInfo, "run-once of [%s] from user [%s] uid %u pid %d", name.c_str(), peer.user.c_str(), peer.uid,
+                 peer.pid);
+    return plugin_->RunOnce(name);
 }
 
 bool Agent::IsAlive() {
@@ -208,7 +205,9 @@ AgentStatus Agent::Status() {
     status.policy_directory = plugin_data_ / "policyfile";
     status.process_directory = plugin_data_ / "policyprocess";
     status.result_directory = plugin_data_ / "result";
-    status.scripts_waiting = static_cast<unsigned int>(store_->ScriptsWaiting());
+    const OpenScripts scripts = store_->ScriptsWithoutResult();
+    status.scripts_queued = scripts.queued;
+    status.scripts_waiting = scripts.unreported;
     status.store = store_->Figures();
     status.counters = counters_.Get();
     return status;

@@ -1,7 +1,6 @@
 #include "agent/agent_connect.h"
 
 #include <charconv>
-#include <chrono>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -9,12 +8,6 @@
 #include "agent/startup_error.h"
 
 namespace qxpagent {
-
-namespace {
-
-constexpr std::chrono::seconds kNoticeTime{60};
-
-}  // namespace
 
 std::optional<ServerAddress> ParseServerAddress(std::string_view text) {
     const size_t colon = text.rfind(':');
@@ -63,14 +56,6 @@ void AgentConnect::ReceiveCallback(const GUID& /*stComponentID*/, long /*i64MsgT
     if (pReplyCtx != nullptr) {
         bus_.Reply(kAgentConnectId, pReplyCtx, {0, ConnectInformation()});
     }
-}
-
-int AgentConnect::NotifyConnected() {
-    return bus_.Post(kAgentConnectId, kPluginId, kConnectedMessage, ConnectInformation(), {}, kNoticeTime);
-}
-
-int AgentConnect::NotifyDisconnected() {
-    return bus_.Post(kAgentConnectId, kPluginId, kDisconnectedMessage, "", {}, kNoticeTime);
 }
 
 }  // namespace qxpagent

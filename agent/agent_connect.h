@@ -17,7 +17,7 @@ struct ServerAddress {
 /// Reads "ADDRESS:PORT" or, for an IPv6 address, "[ADDRESS]:PORT". Nothing when it is neither.
 std::optional<ServerAddress> ParseServerAddress(std::string_view text);
 
-/// The agent connect component: tells the plugin whether, and where, the agent is connected to its server.
+/// The agent connect component: answers the plugin's question whether, and where, the agent is connected to its server.
 class AgentConnect final : private IMRReceiveComplete {
 public:
     /// Attaches to the bus, which must outlive it. `server`: where the agent is connected; nothing means offline.
@@ -26,11 +26,6 @@ public:
     ~AgentConnect() override;
     AgentConnect(const AgentConnect&) = delete;
     AgentConnect& operator=(const AgentConnect&) = delete;
-
-    /// Tells the plugin that the agent has connected to the server, or has lost it. Return a BusStatus: kBusOk when
-    /// the notice was queued.
-    int NotifyConnected();
-    int NotifyDisconnected();
 
 private:
     void ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,

@@ -139,7 +139,8 @@ struct AgentStatus {
     std::filesystem::path policy_directory;
     std::filesystem::path process_directory;
     std::filesystem::path result_directory;
-    unsigned int scripts_waiting = 0;  // scripts of delivered commands that have no result yet
+    uint64_t scripts_queued = 0;   // scripts of commands that are not yet handed to the plugin
+    uint64_t scripts_waiting = 0;  // scripts of delivered commands that have no result yet
     StoreFigures store;
     AgentCounters counters;
 };

@@ -6,7 +6,6 @@
 #include "agent/api.h"
 #include "agent/api_json.h"
 #include "agent/api_request.h"
-#include "agent/log.h"
 
 namespace qxpagent {
 
@@ -100,14 +99,11 @@ HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name)
     }
     ReportQuery query;
     query.id = name;
-    Json reports = Json::array();
-    for (const Report& report : agent_.ListReports(query)) {
-        reports.push_back(ReportToJson(report));
-    }
-    Json body;
-    body["command"] = CommandToJson(*command);
-    body["reports"] = std::move(reports);
-    return JsonResponse(200, body);
+    HttpResponse response;
+    response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
+    AppendReports(response.body, agent_.ListReports(query));
+    response.body.Append("}");
+    return response;
 }
 
 HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {
@@ -117,10 +113,7 @@ HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {
         throw BadRequest("The member \"name\" must be a file name, without '/' and control characters.");
     }
     const auto& file = name->get_ref<const std::string&>();
-    const Peer& peer = request.peer;
-    QXPAGENT_LOG(kLogInfo, "run-once of [%s] asked for by %s (uid %u, pid %d)", file.c_str(), peer.user.c_str(),
-                 peer.uid, peer.pid);
-    const std::optional<bool> accepted = agent_.RunOnce(file, peer);
+    const std::optional<bool> accepted = agent_.RunOnce(file, request.peer);
     if (!accepted.has_value()) {
         return Problem(503, "The agent is stopping, or its plugin is not started.");
     }

@@ -1,7 +1,10 @@
 #include "agent/api_json.h"
 
+#include <algorithm>
+#include <utility>
+
+#include "agent/report_document.h"
 #include "agent/time_text.h"
-#include "qxhost/json.h"
 
 namespace qxpagent {
 
@@ -24,11 +27,59 @@ Json PeerToJson(const Peer& peer) {
     return json;
 }
 
-// Discarded when the text is not one JSON document. The host SDK's reader bounds the nesting, so that writing the
-// document out again cannot exhaust the stack.
-Json ReadDocument(const std::string& text) {
-    qxtools::CPJsonParse bounded;
-    return bounded.LoadBuffer(text.c_str()) ? Json::parse(text, nullptr, false) : Json(Json::value_t::discarded);
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+constexpr size_t kSliceBytes = size_t{64} << 10;
+
+bool ContinuesCharacter(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+}
+
+// A text as a JSON string, slice by slice, so that it is not in memory a third time.
+void AppendQuoted(HttpBody& body, std::string_view text) {
+    body.Append("\"");
+    while (!text.empty()) {
+        size_t size = std::min(text.size(), kSliceBytes);
+        for (int moved = 0; moved < 3 && size < text.size() && ContinuesCharacter(text[size]); ++moved) {
+            --size;  // a character stays whole
+        }
+        const std::string quoted = ToText(Json(text.substr(0, size)));
+        body.Append(std::string_view(quoted).substr(1, quoted.size() - 2));
+        text.remove_prefix(size);
+    }
+    body.Append("\"");
+}
+
+// What a report has beside its text.
+Json ReportHead(const Report& report) {
+    Json json;
+    json["cursor"] = report.cursor;
+    json["id"] = report.id;
+    json["source"] = Word(report.source);
+    json["file"] = TextOrNull(report.file);
+    json["received"] = LocalTimeText(report.received);
+    json["acknowledged"] = TimeOrNull(report.acknowledged);
+    json["json_data_type"] = report.json_data_type;
+    json["value"] = report.value;
+    json["bytes"] = report.bytes;
+    return json;
+}
+
+void AppendReport(HttpBody& body, Report report) {
+    std::string head = ToText(ReportHead(report));
+    head.pop_back();  // its '}' comes last
+    body.Append(head);
+    // Checked again, since one damaged text would make the whole answer unreadable.
+    if (ReadReport(report.text).readable) {
+        if (report.text.starts_with(kByteOrderMark)) {
+            report.text.erase(0, kByteOrderMark.size());  // a reader passes it over, but only at the very beginning
+        }
+        body.Append(",\"document\":");
+        body.Take(std::move(report.text));
+    } else {
+        body.Append(",\"document\":null,\"text\":");
+        AppendQuoted(body, report.text);
+    }
+    body.Append("}");
 }
 
 }  // namespace
@@ -80,25 +131,13 @@ Json CommandToJson(const CommandRecord& command) {
     return json;
 }
 
-Json ReportToJson(const Report& report) {
-    Json json;
-    json["cursor"] = report.cursor;
-    json["id"] = report.id;
-    json["source"] = Word(report.source);
-    json["file"] = TextOrNull(report.file);
-    json["received"] = LocalTimeText(report.received);
-    json["acknowledged"] = TimeOrNull(report.acknowledged);
-    json["json_data_type"] = report.json_data_type;
-    json["value"] = report.value;
-    json["bytes"] = report.bytes;
-    Json document = ReadDocument(report.text);
-    if (document.is_discarded()) {
-        json["document"] = nullptr;
-        json["text"] = report.text;
-    } else {
-        json["document"] = std::move(document);
+void AppendReports(HttpBody& body, std::vector<Report> reports) {
+    body.Append("[");
+    for (Report& report : reports) {
+        body.Append(&report == reports.data() ? "" : ",");
+        AppendReport(body, std::move(report));
     }
-    return json;
+    body.Append("]");
 }
 
 Json ResultToJson(const Report& report) {
@@ -140,10 +179,14 @@ Json StatusToJson(const AgentStatus& status) {
     return json;
 }
 
+std::string ToText(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 HttpResponse JsonResponse(int status, const Json& body) {
     HttpResponse response;
     response.status = status;
-    response.body = body.dump(-1, ' ', false, Json::error_handler_t::replace);
+    response.body = ToText(body);
     return response;
 }
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/agent_control.h"
 #include "agent/http_message.h"
@@ -21,13 +22,16 @@ std::string_view Word(ReportSource source);
 
 /// The objects of the API.
 Json CommandToJson(const CommandRecord& command);
-/// With the text as "document", or as "text" when it is no JSON.
-Json ReportToJson(const Report& report);
 /// A result file without its text.
 Json ResultToJson(const Report& report);
 Json StatusToJson(const AgentStatus& status);
 
+/// Adds a list of reports, each with its text: as "document" just as it is stored, or as "text" when it is no JSON that
+/// ReadReport reads. A document is not copied.
+void AppendReports(HttpBody& body, std::vector<Report> reports);
+
 /// Bytes that are no UTF-8 are replaced by U+FFFD.
+std::string ToText(const Json& json);
 HttpResponse JsonResponse(int status, const Json& body);
 
 }  // namespace qxpagent

@@ -16,16 +16,8 @@ namespace {
 
 constexpr size_t kDefaultReports = 1000;
 
-HttpResponse ListResponse(const char* member, const std::vector<Report>& reports, uint64_t after,
-                          Json (*to_json)(const Report&)) {
-    Json list = Json::array();
-    for (const Report& report : reports) {
-        list.push_back(to_json(report));
-    }
-    Json body;
-    body[member] = std::move(list);
-    body["cursor"] = reports.empty() ? after : reports.back().cursor;
-    return JsonResponse(200, body);
+uint64_t LastCursor(const std::vector<Report>& reports, uint64_t after) {
+    return reports.empty() ? after : reports.back().cursor;
 }
 
 ReportQuery CommonQuery(const QueryParameters& parameters) {
@@ -67,7 +59,13 @@ HttpResponse Api::ListReports(HttpRequest& request, const std::string& /*name*/)
     if (const auto acknowledged = parameters.OneOf("acknowledged", {"false", "true"})) {
         query.acknowledged = *acknowledged == 1;
     }
-    return ListResponse("reports", agent_.ListReports(query), query.after, &ReportToJson);
+    std::vector<Report> reports = agent_.ListReports(query);
+    const uint64_t cursor = LastCursor(reports, query.after);
+    HttpResponse response;
+    response.body.Append("{\"reports\":");
+    AppendReports(response.body, std::move(reports));
+    response.body.Append(",\"cursor\":" + std::to_string(cursor) + "}");
+    return response;
 }
 
 HttpResponse Api::AcknowledgeReports(HttpRequest& request, const std::string& /*name*/) {
@@ -88,7 +86,15 @@ HttpResponse Api::ListResults(HttpRequest& request, const std::string& /*name*/)
     ReportQuery query = CommonQuery(QueryParameters(request));
     query.source = ReportSource::kFile;
     query.with_text = false;
-    return ListResponse("results", agent_.ListReports(query), query.after, &ResultToJson);
+    const std::vector<Report> reports = agent_.ListReports(query);
+    Json list = Json::array();
+    for (const Report& report : reports) {
+        list.push_back(ResultToJson(report));
+    }
+    Json body;
+    body["results"] = std::move(list);
+    body["cursor"] = LastCursor(reports, query.after);
+    return JsonResponse(200, body);
 }
 
 HttpResponse Api::ShowResult(HttpRequest& /*request*/, const std::string& name) {

@@ -87,11 +87,8 @@ SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
     } catch (const StoreError& error) {
         outcome = StorageOutcome(error);
     }
-    if (outcome.status == SubmitStatus::kTaken) {
+    if (outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kNotAcknowledged) {
         counters_.CommandTaken();
-        if (outcome.command.has_value() && outcome.command->state == CommandState::kRefused) {
-            counters_.RefusedByPlugin();
-        }
     } else if (outcome.status == SubmitStatus::kUnacceptable) {
         counters_.RefusedAtDoor();
     }
@@ -221,11 +218,17 @@ void CommandDesk::FinishWithdrawal(const std::string& id) {
 // What is known at once, when the plugin has acknowledged the command.
 void CommandDesk::Conclude(const std::string& id, int status, const Forecast& forecast) {
     if (status == kBusReceiverFailed) {
-        store_.Refuse(id, "The plugin failed over the command; the log says more.");
+        Refuse(id, "The plugin failed over the command; the log says more.");
     } else if (status == kBusOk && forecast.refused) {
-        store_.Refuse(id, forecast.reason);  // its own refusal, if it could be read and stored, was here before
+        Refuse(id, forecast.reason);  // its own refusal, if it could be read and stored, was here before
     } else if (status == kBusOk && forecast.expected.empty()) {
         store_.FinishIfReported(id);
+    }
+}
+
+void CommandDesk::Refuse(const std::string& id, const std::string& reason) {
+    if (store_.Refuse(id, reason)) {
+        counters_.RefusedByPlugin();
     }
 }
 

@@ -55,6 +55,7 @@ private:
     SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
     void FinishWithdrawal(const std::string& id);
     void Conclude(const std::string& id, int status, const Forecast& forecast);
+    void Refuse(const std::string& id, const std::string& reason);
     void DeliverAgain(const std::string& id);
     void InterruptOne(const std::string& id, const std::string& reason);
 

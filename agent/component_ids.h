@@ -56,8 +56,6 @@ inline constexpr GUID kAgentConnectId = ParseGuid("ABC9A772-602C-45F4-9AAC-7096F
 inline constexpr GUID kManagerId = ParseGuid("9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
 
 inline constexpr long kCommandMessage = 20001;       // server data -> plugin: a command document
-inline constexpr long kConnectedMessage = 1000;      // agent connect -> plugin: connected, with the address
-inline constexpr long kDisconnectedMessage = 1001;   // agent connect -> plugin: the connection is gone
 inline constexpr long kConnectQueryMessage = 10012;  // plugin -> agent connect: where is the server?
 inline constexpr long kReportMessage = 20300;        // plugin -> manager: a report in its envelope
 

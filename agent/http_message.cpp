@@ -7,6 +7,7 @@ namespace qxpagent {
 namespace {
 
 constexpr char kRetryAfterSeconds[] = "2";
+constexpr size_t kPieceBytes = size_t{256} << 10;  // what is appended goes into pieces of about this size
 
 // RFC 9110 section 15; 507 is of RFC 4918 section 11.5.
 const char* Title(int status) {
@@ -35,6 +36,17 @@ const char* Title(int status) {
 }
 
 }  // namespace
+
+void HttpBody::Append(std::string_view text) {
+    if (pieces_.empty() || pieces_.back().size() + text.size() > kPieceBytes) {
+        pieces_.emplace_back();
+    }
+    pieces_.back().append(text);
+}
+
+void HttpBody::Take(std::string text) {
+    pieces_.push_back(std::move(text));
+}
 
 HttpResponse Problem(int status, const std::string& detail) {
     nlohmann::ordered_json problem;

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,10 +19,28 @@ struct HttpRequest {
     Peer peer;  // who sent it
 };
 
+/// The body of an answer: pieces that are sent one after the other and never joined, so that a large text in it costs
+/// no copy.
+class HttpBody {
+public:
+    HttpBody() = default;
+    HttpBody(std::string text) { Take(std::move(text)); }  // NOLINT(google-explicit-constructor): a text is a body
+
+    /// Adds a copy.
+    void Append(std::string_view text);
+    /// Adds the text itself.
+    void Take(std::string text);
+
+    std::span<const std::string> Pieces() const { return pieces_; }
+
+private:
+    std::vector<std::string> pieces_;
+};
+
 struct HttpResponse {
     int status = 200;
     std::string content_type = "application/json";
-    std::string body;
+    HttpBody body;
     std::vector<std::pair<std::string, std::string>> headers;  // beside Content-Type and Content-Length
 };
 

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "agent/log.h"
 #include "agent/peer.h"
@@ -52,15 +53,25 @@ HttpResponse TooLarge(size_t limit) {
     return Problem(413, "The body is larger than the " + std::to_string(limit) + " bytes that this path takes.");
 }
 
+// Null when there is no memory for it.
+MHD_Response* MakeMessage(HttpBody body) {
+    auto owned = std::make_unique<HttpBody>(std::move(body));
+    std::vector<MHD_IoVec> parts;
+    for (const std::string& piece : owned->Pieces()) {
+        parts.push_back({piece.data(), piece.size()});
+    }
+    MHD_Response* const message = MHD_create_response_from_iovec(
+        parts.data(), static_cast<unsigned int>(parts.size()),
+        [](void* pieces) { delete static_cast<HttpBody*>(pieces); }, owned.get());
+    if (message != nullptr) {
+        [[maybe_unused]] HttpBody* const given = owned.release();
+    }
+    return message;
+}
+
 MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
-    auto body = std::make_unique<std::string>(std::move(response.body));
-    const size_t size = body->size();
-    char* const data = body->data();
-    std::string* const owned = body.release();
-    MHD_Response* const message = MHD_create_response_from_buffer_with_free_callback_cls(
-        size, data, [](void* text) { delete static_cast<std::string*>(text); }, owned);
+    MHD_Response* const message = MakeMessage(std::move(response.body));
     if (message == nullptr) {
-        delete owned;
         return MHD_NO;
     }
     MHD_add_response_header(message, MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());

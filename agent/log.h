@@ -15,7 +15,6 @@
 namespace qxpagent {
 
 // The level numbers of CLogDebug.
-inline constexpr int kLogTrace = 6;
 inline constexpr int kLogInfo = 2;
 inline constexpr int kLogWarn = 3;
 inline constexpr int kLogError = 4;

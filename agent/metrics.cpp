@@ -76,7 +76,10 @@ MetricFamily CommandStates(const StoreFigures& store) {
         samples.push_back(
             {count != store.states.end() ? ToDouble(count->second) : 0, {{"state", std::string(Word(state))}}});
     }
-    return Gauge("qxpagent_commands", "Commands in the journal, by state.", samples);
+    return Gauge("qxpagent_commands",
+                 "Commands in the journal, by state: received are queued for the plugin, delivered are with it and "
+                 "unfinished, the others have their final word.",
+                 samples);
 }
 
 // 0 when nothing is pending, and when the clock was set back.
@@ -94,25 +97,32 @@ std::vector<MetricFamily> OfTheAgent(const AgentStatus& status) {
                   {{static_cast<double>(status.uptime.count()), {}}}),
             Gauge("qxpagent_plugin_started", "1 while the plugin is started.",
                   {{status.plugin_status == kPluginStarted ? 1.0 : 0, {}}}),
-            Gauge("qxpagent_scripts_waiting", "Scripts of delivered commands that have no result yet.",
-                  {{static_cast<double>(status.scripts_waiting), {}}})};
+            Gauge("qxpagent_scripts_queued",
+                  "Scripts of commands in state received: journalled, and not yet handed to the plugin.",
+                  {{ToDouble(status.scripts_queued), {}}}),
+            Gauge("qxpagent_scripts_unreported",
+                  "Scripts of commands in state delivered that have no result yet: the plugin starts them at once, so "
+                  "they are running, or just before or behind that.",
+                  {{ToDouble(status.scripts_waiting), {}}})};
 }
 
 std::vector<MetricFamily> OfTheWork(const AgentCounters& counters) {
-    return {Counter("qxpagent_commands_taken_total", "Commands that were journalled.",
-                    {{ToDouble(counters.commands_taken), {}}}),
-            Counter("qxpagent_commands_refused_total",
-                    "Commands that were refused: at the door, before they were journalled, or by the plugin.",
-                    {{ToDouble(counters.commands_refused_at_door), {{"by", "door"}}},
-                     {ToDouble(counters.commands_refused_by_plugin), {{"by", "plugin"}}}}),
-            Counter("qxpagent_runs_total", "Scripts that were run, by outcome.",
-                    {{ToDouble(counters.runs_succeeded), {{"outcome", "succeeded"}}},
-                     {ToDouble(counters.runs_failed), {{"outcome", "failed"}}},
-                     {ToDouble(counters.runs_timed_out), {{"outcome", "timed_out"}}},
-                     {ToDouble(counters.runs_interrupted), {{"outcome", "interrupted"}}}}),
-            RunSeconds(counters),
-            Counter("qxpagent_run_output_bytes_total", "Output of scripts that was reported.",
-                    {{ToDouble(counters.output_bytes), {}}})};
+    return {
+        Counter("qxpagent_commands_taken_total", "Commands that were journalled.",
+                {{ToDouble(counters.commands_taken), {}}}),
+        Counter("qxpagent_commands_refused_total",
+                "Commands that were refused: at the door, before they were journalled, or by the plugin, at once or "
+                "later.",
+                {{ToDouble(counters.commands_refused_at_door), {{"by", "door"}}},
+                 {ToDouble(counters.commands_refused_by_plugin), {{"by", "plugin"}}}}),
+        Counter("qxpagent_runs_total", "Scripts that were run, by outcome.",
+                {{ToDouble(counters.runs_succeeded), {{"outcome", "succeeded"}}},
+                 {ToDouble(counters.runs_failed), {{"outcome", "failed"}}},
+                 {ToDouble(counters.runs_timed_out), {{"outcome", "timed_out"}}},
+                 {ToDouble(counters.runs_interrupted), {{"outcome", "interrupted"}}}}),
+        RunSeconds(counters),
+        Counter("qxpagent_run_output_bytes_total", "Output of scripts that was reported.",
+                {{ToDouble(counters.output_bytes), {}}})};
 }
 
 std::vector<MetricFamily> OfTheStore(const StoreFigures& store, uint64_t removed) {

@@ -38,9 +38,12 @@ void ReportIntake::Take(Report report, std::string_view text, const ReportConten
                         const std::optional<FileMark>& mark) {
     report.received = std::chrono::system_clock::now();
     report.id = content.id;
-    const uint64_t cursor = store_.Append(report, text, content, mark);
+    const auto [cursor, refused] = store_.Append(report, text, content, mark);
     if (cursor == 0) {
         return;
+    }
+    if (refused) {
+        counters_.RefusedByPlugin();
     }
     QXPAGENT_LOG(kLogInfo, "report %llu stored, command [%s], %zu bytes%s%s", static_cast<unsigned long long>(cursor),
                  report.id.c_str(), text.size(), report.file.empty() ? "" : ", file ", report.file.c_str());

@@ -14,6 +14,7 @@ public:
 
     void CommandTaken();
     void RefusedAtDoor();
+    /// A command that has got its final word so, whether at once or later.
     void RefusedByPlugin();
     /// Runs that will never have a result.
     void Interrupted(uint64_t runs);

@@ -111,14 +111,17 @@ StoreFigures Store::Figures() {
     return figures;
 }
 
-uint64_t Store::ScriptsWaiting() {
+OpenScripts Store::ScriptsWithoutResult() {
     return Read([](SQLite::Database& database) {
-        return static_cast<uint64_t>(
-            Number(database,
-                   "SELECT count(*) FROM commands JOIN expectations ON expectations.command = number "
-                   "WHERE state = ?",
-                   static_cast<int>(CommandState::kDelivered))
-                .value_or(0));
+        const auto in_state = [&](CommandState state) {
+            return static_cast<uint64_t>(
+                Number(database,
+                       "SELECT count(*) FROM commands JOIN expectations ON expectations.command = number "
+                       "WHERE state = ?",
+                       static_cast<int>(state))
+                    .value_or(0));
+        };
+        return OpenScripts{in_state(CommandState::kReceived), in_state(CommandState::kDelivered)};
     });
 }
 

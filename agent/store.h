@@ -58,6 +58,18 @@ struct FileMark {
     std::string sha256;
 };
 
+/// What became of a report.
+struct Appended {
+    uint64_t cursor = 0;   // 0: this state of its file was stored before
+    bool refused = false;  // with it the plugin refused its command
+};
+
+/// Scripts of commands that have no final word yet.
+struct OpenScripts {
+    uint64_t queued = 0;      // of commands that are journalled and not yet handed to the plugin
+    uint64_t unreported = 0;  // handed to the plugin, without a result
+};
+
 /// What retention took away.
 struct Removed {
     uint64_t commands = 0;
@@ -90,8 +102,8 @@ public:
     void MarkReceived(const std::string& id);
     /// Takes a command that is received or delivered out of the journal, as if it had never been there.
     void TakeBack(const std::string& id);
-    /// delivered → refused, for a refusal that came without a report.
-    void Refuse(const std::string& id, const std::string& reason);
+    /// delivered → refused, for a refusal that came without a report. False when it is in another state.
+    bool Refuse(const std::string& id, const std::string& reason);
     /// delivered → reported when no result is missing, as of a command that runs nothing.
     void FinishIfReported(const std::string& id);
     /// delivered → interrupted, and the agent's report of that. Returns how many results are missing for good; nothing
@@ -107,9 +119,9 @@ public:
     // Reports.
 
     /// Stores a report and advances its command, in one transaction. With a mark, only if that state of that file was
-    /// never stored before. Returns the cursor, 0 when it was. `report.cursor`, `report.text` and `report.bytes` are
-    /// ignored: a text can be over a hundred MiB, and is not copied.
-    uint64_t Append(const Report& report, std::string_view text, const ReportContent& content,
+    /// never stored before. `report.cursor`, `report.text` and `report.bytes` are ignored: a text can be over a hundred
+    /// MiB, and is not copied.
+    Appended Append(const Report& report, std::string_view text, const ReportContent& content,
                     const std::optional<FileMark>& mark = {});
     std::vector<Report> ListReports(const ReportQuery& query);
     std::optional<Report> FindReport(uint64_t cursor);
@@ -122,8 +134,7 @@ public:
     // Upkeep.
 
     StoreFigures Figures();
-    /// How many results of delivered commands are still to come.
-    uint64_t ScriptsWaiting();
+    OpenScripts ScriptsWithoutResult();
     /// Of all texts in the store. Cheap.
     uint64_t Bytes();
     /// Removes what is older than the age, then what is too much: acknowledged reports first, oldest first. Commands

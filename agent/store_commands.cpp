@@ -140,11 +140,13 @@ void RemoveCommand(SQLite::Database& database, int64_t number) {
     Execute(database, "DELETE FROM commands WHERE number = ?", number);
 }
 
-void Store::Refuse(const std::string& id, const std::string& reason) {
-    Write([&](SQLite::Database& database) {
-        if (const auto number = NumberOf(database, id, CommandState::kDelivered)) {
+bool Store::Refuse(const std::string& id, const std::string& reason) {
+    return Write([&](SQLite::Database& database) {
+        const auto number = NumberOf(database, id, CommandState::kDelivered);
+        if (number.has_value()) {
             FinishCommand(database, *number, CommandState::kRefused, reason);
         }
+        return number.has_value();
     });
 }
 

@@ -1,4 +1,7 @@
+#include <sqlite3.h>
+
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "agent/store_access.h"
@@ -28,9 +31,21 @@ Report ReadRow(SQLite::Statement& row) {
     return report;
 }
 
+// By the database's own reader of large values: a statement would hold the text beside our copy.
 std::string ReadText(SQLite::Database& database, uint64_t cursor) {
-    SQLite::Statement row = Prepare(database, "SELECT text FROM report_texts WHERE cursor = ?", cursor);
-    return row.executeStep() ? Text(row, 0) : std::string();
+    sqlite3_blob* opened = nullptr;
+    int code = sqlite3_blob_open(database.getHandle(), "main", "report_texts", "text", static_cast<int64_t>(cursor), 0,
+                                 &opened);
+    const std::unique_ptr<sqlite3_blob, decltype(&sqlite3_blob_close)> blob(opened, &sqlite3_blob_close);
+    std::string text;
+    if (code == SQLITE_OK) {
+        text.resize(static_cast<size_t>(sqlite3_blob_bytes(blob.get())));
+        code = sqlite3_blob_read(blob.get(), text.data(), static_cast<int>(text.size()), 0);
+    }
+    if (code != SQLITE_OK) {
+        throw SQLite::Exception(database.getHandle(), code);
+    }
+    return text;
 }
 
 // Takes one script off those that are to have a result. False when this run was counted before, or none is missing.
@@ -58,11 +73,12 @@ void CountRuns(SQLite::Database& database, int64_t command, const std::vector<Ru
     }
 }
 
-void AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
+// True when the command is now refused.
+bool AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
     SQLite::Statement row = Prepare(database, "SELECT number, refusal_reason FROM commands WHERE id = ? AND state = ?",
                                     content.id, static_cast<int>(CommandState::kDelivered));
     if (content.id.empty() || !row.executeStep()) {
-        return;
+        return false;
     }
     const int64_t command = row.getColumn(0).getInt64();
     const std::string refusal_reason = Text(row, 1);
@@ -72,6 +88,7 @@ void AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
     } else {
         CountRuns(database, command, content.runs);
     }
+    return content.refusal;
 }
 
 bool NoteFile(SQLite::Database& database, const FileMark& mark) {
@@ -124,15 +141,14 @@ uint64_t InsertReport(SQLite::Database& database, const Report& report, std::str
     return static_cast<uint64_t>(cursor);
 }
 
-uint64_t Store::Append(const Report& report, std::string_view text, const ReportContent& content,
+Appended Store::Append(const Report& report, std::string_view text, const ReportContent& content,
                        const std::optional<FileMark>& mark) {
-    return Write([&](SQLite::Database& database) -> uint64_t {
+    return Write([&](SQLite::Database& database) -> Appended {
         if (mark.has_value() && !NoteFile(database, *mark)) {
-            return 0;
+            return {};
         }
         const uint64_t cursor = InsertReport(database, report, text);
-        AdvanceCommand(database, content);
-        return cursor;
+        return {cursor, AdvanceCommand(database, content)};
     });
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent/message_bus.h"
+#include "agent/report_intake.h"
 #include "ctl/key_file.h"
 #include "ctl/signer.h"
 #include "ctl/trusted_keys.h"
@@ -52,11 +53,8 @@ protected:
     std::string Document(const std::string& id) const { return Document(id, Script("a")); }
     SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
     void Report(const std::string& text) {
-        qxpagent::Report report;
-        const ReportContent content = ReadReport(text);
-        report.id = content.id;
-        report.text = text;
-        store_->Append(report, report.text, content);
+        ReportIntake(*store_, counters_, [] {
+        }).TakeFile({"report" + std::to_string(++reports_) + ".json", 0, text.size(), ""}, text, ReadReport(text));
     }
     CommandState StateOf(const std::string& id) {
         const auto record = store_->FindCommand(id);
@@ -79,6 +77,7 @@ protected:
     RunCounters counters_;
     std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
     std::vector<std::string> delivered_;
+    int reports_ = 0;
     std::unique_ptr<Store> store_;
     std::unique_ptr<CommandDesk> desk_;
 };
@@ -130,11 +129,18 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     plugin_ = [](const std::string&) { return kBusReceiverFailed; };
     EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
     EXPECT_EQ(3U, counters_.Get().commands_refused_by_plugin);
+    EXPECT_EQ(4U, counters_.Get().commands_taken);
 
     plugin_ = [](const std::string&) { return kBusTimedOut; };
     outcome = desk_->Submit(Document("late"), kPeer);
     EXPECT_EQ(SubmitStatus::kNotAcknowledged, outcome.status);
     EXPECT_EQ(CommandState::kDelivered, outcome.command->state) << "it may run, so it stays";
+    for (int i = 0; i < 2; ++i) {
+        Report(R"({"ID":"late","msg_type":"4","data_type":"x"})");
+        EXPECT_EQ(CommandState::kRefused, StateOf("late"));
+        EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin) << "a late refusal counts, and counts once";
+    }
+    EXPECT_EQ(5U, counters_.Get().commands_taken);
 }
 
 TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {

@@ -23,7 +23,7 @@
 namespace qxpagent {
 
 /// An agent that answers as it is told, and notes what it was asked.
-class FakeAgent final : public AgentControl {
+class FakeAgent : public AgentControl {
 public:
     SubmitOutcome Submit(std::string document, const Peer& peer) override {
         submitted = std::move(document);

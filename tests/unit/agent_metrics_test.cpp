@@ -25,6 +25,7 @@ AgentStatus Busy() {
     status.version = "1.2.3";
     status.plugin_version = "4 \"x\"";
     status.plugin_status = 2;
+    status.scripts_queued = 7;
     status.scripts_waiting = 6;
     status.store.reports = 12;
     status.store.reports_pending = 3;
@@ -49,7 +50,8 @@ TEST(MetricsTest, EveryFigureIsExposed) {
     for (const char* line : {
              R"(qxpagent_build_info{version="1.2.3",plugin_version="4 \"x\""} 1)",
              "qxpagent_plugin_started 1",
-             "qxpagent_scripts_waiting 6",
+             "qxpagent_scripts_queued 7",
+             "qxpagent_scripts_unreported 6",
              "qxpagent_commands_taken_total 11",
              R"(qxpagent_commands_refused_total{by="door"} 4)",
              R"(qxpagent_commands_refused_total{by="plugin"} 5)",

@@ -1,0 +1,100 @@
+// The store's file: damaged, or not ours.
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <filesystem>
+
+#include "agent/startup_error.h"
+#include "tests/unit/agent_store_fixture.h"
+
+namespace qxpagent {
+namespace {
+
+class StoreFileTest : public StoreTest {
+protected:
+    std::vector<std::string> Aside() {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.Path())) {
+            if (const std::string name = entry.path().filename(); name.find("corrupt-") != std::string::npos) {
+                names.push_back(name);
+            }
+        }
+        return names;
+    }
+    std::string WhyNot() {
+        try {
+            const Store store(options_);
+            return "";
+        } catch (const StartupError& error) {
+            return error.what();
+        }
+    }
+};
+
+TEST_F(StoreFileTest, ADamagedStoreIsSetAsideWhole) {
+    for (int i = 0; i < 50; ++i) {
+        Append(ResultText("c", std::string(3000, ' ')));
+    }
+    store_.reset();
+    const std::string good = ReadFile(options_.path);
+    struct Damage {
+        const char* what;
+        size_t from;
+        size_t to;
+    };
+    for (const Damage& damage : {Damage{"no database at all", 0, 100}, Damage{"a page of it", 4096, 8192},
+                                 Damage{"pages near its end", good.size() / 4096 / 2 * 4096, good.size()}}) {
+        std::string bad = good;
+        for (size_t i = damage.from; i < damage.to; ++i) {
+            bad[i] = static_cast<char>(i * 31);
+        }
+        directory_.Write("agent.db", bad);
+        const size_t before = Aside().size();
+        Open();
+        EXPECT_EQ(List{}, Cursors()) << damage.what;
+        EXPECT_EQ(1U, Append("{}"));
+        store_.reset();
+        ASSERT_EQ(before + 1, Aside().size()) << damage.what;
+    }
+    // Damage that was met while the agent ran: the next start checks all of it, however long that takes.
+    std::string bad = good;
+    bad.replace(good.size() - 4096, 4096, 4096, '\x5a');
+    directory_.Write("agent.db", bad);
+    directory_.Write("agent.db.suspect", "");
+    options_.check_for = std::chrono::milliseconds(0);
+    Open();
+    store_.reset();
+    EXPECT_EQ(4U, Aside().size());
+    EXPECT_FALSE(std::filesystem::exists(directory_.Path() / "agent.db.suspect"));
+
+    bool kept = false;
+    for (const std::string& name : Aside()) {
+        kept = kept || ReadFile(directory_.Path() / name).size() == good.size();
+    }
+    EXPECT_TRUE(kept);
+}
+
+TEST_F(StoreFileTest, WhatIsNotOursToReplaceIsLeftAlone) {
+    store_.reset();
+    {
+        SQLite::Database newer(options_.path.string(), SQLite::OPEN_READWRITE);
+        newer.exec("PRAGMA user_version=99");
+    }
+    EXPECT_NE(std::string::npos, WhyNot().find("newer")) << WhyNot();
+    options_.path = directory_.Path() / "other.db";
+    {
+        SQLite::Database foreign(options_.path.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        foreign.exec("CREATE TABLE t(x)");
+    }
+    const std::string content = ReadFile(options_.path);
+    EXPECT_NE(std::string::npos, WhyNot().find("another program")) << WhyNot();
+    EXPECT_EQ(content, ReadFile(options_.path)) << "not a byte of it is changed";
+    options_.path = directory_.Path() / "nowhere" / "agent.db";
+    EXPECT_NE(std::string::npos, WhyNot().find("--store")) << WhyNot();
+    options_.path = directory_.Path() / "directory.db";
+    std::filesystem::create_directory(options_.path);
+    EXPECT_NE("", WhyNot());
+    EXPECT_EQ(Names{}, Aside());
+}
+
+}  // namespace
+}  // namespace qxpagent

@@ -59,7 +59,7 @@ std::vector<BusCall> ScriptedEndpoint::Calls(const std::string& operation) const
 
 void ScriptedEndpoint::Forget() {
     const std::lock_guard guard(lock_);
-    calls_ = {};
+    calls_ = std::vector<BusCall>();  // gives up the memory too
 }
 
 bool ScriptedEndpoint::WaitForCalls(const std::string& operation, size_t count, std::chrono::milliseconds deadline) {

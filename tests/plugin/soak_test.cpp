@@ -5,7 +5,6 @@
 
 #include <iostream>
 #include <random>
-#include <thread>
 
 #include "tests/plugin/run_policy_fixture.h"
 #include "tests/support/allocated.h"
@@ -84,11 +83,7 @@ protected:
     // So that the next thing meets the runs at another moment of their life each time.
     void Linger() { std::this_thread::sleep_for(std::chrono::milliseconds(random_() % 400)); }
 
-    static Holdings Now() {
-        // A detached thread leaves its stack to whichever thread ends next.
-        std::thread([] {}).join();
-        return {CountEntries("/proc/self/task"), CountEntries("/proc/self/fd"), AllocatedBytes()};
-    }
+    static Holdings Now() { return {CountEntries("/proc/self/task"), CountEntries("/proc/self/fd"), AllocatedBytes()}; }
 
     std::minstd_rand random_{2026};  // NOLINT(cert-msc32-c,cert-msc51-cpp): to repeat it
     size_t launches_ = 0;

@@ -127,9 +127,12 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
+    outcome = desk_->Submit(Document("untrusted", Script("a", "sh", "01100000ff")), kPeer);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+    EXPECT_NE(std::string::npos, outcome.command->reason.find("; script 1: bad signature: "));
     plugin_ = [](const std::string&) { return kBusReceiverFailed; };
     EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
-    EXPECT_EQ(3U, counters_.Get().commands_refused_by_plugin);
+    EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
 
     plugin_ = [](const std::string&) { return kBusTimedOut; };
     outcome = desk_->Submit(Document("late"), kPeer);

@@ -35,8 +35,4 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 
-/// Reads the command line. Relative paths are taken from the working directory. Nothing when the process is to end at
-/// once with `exit_code`: help, the version or what is wrong has then been printed.
-std::optional<Options> ParseOptions(int argc, char** argv, const Installation& installation, int& exit_code);
-
 }  // namespace qxpagent

@@ -32,8 +32,8 @@ void CheckAccess(const Options& options, const Installation& installation, const
 
 /// Makes the socket's directory fit for it. The agent's own data directory is given to the socket's group with mode
 /// 0750, and so is data/ above it, in its own mode, where not everybody may pass; without a named group the agent takes
-/// both back for its own, as far as they belong to it. Any other directory is left as it is, and refused when others can write it, unless it has the sticky bit as /tmp has, where
-/// nobody can take another's files away.
+/// both back for its own, as far as they belong to it. Any other directory is left as it is, and refused when others
+/// can write it, unless it has the sticky bit as /tmp has, where nobody can take another's files away.
 void PrepareSocketDirectory(const Options& options, const Installation& installation);
 
 }  // namespace qxpagent

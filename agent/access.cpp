@@ -63,8 +63,10 @@ void AddTree(std::vector<std::filesystem::path>& paths, const std::filesystem::p
 }
 
 void GiveToGroup(const std::filesystem::path& directory, const struct stat& status, gid_t group, mode_t mode) {
-    if ((status.st_gid != group && chown(directory.c_str(), static_cast<uid_t>(-1), group) != 0) ||
-        chmod(directory.c_str(), mode) != 0) {
+    const bool is_given = status.st_gid == group;
+    const bool is_open = (status.st_mode & 07777) == mode;
+    if ((!is_given && chown(directory.c_str(), static_cast<uid_t>(-1), group) != 0) ||
+        (!(is_given && is_open) && chmod(directory.c_str(), mode) != 0)) {
         const int error = errno;
         throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
                            Reason(error) + ". Start the agent as root, or name a group of its user.");
@@ -159,8 +161,14 @@ void PrepareSocketDirectory(const Options& options, const Installation& installa
     GiveToGroup(directory, *status, group, 0750);
     const std::filesystem::path data = installation.agent_data.parent_path();
     const auto above = Examine(data);
-    if (!options.socket_group.empty() && above.has_value() && (above->st_mode & S_IXOTH) == 0) {
+    if (!above.has_value() || (above->st_mode & S_IXOTH) != 0) {
+        return;
+    }
+    if (!options.socket_group.empty()) {
         GiveToGroup(data, *above, group, (above->st_mode & 07755) | S_IXGRP);
+    } else if (above->st_uid == geteuid()) {
+        // An earlier socket-group must not keep its way to the results of scripts.
+        GiveToGroup(data, *above, group, above->st_mode & 07777);
     }
 }
 

@@ -31,9 +31,9 @@ std::vector<std::filesystem::path> TrustedPaths(const Options& options, const In
 void CheckAccess(const Options& options, const Installation& installation, const std::filesystem::path& config_file);
 
 /// Makes the socket's directory fit for it. The agent's own data directory is given to the socket's group with mode
-/// 0750, and so is data/ above it, in its own mode, where a group is named and not everybody may pass. Any other
-/// directory is left as it is, and refused when others can write it, unless it has the sticky bit as /tmp has, where
-/// nobody can take another's files away.
+/// 0750, and so is data/ above it, in its own mode, where not everybody may pass; without a named group the agent takes
+/// both back for its own, as far as they belong to it. Any other directory is left as it is, and refused when others
+/// can write it, unless it has the sticky bit as /tmp has, where nobody can take another's files away.
 void PrepareSocketDirectory(const Options& options, const Installation& installation);
 
 }  // namespace qxpagent

@@ -56,6 +56,16 @@ void Audit(const Peer& peer, const NewCommand& command, const SubmitOutcome& out
                  peer.pid, OutcomeName(outcome), outcome.detail.empty() ? "" : ": ", outcome.detail.c_str());
 }
 
+// Why the first script that is dropped is, as the end of a sentence. Named by its place: its ID is anybody's text.
+std::string FirstDropped(const qxppolicy::PolicyVerdict& verdict) {
+    const auto dropped = std::find_if(
+        verdict.scripts.begin(), verdict.scripts.end(),
+        [](const qxppolicy::ScriptVerdict& script) { return script.verdict == qxppolicy::Verdict::Dropped; });
+    return dropped == verdict.scripts.end()
+               ? ""
+               : "; script " + std::to_string(dropped - verdict.scripts.begin() + 1) + ": " + dropped->reason;
+}
+
 }  // namespace
 
 // While it lives, no other thread submits or delivers a command of this ID.
@@ -132,7 +142,7 @@ CommandDesk::Forecast CommandDesk::Foresee(const qxtools::CPJsonParse& document)
     forecast.command = verdict.command;
     forecast.scripts = static_cast<uint32_t>(verdict.scripts.size());
     forecast.reason = forecast.refused
-                          ? "The plugin refused it: " + verdict.faults.front() + "."
+                          ? "The plugin refused it: " + verdict.faults.front() + FirstDropped(verdict) + "."
                           : "The plugin refused it: with the scripts that are running, its scripts are too many.";
     for (const qxppolicy::ScriptVerdict& script : verdict.scripts) {
         if (script.reported && !forecast.refused) {

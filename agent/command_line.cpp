@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "agent/config_file.h"
+#include "agent/man_page.h"
 #include "agent/settings.h"
 
 namespace qxpagent {
@@ -58,11 +59,20 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, const Install
             ->option_text("FILE [../etc/qxpagent.conf]");
     app.add_flag("--check-config", command_line.check_config,
                  "Name every mistake in the configuration file and end: 0 without, 2 with mistakes");
+    std::string generate;
+    app.add_option("--generate", generate, "Print the manual page, for packages")
+        ->check(CLI::IsMember({"man"}))
+        ->group("");  // not in the help
     AddSettings(app, command_line.settings);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         exit_code = app.exit(error, std::cout, std::cerr) == 0 ? kExitOk : kExitUsage;
+        return std::nullopt;
+    }
+    if (!generate.empty()) {
+        std::cout << ManPage(app, QXPAGENT_VERSION) << std::flush;
+        exit_code = std::cout.good() ? kExitOk : kExitFailure;
         return std::nullopt;
     }
     command_line.config_file = std::filesystem::absolute(config).lexically_normal();

@@ -1,7 +1,7 @@
 # What is installed, by component:
 #
 #   plugin, agent, dev   under the prefix, in the layout that the programs find their way in
-#   agent-system         what makes the agent part of a machine: unit, command in the path, manual page, completion
+#   agent-system         what makes the agent part of a machine: unit, commands in the path, manual pages, completion
 #   dev-system           where pkg-config looks
 #
 # The -system components lie at fixed places outside the prefix. A plain `cmake --install` leaves them out.
@@ -32,8 +32,13 @@ install(FILES packaging/qxpagent.conf DESTINATION etc COMPONENT agent)
 configure_file(packaging/qxpagent.service.in "${generated}/qxpagent.service" @ONLY)
 install(FILES "${generated}/qxpagent.service" DESTINATION "${QXP_UNIT_DIRECTORY}" COMPONENT agent-system
         EXCLUDE_FROM_ALL)
-file(CREATE_LINK "${CMAKE_INSTALL_PREFIX}/bin/qxpctl" "${generated}/link/qxpctl" SYMBOLIC)
-install(FILES "${generated}/link/qxpctl" DESTINATION "${QXP_SYSTEM_PREFIX}/bin" COMPONENT agent-system EXCLUDE_FROM_ALL)
+foreach(command IN ITEMS bin/qxpctl sbin/qxpagent)
+  cmake_path(GET command FILENAME name)
+  cmake_path(GET command PARENT_PATH directory)
+  file(CREATE_LINK "${CMAKE_INSTALL_PREFIX}/bin/${name}" "${generated}/link/${name}" SYMBOLIC)
+  install(FILES "${generated}/link/${name}" DESTINATION "${QXP_SYSTEM_PREFIX}/${directory}" COMPONENT agent-system
+          EXCLUDE_FROM_ALL)
+endforeach()
 foreach(share IN ITEMS man bash-completion)
   install(DIRECTORY "${CMAKE_BINARY_DIR}/share/${share}" DESTINATION "${QXP_SYSTEM_PREFIX}/share"
           COMPONENT agent-system EXCLUDE_FROM_ALL OPTIONAL)

@@ -13,10 +13,6 @@ set(QXPMAINT_PACKAGE_REVISION "1" CACHE STRING "Revision of the packaging, the p
 set(generated "${CMAKE_BINARY_DIR}/packaging")
 set(debian_version "${PROJECT_VERSION}-${QXPMAINT_PACKAGE_REVISION}")
 
-# Manual page and completion belong into the package, so they are built with everything else.
-if(TARGET qxp_docs)
-  set_target_properties(qxp_docs PROPERTIES EXCLUDE_FROM_ALL FALSE)
-endif()
 install(
   CODE "file(GLOB_RECURSE pages \"\$ENV{DESTDIR}${QXP_SYSTEM_PREFIX}/share/man/*.[1-9]\")
         foreach(page IN LISTS pages)

@@ -151,8 +151,10 @@ std::optional<HttpAnswer> AgentHttp::Perform(const std::string& target, const st
 void AgentHttp::FailUnreachable(AgentAway::Cause cause, const std::string& reason) const {
     const int failure = access(socket_path_.c_str(), R_OK | W_OK) == 0 ? 0 : errno;
     if (failure == ENOENT || failure == ENOTDIR)
-        throw AgentAway(cause, "there is no agent socket " + socket_path_ +
-                                   "; start qxpagent, or name its socket with --socket or QXPAGENT_SOCKET");
+        throw AgentAway(
+            cause,
+            "there is no agent socket " + socket_path_ +
+                "; start qxpagent (systemctl start qxpagent), or name its socket with --socket or QXPAGENT_SOCKET");
     if (failure == EACCES)
         throw AgentUnavailable("no permission to use the agent socket " + socket_path_ + "; " +
                                WhoMayUse(socket_path_));

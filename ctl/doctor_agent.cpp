@@ -56,7 +56,10 @@ void AddMistakes(const std::string& output, const std::string& advice, Findings&
 bool CheckSocketFile(const std::string& socket, Findings& findings) {
     struct stat status {};
     if (lstat(socket.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-        findings.Fail(kSocketCheck, "there is no socket " + socket, "start qxpagent, or name its socket with --socket");
+        findings.Fail(
+            kSocketCheck, "there is no socket " + socket,
+            "start qxpagent (systemctl start qxpagent; why it does not start: journalctl -u qxpagent), or name "
+            "its socket with --socket");
         return false;
     }
     if (access(socket.c_str(), R_OK | W_OK) != 0) {
@@ -71,6 +74,13 @@ bool CheckSocketFile(const std::string& socket, Findings& findings) {
     if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0)
         findings.Fail(kSocketCheck, socket + " can be used by everybody", "chmod o-rw " + ShellWord(socket));
     return true;
+}
+
+// A sentence of the agent's, for advice to follow it.
+std::string WithoutFullStop(std::string sentence) {
+    if (sentence.ends_with('.'))
+        sentence.pop_back();
+    return sentence;
 }
 
 void CheckThatItIsThisInstallation(const AgentStatus& status, const fs::path& root, Findings& findings) {
@@ -92,7 +102,7 @@ void CheckStatus(const AgentStatus& status, Findings& findings) {
                       "see the agent's log, and restart the agent");
     findings.OkUnlessFound(kPluginCheck, "started, version " + status.plugin_version);
     if (!status.store_fault.empty())
-        findings.Fail(kStoreCheck, "the store takes nothing: " + status.store_fault,
+        findings.Fail(kStoreCheck, "the store takes nothing: " + WithoutFullStop(status.store_fault),
                       "make room on its disk, or see the agent's log");
     findings.OkUnlessFound(kStoreCheck, "takes commands and reports");
     const auto oldest = ParseTime(status.oldest_pending);
@@ -147,7 +157,7 @@ void CheckAgent(const fs::path& root, const std::string& socket, Findings& findi
         CheckThatItIsThisInstallation(status, root, findings);
         CheckStatus(status, findings);
         for (const std::string& problem : agent.GetHealth().problems)
-            findings.Fail(kAgentCheck, "the agent is failing: " + problem, "see its log");
+            findings.Fail(kAgentCheck, "the agent is failing: " + WithoutFullStop(problem), "see its log");
         findings.OkUnlessFound(kAgentCheck, "qxpagent " + status.version);
     } catch (const AgentAway& error) {
         const bool busy = error.Why() == AgentAway::Cause::Busy;

@@ -85,9 +85,11 @@ void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findin
         findings.Fail(kFilesCheck, path.string() + (wanted.directory ? " is not a directory" : " is not a file"),
                       wanted.advice);
     } else if (access(path.c_str(), wanted.access) != 0) {
+        const int error = errno;
         const char* const what = (wanted.access & R_OK) != 0 ? " cannot be read" : " cannot be used";
-        findings.Fail(kFilesCheck, path.string() + what + ": " + ErrnoText(errno),
-                      "try again as root; chmod u+rX " + ShellWord(path.string()));
+        findings.Fail(
+            kFilesCheck, path.string() + what + ": " + ErrnoText(error),
+            geteuid() != 0 && error == EACCES ? "try again as root" : "chmod u+rX " + ShellWord(path.string()));
     }
     CheckOwnerAndMode(path, owner, kFilesCheck, findings);
 }

@@ -55,7 +55,7 @@ std::string WhoMayUse(const std::string& socket_path) {
     const std::string owner = UserName(status.st_uid);
     if ((status.st_mode & needed) != needed || status.st_gid == 0)
         return (directory ? "the directory " + obstacle : "it") + " is for the user " + owner +
-               " alone: try again as " + owner;
+               " alone: try again as " + owner + ", or have socket-group set in the agent's configuration";
     return (directory ? "the directory " + obstacle : "it") + " is for the user " + owner + " and the group " +
            GroupName(status.st_gid) + ": join that group, or try again as " + owner;
 }

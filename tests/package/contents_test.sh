@@ -64,6 +64,20 @@ done
 for library in libssl3 libcjson1 libinih1; do
     dpkg-deb -f "$debs"/qxpmaint_*.deb Depends | grep -qw "$library" || fail "qxpmaint does not depend on $library"
 done
+man=$work/qxpmaint-agent/usr/share/man
+for page in man1/qxpctl.1 man8/qxpagent.8; do
+    zcat "$man/$page.gz" >"$work/page"
+    expect "warnings of groff in $page" "" "$(groff -man -Tutf8 -ww -z "$work/page" 2>&1)"
+done
+expect "what qxpagent.conf(5) leads to" ".so man8/qxpagent.8" "$(zcat "$man/man5/qxpagent.conf.5.gz")"
+# Every option, and so every key of the configuration file.
+zcat "$man/man8/qxpagent.8.gz" | groff -man -Tascii -P-c -P-b -P-u -P-o >"$work/page"
+LD_LIBRARY_PATH=$work/qxpmaint/opt/qxpmaint/lib "$work/qxpmaint-agent/opt/qxpmaint/bin/qxpagent" --help >"$work/help"
+[ "$(grep -c '^ *--' "$work/help")" -ge 13 ] || fail "qxpagent --help has no options: $(cat "$work/help")"
+while read -r option; do
+    grep -q -- "^ *$option\b" "$work/page" || fail "qxpagent(8) does not name $option"
+done < <(grep -o '^ *--[a-z-]*' "$work/help")
+
 for program in "$work"/qxpmaint/opt/qxpmaint/lib/*.so "$work"/qxpmaint-agent/opt/qxpmaint/bin/*; do
     run_path=$(readelf -d "$program" | sed -n 's/.*RUNPATH.*\[\(.*\)\]/\1/p')
     # shellcheck disable=SC2016 # $ORIGIN is for the loader

@@ -124,6 +124,10 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
     EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(root_ / "data")));
     EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(installation_.agent_data)));
     EXPECT_EQ("none", Check());
+    options_.socket_group.clear();
+    EXPECT_EQ("none", prepare());
+    EXPECT_EQ(getegid(), GroupOf(root_ / "data")) << "an earlier group loses its way";
+    EXPECT_EQ(getegid(), GroupOf(installation_.agent_data));
 
     const std::filesystem::path other = root_ / "run";
     std::filesystem::create_directory(other);

@@ -126,10 +126,13 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
+    outcome = desk_->Submit(Document("untrusted", Script("a", "sh", "01100000ff")), kPeer);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+    EXPECT_NE(std::string::npos, outcome.command->reason.find("; script 1: bad signature: "));
     plugin_ = [](const std::string&) { return kBusReceiverFailed; };
     EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
-    EXPECT_EQ(3U, counters_.Get().commands_refused_by_plugin);
-    EXPECT_EQ(4U, counters_.Get().commands_taken);
+    EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
+    EXPECT_EQ(5U, counters_.Get().commands_taken);
 
     plugin_ = [](const std::string&) { return kBusTimedOut; };
     outcome = desk_->Submit(Document("late"), kPeer);
@@ -138,9 +141,9 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     for (int i = 0; i < 2; ++i) {
         Report(R"({"ID":"late","msg_type":"4","data_type":"x"})");
         EXPECT_EQ(CommandState::kRefused, StateOf("late"));
-        EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin) << "a late refusal counts, and counts once";
+        EXPECT_EQ(5U, counters_.Get().commands_refused_by_plugin) << "a late refusal counts, and counts once";
     }
-    EXPECT_EQ(5U, counters_.Get().commands_taken);
+    EXPECT_EQ(6U, counters_.Get().commands_taken);
 }
 
 TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {

@@ -1,3 +1,7 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <memory>
 
 #include "ctl/agent_client.h"
@@ -20,8 +24,25 @@ Examples:
 Exit codes: 0 the policy was accepted; 1 it was not, or there is no such file; 3 the agent cannot be reached;
 130 Ctrl-C: the scripts go on.)";
 
+// Where the file is missing, if it is and this user can see so. Looked for beforehand, since the plugin deletes it.
+std::string MissingFrom(AgentClient& agent, const std::string& name) {
+    const std::string directory = agent.GetStatus().process_directory;
+    struct stat status {};
+    const bool missing = !directory.empty() && access(directory.c_str(), R_OK | X_OK) == 0 &&
+                         lstat((directory + "/" + name).c_str(), &status) != 0 && errno == ENOENT;
+    return missing ? directory : "";
+}
+
+std::string WhyNotAccepted(const std::string& name, const std::string& missing_from) {
+    if (!missing_from.empty())
+        return "there is no such file in " + missing_from + "; put it there with: qxpctl drop --process " +
+               ShellWord(name);
+    return "the plugin refuses it, or there is no such file in the process directory; its log tells which";
+}
+
 ExitCode RunOnce(const std::string& name, const Console& console, const CommonOptions& common) {
     AgentClient agent(FindSocket(common.socket));
+    const std::string missing_from = MissingFrom(agent, name);
     const InterruptGuard interrupt;
     std::optional<bool> accepted;
     {
@@ -38,9 +59,7 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
     else if (*accepted)
         console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
     else
-        console.Remark(name +
-                       " was not accepted: there is no such file in the process directory, or the plugin "
-                       "refuses it; its log tells which");
+        console.Remark(name + " was not accepted: " + WhyNotAccepted(name, missing_from));
     return *accepted ? ExitCode::Success : ExitCode::Negative;
 }
 

@@ -1,5 +1,7 @@
+#include <filesystem>
 #include <memory>
 
+#include "ctl/agent_http.h"
 #include "ctl/commands.h"
 #include "ctl/files.h"
 #include "ctl/json.h"
@@ -25,18 +27,26 @@ there; the type is supported.
 A run-once policy needs no "ID" and no "Command"; a command does, and that is what is checked here.
 
 Examples:
+  qxpctl verify policy.json                               with what this machine trusts, but for the plugin's own key
   qxpctl verify --key vendor.pub.pem policy.json
   qxpctl verify --trust-dir /opt/qxpmaint/etc/trusted-keys policy.json
   qxpctl pack --key ops.key.pem disk-check.sh | qxpctl verify --key ops.pub.pem -)";
 
 TrustedKeys ReadKeys(const VerifyOptions& options) {
-    if (options.key_files.empty() && options.trust_directory.empty())
-        throw BadInput("name what to check with: --key PUBLIC.pem, --trust-dir DIR, or both");
     TrustedKeys keys;
     for (const std::string& file : options.key_files)
         keys.AddKeyFile(file);
-    if (!options.trust_directory.empty())
+    if (!options.trust_directory.empty()) {
         keys.SetDirectory(options.trust_directory);
+    } else if (options.key_files.empty()) {
+        const std::filesystem::path directory = std::filesystem::path(InstallationRoot()) / "etc/trusted-keys";
+        std::error_code failure;
+        if (!std::filesystem::is_directory(directory, failure))
+            throw BadInput(
+                "name what to check with: --key PUBLIC.pem, --trust-dir DIR, or both; this program is in no "
+                "installation whose keys could be used");
+        keys.SetDirectory(directory.string());
+    }
     return keys;
 }
 
@@ -111,7 +121,7 @@ void AddVerifyCommand(const CommandSetup& program) {
                    "A public key that the plugin trusts (PEM): the RSA key\n"
                    "it was built with, or an Ed25519 key; may be repeated");
     command.Value("--trust-dir", "DIR", options->trust_directory,
-                  "The agent's directory of trusted Ed25519 keys\n[that of this installation]");
+                  "The agent's directory of trusted Ed25519 keys\n[without --key: that of this installation]");
     command.Argument("POLICY", options->policy, "The policy document; '-' is the standard input").Required();
     command.JsonOption();
     command.Footer(kFooter);

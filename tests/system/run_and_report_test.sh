@@ -24,7 +24,10 @@ jq -e . out >/dev/null || fail "--json prints JSON"
 # A script signed with a key that is trusted by directory, added while the agent runs.
 qxpctl keygen --scheme ed25519 --out ed >/dev/null
 expect "an unknown key" 1 "$(exit_code timeout 60 qxpctl run --wait 20 --key ed.key.pem good.sh)"
+qxpctl pack --key ed.key.pem --output ed.json good.sh
+expect "verify without naming keys: not trusted" 1 "$(exit_code qxpctl verify ed.json)"
 cp ed.pub.pem "$root/etc/trusted-keys/"
+expect "verify without naming keys: trusted" 0 "$(exit_code qxpctl verify ed.json)"
 expect "a trusted key" 0 "$(exit_code qxpctl run --key ed.key.pem good.sh)"
 rm "$root/etc/trusted-keys/ed.pub.pem"
 expect "a key withdrawn" 1 "$(exit_code timeout 60 qxpctl run --wait 20 --key ed.key.pem good.sh)"

@@ -68,6 +68,19 @@ TEST_F(AnswerTest, TextsComeAsTheyAreStoredAndTheAnswerStaysOneDocument) {
     EXPECT_EQ(std::to_string(reply.text.size()), reply.Header("Content-Length"));
 }
 
+// More pieces than one system call takes.
+TEST_F(AnswerTest, ManyReportsAreOneAnswer) {
+    constexpr int kReports = 800;
+    for (int i = 0; i < kReports; ++i) {
+        Store("r" + std::to_string(i), "{\"n\":" + std::to_string(i) + "}");
+    }
+    const auto reports = Get("/v1/reports?limit=1000").Body()["reports"];
+    ASSERT_EQ(kReports, reports.size());
+    for (int i = 0; i < kReports; ++i) {
+        ASSERT_EQ(i, reports[i]["document"]["n"]);
+    }
+}
+
 // As the plugin writes it for as many runs with full output.
 std::string LargestReport() {
     constexpr int kRuns = 63;

@@ -230,14 +230,22 @@ TEST_F(ViewTest, WatchOnATerminalDrawsOneTableOverAndOver) {
 TEST_F(ViewTest, RunOnceTellsWhetherThePolicyWasAccepted) {
     std::string body;
     bool accepted = true;
+    Json status = FakeJournal::StatusObject(0, 0);
+    status["process_directory"] = directory_.Path();
     const auto agent = [&](const FakeAgent::Request& request) {
+        if (request.target == "/v1/status")
+            return FakeAgent::Answer(200, status.dump());
         body = request.body;
         return FakeAgent::Answer(200, Json{{"name", "n.json"}, {"accepted", accepted}}.dump());
     };
     EXPECT_EQ(Run(agent, {"runonce", "n.json"}).code, 0);
     EXPECT_EQ(body, R"({"name":"n.json"})");
     accepted = false;
-    EXPECT_EQ(Run(agent, {"runonce", "n.json"}).code, 1);
+    const ToolResult missing = Run(agent, {"runonce", "n.json"});
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_THAT(missing.remarks, HasSubstr("no such file in " + directory_.Path().string()));
+    directory_.Write("n.json", "{}");
+    EXPECT_THAT(Run(agent, {"runonce", "n.json"}).remarks, HasSubstr("refuses it"));
     EXPECT_EQ(Run(agent, {"runonce", "n.json", "--json"}).output, "{\"name\":\"n.json\",\"accepted\":false}\n");
 }
 

@@ -28,7 +28,7 @@ protected:
         return result.output;
     }
     static ChildResult Bash(const std::string& script) {
-        const ChildResult result = RunChild("/bin/bash", {"--norc", "-c", script}, kDeadline);
+        ChildResult result = RunChild("/bin/bash", {"--norc", "-c", script}, kDeadline);
         EXPECT_EQ(result.end, ChildResult::End::Exited);
         return result;
     }

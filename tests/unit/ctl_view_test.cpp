@@ -143,7 +143,7 @@ TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
 }
 
 TEST_F(ViewTest, AResultFileIsFetchedByteForByte) {
-    const std::string bytes("{\"a\":\"\xFF\"}\0\n", 12);
+    const std::string bytes("{\"a\":\"\xFF\"}\0\n", 11);
     std::string acknowledged;
     const auto agent = [&](const FakeAgent::Request& request) {
         if (request.method == "POST")

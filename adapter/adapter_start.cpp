@@ -66,13 +66,13 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
     const int iRet = RequestConnectInfo(pEndPoint, reply);
     const unsigned long ulTick = MonotonicMs() - ulStart;
     if (iRet != 0) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN,
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "GetServerConnectInfo",
                     "*qxpadapterplugin %s::GetServerConnectInfo Error AgentGetConnect iRet[%x] Tick[%lu]", ClassName,
                     static_cast<unsigned int>(iRet), ulTick);
         return false;
     }
     if (reply.uiLength == 0 || !reply.pBytes) {
-        ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+        ADAPTER_LOG(ADAPTER_LOG_NOTICE, "GetServerConnectInfo",
                     "qxpadapterplugin %s::GetServerConnectInfo retrun empty uiLength[%u] pReply[%p] Tick[%lu]",
                     ClassName, reply.uiLength, static_cast<void*>(reply.pBytes), ulTick);
         return false;
@@ -82,7 +82,7 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
     strFlag = stInfo.strFlag;
     strServerIp = stInfo.strServerIp;
     wPort = stInfo.wPort;
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "GetServerConnectInfo",
                 "qxpadapterplugin %s::GetServerConnectInfo bStatus[%d] strFlag[%s] strServerIp[%s] wPort[%d] Tick[%lu]",
                 ClassName, bStatus, strFlag.c_str(), strServerIp.c_str(), wPort, ulTick);
     return bStatus;
@@ -90,8 +90,8 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
 
 void CqxpmaintMgr::RegisterOnBus(IXBusMREndPoint4& endPoint) {
     if (const int iRet = endPoint.Initialize(ParseGuid(plugin_name.c_str())); iRet != 0) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::Start Warn Initialize iRet[%x] guid[%s]", ClassName,
-                    static_cast<unsigned int>(iRet), plugin_name.c_str());
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "Start", "*qxpadapterplugin %s::Start Warn Initialize iRet[%x] guid[%s]",
+                    ClassName, static_cast<unsigned int>(iRet), plugin_name.c_str());
         return;
     }
     // The endpoint comes back with each message as the context, and answers it.
@@ -113,11 +113,11 @@ void CqxpmaintMgr::ConnectIfOnline() {
     const uint32_t dwFlag = m_stReceive.connect_state_flags;
     if (dwFlag == 0 && !strServerIp.empty() && strFlag == "1" && pfnConnect) {
         pfnConnect(strServerIp.c_str(), wPort);
-        ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::Start plugin_connect strServerIp[%s] wPort[%d]",
+        ADAPTER_LOG(ADAPTER_LOG_NOTICE, "Start", "qxpadapterplugin %s::Start plugin_connect strServerIp[%s] wPort[%d]",
                     ClassName, strServerIp.c_str(), wPort);
         return;
     }
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "Start",
                 "qxpadapterplugin %s::Start not call connect strServerIp[%s] wPort[%d] dwFlag[%d] strFlag[%s] "
                 "plugin_connect[%p]",
                 ClassName, strServerIp.c_str(), wPort, static_cast<int>(dwFlag), strFlag.c_str(),
@@ -126,15 +126,15 @@ void CqxpmaintMgr::ConnectIfOnline() {
 
 int CqxpmaintMgr::Start() {
     if (!m_pPluginFun) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Start Error m_pPluginFun is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pPluginFun is NULL", ClassName);
         return ADAPTER_E_NOT_READY;
     }
     IXBusMREndPoint4* pEndPoint = m_pCompCtx;
     if (!pEndPoint) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::Start Error m_pCompCtx is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pCompCtx is NULL", ClassName);
         return ADAPTER_E_NOT_READY;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Start Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
     // An assignment writes even when there is nothing to copy.
     if (!msg_type_registry.empty() || !m_stReceive.msg_type_registry.empty())
         m_stReceive.msg_type_registry = msg_type_registry;
@@ -143,7 +143,7 @@ int CqxpmaintMgr::Start() {
         ConnectIfOnline();
     const int iRet = m_pPluginFun->start();
     status = STATUS_STARTED;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
                 static_cast<unsigned int>(iRet));
     return iRet;
 }

@@ -8,7 +8,7 @@ namespace {
 
 void LogException(const char* pszFunction, const char* pszWhat) {
     try {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s Error exception[%s]", pszFunction, pszWhat);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, pszFunction, "**qxpadapterplugin %s Error exception[%s]", pszFunction, pszWhat);
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (...) {

@@ -14,8 +14,9 @@ inline constexpr int ADAPTER_E_JSON_DATA_TYPE = static_cast<int>(0xA0010001);
 /// Levels of the adapter's records.
 enum : int { ADAPTER_LOG_NOTICE = 2, ADAPTER_LOG_WARN = 3, ADAPTER_LOG_ERROR = 4, ADAPTER_LOG_TRACE = 6 };
 
-/// Writes a record of the adapter; the arguments are not evaluated when the level is off.
-#define ADAPTER_LOG(level, ...) QXLogPrint(level, "qxadapterplugin", __FUNCTION__, __LINE__, __VA_ARGS__)
+/// Writes a record of the adapter; the arguments are not evaluated when the level is off. The operation is what a host
+/// sees as the function: the one that the host called, whichever helper writes.
+#define ADAPTER_LOG(level, operation, ...) QXLogPrint(level, "qxadapterplugin", operation, __LINE__, __VA_ARGS__)
 
 /// A text for "%s" that may be null.
 inline const char* TextOrNull(const char* pszText) {

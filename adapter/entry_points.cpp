@@ -141,15 +141,15 @@ QXPMAINT_EXPORT void UninitializePlugin(void) {
 QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error pAdapterMgr is NULL",
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject", "**qxpadapterplugin %s::CreateObject Error pAdapterMgr is NULL",
                     CreateClassName);
         return nullptr;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::CreateObject Begin pszName[%s]", CreateClassName,
-                TextOrNull(pszName));
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "CreateObject", "qxpadapterplugin %s::CreateObject Begin pszName[%s]",
+                CreateClassName, TextOrNull(pszName));
     if (!pAdapterMgr->CreateObject(pszName)) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error FALSE pszName[%s]", CreateClassName,
-                    TextOrNull(pszName));
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject", "**qxpadapterplugin %s::CreateObject Error FALSE pszName[%s]",
+                    CreateClassName, TextOrNull(pszName));
         return nullptr;
     }
     auto* pPluginObj = new (std::nothrow)
@@ -157,12 +157,13 @@ QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
                            CqxpmaintPluginObj::Stop,       CqxpmaintPluginObj::GetStatus,    CqxpmaintPluginObj::GetCtx,
                            CqxpmaintPluginObj::SetCtx,     CqxpmaintPluginObj::Info};
     if (!pPluginObj) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::CreateObject Error pPluginObj is NULL pszName[%s]",
-                    CreateClassName, pszName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject",
+                    "**qxpadapterplugin %s::CreateObject Error pPluginObj is NULL pszName[%s]", CreateClassName,
+                    pszName);
         return nullptr;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::CreateObject End pszName[%s] pPluginObj[%p]", CreateClassName,
-                pszName, static_cast<void*>(pPluginObj));
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "CreateObject", "qxpadapterplugin %s::CreateObject End pszName[%s] pPluginObj[%p]",
+                CreateClassName, pszName, static_cast<void*>(pPluginObj));
     return pPluginObj;
 } catch (...) {
     StopException(__FUNCTION__);
@@ -172,18 +173,19 @@ QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
 QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::DestroyObject Error pAdapterMgr is NULL",
-                    DestroyClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "DestroyObject",
+                    "**qxpadapterplugin %s::DestroyObject Error pAdapterMgr is NULL", DestroyClassName);
         return;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]",
-                DestroyClassName, TextOrNull(pszName), pInterface);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "DestroyObject",
+                "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]", DestroyClassName,
+                TextOrNull(pszName), pInterface);
     std::unique_ptr<PluginObjInterface> pPluginObj(static_cast<PluginObjInterface*>(pInterface));
     if (pszName)
         pAdapterMgr->DestroyObject(pszName);
     pPluginObj.reset();
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the value is printed, nothing is read through it
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "DestroyObject", "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",
                 DestroyClassName, TextOrNull(pszName), pInterface);
 } catch (...) {
     StopException(__FUNCTION__);

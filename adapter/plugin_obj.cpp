@@ -11,7 +11,8 @@ constexpr char ClassName[] = "CqxpmaintPluginObj";
 CqxpmaintMgr* GetManager(const char* pszOperation) {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr)
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "**qxpadapterplugin %s::%s Error pAdapterMgr is NULL", ClassName, pszOperation);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, pszOperation, "**qxpadapterplugin %s::%s Error pAdapterMgr is NULL", ClassName,
+                    pszOperation);
     return pAdapterMgr;
 }
 
@@ -21,10 +22,11 @@ int CqxpmaintPluginObj::Initialize(void* pInitParam) try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
     if (!pAdapterMgr)
         return -1;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize Begin pInitParam[%p]", ClassName, pInitParam);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin pInitParam[%p]", ClassName,
+                pInitParam);
     const int iRet = pAdapterMgr->Initialize(pInitParam);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Initialize End iRet[%x] pInitParam[%p]", ClassName,
-                static_cast<unsigned int>(iRet), pInitParam);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize End iRet[%x] pInitParam[%p]",
+                ClassName, static_cast<unsigned int>(iRet), pInitParam);
     return iRet;
 } catch (...) {
     StopException(__FUNCTION__);
@@ -35,10 +37,10 @@ void CqxpmaintPluginObj::Uninitialize() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
     if (!pAdapterMgr)
         return;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Uninitialize Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", ClassName);
     pAdapterMgr->Uninitialize();
     CqxpmaintMgr::DestroyInstance();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Uninitialize End", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", ClassName);
 } catch (...) {
     StopException(__FUNCTION__);
 }
@@ -47,9 +49,9 @@ int CqxpmaintPluginObj::Start() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
     if (!pAdapterMgr)
         return -1;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Start Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
     const int iRet = pAdapterMgr->Start();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
                 static_cast<unsigned int>(iRet));
     return iRet;
 } catch (...) {
@@ -61,9 +63,9 @@ int CqxpmaintPluginObj::Stop() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
     if (!pAdapterMgr)
         return -1;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Stop Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", ClassName);
     const int iRet = pAdapterMgr->Stop();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
                 static_cast<unsigned int>(iRet));
     return iRet;
 } catch (...) {
@@ -91,9 +93,9 @@ void CqxpmaintPluginObj::SetCtx(void* pData) try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
     if (!pAdapterMgr)
         return;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::SetCtx Begin pData[%p]", ClassName, pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx Begin pData[%p]", ClassName, pData);
     pAdapterMgr->SetCtx(pData);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "qxpadapterplugin %s::SetCtx End pData[%p]", ClassName, pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx End pData[%p]", ClassName, pData);
 } catch (...) {
     StopException(__FUNCTION__);
 }

@@ -49,7 +49,7 @@ void CqxpmaintReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgTyp
 void CqxpmaintReceive::Dispatch(const _Message& stMessage) {
     PluginInitParam* pPluginInit = m_pPluginInit;
     if (!pPluginInit) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error m_pPluginInit is NULL stComponentID[%s]", ClassName,
                     stMessage.strComponentID.c_str());
         return;
@@ -69,18 +69,19 @@ void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const _Message& stM
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnRecv = LoadHandler(stInit.plugin_recv);
     if (!pfnRecv) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error plugin_recv is NULL stComponentID[%s]", ClassName,
                     pszComponentID);
         return;
     }
     const CPString strMsg = stMessage.Body();
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_recv Begin strMsg[%s] stComponentID[%s]", ClassName,
                 strMsg.c_str(), pszComponentID);
     const int iRet = pfnRecv(strMsg.c_str());
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::ReceiveCallback plugin_recv End iRet[%d] stComponentID[%s]",
-                ClassName, iRet, pszComponentID);
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
+                "qxpadapterplugin %s::ReceiveCallback plugin_recv End iRet[%d] stComponentID[%s]", ClassName, iRet,
+                pszComponentID);
 }
 
 void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& stMessage) {
@@ -90,7 +91,7 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& s
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnConnect = LoadHandler(stInit.plugin_connect);
     if (!pfnConnect) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error plugin_connect is NULL stComponentID[%s]", ClassName,
                     pszComponentID);
         return;
@@ -99,18 +100,18 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& s
     _ConnectInfo stInfo;
     // A notice with an address counts whatever its online flag says.
     if (!ParseConnectInfo(strData, stInfo) || stInfo.strServerIp.empty()) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN,
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error plugin_connect wrap_cJSON_Parse stComponentID[%s] "
                     "strData[%s]",
                     ClassName, pszComponentID, strData.c_str());
         return;
     }
     const char* pszIp = stInfo.strServerIp.c_str();
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_connect Begin strIp[%s] wPort[%d] stComponentID[%s]",
                 ClassName, pszIp, stInfo.wPort, pszComponentID);
     const int iRet = pfnConnect(pszIp, stInfo.wPort);
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_connect End iRet[%d] strIp[%s] wPort[%d] "
                 "stComponentID[%s]",
                 ClassName, iRet, pszIp, stInfo.wPort, pszComponentID);
@@ -122,15 +123,16 @@ void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const _Message
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnDisconnect = LoadHandler(stInit.plugin_disconnect);
     if (!pfnDisconnect) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error plugin_disconnect is NULL stComponentID[%s]",
                     ClassName, pszComponentID);
         return;
     }
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "qxpadapterplugin %s::ReceiveCallback plugin_disconnect Begin stComponentID[%s]",
-                ClassName, pszComponentID);
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
+                "qxpadapterplugin %s::ReceiveCallback plugin_disconnect Begin stComponentID[%s]", ClassName,
+                pszComponentID);
     const int iRet = pfnDisconnect();
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_disconnect End iRet[%d] stComponentID[%s]", ClassName,
                 iRet, pszComponentID);
 }
@@ -139,14 +141,14 @@ void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const _Message& s
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnNotify = LoadHandler(stInit.notify_mgr_to_plugin);
     if (!pfnNotify) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error notify_mgr_to_plugin is NULL stComponentID[%s]",
                     ClassName, pszComponentID);
         return;
     }
     const auto entry = msg_type_registry.find(stMessage.i64MsgType);
     if (entry == msg_type_registry.end()) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN,
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error not find i64MsgType[%ld] uiDataLength[%u] "
                     "stComponentID[%s]",
                     ClassName, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID);
@@ -158,19 +160,19 @@ void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const _Message& s
         return IsSameGuid(stSender, stMessage.stComponentID);
     });
     if (!listSender.empty() && !bKnownSender) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN,
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error not find guid i64MsgType[%ld] uiDataLength[%u] "
                     "stComponentID[%s] strMsg[%s]",
                     ClassName, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID, strMsg.c_str());
         return;
     }
     const int iMsgType = static_cast<int>(stMessage.i64MsgType);
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback notify_mgr_to_plugin Begin i64MsgType[%ld][%d] "
                 "stComponentID[%s] strMsg[%s]",
                 ClassName, stMessage.i64MsgType, iMsgType, pszComponentID, strMsg.c_str());
     pfnNotify(iMsgType, strMsg.c_str());
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback notify_mgr_to_plugin End i64MsgType[%ld][%d] stComponentID[%s]",
                 ClassName, stMessage.i64MsgType, iMsgType, pszComponentID);
 }

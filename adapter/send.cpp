@@ -87,19 +87,21 @@ int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const cha
 int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
                                    const unsigned char* data, unsigned int len) try {
     if (!data || len == 0 || !*data) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", ClassName,
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", ClassName,
                     static_cast<const void*>(data), static_cast<int>(len));
         return -1;
     }
     const CqxpmaintMgr* pAdapterMgr = Instance();
     if (!pAdapterMgr) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", ClassName);
         return -1;
     }
     IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
     if (!IsJsonDataType(json_data_type)) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName,
-                    json_data_type);
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName, json_data_type);
         return -1;
     }
     if (!pEndPoint)

@@ -1,6 +1,5 @@
 #include "tool/main_t_tool.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>  // NOLINT(modernize-deprecated-headers): pthread_sigmask is POSIX's, not <csignal>'s
 #include <sys/stat.h>
@@ -61,15 +60,6 @@ private:
     sigset_t m_stSaved;
     bool m_bChanged = false;
 };
-
-// By descriptor, so that nothing that has taken the directory's place meanwhile is changed.
-void SetDirectoryMode(const char* pszPath, mode_t uMode) {
-    const int iDirectory = open(pszPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (iDirectory < 0)
-        return;
-    fchmod(iDirectory, uMode);
-    close(iDirectory);
-}
 
 // False when there is no size to be taken: a directory opens and seeks like a file, but to an arbitrary end.
 bool TakeFileSize(FILE* pFile, uint32_t& uSize) {
@@ -235,6 +225,6 @@ bool CMainTTool::RecursiveCreateDir(const char* pszPath) {
     if (mkdir(pszPath, uMode) != 0)
         return false;
     // mkdir leaves out what the umask masks; the umask is the host's and stays as it is.
-    SetDirectoryMode(pszPath, uMode);
+    chmod(pszPath, uMode);
     return true;
 }

@@ -98,7 +98,8 @@ CLogDebug* CLogDebug::Instance() {
     return &instance;
 }
 
-bool CLogDebug::CheckLogLevel(int iLevel) const {
+// NOLINTNEXTLINE(readability-make-member-function-const): not const in the binary interface
+bool CLogDebug::CheckLogLevel(int iLevel) {
     bool bOn = false;
     WhenOn(FromSourceLevel(iLevel), [&](CLogOutput&) { bOn = true; });
     return bOn;

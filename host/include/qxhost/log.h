@@ -32,7 +32,7 @@ public:
     static CLogDebug* Instance();
 
     /// True when a record of this level would be written.
-    bool CheckLogLevel(int iLevel) const;
+    bool CheckLogLevel(int iLevel);
 
     /// Writes a printf-style record. The function and the line are not written by this implementation. Any thread;
     /// errno is kept.

@@ -12,8 +12,6 @@
 #include <cerrno>
 #include <exception>
 
-#include "maint/proc_table.h"
-
 namespace {
 
 /// How often a child without a pidfd is looked at.
@@ -29,14 +27,63 @@ unsigned long long TicksSinceBoot() {
            static_cast<unsigned long long>(stNow.tv_nsec) * u64TicksPerSecond / 1'000'000'000;
 }
 
+}  // namespace
+
+CUniqueDescriptor OpenPidFd(pid_t iPid) {
+    return CUniqueDescriptor(static_cast<int>(syscall(SYS_pidfd_open, iPid, 0)));
+}
+
+bool SignalPidFd(const CUniqueDescriptor& pidFd, int iSignal) {
+    return syscall(SYS_pidfd_send_signal, pidFd.Get(), iSignal, nullptr, 0) == 0 || errno == ESRCH;
+}
+
+_LaunchMark CChildProcess::MarkLaunch(CProcReader& reader) {
+    _LaunchMark stMark;
+    stMark.u64StartTime = TicksSinceBoot() - START_TIME_SLACK;
+    try {
+        stMark.children = reader.ThreadChildren();
+    } catch (const std::exception&) {
+        stMark.children.reset();  // out of memory: the pipe and the start time tell the new child
+    }
+    return stMark;
+}
+
+void CChildProcess::Identify(FILE* pStream, const _LaunchMark& stMark) {
+    m_pStream = pStream;
+    m_u64LaunchTime = stMark.u64StartTime;
+    try {
+        m_strPipe = CProcReader::PipeName(fileno(pStream));
+        if (!Accept(FindNewChild(stMark)))
+            Accept(FindByPipe());
+    } catch (const std::exception&) {
+        return;  // out of memory: the run thread looks again
+    }
+}
+
+void CChildProcess::FindAgain() {
+    if (IsKnown() || !WasStarted())
+        return;
+    try {
+        if (m_strPipe.empty() && m_pStream)
+            m_strPipe = CProcReader::PipeName(fileno(m_pStream));
+        Accept(FindByPipe());
+    } catch (const std::exception&) {
+        return;  // and again
+    }
+}
+
 // The new child of this thread, checked against the pipe where that can be read; 0 when there is none.
-pid_t FindNewChild(const _LaunchMark& stMark, const std::string& strPipe) {
+pid_t CChildProcess::FindNewChild(const _LaunchMark& stMark) {
+    const auto children = m_Reader.ThreadChildren();
+    if (!children)
+        return 0;
     pid_t iOnly = 0;
     int iNew = 0;
-    for (const pid_t iPid : ReadThreadChildren()) {
-        if (std::find(stMark.children.begin(), stMark.children.end(), iPid) != stMark.children.end())
+    for (const pid_t iPid : *children) {
+        if (stMark.children &&
+            std::find(stMark.children->begin(), stMark.children->end(), iPid) != stMark.children->end())
             continue;
-        if (HasPipeAt(iPid, STDOUT_FILENO, strPipe))
+        if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe))
             return iPid;
         iOnly = iPid;
         ++iNew;
@@ -46,56 +93,29 @@ pid_t FindNewChild(const _LaunchMark& stMark, const std::string& strPipe) {
 }
 
 // The slow way, for a kernel that does not list a thread's children.
-pid_t FindChildByPipe(const std::string& strPipe) {
-    for (const auto& [iPid, stat] : ReadProcessTable()) {
-        if (stat.iParent == getpid() && HasPipeAt(iPid, STDOUT_FILENO, strPipe))
+pid_t CChildProcess::FindByPipe() {
+    if (m_strPipe.empty())
+        return 0;
+    std::vector<pid_t> pids;
+    m_Reader.ListProcesses(pids);
+    for (const pid_t iPid : pids) {
+        _ProcessStat stat;
+        if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe) &&
+            m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::Done && stat.iParent == getpid())
             return iPid;
     }
     return 0;
 }
 
-}  // namespace
-
-_LaunchMark CChildProcess::MarkLaunch() {
-    return {ReadThreadChildren(), TicksSinceBoot() - START_TIME_SLACK};
-}
-
-CChildProcess::~CChildProcess() {
-    if (m_iPidFd >= 0)
-        close(m_iPidFd);
-}
-
-void CChildProcess::Identify(FILE* pStream, const _LaunchMark& stMark) {
-    m_pStream = pStream;
-    m_u64LaunchTime = stMark.u64StartTime;
-    try {
-        m_strPipe = ReadPipeName(fileno(pStream));
-        if (!Take(FindNewChild(stMark, m_strPipe)))
-            Take(FindChildByPipe(m_strPipe));
-    } catch (const std::exception&) {
-        return;  // out of memory: the run thread looks again
-    }
-}
-
-void CChildProcess::FindAgain() {
-    if (!IsKnown() && m_pStream)
-        Take(FindChildByPipe(m_strPipe));
-}
-
-// The pidfd first: what it names is then checked, and cannot become another process between. It is close-on-exec by
-// itself. The child is ours and waited for by nobody else, so it also does without a pidfd.
-bool CChildProcess::Take(pid_t iPid) {
-    if (iPid <= 0)
+// The identity first: with a single descriptor left, it is worth more than a pidfd. The child is ours and waited for by
+// nobody else, so its number stays its own in between, and it also does without a pidfd.
+bool CChildProcess::Accept(pid_t iPid) {
+    _ProcessStat stat;
+    if (iPid <= 0 || m_Reader.ReadStat(iPid, stat) != CProcReader::ERead::Done || stat.iParent != getpid() ||
+        stat.stIdentity.u64StartTime < m_u64LaunchTime)
         return false;
-    const auto iPidFd = static_cast<int>(syscall(SYS_pidfd_open, iPid, 0));
-    const auto stat = ReadProcessStat(iPid);
-    if (!stat || stat->iParent != getpid() || stat->stIdentity.u64StartTime < m_u64LaunchTime) {
-        if (iPidFd >= 0)
-            close(iPidFd);
-        return false;
-    }
-    m_stIdentity = stat->stIdentity;
-    m_iPidFd = iPidFd;
+    m_stIdentity = stat.stIdentity;
+    m_PidFd = OpenPidFd(iPid);
     return true;
 }
 
@@ -109,11 +129,11 @@ bool CChildProcess::IsWaitable(bool& bOurs) const {
 
 bool CChildProcess::HasExited() const {
     bool bOurs = false;
-    if (m_iPidFd >= 0) {
-        pollfd stPidFd{m_iPidFd, POLLIN, 0};
+    if (m_PidFd) {
+        pollfd stPidFd{m_PidFd.Get(), POLLIN, 0};
         return poll(&stPidFd, 1, 0) == 1;
     }
-    return !IsKnown() || IsWaitable(bOurs);
+    return IsKnown() && IsWaitable(bOurs);
 }
 
 bool CChildProcess::CanBeClosedNow() const {
@@ -123,23 +143,23 @@ bool CChildProcess::CanBeClosedNow() const {
 
 void CChildProcess::WaitExit(int iWakeDescriptor, int iMilliseconds) const {
     // poll passes over a negative descriptor.
-    pollfd arrWait[] = {{iWakeDescriptor, POLLIN, 0}, {m_iPidFd, POLLIN, 0}};
-    poll(arrWait, 2, m_iPidFd >= 0 ? iMilliseconds : std::min(iMilliseconds, NO_PIDFD_TICK_MS));
+    pollfd arrWait[] = {{iWakeDescriptor, POLLIN, 0}, {m_PidFd.Get(), POLLIN, 0}};
+    poll(arrWait, 2, m_PidFd || !IsKnown() ? iMilliseconds : std::min(iMilliseconds, NO_PIDFD_TICK_MS));
 }
 
 void CChildProcess::Signal(int iSignal) const {
     bool bOurs = false;
-    if (m_iPidFd >= 0)
-        syscall(SYS_pidfd_send_signal, m_iPidFd, iSignal, nullptr, 0);
-    else if (IsKnown() && !IsWaitable(bOurs))
+    if (m_PidFd && SignalPidFd(m_PidFd, iSignal))
+        return;
+    if (IsKnown() && !IsWaitable(bOurs))
         kill(m_stIdentity.iPid, iSignal);  // not waited for yet, so the number is still its own
 }
 
 void CloseReadEnd(FILE* pStream, int iReplacement) {
-    const int iNull = iReplacement < 0 ? open("/dev/null", O_RDONLY | O_CLOEXEC) : -1;
-    const int iSource = iReplacement < 0 ? iNull : iReplacement;
+    CUniqueDescriptor null;
+    if (iReplacement < 0)
+        null = CUniqueDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int iSource = iReplacement < 0 ? null.Get() : iReplacement;
     if (iSource >= 0)
         dup3(iSource, fileno(pStream), O_CLOEXEC);
-    if (iNull >= 0)
-        close(iNull);
 }

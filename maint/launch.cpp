@@ -1,10 +1,12 @@
 #include <ctime>
 #include <new>
+#include <stdexcept>
 
+#include "maint/attempt.h"
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
-#include "maint/process_tree.h"
 #include "maint/run_control.h"
+#include "maint/run_thread.h"
 #include "maint/script_file.h"
 #include "maint/test_point.h"
 #include "tool/qx_log_print.h"
@@ -17,7 +19,7 @@ CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*str
     else if (strType.CompareNoCase("exe") == 0)
         strCommand = strPath;
     // "bat", "vbs" and every other type do not run on this platform.
-    QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+    QXLogPrint(6, MAINT_LOG_SOURCE, "GetRunCommand", __LINE__,
                "qxpmaint CMaintMgr::GetRunCommand strCommand[%s] strParam[%s]", strCommand.c_str(), strParam.c_str());
     return strCommand;
 }
@@ -25,47 +27,50 @@ CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*str
 // Starts the process of a run. When that fails the run goes on without a stream and is reported with empty output.
 void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam) {
     unsigned int dwError = 0;
+    m_ProcReader.Replenish();
+    const _LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
+    bool bStarted = false;
     {
         const std::lock_guard lock(LaunchLock());
-        const _LaunchMark stMark = CChildProcess::MarkLaunch();
-        if (CMainTTool::MaintCreateProcess(strCommand.c_str(), strParam.c_str(), stRunData.strLogPath.empty() ? 1 : 0,
-                                           stRunData.stProcessInfo, &dwError)) {
-            stRunData.spControl->Child.Identify(static_cast<FILE*>(stRunData.stProcessInfo.hProcess), stMark);
-            return;
-        }
+        bStarted =
+            CMainTTool::MaintCreateProcess(strCommand.c_str(), strParam.c_str(), stRunData.strLogPath.empty() ? 1 : 0,
+                                           stRunData.stProcessInfo, &dwError);
+    }
+    if (bStarted) {
+        stRunData.spControl->Child.Identify(static_cast<FILE*>(stRunData.stProcessInfo.hProcess), stMark);
+        return;
     }
     QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
                "*qxpmaint CMaintMgr::CreateRunScript MaintCreateProcess Error[%u] strCommand[%s] strParam[%s]", dwError,
                strCommand.c_str(), strParam.c_str());
 }
 
-namespace {
-
 // A run whose thread could not be created: nobody would ever read its output or wait for it, so it ends here, as one
 // that failed, and is reported like any other.
-void FinishWithoutThread(_RunScriptData& stRunData) {
+void CMaintMgr::FinishWithoutThread(_RunScriptData& stRunData, int iError) {
+    Attempt("CreateRunScript", [&] {
+        QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                   "*qxpmaint CMaintMgr::CreateRunScript MaintCreateThread Error[%d] strPath[%s]", iError,
+                   stRunData.strScriptPath.c_str());
+    });
     CRunControl& control = *stRunData.spControl;
     control.Ticket.Release();
     control.bThreadEnding = true;
     if (stRunData.stProcessInfo.hProcess) {
         CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
-        CProcessTree(control.Child).End(0);
-        // A child that could not be ended is left with its stream: waiting for it here would hold up every other run.
-        if (control.Child.CanBeClosedNow())
-            CMainTTool::CleanHandle(stRunData.stProcessInfo.hProcess);
+        CRunThread::EndProcesses(control, std::chrono::milliseconds(0));
+        CRunThread::CloseStream(stRunData.spControl);
         stRunData.stProcessInfo.hProcess = nullptr;
     }
     stRunData.dwRunState = RUN_FINISHED;
 }
-
-}  // namespace
 
 int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPath, unsigned int dwSequenceIndex,
                                const _MaintPolicyDetail& stPolicy) {
     CPString strParam;
     const CPString strCommand = GetRunCommand(strPath, strLogPath, stPolicy.strType, strParam);
     if (strCommand.empty() && strParam.empty()) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
                    "*qxpmaint CMaintMgr::CreateRunScript GetRunCommand strCommand[%s] strParam[%s]", strCommand.c_str(),
                    strParam.c_str());
         return 0;
@@ -73,7 +78,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     std::unique_ptr<_RunScriptData> spRunData(new (std::nothrow) _RunScriptData);
     _RunScriptData* pRunData = spRunData.get();
     if (!pRunData) {
-        QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
                       "**qxpmaint CMaintMgr::CreateRunScript pRunData is NULL");
         return 0;
     }
@@ -88,25 +93,30 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     pRunData->dwStartTime = static_cast<uint32_t>(time(nullptr));
     pRunData->strLogPath = strLogPath;
     pRunData->hRunEvent = m_hWorkEvent;
-    pRunData->spControl = std::make_shared<CRunControl>(*this);
+    pRunData->spControl = std::make_shared<CRunControl>(*this, m_ProcReader);
     const std::shared_ptr<CRunControl> spControl = pRunData->spControl;
-
-    // All that may run out of memory stands before the process is started.
+    spControl->Ticket = CThreadTicket::ForNewThread(m_spGate);
+    pRunData->listCopyRoom.emplace_back();
     std::list<_RunScriptData*> listEntry{pRunData};
 
-    StartProcess(*pRunData, strCommand, strParam);
+    if (m_bClosing)
+        throw std::runtime_error("closing");  // nobody would end this run
+
+    // From here on nothing may fail: a process that is not listed could be neither ended nor reported.
+    Attempt("CreateRunScript", [&] { StartProcess(*pRunData, strCommand, strParam); });
 
     unsigned long long u64ThreadId = 0;
-    spControl->Ticket.Take();
-    if (CMainTTool::MaintCreateThread(RunScriptThread, pRunData, u64ThreadId) == 0) {
+    if (const int iError = CMainTTool::MaintCreateThread(RunScriptThread, pRunData, u64ThreadId); iError == 0) {
         spControl->Attached.acquire();
     } else {
         u64ThreadId = 0;
-        FinishWithoutThread(*pRunData);
+        FinishWithoutThread(*pRunData, iError);
     }
-    QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
-               "qxpmaint CMaintMgr::CreateRunScript Create RunScriptThread u64ThreadId[%llu] strPath[%s]", u64ThreadId,
-               strPath.c_str());
+    Attempt("CreateRunScript", [&] {
+        QXLogPrint(6, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                   "qxpmaint CMaintMgr::CreateRunScript Create RunScriptThread u64ThreadId[%llu] strPath[%s]",
+                   u64ThreadId, strPath.c_str());
+    });
     TestPoint("launch listing");
     bool bFinished = false;
     {

@@ -1,11 +1,14 @@
-#include <list>
 #include <new>
 
+#include "maint/attempt.h"
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
-#include "maint/thread_gate.h"
+#include "maint/test_point.h"
 #include "qxhost/critical_section.h"
 #include "tool/qx_log_print.h"
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -13,16 +16,16 @@ namespace {
 /// script cannot be killed or the host holds a thread.
 constexpr int CLOSE_WAIT_MS = 15000;
 /// A late policy may start runs while Close waits, so it looks again this often.
-constexpr int CLOSE_PASS_MS = 100;
+constexpr milliseconds CLOSE_PASS{100};
 
 /// The last sequence number before the count begins again.
 constexpr uint32_t SEQUENCE_LAST = 0x7ffffffe;
 
-// Managers that were left to threads which did not end. Only reachable; used by those threads alone.
-std::list<CMaintMgr*>& LeftBehind() {
-    static auto* const pList = new std::list<CMaintMgr*>;
-    return *pList;
-}
+/// Makes "take the manager and count it" and "take the manager away" one step each.
+constinit std::mutex g_UseLock;
+
+/// Managers that were left to threads which did not end. Only reachable; used by those threads alone.
+constinit std::atomic<CMaintMgr*> g_pLeftBehind{nullptr};
 
 }  // namespace
 
@@ -49,69 +52,104 @@ CMaintMgr::~CMaintMgr() {
     QxDeleteCriticalSection(&m_csWorkThread);
 }
 
-CMaintMgr* CMaintMgr::Instance() {
+CMaintMgr* CMaintMgr::Instance() try {
     CMaintMgr* pThis = m_pThis.load();
     if (pThis)
         return pThis;
     auto* pNew = new (std::nothrow) CMaintMgr;
+    if (pNew && !pNew->m_hWorkEvent) {
+        // Without its event it would accept policies and never run one.
+        delete pNew;
+        pNew = nullptr;
+    }
     if (m_pThis.compare_exchange_strong(pThis, pNew))
         return pNew;
     delete pNew;  // another thread was first
     return pThis;
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
+CMaintMgrUse CMaintMgr::Use() {
+    const std::lock_guard lock(g_UseLock);
+    CMaintMgr* pThis = m_pThis.load();
+    if (!pThis || !pThis->m_bInitialised)
+        return {};
+    return {*pThis, CThreadTicket::ForCaller(pThis->m_spGate)};
+}
+
+// Takes the manager away from whoever comes from now on.
+CMaintMgr* CMaintMgr::Withdraw() {
+    const std::lock_guard lock(g_UseLock);
+    CMaintMgr* pThis = m_pThis.exchange(nullptr);
+    if (pThis)
+        pThis->m_bClosing = true;
+    return pThis;
 }
 
 void CMaintMgr::Close() {
-    CMaintMgr* pThis = m_pThis.load();
+    const CCancellationOff cancellationOff;
+    CMaintMgr* pThis = Withdraw();
     if (!pThis)
         return;
-    int iCancelState = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &iCancelState);
-    bool bEnded = pThis->EndWhatIsLeft();
-    m_pThis.store(nullptr);
-    // A run-once that took its place in the gate meanwhile may have got the pointer; a later one does not.
-    bEnded = bEnded && pThis->EndWhatIsLeft();
-    if (bEnded)
+    const int iWait = TestableMilliseconds("CLOSE_WAIT", CLOSE_WAIT_MS);
+    const bool bEnded = pThis->EndWhatIsLeft(steady_clock::now() + milliseconds(iWait));
+    Attempt("Close", [pThis] { pThis->LogNeverRun(); });
+    if (bEnded) {
         delete pThis;
-    else
-        QXLogPrint(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        return;
+    }
+    Attempt("Close", [&] {
+        QXLogPrint(4, MAINT_LOG_SOURCE, "Close", __LINE__,
                    "**qxpmaint CMaintMgr::Close threads[%u] still running after [%d]ms, the manager is left to them",
-                   CThreadGate::Instance().Count(), CLOSE_WAIT_MS);
-    pthread_setcancelstate(iCancelState, nullptr);
-    if (!bEnded)
-        LeftBehind().push_back(pThis);
+                   pThis->m_spGate->Count(), iWait);
+    });
+    pThis->m_pNextLeftBehind = g_pLeftBehind.load();
+    while (!g_pLeftBehind.compare_exchange_weak(pThis->m_pNextLeftBehind, pThis)) {
+    }
 }
 
 // Ends the runs that Stop left and whatever a late policy or a run-once started, and waits for every thread.
-bool CMaintMgr::EndWhatIsLeft() {
+bool CMaintMgr::EndWhatIsLeft(steady_clock::time_point deadline) {
     SetWork(0);
-    for (int iWaited = 0; iWaited < CLOSE_WAIT_MS; iWaited += CLOSE_PASS_MS) {
+    do {
         CMainTTool::MaintSetEvent(m_hWorkEvent);
         if (GetPRunScriptListSize() != 0)
             DisposeScriptList(MT_STOPPLUGIN);
-        if (CThreadGate::Instance().WaitEmpty(CLOSE_PASS_MS) && GetPRunScriptListSize() == 0)
+        if (m_spGate->WaitEmpty(std::min(deadline, steady_clock::now() + CLOSE_PASS)) && GetPRunScriptListSize() == 0)
             return true;
-    }
+    } while (steady_clock::now() < deadline);
     return false;
 }
 
+// A policy that was accepted and that no work thread took before the end: a stop came first.
+void CMaintMgr::LogNeverRun() {
+    const CMaintLockGuard lock(m_csPolicyList);
+    for (const _MaintPolicyDetail& record : m_MaintPolicyList)
+        QXLogPrint(3, MAINT_LOG_SOURCE, "Close", __LINE__,
+                   "*qxpmaint CMaintMgr::Close never run strID[%s] strScriptId[%s]", record.strID.c_str(),
+                   record.strScriptId.c_str());
+}
+
 int CMaintMgr::Init() {
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Init begin");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Init", __LINE__, "qxpmaint CMaintMgr::Init begin");
     m_strDataPath = CMainTTool::MaintGetCltPath() + "../data/qxpmaint/";
     CMainTTool::RecursiveCreateDir(m_strDataPath.c_str());
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Init end");
+    m_bInitialised = true;
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Init", __LINE__, "qxpmaint CMaintMgr::Init end");
     return 1;
 }
 
 int CMaintMgr::Start() {
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Start begin");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Start", __LINE__, "qxpmaint CMaintMgr::Start begin");
     SetWork(1);
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Start end");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Start", __LINE__, "qxpmaint CMaintMgr::Start end");
     return 1;
 }
 
 int CMaintMgr::UnInit() {
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::UnInit begin");
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::UnInit end");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "UnInit", __LINE__, "qxpmaint CMaintMgr::UnInit begin");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "UnInit", __LINE__, "qxpmaint CMaintMgr::UnInit end");
     return 1;
 }
 

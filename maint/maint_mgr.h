@@ -3,15 +3,37 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <list>
+#include <memory>
 
 #include "maint/maint_records.h"
+#include "maint/process_scan.h"
+#include "maint/thread_gate.h"
 
 /// The source unit of the manager's log records, however many files it is spread over.
 inline constexpr char MAINT_LOG_SOURCE[] = "qxpmaintmgr";
 
 /// How DisposeScriptList selects and ends runs. Any other value acts like MT_STOPPLUGIN.
 enum : unsigned int { MT_ERROR = 0, MT_STOPPLUGIN = 1, MT_RUNCOMPLETE = 2, MT_RUNTIMEOUT = 3 };
+
+class CMaintMgr;
+
+/// A use of the manager by a thread that does not belong to it (a bus thread, a host's thread, the loader): while it is
+/// held, the manager is not destroyed. Empty when there is no manager.
+class CMaintMgrUse {
+public:
+    CMaintMgrUse() = default;
+    CMaintMgrUse(CMaintMgr& mgr, CThreadTicket ticket) : m_Ticket(std::move(ticket)), m_pMgr(&mgr) {}
+
+    explicit operator bool() const { return m_pMgr != nullptr; }
+    CMaintMgr* operator->() const { return m_pMgr; }
+    CMaintMgr& operator*() const { return *m_pMgr; }
+
+private:
+    CThreadTicket m_Ticket;
+    CMaintMgr* m_pMgr = nullptr;
+};
 
 /// The maintenance manager: takes policies, queues their scripts, runs and supervises them and reports the results. One
 /// object per process. Operations return 1 for success and 0 for failure unless they say otherwise.
@@ -23,12 +45,16 @@ public:
     /// Runs in progress plus the scripts of a new policy must number fewer than twice this.
     static constexpr unsigned int MaxRunThreadCount = 32;
 
-    // Lifecycle. Instance and Close belong to the plugin core's init and uninit.
+    // Lifecycle. Instance, Present and Close belong to the plugin core's init and uninit.
 
     /// The manager, made on first use; null when memory is short.
     static CMaintMgr* Instance();
-    /// Ends the runs and threads that are left and destroys the manager. When a thread does not end within the bound it
-    /// is left alone with the manager it uses, and a log line says so.
+    /// The manager, null when there is none: none is made. For the thread that alone may call Close.
+    static CMaintMgr* Present() { return m_pThis.load(); }
+    /// The same for any other thread, counted; empty also while it is not initialised yet. Throws nothing.
+    static CMaintMgrUse Use();
+    /// Ends the runs and threads that are left and destroys the manager, within 15 seconds. When a thread does not end
+    /// within that bound it is left alone with the manager it uses, and a log line says so. Throws nothing.
     static void Close();
     int Init();
     int Start();
@@ -56,9 +82,13 @@ public:
 
     /// 1 when the policy was queued for the work thread, 0 when it was refused whole. Any thread.
     int SetPolicy(const char* lpJsonData, CPString strID, unsigned int dwPolicyType);
+    /// Starts a work thread for policies that are queued and have none: its creation may have failed, or it was
+    /// cancelled. Any thread.
+    void ResumeQueued();
     /// Writes and starts each script on the calling thread. Always 1.
     int RunNewScript(const std::list<_MaintPolicyDetail>& list);
-    /// Runs the list on the calling thread and waits until no run is left. 0 for an empty list.
+    /// Runs the list on the calling thread and waits until no run is left. 0 for an empty list, and when the manager is
+    /// being closed.
     int RunOnceTask(const std::list<_MaintPolicyDetail>& list);
     unsigned int GetPRunScriptListSize();
     /// 1 when the file was written whole.
@@ -92,6 +122,9 @@ public:
     static void* RunScriptThread(void* pParam);
     static void* WorkThread(void* pParam);
 
+    /// Counts the threads that use this manager.
+    const std::shared_ptr<CThreadGate>& Gate() const { return m_spGate; }
+
     CMaintMgr(const CMaintMgr&) = delete;
     CMaintMgr& operator=(const CMaintMgr&) = delete;
 
@@ -101,13 +134,29 @@ private:
     CMaintMgr();
     virtual ~CMaintMgr();
 
+    /// What a work thread begins with.
+    struct _WorkStart {
+        CMaintMgr& Mgr;
+        CThreadTicket Ticket;
+    };
+
+    static CMaintMgr* Withdraw();
     void WorkPass();
     void TryWorkPass();
     bool IsWorkThread();
     void LeaveWorkThread();
-    bool EndWhatIsLeft();
+    void CreateWorkThread();
+    bool EndWhatIsLeft(std::chrono::steady_clock::time_point deadline);
+    void LogNeverRun();
+    bool WaitWorkEvent(long lMilliseconds);
     bool HasQueuedPolicy();
+    bool HasFinishedRun();
     void PassSignalOn();
+    std::list<_RunScriptData> TakeDisposed(unsigned int dwDisposeType, unsigned int dwCount, unsigned long ulNow);
+    void FinishDisposal(_RunScriptData& run, unsigned int dwDisposeType, unsigned long ulNow,
+                        const CPString& strEndTime);
+    void ReportByPolicy(std::list<_RunScriptData>& listDisposed);
+    void FinishWithoutThread(_RunScriptData& stRunData, int iError);
     void StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam);
     void RunScript(const _MaintPolicyDetail& record);
     CPString ScriptDirectory(const _MaintPolicyDetail& stPolicy);
@@ -126,4 +175,10 @@ private:
     std::list<_MaintPolicyDetail> m_MaintPolicyList;  // guarded by m_csPolicyList
     CPString m_strDataPath;                           // set by Init, before any other use; ends in '/'
     std::atomic<int> m_iRunOnceWaiting{0};            // callers inside RunOnceTask
+    std::atomic<bool> m_bInitialised{false};
+    std::atomic<bool> m_bClosing{false};  // nothing is accepted or started any more
+    const std::shared_ptr<CThreadGate> m_spGate = std::make_shared<CThreadGate>();
+    CProcReader m_ProcReader;
+    CProcessScan m_ProcessScan{m_ProcReader};
+    CMaintMgr* m_pNextLeftBehind = nullptr;  // of a manager that was left to its threads
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <memory>
 
 #include "qxhost/cpstring.h"
@@ -54,4 +55,7 @@ struct _RunScriptData {
     CPString strCheckRet;
     /// Shared with the run thread; null in copies.
     std::shared_ptr<CRunControl> spControl;
+    /// Room for the copy that is reported, one element made at the launch: taking a run out of the list needs no
+    /// memory.
+    std::list<_RunScriptData> listCopyRoom;
 };

@@ -52,30 +52,30 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
                            std::list<_MaintPolicyDetail>& list) {
     if (!lpJsonData || !*lpJsonData)
         return 0;
-    QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::ParsePolicy strID[%s] lpJsonData[%s] ",
-               strID.c_str(), lpJsonData);
+    QXLogPrint(6, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
+               "qxpmaint CMaintMgr::ParsePolicy strID[%s] lpJsonData[%s] ", strID.c_str(), lpJsonData);
     qxtools::CPJsonParse json;
     if (!json.LoadBuffer(lpJsonData)) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                    "*qxpmaint CMaintMgr::ParsePolicy LoadBuffer Error strID[%s] lpJsonData[%s] ", strID.c_str(),
                    lpJsonData);
         return 0;
     }
     void* pParam = json.GetNode(nullptr, "param");
     if (!pParam) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                    "*qxpmaint CMaintMgr::ParsePolicy GetNode param Error strID[%s]", strID.c_str());
         return 0;
     }
     void* pScriptInfo = json.GetNode(pParam, "scriptinfo");
     if (!pScriptInfo) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                    "*qxpmaint CMaintMgr::ParsePolicy GetNode scriptinfo Error strID[%s]", strID.c_str());
         return 0;
     }
     std::list<void*> listScript;
     if (!json.GetAllNode(pScriptInfo, listScript)) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                    "*qxpmaint CMaintMgr::ParsePolicy GetAllNode Error strID[%s]", strID.c_str());
         return 0;
     }
@@ -86,7 +86,7 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
         CPString strSign;
         _MaintPolicyDetail record;
         if (!ReadMember(json, pScript, "scriptdata", strScriptData)) {
-            QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+            QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                        "*qxpmaint CMaintMgr::ParsePolicy GetNode scriptdata Error strID[%s]", strID.c_str());
             continue;
         }
@@ -94,7 +94,7 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
             continue;
         CMaintSign sign;
         if (!sign.VerifySignContent(strSign.c_str(), strScriptData.c_str())) {
-            QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+            QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                        "*qxpmaint CMaintMgr::ParsePolicy VerifySignContent fail strID[%s]", strID.c_str());
             continue;
         }

@@ -1,118 +1,185 @@
 #include "maint/process_tree.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <csignal>
-#include <ctime>
 
 #include <algorithm>
+#include <exception>
 
-#include "tool/main_t_tool.h"
+#include "tool/pause.h"
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 namespace {
 
-/// Rounds of killing: a process that forks while it is killed leaves children for the next round.
+/// Rounds of killing: a process that could not be stopped in time may have left children for the next round.
 constexpr int KILL_ROUNDS = 20;
-constexpr int KILL_ROUND_MS = 100;
-constexpr int FIRST_LOOK_MS = 5;
-constexpr int LAST_LOOK_MS = 100;
-
-void Pause(int iMilliseconds) {
-    const timespec stPause{iMilliseconds / 1000, iMilliseconds % 1000 * 1'000'000L};
-    nanosleep(&stPause, nullptr);
-}
-
-bool IsAlive(const _ProcessIdentity& stIdentity) {
-    const auto stat = ReadProcessStat(stIdentity.iPid);
-    return stat && stat->stIdentity == stIdentity && !stat->HasEnded();
-}
-
-// A pidfd keeps naming the process it was opened for, so the check of the identity after the opening holds for the
-// signal: it can never reach a process that has taken over the pid.
-void SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
-    const auto iPidFd = static_cast<int>(syscall(SYS_pidfd_open, stIdentity.iPid, 0));
-    if (iPidFd < 0)
-        return;
-    if (IsAlive(stIdentity))
-        syscall(SYS_pidfd_send_signal, iPidFd, iSignal, nullptr, 0);
-    close(iPidFd);
-}
+constexpr milliseconds KILL_ROUND{100};
+/// How often processes that are being stopped are looked at. Each look finds what was started since the one before by
+/// a process that the stop had not reached; few programs take three.
+constexpr int FREEZE_LOOKS = 50;
+constexpr milliseconds FREEZE_PAUSE{1};
+/// Looks that may fail in one freezing; the rounds around it try again, with longer pauses.
+constexpr int FREEZE_FAILURES = 3;
+constexpr milliseconds FIRST_PAUSE{5};
+constexpr milliseconds LAST_PAUSE{100};
 
 }  // namespace
 
-CProcessTree::CProcessTree(const CChildProcess& child) : m_Child(child) {
-    if (child.IsKnown())
-        m_Alive.emplace(child.Identity().iPid, child.Identity());
+CProcessTree::CProcessTree(const CChildProcess& child, CProcReader& reader, CProcessScan& scan)
+    : m_Child(child), m_Reader(reader), m_Scan(scan) {
 }
 
-bool CProcessTree::IsPartOfRun(const _ProcessStat& stat) const {
+bool CProcessTree::IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const {
     const _ProcessIdentity& stIdentity = stat.stIdentity;
     if (stIdentity.iPid == getpid() || stIdentity.iPid == 1)
         return false;
-    const auto known = m_Alive.find(stIdentity.iPid);
-    if (known != m_Alive.end() && known->second == stIdentity)
+    if (stIdentity == m_Child.Identity())
         return true;
-    // Nothing older than the child can be part of its run; this spares most processes the look at their descriptors.
+    const auto known = m_Alive.find(stIdentity.iPid);
+    if (known != m_Alive.end() && known->second.stIdentity == stIdentity)
+        return true;
     return stIdentity.u64StartTime >= m_Child.Identity().u64StartTime &&
-           HoldsWriteEnd(stIdentity.iPid, m_Child.PipeName());
+           snapshot.CanWrite(stIdentity.iPid, m_Child.PipeName());
 }
 
-bool CProcessTree::CollectAlive() {
-    const auto table = ReadProcessTable();
-    if (!table.contains(getpid()))
-        return !m_Child.HasExited();  // /proc cannot be read: what is known of the run stays as it is
-    std::map<pid_t, _ProcessIdentity> found;
-    for (const auto& [iPid, stat] : table) {
-        if (IsPartOfRun(stat))
-            found.emplace(iPid, stat.stIdentity);
+// False when not everything could be looked at; what is known of the run is kept then.
+bool CProcessTree::Collect() try {
+    const auto spSnapshot = m_Scan.Look(m_Child.PipeName(), m_Child.Identity().u64StartTime);
+    if (!spSnapshot)
+        return false;
+    std::map<pid_t, _ProcessStat> found;
+    for (const _ProcessStat& stat : spSnapshot->processes) {
+        if (IsPartOfRun(stat, *spSnapshot))
+            found.emplace(stat.stIdentity.iPid, stat);
     }
     // A child may have a lower pid than its parent, so one pass over the table is not enough.
-    for (bool bGrown = true; bGrown;) {
+    for (bool bGrown = !found.empty(); bGrown;) {
         bGrown = false;
-        for (const auto& [iPid, stat] : table) {
-            if (!found.contains(iPid) && found.contains(stat.iParent) && iPid != getpid())
-                bGrown = found.emplace(iPid, stat.stIdentity).second;
+        for (const _ProcessStat& stat : spSnapshot->processes) {
+            const pid_t iPid = stat.stIdentity.iPid;
+            if (found.contains(stat.iParent) && iPid != getpid())
+                bGrown = found.emplace(iPid, stat).second || bGrown;
+        }
+    }
+    std::erase_if(found, [](const auto& entry) { return entry.second.HasEnded(); });
+    // One that was there and could not be looked at this time may be alive still.
+    if (!spSnapshot->bComplete) {
+        for (const auto& [iPid, stat] : m_Alive) {
+            if (!spSnapshot->Find(iPid))
+                found.emplace(iPid, stat);
         }
     }
     m_Alive = std::move(found);
-    std::erase_if(m_Alive, [&](const auto& entry) { return table.at(entry.first).HasEnded(); });
-    return !m_Alive.empty() || !m_Child.HasExited();
+    return spSnapshot->bComplete;
+} catch (const std::exception&) {
+    return false;  // out of memory
 }
 
-void CProcessTree::Signal(int iSignal) const {
+// Left: some are alive.
+CProcessTree::EEnd CProcessTree::Look() {
+    const bool bComplete = Collect();
+    if (!m_Alive.empty() || (m_Child.IsKnown() && !m_Child.HasExited()))
+        return EEnd::Left;
+    return bComplete && m_Child.IsKnown() && !m_Child.PipeName().empty() ? EEnd::Gone : EEnd::Unknown;
+}
+
+bool CProcessTree::IsAlive(const _ProcessIdentity& stIdentity) {
+    _ProcessStat stat;
+    switch (m_Reader.ReadStat(stIdentity.iPid, stat)) {
+        case CProcReader::ERead::Done:
+            return stat.stIdentity == stIdentity && !stat.HasEnded();
+        case CProcReader::ERead::Gone:
+            return false;
+        case CProcReader::ERead::Failed:
+            break;
+    }
+    return true;  // for all that is known
+}
+
+// A pidfd keeps naming the process it was opened for, so the check of the identity after the opening holds for the
+// signal: it cannot reach a process that has taken over the pid. Without a pidfd the check comes right before the
+// signal.
+void CProcessTree::SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
+    const CUniqueDescriptor pidFd = OpenPidFd(stIdentity.iPid);
+    _ProcessStat stat;
+    if (m_Reader.ReadStat(stIdentity.iPid, stat) != CProcReader::ERead::Done || stat.stIdentity != stIdentity)
+        return;
+    if (!pidFd || !SignalPidFd(pidFd, iSignal))
+        kill(stIdentity.iPid, iSignal);
+}
+
+void CProcessTree::Signal(int iSignal) {
     m_Child.Signal(iSignal);
-    for (const auto& [iPid, stIdentity] : m_Alive) {
-        if (stIdentity != m_Child.Identity())
-            SignalProcess(stIdentity, iSignal);
+    for (const auto& [iPid, stat] : m_Alive) {
+        if (stat.stIdentity != m_Child.Identity())
+            SignalProcess(stat.stIdentity, iSignal);
     }
 }
 
-void CProcessTree::WaitGone(int iMilliseconds) const {
-    int iLook = FIRST_LOOK_MS;
-    for (int iWaited = 0; iWaited < iMilliseconds; iWaited += iLook, iLook = std::min(2 * iLook, LAST_LOOK_MS)) {
-        const bool bAnyAlive =
-            std::any_of(m_Alive.begin(), m_Alive.end(), [](const auto& entry) { return IsAlive(entry.second); });
-        if (!bAnyAlive && m_Child.HasExited())
+void CProcessTree::WaitGone(milliseconds time) {
+    const auto deadline = steady_clock::now() + time;
+    for (milliseconds pause = FIRST_PAUSE;; pause = std::min(2 * pause, LAST_PAUSE)) {
+        const bool bAnyAlive = std::any_of(m_Alive.begin(), m_Alive.end(),
+                                           [this](const auto& entry) { return IsAlive(entry.second.stIdentity); });
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+        if ((!bAnyAlive && (!m_Child.IsKnown() || m_Child.HasExited())) || left.count() <= 0)
             return;
-        Pause(iLook);
+        MaintPause(std::min(pause, left));
     }
 }
 
-bool CProcessTree::End(int iGraceMilliseconds) {
-    const unsigned long ulBegin = CMainTTool::MaintGetTickCount();
-    for (int iLeft = iGraceMilliseconds; iLeft > 0;) {
-        if (!CollectAlive())
-            return true;
-        Signal(SIGTERM);
-        Signal(SIGCONT);
-        WaitGone(iLeft);
-        iLeft = iGraceMilliseconds - static_cast<int>(CMainTTool::MaintGetTickCount() - ulBegin);
+// A process that ends on a signal while it starts another leaves that one to init, where nothing shows that it belongs
+// to the run. So all are stopped first, and looked for until a look finds nothing that still runs: a stopped process
+// starts no other, and its children stay its own.
+CProcessTree::EEnd CProcessTree::Freeze() {
+    EEnd eEnd = EEnd::Unknown;
+    int iFailures = 0;
+    m_Child.Signal(SIGSTOP);  // at once: it is the one that is known without a look
+    for (int iLook = 0; iLook < FREEZE_LOOKS && iFailures < FREEZE_FAILURES; ++iLook) {
+        eEnd = Look();
+        iFailures += eEnd == EEnd::Unknown ? 1 : 0;
+        bool bSettled = eEnd != EEnd::Unknown;
+        for (const auto& [iPid, stat] : m_Alive) {
+            if (m_Frozen.contains(stat.stIdentity) && stat.IsHalted())
+                continue;
+            bSettled = false;
+            SignalProcess(stat.stIdentity, SIGSTOP);
+            try {
+                m_Frozen.insert(stat.stIdentity);
+            } catch (const std::exception&) {
+                continue;  // out of memory: it is stopped once more at the next look
+            }
+        }
+        if (bSettled)
+            break;
+        MaintPause(FREEZE_PAUSE);
     }
-    for (int iRound = 0; iRound < KILL_ROUNDS; ++iRound) {
-        if (!CollectAlive())
-            return true;
+    return eEnd;
+}
+
+CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
+    const auto deadline = steady_clock::now() + grace;
+    EEnd eEnd = EEnd::Unknown;
+    if (grace.count() > 0) {
+        eEnd = Freeze();
+        while (eEnd != EEnd::Gone) {
+            Signal(SIGTERM);
+            Signal(SIGCONT);
+            const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+            if (left.count() <= 0)
+                break;
+            WaitGone(m_Alive.empty() ? std::min(left, LAST_PAUSE) : left);
+            eEnd = Look();
+        }
+        m_Frozen.clear();
+    }
+    for (int iRound = 0; iRound < KILL_ROUNDS && eEnd != EEnd::Gone; ++iRound) {
+        Freeze();
         Signal(SIGKILL);
-        WaitGone(KILL_ROUND_MS);
+        WaitGone(KILL_ROUND);
+        eEnd = Look();
     }
-    return !CollectAlive();
+    return eEnd;
 }

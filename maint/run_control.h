@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <semaphore>
 
 #include "maint/child_process.h"
@@ -12,8 +14,7 @@ class CMaintMgr;
 /// it before it lists the record, so a record can be freed at any time after that without its thread reaching for it.
 class CRunControl {
 public:
-    explicit CRunControl(CMaintMgr& mgr);
-    ~CRunControl();
+    CRunControl(CMaintMgr& mgr, CProcReader& reader);
     CRunControl(const CRunControl&) = delete;
     CRunControl& operator=(const CRunControl&) = delete;
 
@@ -21,7 +22,7 @@ public:
     void Wake() const;
     /// Readable once Wake has been called; -1 when there was no descriptor to be had: the thread then looks at the stop
     /// flag once a second.
-    int WakeDescriptor() const { return m_iWakeDescriptor; }
+    int WakeDescriptor() const { return m_Wake.Get(); }
 
     /// The manager of this run, which lives as long as the run thread has its place in the gate.
     CMaintMgr& Mgr;
@@ -39,9 +40,19 @@ public:
     CThreadTicket Ticket;
     /// Of the launcher, and from Attached on of the run thread.
     CChildProcess Child;
-    /// Of the run thread: the stream of the child is closed, or about to be.
-    bool bStreamClosed = false;
+    /// The child's stream was closed on a thread of its own, and so the child has been waited for.
+    std::atomic<bool> bChildReaped{false};
+
+    /// Closes the child's stream, which waits for the child: here when the child has ended, otherwise on a thread of
+    /// its own that uses nothing but this block and that nobody waits for, since the wait can last as long as the child
+    /// does. False when there is no thread to be had; the stream is then still there.
+    static bool CloseStream(const std::shared_ptr<CRunControl>& spControl);
 
 private:
-    int m_iWakeDescriptor;
+    static void* CloseStreamThread(void* pParam);
+
+    CUniqueDescriptor m_Wake;
+    // What the closing thread takes over.
+    std::shared_ptr<CRunControl> m_spForCloser;
+    FILE* m_pClosing = nullptr;
 };

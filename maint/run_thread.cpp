@@ -1,11 +1,12 @@
 #include "maint/run_thread.h"
 
+#include <cxxabi.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <csignal>
 
 #include <exception>
 
+#include "maint/attempt.h"
 #include "maint/maint_lock.h"
 #include "maint/process_tree.h"
 #include "maint/test_point.h"
@@ -16,7 +17,7 @@ namespace {
 /// How long a wait lasts before the thread looks at its stop flag and its cancellation by itself.
 constexpr int WAIT_TICK_MS = 1000;
 /// What ended processes get between SIGTERM and SIGKILL.
-constexpr int END_GRACE_MS = 2000;
+constexpr std::chrono::milliseconds END_GRACE{2000};
 
 void SetThreadName(unsigned int dwSequenceIndex) {
     char szName[16] = {};
@@ -28,17 +29,13 @@ void SetThreadName(unsigned int dwSequenceIndex) {
 
 std::shared_ptr<CRunControl> CRunThread::Attach(_RunScriptData& stRunData, CThreadTicket& ticket) {
     std::shared_ptr<CRunControl> spControl = stRunData.spControl;
-    ticket.Adopt();
-    spControl->Ticket.HandOver();
+    ticket = CThreadTicket::Adopt(spControl->Ticket);
     spControl->Attached.release();
     return spControl;
 }
 
 CRunThread::CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl)
-    : m_Mgr(spControl->Mgr),
-      m_pRunData(pRunData),
-      m_spControl(std::move(spControl)),
-      m_pStream(m_spControl->Child.Stream()) {
+    : m_Mgr(spControl->Mgr), m_pRunData(pRunData), m_spControl(std::move(spControl)) {
     Begin();
 }
 
@@ -86,8 +83,8 @@ CRunThread::EPhase CRunThread::ReadStep() {
         return LeaveReading();
     if (StopRequested())
         return EPhase::Over;
-    if (!m_pStream)
-        return EPhase::WaitingForExit;
+    if (!m_spControl->Child.Stream())
+        return EPhase::Over;
     std::string_view chunk;
     const CChunkReader::EState eState = m_Reader.Next(chunk);
     m_bChunkBegins = eState == CChunkReader::EState::Chunk;
@@ -100,8 +97,9 @@ CRunThread::EPhase CRunThread::ReadStep() {
 
 // Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
 CRunThread::EPhase CRunThread::LeaveReading() {
-    if (m_pStream)
-        CloseReadEnd(m_pStream, m_spControl->WakeDescriptor());
+    if (!m_spControl->Child.Stream())
+        return EPhase::Over;
+    CloseReadEnd(m_spControl->Child.Stream(), m_spControl->WakeDescriptor());
     return EPhase::WaitingForExit;
 }
 
@@ -113,18 +111,25 @@ void CRunThread::TakeChunk(std::string_view chunk) {
 }
 
 void CRunThread::WaitForOutput() {
-    pollfd arrWait[] = {{fileno(m_pStream), POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
+    const int iOutput = fileno(m_spControl->Child.Stream());
+    pollfd arrWait[] = {{iOutput, POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
     if (poll(arrWait, 2, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0)
-        m_Reader.Fill(fileno(m_pStream));
+        m_Reader.Fill(iOutput);
+    else
+        m_spControl->Child.FindAgain();
 }
 
 CRunThread::EPhase CRunThread::WaitStep() {
+    CRunControl& control = *m_spControl;
     if (StopRequested())
         return EPhase::Over;
-    m_spControl->Child.FindAgain();
-    if (m_spControl->Child.HasExited())
+    control.Child.FindAgain();
+    // Of a child that is not known nothing tells the exit but the close of its stream, which nothing could wake.
+    if (!control.Child.IsKnown())
+        CRunControl::CloseStream(m_spControl);
+    if (control.bChildReaped || control.Child.HasExited())
         return EPhase::Over;
-    m_spControl->Child.WaitExit(m_spControl->WakeDescriptor(), WAIT_TICK_MS);
+    control.Child.WaitExit(control.WakeDescriptor(), WAIT_TICK_MS);
     return EPhase::WaitingForExit;
 }
 
@@ -133,16 +138,21 @@ bool CRunThread::StopRequested() {
     return m_spControl->iStopFlag != 0;
 }
 
+void CRunThread::Abandon() {
+    m_bAbandoned = true;
+    m_iResult = 0;
+}
+
 void CRunThread::Finish() {
     if (m_bAbandoned || StopRequested())
-        EndProcesses();
-    // A child that is not known, or that even SIGKILL did not end, is waited for here and not under the lock.
+        EndOnce();
+    // What may have to wait for the child is not done under the lock.
     if (!m_spControl->Child.CanBeClosedNow())
-        CloseStream();
+        CloseStream(m_spControl);
     TestPoint("run storing");
     if (!StoreResult()) {
-        EndProcesses();  // told to stop since the look above
-        CloseStream();
+        EndOnce();  // told to stop since the look above
+        CloseStream(m_spControl);
     }
     TestPoint("run stored");
     CMainTTool::MaintSetEvent(m_hRunEvent);
@@ -161,33 +171,61 @@ bool CRunThread::StoreResult() {
         CMainTTool::CleanHandle(*phHandle);
         *phHandle = nullptr;
     }
-    CloseStream();  // the child has ended: returns at once
+    CloseStream(m_spControl);  // the child has ended: returns at once
     stProcessInfo.hProcess = nullptr;
     m_pRunData->dwRunState = RUN_FINISHED;
     m_pRunData->iRunResult = m_iResult;
     return true;
 }
 
-void CRunThread::EndProcesses() {
-    if (!m_pStream || m_bProcessesEnded)
+void CRunThread::EndOnce() {
+    CRunControl& control = *m_spControl;
+    if (!control.Child.WasStarted() || m_bProcessesEnded)
         return;
     m_bProcessesEnded = true;
-    CloseReadEnd(m_pStream, m_spControl->WakeDescriptor());
-    m_spControl->Child.FindAgain();
-    if (!CProcessTree(m_spControl->Child).End(END_GRACE_MS))
+    if (control.Child.Stream())
+        CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
+    control.Child.FindAgain();
+    EndProcesses(control, END_GRACE);
+}
+
+void CRunThread::EndProcesses(CRunControl& control, std::chrono::milliseconds grace) {
+    CMaintMgr& mgr = control.Mgr;
+    const int iPid = control.Child.Identity().iPid;
+    switch (CProcessTree(control.Child, mgr.m_ProcReader, mgr.m_ProcessScan).End(grace)) {
+        case CProcessTree::EEnd::Gone:
+            break;
+        case CProcessTree::EEnd::Left:
+            Attempt("RunScriptThread", [&] {
+                QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
+                           "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]", iPid);
+            });
+            break;
+        case CProcessTree::EEnd::Unknown:
+            Attempt("RunScriptThread", [&] {
+                QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
+                           "*qxpmaint CMaintMgr::RunScriptThread processes may be left of pid[%d], they could not be "
+                           "looked for",
+                           iPid);
+            });
+            break;
+    }
+}
+
+void CRunThread::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
+    if (CRunControl::CloseStream(spControl))
+        return;
+    Attempt("RunScriptThread", [&] {
         QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
-                   "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]",
-                   m_spControl->Child.Identity().iPid);
+                   "*qxpmaint CMaintMgr::RunScriptThread stream left open of pid[%d]",
+                   spControl->Child.Identity().iPid);
+    });
 }
 
-void CRunThread::CloseStream() {
-    m_spControl->bStreamClosed = true;
-    CMainTTool::CleanHandle(m_pStream);
-    m_pStream = nullptr;
-}
-
-void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, CRunControl& control) {
-    control.Child.Signal(SIGKILL);
+void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
+    CRunControl& control = *spControl;
+    if (control.Child.WasStarted())
+        EndProcesses(control, std::chrono::milliseconds(0));
     CMaintMgr& mgr = control.Mgr;
     {
         const CMaintLockGuard lock(mgr.m_csRunScriptList);
@@ -198,19 +236,15 @@ void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, CRunControl& con
             stRunData.iRunResult = 0;
         }
     }
-    if (!control.bStreamClosed)
-        CMainTTool::CleanHandle(control.Child.Stream());
+    CloseStream(spControl);
     CMainTTool::MaintSetEvent(mgr.m_hWorkEvent);
 }
 
 namespace {
 
-void FinishRun(CRunThread& run, _RunScriptData& stRunData, CRunControl& control) {
-    try {
-        run.Finish();
-    } catch (const std::exception&) {
-        CRunThread::FinishWithoutMemory(stRunData, control);
-    }
+void FinishRun(CRunThread& run, _RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
+    if (!Attempt("RunScriptThread", [&] { run.Finish(); }))
+        CRunThread::FinishWithoutMemory(stRunData, spControl);
 }
 
 }  // namespace
@@ -225,36 +259,34 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
         spControl = CRunThread::Attach(*pRunData, ticket);
     TestPoint("run attached");
     // The run's own manager; the present one differs when a close has given up on this thread.
-    CMaintMgr* pThis = spControl ? &spControl->Mgr : Instance();
+    CMaintMgr* pThis = spControl ? &spControl->Mgr : Present();
     if (!pThis) {
-        QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
                       "**qxpmaint CMaintMgr::RunScriptThread pThis is NULL");
         return nullptr;
     }
     if (!pRunData) {
-        QXLogPrintStr(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
                       "**qxpmaint CMaintMgr::RunScriptThread pRunData is NULL");
         return nullptr;
     }
     try {
         CRunThread run(pRunData, spControl);
-        bool bCancelled = false;
         try {
-            while (run.Step()) {
-                bCancelled = true;  // unless the next line returns
+            while (run.Step())
                 CancellationPoint();
-                bCancelled = false;
-            }
-        } catch (...) {
+        } catch (const abi::__forced_unwind&) {
             run.Abandon();
-            if (bCancelled) {
-                FinishRun(run, *pRunData, *spControl);
-                throw;
-            }
+            FinishRun(run, *pRunData, spControl);
+            throw;
+        } catch (const std::exception& error) {
+            run.Abandon();
+            Attempt("RunScriptThread", [&] { LogFailedStep("RunScriptThread", error.what()); });
         }
-        FinishRun(run, *pRunData, *spControl);
-    } catch (const std::exception&) {
-        CRunThread::FinishWithoutMemory(*pRunData, *spControl);  // not even the beginning found memory
+        FinishRun(run, *pRunData, spControl);
+    } catch (const std::exception& error) {
+        Attempt("RunScriptThread", [&] { LogFailedStep("RunScriptThread", error.what()); });
+        CRunThread::FinishWithoutMemory(*pRunData, spControl);  // not even the beginning found memory
     }
     return nullptr;
 }

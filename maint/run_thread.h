@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "maint/maint_mgr.h"
@@ -13,7 +14,8 @@
 /// Used by one thread. It touches the record only under m_csRunScriptList and only while the stop flag is 0.
 class CRunThread {
 public:
-    /// Takes over the control block of a record that is in no list yet, and lets the launcher go on.
+    /// Takes over the control block of a record that is in no list yet, and the thread's place in the gate, and lets
+    /// the launcher go on.
     static std::shared_ptr<CRunControl> Attach(_RunScriptData& stRunData, CThreadTicket& ticket);
 
     CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl);
@@ -22,11 +24,18 @@ public:
 
     /// False when the run is over and Finish is to be called.
     bool Step();
-    /// The thread ends before its run does: the processes are ended too.
-    void Abandon() { m_bAbandoned = true; }
+    /// The thread ends before its run does: the processes are ended too, and the run has failed.
+    void Abandon();
     void Finish();
-    /// Finishes the run as a failed one with no memory to be had: the child alone is killed, its output is lost.
-    static void FinishWithoutMemory(_RunScriptData& stRunData, CRunControl& control);
+    /// Finishes the run as a failed one after even that has failed: the child alone is killed, its output is lost.
+    static void FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl);
+
+    // Steps of an ending, for whoever holds the run's child. They throw nothing.
+
+    /// Ends the processes of a run. A line says when some are left, or may be.
+    static void EndProcesses(CRunControl& control, std::chrono::milliseconds grace);
+    /// Closes the child's stream without waiting for a child that lives on. A line says when that cannot be.
+    static void CloseStream(const std::shared_ptr<CRunControl>& spControl);
 
 private:
     enum class EPhase { Reading, WaitingForExit, Over };
@@ -39,13 +48,11 @@ private:
     void WaitForOutput();
     bool StopRequested();
     bool StoreResult();
-    void EndProcesses();
-    void CloseStream();
+    void EndOnce();
 
     CMaintMgr& m_Mgr;
     _RunScriptData* const m_pRunData;
     const std::shared_ptr<CRunControl> m_spControl;
-    FILE* m_pStream;
     EPhase m_ePhase = EPhase::Reading;
     bool m_bAbandoned = false;
     bool m_bProcessesEnded = false;

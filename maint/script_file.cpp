@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <memory>
 
+#include "maint/attempt.h"
 #include "maint/maint_mgr.h"
 #include "tool/qx_log_print.h"
 
@@ -33,16 +35,25 @@ CPString CMaintMgr::ScriptDirectory(const _MaintPolicyDetail& stPolicy) {
 }
 
 int CMaintMgr::RunNewScript(const std::list<_MaintPolicyDetail>& list) {
+    const auto logNotRun = [](const _MaintPolicyDetail& record, const char* pszWhy) {
+        Attempt("RunNewScript", [&] {
+            QXLogPrint(4, MAINT_LOG_SOURCE, "RunNewScript", __LINE__,
+                       "**qxpmaint CMaintMgr::RunNewScript Error[%s] strScriptId[%s]", pszWhy,
+                       record.strScriptId.c_str());
+        });
+    };
     for (const _MaintPolicyDetail& record : list) {
         try {
-            RunScript(record);
+            if (m_bClosing)
+                logNotRun(record, "closing");  // a thread that a close has given up starts nothing any more
+            else
+                RunScript(record);
         } catch (const std::exception& error) {
-            // Out of memory: this script is lost, the others are tried all the same.
-            QXLogPrint(4, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
-                       "**qxpmaint CMaintMgr::RunNewScript Error[%s] strScriptId[%s]", error.what(),
-                       record.strScriptId.c_str());
+            logNotRun(record, error.what());  // out of memory: the others are tried all the same
         }
     }
+    if (m_bClosing)
+        DisposeScriptList(MT_STOPPLUGIN);  // what was started while the close began, which may have given up by now
     return 1;
 }
 
@@ -56,15 +67,26 @@ void CMaintMgr::RunScript(const _MaintPolicyDetail& record) {
         strExtension.Format(".%s", record.strType.c_str());
     CPString strFullPath;
     strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
-    GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
-    CreateRunScript(strFullPath, "", dwSequence, record);
+    try {
+        GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
+        CreateRunScript(strFullPath, "", dwSequence, record);
+    } catch (...) {
+        CMainTTool::MaintDeleteFile(strFullPath.c_str());  // no run has it that would delete it
+        throw;
+    }
 }
 
 namespace {
 
+struct CFileClose {
+    void operator()(FILE* pFile) const { fclose(pFile); }
+};
+using CFilePtr = std::unique_ptr<FILE, CFileClose>;
+
 int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, unsigned char* pText, int iLength) {
     if (pText && iLength != 0) {
-        const auto iWritten = static_cast<int>(fwrite(pText, 1, static_cast<size_t>(iLength), pFile));
+        errno = EINVAL;  // of a negative length, which is refused
+        const auto iWritten = iLength < 0 ? 0 : static_cast<int>(fwrite(pText, 1, static_cast<size_t>(iLength), pFile));
         if (iWritten == iLength)
             return 1;
         const int iError = errno;
@@ -89,21 +111,15 @@ int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, uns
 int CMaintMgr::GenScriptFile(const CPString& strPath, const CPString& strText, unsigned char* pText, int iLength,
                              int bExec) {
     int iResult = 0;
-    {
-        // No launch may fork while the file is open for writing: its child would hold the descriptor until it executes,
-        // and running the file would fail with "Text file busy".
-        const std::lock_guard lock(LaunchLock());
-        if (FILE* pFile = fopen(strPath.c_str(), "wb+e")) {
-            // Unbuffered, so that a full disk is seen by the write and not lost in the close.
-            setvbuf(pFile, nullptr, _IONBF, 0);
-            iResult = WriteBody(pFile, strPath, strText, pText, iLength);
-            fclose(pFile);
-        } else {
-            const int iError = errno;
-            QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
-                       "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", iError, strerror(iError),
-                       strPath.c_str());
-        }
+    if (const CFilePtr spFile(fopen(strPath.c_str(), "wb+e")); spFile) {
+        // Unbuffered, so that a full disk is seen by the write and not lost in the close.
+        setvbuf(spFile.get(), nullptr, _IONBF, 0);
+        iResult = WriteBody(spFile.get(), strPath, strText, pText, iLength);
+    } else {
+        const int iError = errno;
+        QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
+                   "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", iError, strerror(iError),
+                   strPath.c_str());
     }
     if (bExec)
         chmod(strPath.c_str(), 0755);

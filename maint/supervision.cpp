@@ -1,21 +1,21 @@
 #include <sys/prctl.h>
-#include <ctime>
 
-#include <exception>
-#include <map>
+#include <algorithm>
+#include <chrono>
+#include <memory>
 
+#include "maint/attempt.h"
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
-#include "maint/thread_gate.h"
+#include "maint/test_point.h"
+#include "tool/pause.h"
 #include "tool/qx_log_print.h"
 
 namespace {
 
-constexpr long WORK_WAIT_MS = 5000;
-/// What the host's wait returns when the time is over.
-constexpr unsigned int WAIT_TIMED_OUT = 258;
+constexpr int WORK_WAIT_MS = 5000;
 constexpr int STOP_POLLS = 200;
-constexpr timespec STOP_POLL_PAUSE{0, 300'000'000};
+constexpr int STOP_POLL_MS = 300;
 
 const char* DisposeLabel(unsigned int dwDisposeType) {
     switch (dwDisposeType) {
@@ -47,75 +47,98 @@ bool IsSelected(const _RunScriptData& run, unsigned int dwDisposeType, unsigned 
 }
 
 // The copy takes the strings over, the output above all, and leaves the numbers and handles for CleanRunData.
-_RunScriptData TakeForReport(_RunScriptData& run) {
+void MoveForReport(_RunScriptData& run, std::list<_RunScriptData>& listDisposed) {
     const std::shared_ptr<CRunControl> spControl = std::move(run.spControl);
-    _RunScriptData copy = std::move(run);
+    listDisposed.splice(listDisposed.end(), run.listCopyRoom);
+    listDisposed.back() = std::move(run);
     run.spControl = spControl;  // NOLINT(bugprone-use-after-move): the control block stays with the record
-    return copy;
 }
 
 }  // namespace
 
-int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
-    const unsigned long ulNow = CMainTTool::MaintGetTickCount();
-    const unsigned int dwCount = GetPRunScriptListSize();
+// Takes the selected runs out of the list, without needing memory.
+std::list<_RunScriptData> CMaintMgr::TakeDisposed(unsigned int dwDisposeType, unsigned int dwCount,
+                                                  unsigned long ulNow) {
     std::list<_RunScriptData> listDisposed;
-    if (dwDisposeType != MT_ERROR && !(dwDisposeType == MT_RUNTIMEOUT && dwCount <= MaxRunThreadCount)) {
-        const CMaintLockGuard lock(m_csRunScriptList);
-        for (auto it = m_PRunScriptList.begin(); it != m_PRunScriptList.end();) {
-            _RunScriptData* pRunData = *it;
-            if (pRunData && !IsSelected(*pRunData, dwDisposeType, ulNow)) {
-                ++it;
-                continue;
-            }
-            if (pRunData) {
-                listDisposed.emplace_back();  // first, for nothing is taken from the record if memory is short
-                listDisposed.back() = TakeForReport(*pRunData);
-                CleanRunData(pRunData, dwDisposeType != MT_RUNCOMPLETE ? 1 : 0);
-            }
-            it = m_PRunScriptList.erase(it);
+    if (dwDisposeType == MT_ERROR || (dwDisposeType == MT_RUNTIMEOUT && dwCount <= MaxRunThreadCount))
+        return listDisposed;
+    const CMaintLockGuard lock(m_csRunScriptList);
+    for (auto it = m_PRunScriptList.begin(); it != m_PRunScriptList.end();) {
+        _RunScriptData* pRunData = *it;
+        if (pRunData && !IsSelected(*pRunData, dwDisposeType, ulNow)) {
+            ++it;
+            continue;
         }
+        if (pRunData) {
+            MoveForReport(*pRunData, listDisposed);
+            CleanRunData(pRunData, dwDisposeType != MT_RUNCOMPLETE ? 1 : 0);
+        }
+        it = m_PRunScriptList.erase(it);
     }
-    QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
-               "qxpmaint CMaintMgr::DisposeScriptList PRunScriptList[%u] dwDisposeType[%u] strDisposeType[%s]", dwCount,
-               dwDisposeType, DisposeLabel(dwDisposeType));
+    return listDisposed;
+}
 
-    const CPString strEndTime = GetStrTime(0, 1);
-    std::map<CPString, std::list<_RunScriptData>> mapReport;
-    while (!listDisposed.empty()) {
-        _RunScriptData& run = listDisposed.front();
-        const unsigned long uDiffTick = ElapsedTicks(run, ulNow);
-        if (dwDisposeType == MT_RUNCOMPLETE) {
-            run.u64RunningTime = uDiffTick;
+void CMaintMgr::FinishDisposal(_RunScriptData& run, unsigned int dwDisposeType, unsigned long ulNow,
+                               const CPString& strEndTime) {
+    const unsigned long uDiffTick = ElapsedTicks(run, ulNow);
+    if (dwDisposeType == MT_RUNCOMPLETE)
+        run.u64RunningTime = uDiffTick;
+    Attempt("DisposeScriptList", [&] {
+        if (dwDisposeType == MT_RUNCOMPLETE)
             run.strEndTime = strEndTime;
-        }
-        QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(6, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
                    "qxpmaint CMaintMgr::DisposeScriptList u64ThreadId[%llu] dwStartTime[%u] uDiffTick[%lu] "
                    "strScriptId[%s] strScriptPath[%s]",
                    static_cast<unsigned long long>(run.u64ThreadId), run.dwStartTime, uDiffTick,
                    run.strScriptId.c_str(), run.strScriptPath.c_str());
-        QXLogPrint(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+        QXLogPrint(6, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
                    "qxpmaint CMaintMgr::DisposeScriptList strRunOutData[%s]", run.strRunOutData.c_str());
-        ReadLogFile(run.strLogPath, run.strRunOutData);
-        CMainTTool::MaintDeleteFile(run.strScriptPath.c_str());
-        CMainTTool::MaintDeleteFile(run.strLogPath.c_str());
-        if (dwDisposeType == MT_RUNCOMPLETE || dwDisposeType == MT_RUNTIMEOUT) {
-            std::list<_RunScriptData>& listReport = mapReport[run.strID];
-            listReport.splice(listReport.end(), listDisposed, listDisposed.begin());
-        } else {
-            listDisposed.pop_front();
-        }
+    });
+    ReadLogFile(run.strLogPath, run.strRunOutData);
+    CMainTTool::MaintDeleteFile(run.strScriptPath.c_str());
+    CMainTTool::MaintDeleteFile(run.strLogPath.c_str());
+}
+
+// One report a policy, in the order of the policies' identifiers. One that fails loses no other.
+void CMaintMgr::ReportByPolicy(std::list<_RunScriptData>& listDisposed) {
+    listDisposed.sort([](const _RunScriptData& a, const _RunScriptData& b) { return a.strID < b.strID; });
+    while (!listDisposed.empty()) {
+        const auto itEnd = std::find_if(listDisposed.begin(), listDisposed.end(), [&](const _RunScriptData& run) {
+            return run.strID != listDisposed.front().strID;
+        });
+        std::list<_RunScriptData> listReport;
+        listReport.splice(listReport.end(), listDisposed, listDisposed.begin(), itEnd);
+        const CPString strID = std::move(listReport.front().strID);
+        Attempt("SendResultToServer", [&] {
+            if (SendResultToServer(strID, std::move(listReport)) == 0)
+                QXLogPrint(3, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
+                           "*qxpmaint CMaintMgr::DisposeScriptList SendResultToServer not sent strID[%s]",
+                           strID.c_str());
+        });
     }
-    for (auto it = mapReport.begin(); it != mapReport.end(); it = mapReport.erase(it))
-        SendResultToServer(it->first, std::move(it->second));
+}
+
+int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
+    const unsigned long ulNow = CMainTTool::MaintGetTickCount();
+    const unsigned int dwCount = GetPRunScriptListSize();
+    std::list<_RunScriptData> listDisposed = TakeDisposed(dwDisposeType, dwCount, ulNow);
+    // From here on the runs are in no list any more: what fails must not lose them.
+    Attempt("DisposeScriptList", [&] {
+        QXLogPrint(6, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
+                   "qxpmaint CMaintMgr::DisposeScriptList PRunScriptList[%u] dwDisposeType[%u] strDisposeType[%s]",
+                   dwCount, dwDisposeType, DisposeLabel(dwDisposeType));
+    });
+    CPString strEndTime;
+    Attempt("DisposeScriptList", [&] { strEndTime = GetStrTime(0, 1); });
+    for (_RunScriptData& run : listDisposed)
+        FinishDisposal(run, dwDisposeType, ulNow, strEndTime);
+    if (dwDisposeType == MT_RUNCOMPLETE || dwDisposeType == MT_RUNTIMEOUT)
+        ReportByPolicy(listDisposed);
     return dwDisposeType == MT_ERROR ? 0 : 1;
 }
 
 void CMaintMgr::WorkPass() {
-    const unsigned int dwWait = CMainTTool::MaintWaitEvent(m_hWorkEvent, WORK_WAIT_MS);
-    if (dwWait != 0 && dwWait != WAIT_TIMED_OUT)
-        nanosleep(&STOP_POLL_PAUSE, nullptr);  // an event that fails at once must not make this a busy loop
-    if (dwWait != 0 || !GetWork())
+    if (!WaitWorkEvent(TestableMilliseconds("WORK_WAIT", WORK_WAIT_MS)) || !GetWork())
         return;
     DisposeScriptList(MT_RUNCOMPLETE);
     if (!IsWorkThread())
@@ -134,15 +157,17 @@ void CMaintMgr::WorkPass() {
 }
 
 void CMaintMgr::TryWorkPass() {
-    try {
-        WorkPass();
-    } catch (const std::exception& error) {
-        QXLogPrint(4, MAINT_LOG_SOURCE, "WorkThread", __LINE__, "**qxpmaint CMaintMgr::WorkThread Error[%s]",
-                   error.what());
-        // The signal is used up, and the policies it stood for may still be queued.
-        if (HasQueuedPolicy())
-            PassSignalOn();
-    }
+    if (Attempt("WorkThread", [this] { WorkPass(); }))
+        return;
+    // The signal is used up, and what it stood for may still be there.
+    if (HasQueuedPolicy() || HasFinishedRun())
+        PassSignalOn();
+}
+
+bool CMaintMgr::HasFinishedRun() {
+    const CMaintLockGuard lock(m_csRunScriptList);
+    return std::any_of(m_PRunScriptList.begin(), m_PRunScriptList.end(),
+                       [](const _RunScriptData* pRunData) { return pRunData && pRunData->dwRunState == RUN_FINISHED; });
 }
 
 bool CMaintMgr::IsWorkThread() {
@@ -159,35 +184,33 @@ void CMaintMgr::LeaveWorkThread() {
 
 void* CMaintMgr::WorkThread(void* pParam) {
     DisableCancellation();
+    std::unique_ptr<_WorkStart> spStart(static_cast<_WorkStart*>(pParam));
     CThreadTicket ticket;
-    ticket.Adopt();
+    if (spStart)
+        ticket = CThreadTicket::Adopt(spStart->Ticket);
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "qxpmaintwork");
     // Its creator's manager rather than the present one: they differ when a close has given up on this thread.
-    CMaintMgr* pThis = pParam ? static_cast<CMaintMgr*>(pParam) : Instance();
+    CMaintMgr* pThis = spStart ? &spStart->Mgr : Present();
     if (!pThis)
         return nullptr;
+    spStart.reset();
     pThis->CleanOldLog();
-    bool bCancelled = false;
     try {
         while (pThis->GetWork()) {
             pThis->TryWorkPass();
-            bCancelled = true;  // unless the next line returns
             CancellationPoint();
-            bCancelled = false;
         }
-    } catch (...) {
+    } catch (const abi::__forced_unwind&) {
         pThis->LeaveWorkThread();
-        if (bCancelled)
-            throw;
-        return nullptr;
+        throw;
     }
     pThis->LeaveWorkThread();
     return nullptr;
 }
 
 int CMaintMgr::Stop() {
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Stop begin");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Stop", __LINE__, "qxpmaint CMaintMgr::Stop begin");
     const auto readWorkThreadId = [this] {
         const CMaintLockGuard lock(m_csWorkThread);
         return m_u64WorkThreadId;
@@ -198,21 +221,21 @@ int CMaintMgr::Stop() {
     SetWork(0);
     CMainTTool::MaintSetEvent(m_hWorkEvent);
     if (!bHadWorkThread && readWorkThreadId() == 0) {
-        QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Stop Already Stop");
+        QXLogPrintStr(6, MAINT_LOG_SOURCE, "Stop", __LINE__, "qxpmaint CMaintMgr::Stop Already Stop");
     } else {
         for (int iPoll = 0; iPoll < STOP_POLLS && readWorkThreadId() != 0; ++iPoll)
-            nanosleep(&STOP_POLL_PAUSE, nullptr);
+            MaintPause(std::chrono::milliseconds(TestableMilliseconds("STOP_POLL", STOP_POLL_MS)));
         {
             const CMaintLockGuard lock(m_csWorkThread);
             if (m_u64WorkThreadId != 0) {
                 pthread_cancel(m_u64WorkThreadId);
-                QXLogPrint(3, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__,
+                QXLogPrint(3, MAINT_LOG_SOURCE, "Stop", __LINE__,
                            "*qxpmaint CMaintMgr::Stop kill WorkThread m_u64WorkThreadId[%llu]", m_u64WorkThreadId);
                 m_u64WorkThreadId = 0;
             }
         }
         DisposeScriptList(MT_STOPPLUGIN);
     }
-    QXLogPrintStr(6, MAINT_LOG_SOURCE, __FUNCTION__, __LINE__, "qxpmaint CMaintMgr::Stop end");
+    QXLogPrintStr(6, MAINT_LOG_SOURCE, "Stop", __LINE__, "qxpmaint CMaintMgr::Stop end");
     return 1;
 }

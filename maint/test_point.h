@@ -15,9 +15,16 @@ inline void TestPoint(const char* pszPoint) {
         pfnTestPoint(pszPoint);
 }
 
+/// A time that a test may shorten: the environment variable QXPMAINT_TEST_<NAME>_MS in place of the given one.
+int TestableMilliseconds(const char* pszName, int iMilliseconds);
+
 #else
 
 inline void TestPoint(const char* /*pszPoint*/) {
+}
+
+inline int TestableMilliseconds(const char* /*pszName*/, int iMilliseconds) {
+    return iMilliseconds;
 }
 
 #endif

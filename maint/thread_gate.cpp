@@ -4,17 +4,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 
-CThreadGate& CThreadGate::Instance() {
-    static auto* const pGate = new CThreadGate;
-    return *pGate;
-}
+using std::chrono::steady_clock;
 
 void CThreadGate::Enter() {
     const std::lock_guard lock(m_Lock);
-    // Room for every thread to leave: leaving must not fail.
-    m_Ending.reserve(m_Ending.size() + m_uCount + 1);
     ++m_uCount;
 }
 
@@ -24,36 +19,37 @@ void CThreadGate::Leave() {
         m_Empty.notify_all();
 }
 
-void CThreadGate::LeaveByEnding() {
-    {
-        const std::lock_guard lock(m_Lock);
-        ForgetEnded();
-        m_Ending.push_back({static_cast<pid_t>(syscall(SYS_gettid)), std::chrono::steady_clock::now()});
-    }
-    Leave();
+void CThreadGate::LeaveByEnding(std::list<_EndingThread>& listRoom) {
+    const std::lock_guard lock(m_Lock);
+    ForgetEnded();
+    listRoom.front() = {static_cast<pid_t>(syscall(SYS_gettid)), steady_clock::now()};
+    m_Ending.splice(m_Ending.end(), listRoom);
+    if (--m_uCount == 0)
+        m_Empty.notify_all();
 }
 
 void CThreadGate::ForgetEnded() {
     // A thread needs no longer than this to end after it has left; what has its number then is another one.
-    const auto longAgo = std::chrono::steady_clock::now() - std::chrono::seconds(5);
+    const auto longAgo = steady_clock::now() - std::chrono::seconds(5);
     std::erase_if(m_Ending, [&](const _EndingThread& thread) {
         return thread.left < longAgo || syscall(SYS_tgkill, getpid(), thread.iThread, 0) != 0;
     });
 }
 
-bool CThreadGate::WaitEmpty(int iMilliseconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(iMilliseconds);
+bool CThreadGate::WaitEmpty(steady_clock::time_point deadline) {
     std::unique_lock lock(m_Lock);
-    if (!m_Empty.wait_until(lock, deadline, [this] { return m_uCount == 0; }))
-        return false;
-    // A detached thread cannot be joined; what is left of one that has left is a few instructions.
-    for (ForgetEnded(); !m_Ending.empty(); ForgetEnded()) {
-        if (std::chrono::steady_clock::now() > deadline)
+    for (;;) {
+        if (!m_Empty.wait_until(lock, deadline, [this] { return m_uCount == 0; }))
             return false;
+        ForgetEnded();
+        if (m_Ending.empty())
+            return true;
+        if (steady_clock::now() > deadline)
+            return false;
+        // A detached thread cannot be joined; what is left of one that has left is a few instructions. The lock is
+        // given up here, so another thread may have entered since.
         m_Empty.wait_for(lock, std::chrono::milliseconds(1));
     }
-    m_Ending.shrink_to_fit();
-    return true;
 }
 
 unsigned int CThreadGate::Count() {
@@ -61,21 +57,57 @@ unsigned int CThreadGate::Count() {
     return m_uCount;
 }
 
-void CThreadTicket::Take() {
-    CThreadGate::Instance().Enter();
-    m_eHeld = EHeld::ByCaller;
+CThreadTicket& CThreadTicket::operator=(CThreadTicket&& other) noexcept {
+    if (this != &other) {
+        Release();
+        m_spGate = std::move(other.m_spGate);
+        m_listRoom = std::move(other.m_listRoom);
+        m_bAdopted = other.m_bAdopted;
+    }
+    return *this;
+}
+
+CThreadTicket CThreadTicket::ForCaller(std::shared_ptr<CThreadGate> spGate) {
+    CThreadTicket ticket;
+    spGate->Enter();
+    ticket.m_spGate = std::move(spGate);
+    return ticket;
+}
+
+CThreadTicket CThreadTicket::ForNewThread(std::shared_ptr<CThreadGate> spGate) {
+    CThreadTicket ticket;
+    ticket.m_listRoom.emplace_back();
+    spGate->Enter();
+    ticket.m_spGate = std::move(spGate);
+    return ticket;
+}
+
+CThreadTicket CThreadTicket::Adopt(CThreadTicket& ofCreator) {
+    CThreadTicket ticket(std::move(ofCreator));
+    ticket.m_bAdopted = true;
+    return ticket;
 }
 
 void CThreadTicket::Release() {
-    if (m_eHeld == EHeld::ByCaller)
-        CThreadGate::Instance().Leave();
-    else if (m_eHeld == EHeld::ByNewThread)
-        CThreadGate::Instance().LeaveByEnding();
-    m_eHeld = EHeld::No;
+    const std::shared_ptr<CThreadGate> spGate = std::move(m_spGate);
+    if (!spGate)
+        return;
+    if (m_bAdopted)
+        spGate->LeaveByEnding(m_listRoom);
+    else
+        spGate->Leave();
 }
 
 void DisableCancellation() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
+
+CCancellationOff::CCancellationOff() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iBefore);
+}
+
+CCancellationOff::~CCancellationOff() {
+    pthread_setcancelstate(m_iBefore, nullptr);
 }
 
 void CancellationPoint() {

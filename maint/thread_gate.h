@@ -4,61 +4,78 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <list>
+#include <memory>
 #include <mutex>
-#include <vector>
 
-/// Counts the threads that run the plugin's code, so that closing can wait until none is left. A thread is counted from
-/// before its creation until it is gone; a host's thread from its call into the plugin to its return.
+/// Counts the threads that run one manager's code, so that closing can wait until none is left. A thread is counted
+/// from before its creation until it is gone; a host's thread from its call into the plugin to its return.
+///
+/// One a manager: a thread that the host never lets go keeps the manager that it uses, and no later one.
 class CThreadGate {
 public:
-    /// Lives until the process ends: a thread may leave while static objects are being destroyed.
-    static CThreadGate& Instance();
-
-    void Enter();
-    void Leave();
-    /// For a thread of the plugin, as the last thing it does: it counts as left once the kernel knows it no more.
-    void LeaveByEnding();
-    /// False when a thread is still counted after iMilliseconds.
-    bool WaitEmpty(int iMilliseconds);
+    /// False when a thread is still counted at the deadline.
+    bool WaitEmpty(std::chrono::steady_clock::time_point deadline);
     unsigned int Count();
 
 private:
+    friend class CThreadTicket;
+
+    struct _EndingThread {
+        pid_t iThread = 0;
+        std::chrono::steady_clock::time_point left;
+    };
+
+    void Enter();
+    void Leave();
+    void LeaveByEnding(std::list<_EndingThread>& listRoom);
     void ForgetEnded();
 
     std::mutex m_Lock;
     std::condition_variable m_Empty;
-    unsigned int m_uCount = 0;  // guarded by m_Lock
-    struct _EndingThread {
-        pid_t iThread;
-        std::chrono::steady_clock::time_point left;
-    };
-    std::vector<_EndingThread> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
+    unsigned int m_uCount = 0;          // guarded by m_Lock
+    std::list<_EndingThread> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
 };
 
-/// One thread's place in the gate; moves from the creator to the thread.
+/// One thread's place in a gate, given back with it. Giving back needs no memory.
 class CThreadTicket {
 public:
     CThreadTicket() = default;
     ~CThreadTicket() { Release(); }
-    CThreadTicket(const CThreadTicket&) = delete;
-    CThreadTicket& operator=(const CThreadTicket&) = delete;
+    CThreadTicket(CThreadTicket&& other) = default;
+    CThreadTicket& operator=(CThreadTicket&& other) noexcept;
 
-    void Take();
-    /// For a new thread whose creator entered the gate on its behalf. To stand first in the thread's body, so that it
-    /// is given back last.
-    void Adopt() { m_eHeld = EHeld::ByNewThread; }
-    /// The new thread adopts it.
-    void HandOver() { m_eHeld = EHeld::No; }
+    /// A place for the calling thread.
+    static CThreadTicket ForCaller(std::shared_ptr<CThreadGate> spGate);
+    /// A place for a thread that the calling thread is about to create. Throws std::bad_alloc.
+    static CThreadTicket ForNewThread(std::shared_ptr<CThreadGate> spGate);
+    /// The new thread takes its place over from its creator. The result is to stand first in the thread's body, so that
+    /// it is given back last: the thread counts as left once the kernel knows it no more.
+    static CThreadTicket Adopt(CThreadTicket& ofCreator);
+
     void Release();
 
 private:
-    enum class EHeld { No, ByCaller, ByNewThread };
-    EHeld m_eHeld = EHeld::No;
+    std::shared_ptr<CThreadGate> m_spGate;             // null: no place is held
+    std::list<CThreadGate::_EndingThread> m_listRoom;  // of a new thread: its entry among the ending ones
+    bool m_bAdopted = false;
 };
 
 /// Switches the calling thread's cancellation off. Every thread of the plugin begins with it: from then on the thread
 /// ends early only at its own CancellationPoint, where it holds no lock.
 void DisableCancellation();
+
+/// The same for a scope, on a host's thread: a cancellation in the middle of the plugin's code would leave locks held.
+class CCancellationOff {
+public:
+    CCancellationOff();
+    ~CCancellationOff();
+    CCancellationOff(const CCancellationOff&) = delete;
+    CCancellationOff& operator=(const CCancellationOff&) = delete;
+
+private:
+    int m_iBefore = 0;
+};
 
 /// Ends the calling thread if it has been cancelled. To be called from a thread's body function and nowhere deeper, so
 /// that no frame but the body's own is unwound. The body catches the unwinding to put its affairs in order and must

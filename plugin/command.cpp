@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "maint/maint_mgr.h"
+#include "plugin/attempt.h"
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
 #include "plugin/send_to_mgr.h"
@@ -27,11 +28,13 @@ unsigned int PolicyType(const CPString& strCommand) {
     return 0;
 }
 
-// True when the command was accepted. On refusal strID and strCommand hold what could be read of it.
-bool TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
+enum class ETaken { Accepted, Refused, NoManager };
+
+// Unless it is accepted, strID and strCommand hold what could be read of it.
+ETaken TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv empty msg");
-        return false;
+        return ETaken::Refused;
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint recv msg:%s", pJsonData);
     {
@@ -40,36 +43,36 @@ bool TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
         if (!json.LoadBuffer(pJsonData)) {
             QXLogPrint(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                        "qxpmaint CMaintMgr::SetPolicy LoadBuffer Error pJsonData[%s]", pJsonData);
-            return false;
+            return ETaken::Refused;
         }
         void* pID = json.GetNode(nullptr, "ID");
         if (!pID) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode ID Error");
-            return false;
+            return ETaken::Refused;
         }
         strID = CPString(json.GetValue(pID).c_str());  // up to a NUL
         if (strID.empty()) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__, "qxpmaint CMaintMgr::SetPolicy ID is NULL");
-            return false;
+            return ETaken::Refused;
         }
         void* pCommand = json.GetNode(nullptr, "Command");
         if (!pCommand) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode Command Error");
-            return false;
+            return ETaken::Refused;
         }
         strCommand = CPString(json.GetValue(pCommand).c_str());
     }
     const unsigned int dwPolicyType = PolicyType(strCommand);
     if (dwPolicyType == 0)
-        return false;
-    CMaintMgr* pMaintMgr = CMaintMgr::Instance();
-    if (!pMaintMgr) {
+        return ETaken::Refused;
+    const CMaintMgrUse maintMgr = CMaintMgr::Use();
+    if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
-        return false;
+        return ETaken::NoManager;
     }
-    return pMaintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0;
+    return maintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0 ? ETaken::Accepted : ETaken::Refused;
 }
 
 void SendRefusal(const CPString& strID, const CPString& strCommand) {
@@ -95,11 +98,23 @@ void SendRefusal(const CPString& strID, const CPString& strCommand) {
 }  // namespace
 
 int plugin_recv_handler(const char* pJsonData) {
+    const CCancellationOff cancellationOff;
     CPString strID;
     CPString strCommand;
-    if (!TakeCommand(pJsonData, strID, strCommand))
-        SendRefusal(strID, strCommand);
+    ETaken eTaken = ETaken::Refused;
+    Attempt(RECV_FUNCTION, [&] { eTaken = TakeCommand(pJsonData, strID, strCommand); });
+    if (eTaken != ETaken::Accepted)
+        Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     return 0;
+}
+
+bool TakePolicyFile(const char* pJsonData) {
+    CPString strID;
+    CPString strCommand;
+    const ETaken eTaken = TakeCommand(pJsonData, strID, strCommand);
+    if (eTaken == ETaken::Refused)
+        Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
+    return eTaken != ETaken::NoManager;
 }
 
 int connect(const char* pszHost, int iPort) {

@@ -12,6 +12,7 @@
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
 #include "plugin/command.h"
+#include "plugin/loader.h"
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
 #include "qxhost/log.h"
@@ -164,6 +165,7 @@ int qxpmaint_init(PluginInitParam* pParam) {
     try {
         PrepareManager();
     } catch (...) {
+        CMaintMgr::Close();
         UndoRegistration(pParam);
         throw;
     }
@@ -173,10 +175,17 @@ int qxpmaint_init(PluginInitParam* pParam) {
 
 int uninit() {
     LogPrintC(QXPMAINT_MODULE, 0, "qxpmaint uninit in");
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
-        pMaintMgr->UnInit();
-    else
-        LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit pMaintMgr is NULL");
+    RequestLoaderEnd();  // of a plugin that was not stopped: Close waits for it
+    try {
+        if (CMaintMgr* pMaintMgr = CMaintMgr::Present())
+            pMaintMgr->UnInit();
+        else
+            LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit pMaintMgr is NULL");
+    } catch (...) {
+        CMaintMgr::Close();
+        UndoRegistration(nullptr);
+        throw;
+    }
     CMaintMgr::Close();
     if (UndoRegistration(nullptr))
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit ok");

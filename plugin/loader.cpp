@@ -1,30 +1,36 @@
 #include "plugin/loader.h"
 
-#include <cxxabi.h>
 #include <sys/prctl.h>
 
+#include <chrono>
 #include <cstdio>
-#include <ctime>
-#include <exception>
 #include <memory>
 
 #include "maint/maint_lock.h"
+#include "maint/maint_mgr.h"
 #include "maint/thread_gate.h"
+#include "plugin/attempt.h"
 #include "plugin/command.h"
 #include "plugin/directory_list.h"
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
 #include "qxhost/file.h"
 #include "qxhost/log.h"
+#include "tool/pause.h"
 
 namespace qxpmaint_impl {
 
 namespace {
 
-constexpr timespec ONE_SECOND{1, 0};
+constexpr char LOADER_OPERATION[] = "qxpmaint_loadpolicyfile_thread";
 
-// True while this thread is the loader and is not told to stop. A loader that a stop gave up, or that a second start
-// has replaced, is no longer the one whose id is stored.
+// A loader that a stop gave up, or that a second start has replaced, is no longer the one whose id is stored.
+bool IsLoader() {
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    return g_LoadThreadId == pthread_self();
+}
+
+// True while this thread is the loader and is not told to stop.
 bool GoesOn() {
     const CMaintLockGuard lock(g_LoadThreadLock);
     return g_LoadThreadId == pthread_self() && g_iLoadThreadState == 1;
@@ -40,48 +46,45 @@ void Leave() {
 void LoadFile(const _FilePathInfo& file) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread strFullPath[%s]", file.strFullPath.c_str());
     std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(file.strFullPath.c_str()), QxReleaseFileData);
-    if (!spJsonData)
-        return;  // met again on the next scan
-    plugin_recv_handler(spJsonData.get());
+    // What is not taken stays on the disk and is met again on the next scan, of this loader or of the next one.
+    if (!spJsonData || !IsLoader() || !TakePolicyFile(spJsonData.get()))
+        return;
     spJsonData.reset();
     remove(file.strFullPath.c_str());
 }
 
-// What a step throws ends that step and no more. A cancellation does not come here, since no step has it enabled;
-// should a host's callback end the thread, that unwinding goes on.
-template <typename Step>
-void KeepGoing(const Step& step) {
-    try {
-        step();
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& error) {
-        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_loadpolicyfile_thread error[%s]", error.what());
-    } catch (...) {
-        LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_loadpolicyfile_thread error[%s]", "unknown");
-    }
-}
-
-// A scan always runs to its end.
+// A scan runs to its end when a stop is requested, but not when a stop has given this thread up: the manager that took
+// its policies then may be gone.
 void Scan() {
     std::list<_FilePathInfo> listFile;
-    KeepGoing([&] { GetDirJsonFileList(g_szPolicyFilePath, listFile); });
-    for (const _FilePathInfo& file : listFile)
-        KeepGoing([&] { LoadFile(file); });
+    Attempt(LOADER_OPERATION, [&] { GetDirJsonFileList(g_szPolicyFilePath, listFile); });
+    for (auto it = listFile.begin(); it != listFile.end() && IsLoader(); ++it)
+        Attempt(LOADER_OPERATION, [&] { LoadFile(*it); });
+    if (const CMaintMgrUse maintMgr = CMaintMgr::Use())
+        Attempt(LOADER_OPERATION, [&] { maintMgr->ResumeQueued(); });
 }
 
 // Without a positive cycle there is no pause: the scans follow each other.
 void Pause() {
     for (long lSecond = 0; lSecond < g_lCheckCycle && GoesOn(); ++lSecond)
-        nanosleep(&ONE_SECOND, nullptr);
+        MaintPause(std::chrono::seconds(1));
 }
 
 }  // namespace
 
-void* qxpmaint_loadpolicyfile_thread(void* /*pArgument*/) {
+void RequestLoaderEnd() {
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    if (g_iLoadThreadState != 2)
+        g_iLoadThreadState = 0;
+}
+
+void* qxpmaint_loadpolicyfile_thread(void* pArgument) {
     DisableCancellation();
+    std::unique_ptr<CThreadTicket> spCreatorsTicket(static_cast<CThreadTicket*>(pArgument));
     CThreadTicket ticket;
-    ticket.Adopt();
+    if (spCreatorsTicket)
+        ticket = CThreadTicket::Adopt(*spCreatorsTicket);
+    spCreatorsTicket.reset();
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "maintloadfile");
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread in threadid[%lu]", pthread_self());

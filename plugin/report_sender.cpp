@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
@@ -31,23 +32,22 @@ bool WriteResultFile(const char* pszSendData, unsigned int uDataSize, const CPSt
     CPString strResultFileName;
     strResultFileName.Format("%s/%s%d.json", g_szResultFilePath, strName.c_str(),
                              static_cast<int>(++g_u64ResultFileIndex));
-    FILE* pFile = fopen(strResultFileName.c_str(), "wb+e");
-    if (!pFile) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> spFile(fopen(strResultFileName.c_str(), "wb+e"), fclose);
+    if (!spFile) {
         const int iError = errno;
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint SendReportDataToServer fopen strResultFileName[%s] error[%d][%s]",
                   strResultFileName.c_str(), iError, strerror(iError));
         return false;
     }
     // Unbuffered, so that a full disk is seen by the write and not lost in the close.
-    setvbuf(pFile, nullptr, _IONBF, 0);
-    const auto uWriteSize = static_cast<unsigned int>(fwrite(pszSendData, 1, uDataSize, pFile));
+    setvbuf(spFile.get(), nullptr, _IONBF, 0);
+    const auto uWriteSize = static_cast<unsigned int>(fwrite(pszSendData, 1, uDataSize, spFile.get()));
     const int iError = errno;
     if (uWriteSize < uDataSize)
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint SendReportDataToServer fwrite strResultFileName[%s] error[%d][%s] uDataSize[%u] "
                   "uWriteSize[%u]",
                   strResultFileName.c_str(), iError, strerror(iError), uDataSize, uWriteSize);
-    fclose(pFile);
     return uWriteSize == uDataSize;
 }
 
@@ -70,7 +70,7 @@ bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPStri
         return false;
     }
     const EncodedText spEncoded(QxJsonEncodeStr(pJsonData), free);
-    const char* pszSendData = spEncoded ? spEncoded.get() : pJsonData;
+    const char* pszSendData = spEncoded && *spEncoded ? spEncoded.get() : pJsonData;
     const auto uDataSize = static_cast<unsigned int>(strlen(pszSendData));
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer bWriteFile[%d] uDataSize[%u] pszSendData[%s]",
               bWriteFile ? 1 : 0, uDataSize, pszSendData);

@@ -1,7 +1,6 @@
 #include <cstdio>
 #include <memory>
 
-#include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
 #include "maint/thread_gate.h"
 #include "plugin/directory_list.h"
@@ -36,16 +35,6 @@ private:
     const CPString& m_strFilePath;
 };
 
-// The manager, but none is made for a call that comes before init or after uninit.
-CMaintMgr* InitialisedManager() {
-    {
-        const CMaintLockGuard lock(g_InitLock);
-        if (!g_bInited)
-            return nullptr;
-    }
-    return CMaintMgr::Instance();
-}
-
 bool RunPolicyFile(CMaintMgr& mgr, const char* pszID, const CPString& strFilePath) {
     const std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(strFilePath.c_str()), QxReleaseFileData);
     if (!spJsonData) {
@@ -71,11 +60,9 @@ bool RunOnceScriptTask(const char* pszID) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pszID is NULL");
         return false;
     }
-    // Counted like a thread of the plugin: the manager is not destroyed under it.
-    CThreadTicket ticket;
-    ticket.Take();
-    CMaintMgr* pMaintMgr = InitialisedManager();
-    if (!pMaintMgr) {
+    const CCancellationOff cancellationOff;
+    const CMaintMgrUse maintMgr = CMaintMgr::Use();
+    if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint RunOnceScriptTask pMaintMgr is NULL pszID[%s]", pszID);
         return false;
     }
@@ -87,7 +74,7 @@ bool RunOnceScriptTask(const char* pszID) {
         return false;
     }
     const CFileRemover remover(strFilePath);
-    return RunPolicyFile(*pMaintMgr, pszID, strFilePath);
+    return RunPolicyFile(*maintMgr, pszID, strFilePath);
 }
 
 }  // namespace qxpmaint_impl

@@ -1,19 +1,24 @@
-#include <ctime>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <new>
 
 #include "maint/maint_lock.h"
 #include "maint/maint_mgr.h"
+#include "maint/test_point.h"
 #include "maint/thread_gate.h"
 #include "plugin/loader.h"
 #include "plugin/plugin_core.h"
 #include "plugin/plugin_state.h"
 #include "qxhost/log.h"
+#include "tool/pause.h"
 
 namespace qxpmaint_impl {
 
 namespace {
 
 constexpr int STOP_POLLS = 200;
-constexpr timespec STOP_POLL_PAUSE{0, 300'000'000};
+constexpr int STOP_POLL_MS = 300;
 
 int LoaderState() {
     const CMaintLockGuard lock(g_LoadThreadLock);
@@ -22,18 +27,22 @@ int LoaderState() {
 
 // Id and state are stored before the thread can look, since it needs the same lock; so a stop right after the start is
 // not lost. A thread that cannot be created changes nothing: a loader of an earlier start goes on.
-int CreateLoader() {
-    CThreadTicket ticket;
-    ticket.Take();
+int CreateLoader(std::shared_ptr<CThreadGate> spGate) try {
+    // Without a manager there is nothing that the thread could use, and nobody who would wait for it.
+    if (!spGate)
+        spGate = std::make_shared<CThreadGate>();
+    auto spTicket = std::make_unique<CThreadTicket>(CThreadTicket::ForNewThread(std::move(spGate)));
     const CMaintLockGuard lock(g_LoadThreadLock);
     pthread_t threadId{};
-    const int iResult = pthread_create(&threadId, nullptr, qxpmaint_loadpolicyfile_thread, nullptr);
+    const int iResult = pthread_create(&threadId, nullptr, qxpmaint_loadpolicyfile_thread, spTicket.get());
     if (iResult == 0) {
         g_LoadThreadId = threadId;
         g_iLoadThreadState = 1;
-        ticket.HandOver();
+        static_cast<void>(spTicket.release());  // the thread's
     }
     return iResult;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
 }
 
 void StopLoader() {
@@ -43,7 +52,7 @@ void StopLoader() {
             return;
     }
     for (int iPoll = 0; iPoll < STOP_POLLS && LoaderState() != 2; ++iPoll)
-        nanosleep(&STOP_POLL_PAUSE, nullptr);
+        MaintPause(std::chrono::milliseconds(TestableMilliseconds("STOP_POLL", STOP_POLL_MS)));
     unsigned long ulCancelled = 0;
     {
         // Under the lock the thread cannot leave, so its id is still its own.
@@ -61,8 +70,8 @@ void StopLoader() {
 }
 
 void StopManager() {
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
-        pMaintMgr->Stop();
+    if (const CMaintMgrUse maintMgr = CMaintMgr::Use())
+        maintMgr->Stop();
     else
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop pMaintMgr is NULL");
 }
@@ -77,14 +86,16 @@ void EndLoader() {
 int qxpmaint_start() {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start begin ver[%s][%s] 2024-11-15 19:30", QXPMAINT_VERSION,
               "Release");
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
-        pMaintMgr->Start();
+    const CMaintMgrUse maintMgr = CMaintMgr::Use();
+    if (maintMgr)
+        maintMgr->Start();
     else
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start pMaintMgr is NULL");
-    const int iError = CreateLoader();
-    if (iError != 0)
+    if (const int iError = CreateLoader(maintMgr ? maintMgr->Gate() : nullptr); iError != 0) {
+        errno = iError;  // as a host reads it, too
         LogPrintC(QXPMAINT_MODULE, 3,
-                  "**qxpmaint qxploginmon_start pthread_create qxpmaint_loadpolicyfile_thread error[%d]", iError);
+                  "**qxpmaint qxploginmon_start pthread_create qxpmaint_loadpolicyfile_thread error[%d]", errno);
+    }
     g_bRunning = true;
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start ok");
     return 0;
@@ -92,11 +103,7 @@ int qxpmaint_start() {
 
 int qxpmaint_stop() {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop in");
-    {
-        const CMaintLockGuard lock(g_LoadThreadLock);
-        if (g_iLoadThreadState != 2)
-            g_iLoadThreadState = 0;
-    }
+    RequestLoaderEnd();
     try {
         StopManager();
     } catch (...) {

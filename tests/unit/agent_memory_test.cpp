@@ -46,7 +46,7 @@ TEST_F(LargestReportTest, SixtyThreeFullOutputsPeakBelowFourTimesTheirSize) {
     }
     for (size_t run = 0; run < RUNS; ++run)
         Launch(Script("head -c 2300000 /dev/zero | tr '\\0' x", std::to_string(run)));
-    ASSERT_TRUE(WaitUntil([] { return CThreadGate::Instance().Count() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return gate_->Count() == 0; }));
     ForgetPeak();
     manager_->DisposeScriptList(MT_RUNCOMPLETE);
     const size_t peak = StatusBytes("VmHWM:");

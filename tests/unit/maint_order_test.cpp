@@ -66,7 +66,7 @@ std::ostream& operator<<(std::ostream& out, const Order& order) {
 class RunOrderTest : public RunTest, public testing::WithParamInterface<Order> {
 protected:
     void ExpectNothingLeft() {
-        EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(60000));
+        EXPECT_TRUE(WaitThreadsGone());
         EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
         EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
@@ -104,10 +104,10 @@ TEST_P(RunOrderTest, Closed) {
     std::thread closing([] { qxpmaint_impl::uninit(); });
     // The close has ended the run and waits for its thread, which is held here.
     EXPECT_TRUE(WaitUntil([&] { return manager_->GetPRunScriptListSize() == 0; }));
-    EXPECT_EQ(CThreadGate::Instance().Count(), 1U);
+    EXPECT_EQ(gate_->Count(), 1U);
     barrier.Release();
     closing.join();
-    EXPECT_EQ(CThreadGate::Instance().Count(), 0U);
+    EXPECT_EQ(gate_->Count(), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStage, RunOrderTest,
@@ -120,7 +120,7 @@ TEST_F(RunTest, ARunThatFinishesBeforeItIsListedIsReportedAllTheSame) {
     Barrier barrier("launch listing");
     std::thread launcher([&] { Launch(Script("echo quick")); });
     ASSERT_TRUE(barrier.WaitReached());
-    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(60000)) << "the run is over";
+    EXPECT_TRUE(WaitThreadsGone()) << "the run is over";
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
     barrier.Release();
     launcher.join();

@@ -55,13 +55,14 @@ protected:
         EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
         manager_ = CMaintMgr::Instance();
         manager_->Start();
+        gate_ = manager_->Gate();
         descriptors_ = CountEntries("/proc/self/fd");
     }
 
     ~RunTest() override {
         qxpmaint_impl::uninit();
-        EXPECT_EQ(CThreadGate::Instance().Count(), 0U);
-        EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
+        EXPECT_EQ(gate_->Count(), 0U);
+        EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_before_);
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
     }
 
@@ -122,11 +123,16 @@ protected:
         return static_cast<pid_t>(std::stol(text));
     }
 
+    // All threads of the manager have ended.
+    bool WaitThreadsGone() { return gate_->WaitEmpty(std::chrono::steady_clock::now() + DEADLINE); }
+
     void ExpectGone(pid_t pid) {
         EXPECT_TRUE(WaitUntil([&] { return !ProcessRuns(pid); })) << "process " << pid << " is left";
     }
 
     TempDir directory_;
     CMaintMgr* manager_ = nullptr;
-    long descriptors_ = 0;
+    std::shared_ptr<CThreadGate> gate_;
+    const long descriptors_before_ = CountEntries("/proc/self/fd");
+    long descriptors_ = 0;  ///< with an idle manager
 };

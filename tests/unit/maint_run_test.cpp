@@ -139,7 +139,7 @@ TEST_F(RunTest, AProgramWhoseFirstThreadHasEndedIsStillAlive) {
     const pid_t pid = PidIn("pid");
     EXPECT_TRUE(WaitUntil([&] { return !ProcessRuns(pid); })) << "it shows as a zombie";
     manager_->DisposeScriptList(MT_STOPPLUGIN);
-    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(20000)) << "and yet is ended";
+    EXPECT_TRUE(WaitThreadsGone()) << "and yet is ended";
 }
 
 TEST_F(RunTest, AStoppedScriptEndsToo) {
@@ -157,7 +157,7 @@ TEST_F(RunTest, ARunIsEndedWithNoDescriptorLeft) {
     const rlimit none{0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
     manager_->DisposeScriptList(MT_STOPPLUGIN);
-    EXPECT_TRUE(CThreadGate::Instance().WaitEmpty(20000));
+    EXPECT_TRUE(WaitThreadsGone());
     setrlimit(RLIMIT_NOFILE, &before);
     ExpectGone(pid);
 }
@@ -216,7 +216,7 @@ TEST_F(RunTest, CloseEndsRunsThatStopLeft) {
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U);
     qxpmaint_impl::uninit();
     EXPECT_FALSE(ProcessRuns(pid));
-    EXPECT_EQ(CThreadGate::Instance().Count(), 0U);
+    EXPECT_EQ(gate_->Count(), 0U);
 }
 
 TEST_F(RunTest, RunsAreGroupedByPolicyInLaunchOrder) {
@@ -225,7 +225,7 @@ TEST_F(RunTest, RunsAreGroupedByPolicyInLaunchOrder) {
     auto other = Script("echo 3", "other");
     other.strID = "another";
     manager_->RunNewScript({first, other, second});
-    EXPECT_TRUE(WaitUntil([&] { return CThreadGate::Instance().Count() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return gate_->Count() == 0; }));
     manager_->DisposeScriptList(MT_RUNCOMPLETE);
     const auto results = Reported();
     ASSERT_EQ(results.size(), 3U);

@@ -38,7 +38,7 @@ TEST_F(RunTest, AFloodWithoutANewlineStaysWithinItsBound) {
     ForgetPeak();
     const size_t before = StatusBytes("VmRSS:");
     Launch(Script("head -c 104857600 /dev/zero | tr '\\0' x; printf END"));
-    EXPECT_TRUE(WaitUntil([] { return CThreadGate::Instance().Count() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return gate_->Count() == 0; }));
     const size_t grown = StatusBytes("VmHWM:") - before;
     const std::string output = Collect()["script"].output;
     constexpr size_t PART = (COutputCapture::PART_LIMIT / CChunkReader::CHUNK_LIMIT + 1) * CChunkReader::CHUNK_LIMIT;

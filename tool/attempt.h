@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cxxabi.h>
+
+#include <exception>
+
+/// Does a step; what it throws (memory, the host's logger) ends the step and no more, and is handed to log as a text.
+/// What log throws has nowhere left to go. The unwinding of a cancelled thread goes on. False when the step threw.
+template <typename Log, typename Step>
+bool AttemptStep(const Log& log, const Step& step) {
+    const auto tell = [&](const char* pszWhat) {
+        try {
+            log(pszWhat);
+        } catch (const abi::__forced_unwind&) {
+            throw;
+        } catch (...) {
+            return;
+        }
+    };
+    try {
+        step();
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& error) {
+        tell(error.what());
+    } catch (...) {
+        tell("unknown");
+    }
+    return false;
+}

@@ -149,7 +149,7 @@ int CMaintMgr::CleanRunData(_RunScriptData* pRunData, int bKill) {
         pRunData->stProcessInfo.hProcess = nullptr;
         control.Wake();
         if (pRunData->u64ThreadId != 0 && !control.bThreadEnding)
-            pthread_cancel(pRunData->u64ThreadId);
+            CancelThread(pRunData->u64ThreadId);
     }
     delete pRunData;
     return 1;

@@ -1,6 +1,7 @@
 #include <cstdlib>
 
 #include "maint/maint_mgr.h"
+#include "maint/test_point.h"
 #include "qxhost/json.h"
 #include "sign/maint_sign.h"
 #include "tool/qx_log_print.h"
@@ -54,6 +55,7 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
         return 0;
     QXLogPrint(6, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                "qxpmaint CMaintMgr::ParsePolicy strID[%s] lpJsonData[%s] ", strID.c_str(), lpJsonData);
+    TestPoint("policy parsing");
     qxtools::CPJsonParse json;
     if (!json.LoadBuffer(lpJsonData)) {
         QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <exception>
 
+#include "maint/test_point.h"
+
 const _ProcessStat* _ProcessSnapshot::Find(pid_t iPid) const {
     const auto it =
         std::lower_bound(processes.begin(), processes.end(), iPid,
@@ -42,6 +44,7 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& st
 }
 
 std::shared_ptr<const _ProcessSnapshot> CProcessScan::Scan(const _Request* pRequests) try {
+    TestPoint("process scan");
     auto spSnapshot = std::make_shared<_ProcessSnapshot>();
     std::vector<std::string> pipes;
     unsigned long long u64Since = pRequests->u64Since;

@@ -228,7 +228,7 @@ int CMaintMgr::Stop() {
         {
             const CMaintLockGuard lock(m_csWorkThread);
             if (m_u64WorkThreadId != 0) {
-                pthread_cancel(m_u64WorkThreadId);
+                CancelThread(m_u64WorkThreadId);
                 QXLogPrint(3, MAINT_LOG_SOURCE, "Stop", __LINE__,
                            "*qxpmaint CMaintMgr::Stop kill WorkThread m_u64WorkThreadId[%llu]", m_u64WorkThreadId);
                 m_u64WorkThreadId = 0;

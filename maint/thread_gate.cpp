@@ -1,6 +1,6 @@
 #include "maint/thread_gate.h"
 
-#include <pthread.h>
+#include <execinfo.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -108,6 +108,14 @@ CCancellationOff::CCancellationOff() {
 
 CCancellationOff::~CCancellationOff() {
     pthread_setcancelstate(m_iBefore, nullptr);
+}
+
+bool CancelThread(pthread_t threadId) {
+    // backtrace needs the same of the C library, and merely returns nothing when it cannot be loaded.
+    void* pFrame = nullptr;
+    if (backtrace(&pFrame, 1) == 0)
+        return false;
+    return pthread_cancel(threadId) == 0;
 }
 
 void CancellationPoint() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -76,6 +77,10 @@ public:
 private:
     int m_iBefore = 0;
 };
+
+/// Cancels a thread, if the C library can: what it needs for that it loads on first use, and ends the process when there
+/// is no memory for it. False when it cannot; what is cancelled here ends by itself too, only later.
+bool CancelThread(pthread_t threadId);
 
 /// Ends the calling thread if it has been cancelled. To be called from a thread's body function and nowhere deeper, so
 /// that no frame but the body's own is unwound. The body catches the unwinding to put its affairs in order and must

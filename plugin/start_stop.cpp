@@ -59,7 +59,7 @@ void StopLoader() {
         const CMaintLockGuard lock(g_LoadThreadLock);
         if (g_iLoadThreadState != 2) {
             ulCancelled = g_LoadThreadId;
-            pthread_cancel(g_LoadThreadId);
+            CancelThread(g_LoadThreadId);
         }
         g_LoadThreadId = 0;
     }

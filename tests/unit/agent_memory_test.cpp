@@ -26,6 +26,7 @@ protected:
         param.kv = "agent_type=KSTL";
         EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
         manager_ = CMaintMgr::Instance();
+        gate_ = manager_->Gate();
         manager_->Start();
     }
     ~LargestReportTest() override { CqxpmaintMgr::DestroyInstance(); }

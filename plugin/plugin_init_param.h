@@ -1,7 +1,8 @@
 #pragma once
 
-/// The block that adapter and plugin core exchange at init. Owned by the adapter. Bus threads read fields 2 to 5 while
-/// the host's thread writes them: access goes through std::atomic_ref.
+/// The block that adapter and plugin core exchange at init. Owned by the adapter, or by a host that uses the function
+/// table itself. Bus threads read the four handlers while the host's thread writes them: access goes through
+/// std::atomic_ref.
 struct PluginInitParam {
     // From the adapter, before init.
     void (*notify_to_mgr)(int, const unsigned char*);

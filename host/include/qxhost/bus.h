@@ -36,12 +36,14 @@ public:
                               unsigned long fifth, void* sixth) = 0;
 };
 
-/// One component's connection to the bus. Owned by the host, which keeps it alive from SetCtx until the plugin object
-/// has been uninitialised. Every operation may be called from any thread.
+/// One component's connection to the bus. Owned by the host, which hands it over unattached (the plugin attaches it when
+/// it starts, and detaches it when it stops) and keeps it alive from SetCtx until the plugin object has been
+/// uninitialised; for good when a log line says then that threads are left, since they may still send. Every operation
+/// may be called from any thread. None may throw.
 class IXBusMREndPoint4 {
 public:
     /// Attaches this endpoint to the bus as stComponentID. Returns 0, or non-zero when the name is taken or the
-    /// endpoint is attached already.
+    /// endpoint is attached already. A plugin that gets non-zero registers nothing and goes on without the bus.
     virtual int Initialize(const GUID& stComponentID) = 0;
 
     /// Detaches the endpoint. Registrations end with it.
@@ -64,19 +66,23 @@ public:
     virtual int RegisterReceive(long i64MsgType, IMRReceiveComplete* pSink, void* pContext) = 0;
 
     /// Ends that delivery. Returns only when no delivery of this type is in flight, except when it is called from
-    /// within such a delivery: then that one delivery is not waited for.
+    /// within such a delivery: then that one delivery is not waited for. A type that is not registered, or an endpoint
+    /// that is not attached, is no error and changes nothing: a plugin unregisters also what it could not register.
     virtual int UnregisterReceive(long i64MsgType) = 0;
 
-    /// Answers a received message. A token is good once; a second use returns non-zero and does nothing.
+    /// Answers a received message. The data is copied before the call returns: the caller's bytes may be gone then. A
+    /// token is good once; a second use returns non-zero and does nothing.
     virtual int Reply(int iStatus, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
                       void* pReplyCtx) = 0;
 
     /// Queues a message; the data is copied before the call returns.
-    /// @param pSink      told of the outcome on a bus thread, once; may be null. Must outlive the send. It may be a
-    ///                   static object: a host ends its bus threads before its process exits.
-    /// @param pOut       receives a number that names this send; may be null.
+    /// @param pSink      told of the outcome on a bus thread, once, and never of a send that was refused; may be null.
+    ///                   Must outlive the send. It may be a static object: a host ends its bus threads before its
+    ///                   process exits.
+    /// @param pOut       receives a number that names this send, before the call returns and never later: it may point
+    ///                   into the caller's frame; may be null.
     /// @param uiTimeOut  in milliseconds, after which an undelivered message is given up.
-    /// @return 0 when queued.
+    /// @return 0 when queued; anything else when refused.
     virtual int SendAsync(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
                           IMRSendComplete* pSink, void* pContext, unsigned long* pOut, unsigned int uiTimeOut) = 0;
 

@@ -1,7 +1,6 @@
 #include "maint/child_process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,10 +11,12 @@
 #include <cerrno>
 #include <exception>
 
+#include "tool/pause.h"
+
 namespace {
 
-/// How often a child without a pidfd is looked at.
-constexpr int NO_PIDFD_TICK_MS = 50;
+/// How often something is looked at that cannot be waited for.
+constexpr int LOOK_TICK_MS = 50;
 /// The kernel rounds start times down to a tick.
 constexpr unsigned long long START_TIME_SLACK = 1;
 
@@ -129,9 +130,10 @@ bool CChildProcess::IsWaitable(bool& bOurs) const {
 
 bool CChildProcess::HasExited() const {
     bool bOurs = false;
+    pollfd stPidFd{m_PidFd.Get(), POLLIN, 0};
     if (m_PidFd) {
-        pollfd stPidFd{m_PidFd.Get(), POLLIN, 0};
-        return poll(&stPidFd, 1, 0) == 1;
+        if (const int iReady = poll(&stPidFd, 1, 0); iReady >= 0)
+            return iReady == 1;
     }
     return IsKnown() && IsWaitable(bOurs);
 }
@@ -144,7 +146,7 @@ bool CChildProcess::CanBeClosedNow() const {
 void CChildProcess::WaitExit(int iWakeDescriptor, int iMilliseconds) const {
     // poll passes over a negative descriptor.
     pollfd arrWait[] = {{iWakeDescriptor, POLLIN, 0}, {m_PidFd.Get(), POLLIN, 0}};
-    poll(arrWait, 2, m_PidFd || !IsKnown() ? iMilliseconds : std::min(iMilliseconds, NO_PIDFD_TICK_MS));
+    PollOrPause(arrWait, m_PidFd || !IsKnown() ? iMilliseconds : std::min(iMilliseconds, LOOK_TICK_MS));
 }
 
 void CChildProcess::Signal(int iSignal) const {
@@ -153,6 +155,13 @@ void CChildProcess::Signal(int iSignal) const {
         return;
     if (IsKnown() && !IsWaitable(bOurs))
         kill(m_stIdentity.iPid, iSignal);  // not waited for yet, so the number is still its own
+}
+
+int PollOrPause(std::span<pollfd> waits, int iMilliseconds) {
+    const int iReady = poll(waits.data(), waits.size(), iMilliseconds);
+    if (iReady < 0 && errno != EINTR)
+        MaintPause(std::chrono::milliseconds(LOOK_TICK_MS));
+    return iReady;
 }
 
 void CloseReadEnd(FILE* pStream, int iReplacement) {

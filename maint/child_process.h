@@ -1,9 +1,11 @@
 #pragma once
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <cstdio>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -70,6 +72,10 @@ private:
 CUniqueDescriptor OpenPidFd(pid_t iPid);
 /// False when the kernel cannot signal through a pidfd.
 bool SignalPidFd(const CUniqueDescriptor& pidFd, int iSignal);
+
+/// poll, and a short pause when it fails at once (no memory, or a limit on descriptors below their number), so that a
+/// loop around it is no busy one. What poll returns.
+int PollOrPause(std::span<pollfd> waits, int iMilliseconds);
 
 /// Replaces the read end of a pipe by another descriptor of this process under the same number: the writer sees a
 /// broken pipe at once, and the stream still owns its number, which is closed once, by pclose. iReplacement is any open

@@ -1,7 +1,6 @@
 #include "maint/run_thread.h"
 
 #include <cxxabi.h>
-#include <poll.h>
 #include <sys/prctl.h>
 
 #include <exception>
@@ -113,7 +112,7 @@ void CRunThread::TakeChunk(std::string_view chunk) {
 void CRunThread::WaitForOutput() {
     const int iOutput = fileno(m_spControl->Child.Stream());
     pollfd arrWait[] = {{iOutput, POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
-    if (poll(arrWait, 2, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0)
+    if (PollOrPause(arrWait, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0)
         m_Reader.Fill(iOutput);
     else
         m_spControl->Child.FindAgain();

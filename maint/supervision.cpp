@@ -119,6 +119,7 @@ void CMaintMgr::ReportByPolicy(std::list<_RunScriptData>& listDisposed) {
 }
 
 int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
+    TestPoint("disposing");
     const unsigned long ulNow = CMainTTool::MaintGetTickCount();
     const unsigned int dwCount = GetPRunScriptListSize();
     std::list<_RunScriptData> listDisposed = TakeDisposed(dwDisposeType, dwCount, ulNow);

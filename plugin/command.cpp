@@ -31,7 +31,7 @@ unsigned int PolicyType(const CPString& strCommand) {
 enum class ETaken { Accepted, Refused, NoManager };
 
 // Unless it is accepted, strID and strCommand hold what could be read of it.
-ETaken TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand) {
+ETaken TakeCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString& strID, CPString& strCommand) {
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv empty msg");
         return ETaken::Refused;
@@ -67,7 +67,6 @@ ETaken TakeCommand(const char* pJsonData, CPString& strID, CPString& strCommand)
     const unsigned int dwPolicyType = PolicyType(strCommand);
     if (dwPolicyType == 0)
         return ETaken::Refused;
-    const CMaintMgrUse maintMgr = CMaintMgr::Use();
     if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
         return ETaken::NoManager;
@@ -99,19 +98,21 @@ void SendRefusal(const CPString& strID, const CPString& strCommand) {
 
 int plugin_recv_handler(const char* pJsonData) {
     const CCancellationOff cancellationOff;
+    const CMaintMgrUse maintMgr = CMaintMgr::Use();  // to the end: an uninit waits for the refusal as well
     CPString strID;
     CPString strCommand;
     ETaken eTaken = ETaken::Refused;
-    Attempt(RECV_FUNCTION, [&] { eTaken = TakeCommand(pJsonData, strID, strCommand); });
+    Attempt(RECV_FUNCTION, [&] { eTaken = TakeCommand(maintMgr, pJsonData, strID, strCommand); });
     if (eTaken != ETaken::Accepted)
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     return 0;
 }
 
 bool TakePolicyFile(const char* pJsonData) {
+    const CMaintMgrUse maintMgr = CMaintMgr::Use();
     CPString strID;
     CPString strCommand;
-    const ETaken eTaken = TakeCommand(pJsonData, strID, strCommand);
+    const ETaken eTaken = TakeCommand(maintMgr, pJsonData, strID, strCommand);
     if (eTaken == ETaken::Refused)
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     return eTaken != ETaken::NoManager;

@@ -43,13 +43,7 @@ protected:
         return script;
     }
 
-    // Threads of this process whose name begins so.
-    static long Threads(const std::string& name) {
-        long count = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-            count += ReadFile(task.path() / "comm").starts_with(name) ? 1 : 0;
-        return count;
-    }
+    static long Threads(const std::string& name) { return CountThreads(name); }
     static bool WaitForRuns(long count) {
         return WaitUntil([&] { return Threads("qxmaintr") == count; });
     }

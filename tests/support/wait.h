@@ -31,6 +31,24 @@ inline bool ProcessRuns(pid_t pid) {
     return name != std::string::npos && stat.compare(name, 3, ") Z") != 0 && stat.compare(name, 3, ") X") != 0;
 }
 
+/// True while that thread of this process waits; false for the number 0.
+inline bool ThreadSleeps(pid_t thread) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat"), stat);
+    return thread != 0 && stat.find(") S") != std::string::npos;
+}
+
+/// Threads of this process whose name begins so.
+inline long CountThreads(const std::string& name) {
+    long count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string comm;
+        std::getline(std::ifstream(task.path() / "comm"), comm);
+        count += comm.starts_with(name) ? 1 : 0;
+    }
+    return count;
+}
+
 /// Entries of /proc/self/fd or /proc/self/task.
 inline long CountEntries(const char* directory) {
     return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());

@@ -1,58 +1,11 @@
 // A run that is ended or cancelled at each stage of its life, by holding its thread there.
 
-#include <condition_variable>
 #include <thread>
 
-#include "maint/test_point.h"
 #include "tests/unit/maint_run_fixture.h"
+#include "tests/unit/test_barrier.h"
 
 namespace {
-
-/// Holds the first thread that reaches a named place until it is released.
-class Barrier {
-public:
-    explicit Barrier(std::string point_name) : point_(std::move(point_name)) {
-        current_ = this;
-        g_pfnTestPoint = [](const char* reached) { current_->Reach(reached); };
-    }
-    ~Barrier() {
-        Release();
-        g_pfnTestPoint = nullptr;
-    }
-
-    bool WaitReached() {
-        std::unique_lock lock(lock_);
-        return changed_.wait_for(lock, DEADLINE, [this] { return reached_; });
-    }
-    void Release() {
-        const std::lock_guard lock(lock_);
-        released_ = true;
-        changed_.notify_all();
-    }
-    pthread_t Thread() {
-        const std::lock_guard lock(lock_);
-        return thread_;
-    }
-
-private:
-    void Reach(const std::string& point) {
-        std::unique_lock lock(lock_);
-        if (point != point_ || reached_)
-            return;
-        reached_ = true;
-        thread_ = pthread_self();
-        changed_.notify_all();
-        changed_.wait_for(lock, DEADLINE, [this] { return released_; });
-    }
-
-    static inline Barrier* current_ = nullptr;
-    const std::string point_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool reached_ = false;  // guarded by lock_, as are the next two
-    bool released_ = false;
-    pthread_t thread_{};
-};
 
 struct Order {
     const char* point;
@@ -121,12 +74,17 @@ TEST_F(RunTest, ARunThatFinishesBeforeItIsListedIsReportedAllTheSame) {
     std::thread launcher([&] { Launch(Script("echo quick")); });
     ASSERT_TRUE(barrier.WaitReached());
     EXPECT_TRUE(WaitThreadsGone()) << "the run is over";
+    // A work thread takes the signal of the run's end, and finds nothing.
+    pthread_t worker{};
+    ASSERT_EQ(pthread_create(&worker, nullptr, CMaintMgr::WorkThread, nullptr), 0);
+    EXPECT_TRUE(WaitUntil([&] { return barrier.Count("disposing") == 1; }));
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
     barrier.Release();
     launcher.join();
-    auto results = Collect();
-    ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results["script"].output, "quick\n");
+    EXPECT_TRUE(WaitUntil([] { return Reported().size() == 1; })) << "there was another signal";
+    EXPECT_EQ(Reported().at(0).output, "quick\n");
+    manager_->Stop();
+    EXPECT_TRUE(WaitUntil([] { return CountThreads("qxpmaintwork") == 0; }));
 }
 
 }  // namespace

@@ -48,14 +48,7 @@ protected:
             const std::lock_guard lock(g_reportsLock);
             g_reports.clear();
         }
-        PluginInitParam param{};
-        param.notify_to_mgr = Ignore;
-        param.send_to_mgr = KeepReport;
-        param.kv = "agent_type=KSTL";
-        EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
-        manager_ = CMaintMgr::Instance();
-        manager_->Start();
-        gate_ = manager_->Gate();
+        InitManager();
         descriptors_ = CountEntries("/proc/self/fd");
     }
 
@@ -64,6 +57,17 @@ protected:
         EXPECT_EQ(gate_->Count(), 0U);
         EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_before_);
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
+    }
+
+    void InitManager() {
+        PluginInitParam param{};
+        param.notify_to_mgr = Ignore;
+        param.send_to_mgr = KeepReport;
+        param.kv = "agent_type=KSTL";
+        EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
+        manager_ = CMaintMgr::Instance();
+        manager_->Start();
+        gate_ = manager_->Gate();
     }
 
     _MaintPolicyDetail Script(const std::string& body, const std::string& id = "script") {

@@ -1,5 +1,6 @@
 // The plugin core: parameters and configuration, directory listings, refused commands, report sending.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "maint/maint_mgr.h"
 #include "maint/report_sender.h"
 #include "plugin/command.h"
 #include "plugin/directory_list.h"
@@ -16,6 +18,17 @@
 #include "plugin/warden.h"
 #include "qxhost/json.h"
 #include "tests/support/temp_dir.h"
+
+namespace {
+bool g_bEncodesToNothing = false;
+}  // namespace
+
+// In place of the host's: a library that returns an empty text for what needs no encoding.
+extern "C" char* QxJsonEncodeStr(const char* text) {
+    if (g_bEncodesToNothing)
+        return strdup("");
+    return reinterpret_cast<decltype(&QxJsonEncodeStr)>(dlsym(RTLD_NEXT, "QxJsonEncodeStr"))(text);
+}
 
 namespace qxpmaint_impl {
 namespace {
@@ -170,17 +183,33 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
     std::filesystem::create_symlink("/dev/full", directory_ / "full4.json");
     EXPECT_FALSE(SendReportDataToServer("{}", true, "full")) << "a full disk is an error";
     EXPECT_EQ(g_sent.size(), 1U);
+
+    g_bEncodesToNothing = true;
+    EXPECT_TRUE(SendReportDataToServer("{\"a\":1}", false, "x"));
+    EXPECT_EQ(g_sent.back(), "{\"a\":1}") << "sent as it is";
+    EXPECT_TRUE(SendReportDataToServer("{\"a\":1}", true, "plain"));
+    EXPECT_EQ(ReadFile(directory_ / "plain5.json"), "{\"a\":1}");
+    g_bEncodesToNothing = false;
 }
 
-TEST_F(CoreTest, RunOnceNeedsAnInitialisedPluginAndUsesItsFileUp) {
+TEST_F(CoreTest, OnlyInitMakesAManagerAndRunOnceUsesItsFileUp) {
+    constexpr char POLICY[] = R"({"ID":"7","Command":"RunScriptNormal"})";
     const auto run_once = [this] {
         snprintf(g_szPolicyProcessPath, sizeof g_szPolicyProcessPath, "%s", directory_.Path().c_str());
         return RunOnceScriptTask("p.json");
     };
     const std::string file = directory_.Write("p.json", "no policy");
-    EXPECT_FALSE(run_once());
-    EXPECT_TRUE(std::filesystem::exists(file)) << "not looked at before init";
+    for (const char* time : {"before init", "after uninit"}) {
+        EXPECT_FALSE(run_once());
+        EXPECT_TRUE(std::filesystem::exists(file)) << time;
+        plugin_recv_handler(POLICY);
+        EXPECT_FALSE(TakePolicyFile(POLICY)) << "stays where it is " << time;
+        EXPECT_EQ(CMaintMgr::Present(), nullptr) << time;
+        ASSERT_EQ(Init("agent_type=KSTL"), 0);
+        uninit();
+    }
     ASSERT_EQ(Init("agent_type=KSTL"), 0);
+    EXPECT_TRUE(TakePolicyFile(POLICY));
     EXPECT_FALSE(run_once());
     EXPECT_FALSE(std::filesystem::exists(file));
 }

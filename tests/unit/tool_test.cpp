@@ -7,12 +7,15 @@
 #include <signal.h>  // NOLINT(modernize-deprecated-headers): POSIX
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
 #include "tests/support/temp_dir.h"
+#include "tool/pause.h"
 
 namespace {
 
@@ -112,14 +115,16 @@ TEST(ToolFile, WhatIsSavedIsReadBackAndFailuresAreTold) {
 
 TEST(ToolDirectory, ParentsAreCreatedWithTheirModeWhateverTheUmask) {
     const TempDir directory;
-    const mode_t before = umask(0077);
-    EXPECT_TRUE(CMainTTool::RecursiveCreateDir((directory / "a/b/c").c_str()));
-    EXPECT_FALSE(CMainTTool::RecursiveCreateDir((directory / "d/").c_str())) << "created, and then met as existing";
-    EXPECT_EQ(umask(before), 0077U);
-    for (const char* created : {"a", "a/b", "a/b/c", "d"})
-        EXPECT_EQ(Mode(directory / created), 0755U) << created;
+    for (const mode_t mask : {0077U, 0477U}) {
+        const std::string root = std::to_string(mask) + "/";
+        const mode_t before = umask(mask);
+        EXPECT_TRUE(CMainTTool::RecursiveCreateDir((directory / root + "a/b").c_str()));
+        EXPECT_FALSE(CMainTTool::RecursiveCreateDir((directory / root + "d/").c_str())) << "created, and then met";
+        EXPECT_EQ(umask(before), mask);
+        for (const char* created : {"", "a", "a/b", "d"})
+            EXPECT_EQ(Mode(directory / root + created), 0755U) << root << created;
+    }
 
-    EXPECT_TRUE(CMainTTool::RecursiveCreateDir((directory / "a").c_str()));
     directory.Write("file", "");
     EXPECT_FALSE(CMainTTool::RecursiveCreateDir((directory / "file/below").c_str()));
     EXPECT_FALSE(CMainTTool::RecursiveCreateDir("no-such-directory-here"));
@@ -129,6 +134,25 @@ TEST(ToolDirectory, ParentsAreCreatedWithTheirModeWhateverTheUmask) {
     for (int i = 0; i < 1000000; ++i)
         deep += "/x";
     EXPECT_FALSE(CMainTTool::RecursiveCreateDir(deep.c_str()));
+}
+
+TEST(ToolTime, APauseIsNotCutShortBySignals) {
+    constexpr std::chrono::milliseconds TIME{50};
+    static std::atomic<int> signals;
+    struct sigaction before {};
+    struct sigaction counting {};
+    counting.sa_handler = [](int) { ++signals; };
+    sigaction(SIGALRM, &counting, &before);
+    const itimerval often{{0, 2000}, {0, 2000}};
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    MaintPause(TIME);
+    const auto paused = std::chrono::steady_clock::now() - start;
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_GE(paused, TIME);
+    EXPECT_GT(signals.load(), 0);
 }
 
 TEST(ToolTime, DifferenceSurvivesAWrapAt32Bits) {

@@ -1,0 +1,151 @@
+// Runs that are ended while they multiply, with few descriptors, and with too little memory.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <array>
+#include <future>
+#include <new>
+
+#include "maint/unique_descriptor.h"
+#include "plugin/plugin_state.h"
+#include "tests/unit/maint_run_fixture.h"
+#include "tests/unit/test_barrier.h"
+
+namespace {
+
+// A command that sleeps, and can be told from every other on the machine.
+std::string Sleeper() {
+    static int count = 0;
+    return "sleep 1" + std::to_string(getpid()) + "." + std::to_string(++count);
+}
+
+int CountProcesses(const std::string& command) {
+    std::string wanted = command + ' ';
+    std::replace(wanted.begin(), wanted.end(), ' ', '\0');
+    int count = 0;
+    for (const auto& process : std::filesystem::directory_iterator("/proc"))
+        count += ReadFile(process.path() / "cmdline") == wanted ? 1 : 0;
+    return count;
+}
+
+TEST_F(RunTest, ScriptsThatForkInTheMomentOfTheirEndingLeaveNothing) {
+    const std::string sleeper = Sleeper();
+    for (int run = 0; run < 8; ++run)
+        Launch(Script("exec >&- 2>&-; for i in {1..100}; do " + sleeper + " & done; wait"));
+    EXPECT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) > 20; }));
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(WaitThreadsGone());
+    EXPECT_EQ(CountProcesses(sleeper), 0);
+}
+
+TEST_F(RunTest, RunsThatEndTogetherLeaveNothingHoweverFewDescriptorsAreFree) {
+    constexpr int RUNS = 20;
+    const std::string sleeper = Sleeper();
+    for (const int free : {0, 1, 8}) {
+        for (int run = 0; run < RUNS; ++run)
+            Launch(Script(sleeper + " >/dev/null & " + sleeper));
+        ASSERT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) == 2 * RUNS; }));
+        std::vector<CUniqueDescriptor> hoard;
+        rlimit before{};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit few{256, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        for (int descriptor = 0; (descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+            hoard.emplace_back(descriptor);
+        hoard.resize(hoard.size() - static_cast<size_t>(free));
+        manager_->DisposeScriptList(MT_STOPPLUGIN);
+        EXPECT_TRUE(WaitThreadsGone());
+        setrlimit(RLIMIT_NOFILE, &before);
+        hoard.clear();
+        EXPECT_EQ(CountProcesses(sleeper), 0) << free << " free";
+    }
+}
+
+TEST_F(RunTest, ARunIsEndedWithNoDescriptorLeftAndALineSaysWhatThatMeans) {
+    LaunchAlone("echo $$ > '" + (directory_ / "pid") + "'; trap '' TERM; while :; do sleep 0.1; done");
+    const pid_t pid = PidIn("pid");
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    testing::internal::CaptureStderr();  // the log
+    setrlimit(RLIMIT_NOFILE, &none);
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(WaitThreadsGone());
+    setrlimit(RLIMIT_NOFILE, &before);
+    const std::string line = "processes may be left of pid[" + std::to_string(pid) + "], they could not be looked for";
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find(line), std::string::npos) << log;
+    ExpectGone(pid);
+}
+
+TEST(ProcessScanTest, ThoseWhoWaitShareTheNextLook) {
+    CProcReader reader;
+    CProcessScan scan(reader);
+    Barrier barrier("process scan");
+    std::vector<std::future<bool>> looks;
+    std::array<std::atomic<pid_t>, 10> threads{};
+    for (std::atomic<pid_t>& thread : threads) {
+        looks.push_back(std::async(std::launch::async, [&] {
+            thread = gettid();
+            const auto snapshot = scan.Look("pipe:[1]", 0);
+            return snapshot && snapshot->Find(getpid()) != nullptr;
+        }));
+        ASSERT_TRUE(barrier.WaitReached());
+        EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(thread); }));
+    }
+    barrier.Release();
+    for (auto& look : looks)
+        EXPECT_TRUE(look.get());
+    EXPECT_LE(barrier.Count("process scan"), 3) << "one was held, one more for all the others; hardly another";
+}
+
+TEST_F(RunTest, ARunWhoseThreadRunsOutOfMemoryHasFailed) {
+    g_pfnTestPoint = [](const char* point) {
+        if (std::string_view(point) == "run waiting")
+            throw std::bad_alloc();
+    };
+    Launch(Script("echo half"));
+    const auto results = Collect();
+    g_pfnTestPoint = nullptr;
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results.at("script").result, "0");
+    EXPECT_EQ(results.at("script").output, "half\n");
+}
+
+TEST_F(RunTest, AReportThatThrowsLosesNoOther) {
+    auto first = Script("echo 1", "first");
+    first.strID = "a";
+    manager_->RunNewScript({first, Script("echo 2", "second")});
+    EXPECT_TRUE(WaitThreadsGone());
+    qxpmaint_impl::g_qxpmaint_send_to_mgr = [](auto... arguments) {
+        static bool thrown = false;
+        if (!std::exchange(thrown, true))
+            throw std::bad_alloc();
+        return KeepReport(arguments...);
+    };
+    testing::internal::CaptureStderr();
+    const auto results = Collect();
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("CMaintMgr::SendResultToServer Error[std::bad_alloc]"), std::string::npos) << log;
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results.at("second").output, "2\n");
+}
+
+TEST_F(RunTest, AProcessThatOnlyReadsTheOutputIsNoPartOfTheRun) {
+    LaunchAlone("echo $$ > '" + (directory_ / "pid") + "'; exec sleep 1000");
+    const pid_t pid = PidIn("pid");
+    const pid_t reader = fork();  // holds copies of all that this process has open
+    if (reader == 0) {
+        for (;;)
+            pause();
+    }
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(WaitThreadsGone());
+    ExpectGone(pid);
+    EXPECT_TRUE(ProcessRuns(reader));
+    kill(reader, SIGKILL);
+    waitpid(reader, nullptr, 0);
+}
+
+}  // namespace

@@ -31,8 +31,8 @@ int CountProcesses(const std::string& command) {
 
 TEST_F(RunTest, ScriptsThatForkInTheMomentOfTheirEndingLeaveNothing) {
     const std::string sleeper = Sleeper();
-    for (int run = 0; run < 8; ++run)
-        Launch(Script("exec >&- 2>&-; for i in {1..100}; do " + sleeper + " & done; wait"));
+    for (int run = 0; run < 12; ++run)
+        Launch(Script("exec >&- 2>&-; while :; do " + sleeper + " & sleep 0.002; done"));
     EXPECT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) > 20; }));
     manager_->DisposeScriptList(MT_STOPPLUGIN);
     EXPECT_TRUE(WaitThreadsGone());

@@ -61,12 +61,13 @@ int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* nam
     PutU32(pBytes + LengthOffset, static_cast<uint32_t>(json.size()));
     PutText(pBytes + TextOffset, json);
 
-    // Destroyed at process exit; a host ends its bus threads before it exits, so no completion comes after that.
-    static CLogCacheAsynCallback s_completionSink;
+    // In storage that nothing destroys: the plugin's threads may send while the process exits, and the host answer.
+    alignas(CLogCacheAsynCallback) static unsigned char s_storage[sizeof(CLogCacheAsynCallback)];
+    static CLogCacheAsynCallback* const s_pCompletionSink = new (s_storage) CLogCacheAsynCallback;
     unsigned long ulOut = 0;
     // The envelope is freed on return: SendAsync copies it.
     return endPoint.SendAsync(ParseGuid(MGR_COMPONENT_ID), MSG_TYPE_JSON_COMBO, pBytes,
-                              static_cast<unsigned int>(uSize), &s_completionSink, nullptr, &ulOut, SendTimeOutMs);
+                              static_cast<unsigned int>(uSize), s_pCompletionSink, nullptr, &ulOut, SendTimeOutMs);
 }
 
 bool IsJsonDataType(int json_data_type) {

@@ -77,8 +77,7 @@ public:
 
     /// Queues a message; the data is copied before the call returns.
     /// @param pSink      told of the outcome on a bus thread, once, and never of a send that was refused; may be null.
-    ///                   Must outlive the send. It may be a static object: a host ends its bus threads before its
-    ///                   process exits.
+    ///                   Must outlive the send, which may be under way when the process exits.
     /// @param pOut       receives a number that names this send, before the call returns and never later: it may point
     ///                   into the caller's frame; may be null.
     /// @param uiTimeOut  in milliseconds, after which an undelivered message is given up.

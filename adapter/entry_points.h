@@ -76,7 +76,8 @@ void* CreateObject(const char* pszName);
 ///
 /// Of a plugin that was started and not stopped it ends the runs and the threads and waits for deliveries and run-onces
 /// that are inside it, as Stop and Uninitialize do. It does not leave the bus: the endpoint stays attached, and the
-/// message types 20001, 1000 and 1001 stay registered. What is delivered then is refused. The receive sink lives on until
-/// the Uninitialize of an object that is created later; before that, such a host unregisters the three types itself.
+/// message types 20001, 1000 and 1001 stay registered. What is delivered then is refused. The receive sink lives on
+/// until the Uninitialize of an object that is created later; before that, such a host unregisters the three types
+/// itself.
 void DestroyObject(const char* pszName, void* pInterface);
 }

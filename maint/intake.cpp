@@ -30,13 +30,16 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
         QXLogPrintStr(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__, "*qxpmaint CMaintMgr::SetPolicy lpJsonData is NULL");
         return 0;
     }
-    if (m_bClosing) {
-        QXLogPrint(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__, "*qxpmaint CMaintMgr::SetPolicy closing strID[%s]",
-                   strID.c_str());
+    const auto isClosing = [&] {
+        if (m_bClosing)
+            QXLogPrint(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__, "*qxpmaint CMaintMgr::SetPolicy closing strID[%s]",
+                       strID.c_str());
+        return m_bClosing.load();
+    };
+    if (isClosing())
         return 0;
-    }
     std::list<_MaintPolicyDetail> maintPolicyList;
-    if (!ParsePolicy(lpJsonData, std::move(strID), dwPolicyType, maintPolicyList))
+    if (!ParsePolicy(lpJsonData, strID, dwPolicyType, maintPolicyList))
         return 0;
     if (maintPolicyList.empty()) {
         QXLogPrintStr(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
@@ -49,6 +52,9 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
                    "*qxpmaint CMaintMgr::SetPolicy GetPRunScriptListSize dwSize[%u] >= MaxRunThreadCount * 2", dwSize);
         return 0;
     }
+    // Checking signatures takes its time. A close that begins after this names what it finds queued.
+    if (isClosing())
+        return 0;
     CreateWorkThread();
     {
         const CMaintLockGuard lock(m_csPolicyList);

@@ -78,8 +78,8 @@ private:
     int m_iBefore = 0;
 };
 
-/// Cancels a thread, if the C library can: what it needs for that it loads on first use, and ends the process when there
-/// is no memory for it. False when it cannot; what is cancelled here ends by itself too, only later.
+/// Cancels a thread, if the C library can: what it needs for that it loads on first use, and ends the process when
+/// there is no memory for it. False when it cannot; what is cancelled here ends by itself too, only later.
 bool CancelThread(pthread_t threadId);
 
 /// Ends the calling thread if it has been cancelled. To be called from a thread's body function and nowhere deeper, so

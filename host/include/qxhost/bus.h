@@ -36,8 +36,8 @@ public:
                               unsigned long fifth, void* sixth) = 0;
 };
 
-/// One component's connection to the bus. Owned by the host, which hands it over unattached (the plugin attaches it when
-/// it starts, and detaches it when it stops) and keeps it alive from SetCtx until the plugin object has been
+/// One component's connection to the bus. Owned by the host, which hands it over unattached (the plugin attaches it
+/// when it starts, and detaches it when it stops) and keeps it alive from SetCtx until the plugin object has been
 /// uninitialised; for good when a log line says then that threads are left, since they may still send. Every operation
 /// may be called from any thread. None may throw.
 class IXBusMREndPoint4 {

@@ -108,10 +108,11 @@ bool ReadNumbers(int iDirectory, std::vector<int>& numbers) {
 bool ParseStat(const char* pszStat, _ProcessStat& stat) {
     // The name stands in parentheses and may hold anything, parentheses included.
     const char* pszName = strrchr(pszStat, ')');
+    if (!pszName)
+        return false;
+    constexpr char FORMAT[] = " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu";
     // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers, which fit
-    return pszName &&
-           sscanf(pszName + 1, " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu",
-                  &stat.cState, &stat.iParent, &stat.lThreads, &stat.stIdentity.u64StartTime) == 4;
+    return sscanf(pszName + 1, FORMAT, &stat.cState, &stat.iParent, &stat.lThreads, &stat.stIdentity.u64StartTime) == 4;
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 /// Names one process for good: a pid together with its start time is never used twice.
 struct _ProcessIdentity {
     pid_t iPid = 0;
-    unsigned long long u64StartTime = 0;  ///< Clock ticks since boot, field 22 of /proc/PID/stat.
-    auto operator<=>(const _ProcessIdentity&) const = default;
+    unsigned long long u64StartTime = 0;                        ///< Clock ticks since boot, field 22 of /proc/PID/stat.
+    auto operator<=>(const _ProcessIdentity&) const = default;  // NOLINT(modernize-use-nullptr): a fault of the check
 };
 
 struct _ProcessStat {

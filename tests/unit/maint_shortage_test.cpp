@@ -42,9 +42,10 @@ TEST_F(RunTest, ScriptsThatForkInTheMomentOfTheirEndingLeaveNothing) {
 TEST_F(RunTest, RunsThatEndTogetherLeaveNothingHoweverFewDescriptorsAreFree) {
     constexpr int RUNS = 20;
     const std::string sleeper = Sleeper();
+    const std::string two = sleeper + " >/dev/null & " + sleeper;
     for (const int free : {0, 1, 8}) {
         for (int run = 0; run < RUNS; ++run)
-            Launch(Script(sleeper + " >/dev/null & " + sleeper));
+            Launch(Script(two));
         ASSERT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) == 2 * RUNS; }));
         std::vector<CUniqueDescriptor> hoard;
         rlimit before{};

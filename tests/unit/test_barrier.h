@@ -16,11 +16,15 @@ class Barrier {
 public:
     explicit Barrier(std::string point_name) : point_(std::move(point_name)) {
         current_ = this;
-        g_pfnTestPoint = [](const char* reached) { current_->Reach(reached); };
+        g_pfnTestPoint = [](const char* reached) {
+            if (current_)
+                current_->Reach(reached);
+        };
     }
     ~Barrier() {
         Release();
         g_pfnTestPoint = nullptr;
+        current_ = nullptr;
     }
 
     bool WaitReached() {

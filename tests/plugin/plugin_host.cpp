@@ -120,7 +120,8 @@ std::vector<std::string> PluginHost::WaitForReports(size_t count, std::chrono::m
 std::vector<LogRecord> PluginHost::Log() const {
     std::vector<LogRecord> records;
     std::ifstream file(Root() / "log");
-    for (std::string line; std::getline(file, line);)
+    // A last line without its newline is still being written.
+    for (std::string line; std::getline(file, line) && !file.eof();)
         records.push_back(ParseRecord(line));
     return records;
 }

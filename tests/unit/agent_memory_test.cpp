@@ -27,6 +27,7 @@ protected:
         EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
         manager_ = CMaintMgr::Instance();
         manager_->Start();
+        gate_ = manager_->Gate();
     }
     ~LargestReportTest() override { CqxpmaintMgr::DestroyInstance(); }
 

@@ -120,17 +120,21 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     SubmitOutcome outcome = desk_->Submit(Document("full"), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("too many")) << outcome.command->reason;
+    EXPECT_TRUE(outcome.command->unreported.empty()) << "no result is to come";
 
     // A refusal that the plugin's own answer does not name, since its text is cut.
     plugin_ = [](const std::string&) { return kBusOk; };
     outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
+    EXPECT_EQ(0U, outcome.command->expected);
     outcome = desk_->Submit(Document("untrusted", Script("a", "sh", "01100000ff")), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("; script 1: bad signature: "));
     plugin_ = [](const std::string&) { return kBusReceiverFailed; };
-    EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
+    outcome = desk_->Submit(Document("failed"), kPeer);
+    EXPECT_EQ(SubmitStatus::kTaken, outcome.status);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
     EXPECT_EQ(5U, counters_.Get().commands_taken);
 
@@ -172,6 +176,14 @@ TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
     lock.reset();
     plugin_ = [](const std::string&) { return kBusOk; };
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
+    EXPECT_EQ(SubmitStatus::kKnown, Submit(Document("c"))) << "it is withdrawn once";
+
+    // It fails between the two steps of the journal.
+    SQLite::Database other(path_.string(), SQLite::OPEN_READWRITE);
+    other.exec("CREATE TRIGGER deny BEFORE UPDATE OF state ON commands BEGIN SELECT RAISE(ABORT, 'denied'); END");
+    EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("half")));
+    EXPECT_FALSE(store_->FindCommand("half").has_value()) << "told as failed, so never delivered";
+    other.exec("DROP TRIGGER deny");
 
     // It fails when the plugin has it: the command is taken, and ends like any other.
     plugin_ = [&](const std::string&) {
@@ -252,17 +264,20 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
 
 TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
     NewCommand journalled;
-    journalled.id = "c";
-    journalled.text = Document("c");
     journalled.expected = {"a"};
     CommandRecord record;
-    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
-    plugin_ = [](const std::string&) { return kBusUndelivered; };
-    desk_->Settle();
-    EXPECT_EQ(CommandState::kReceived, StateOf("c"));
-    plugin_ = [](const std::string&) { return kBusOk; };
-    desk_->Settle();
-    EXPECT_EQ(CommandState::kDelivered, StateOf("c"));
+    for (const char* const id : {"z", "c"}) {
+        journalled.id = id;
+        journalled.text = Document(id);
+        ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
+    }
+    for (const int status : {kBusUndelivered, kBusNotAttached, kBusQueueFull, kBusOk}) {
+        delivered_.clear();
+        plugin_ = [status](const std::string&) { return status; };
+        desk_->Settle();
+        EXPECT_EQ(status == kBusOk ? CommandState::kDelivered : CommandState::kReceived, StateOf("c")) << status;
+        EXPECT_EQ((std::vector<std::string>{Document("z"), Document("c")}), delivered_) << "in order of arrival";
+    }
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ TEST_F(CoreTest, InitStringItems) {
 }
 
 TEST_F(CoreTest, ConfigurationFile) {
-    EXPECT_EQ(InitWith("[QXPMAINT]\nCheckCycle = 3\n[other]\ncheckcycle=9\n"), 0);
+    EXPECT_EQ(InitWith("[QXPMAINT]\nCheckCycle = 3\nother=9\n[other]\ncheckcycle=9\n"), 0);
     EXPECT_EQ(g_lCheckCycle.load(), 3);
     uninit();
     EXPECT_EQ(InitWith("[qxpmaint]\ncheckcycle=abc\ncheckcycle=0\n"), 0);

@@ -4,8 +4,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+
+#include "ctl/signer.h"
+#include "ctl/text.h"
 
 namespace fs = std::filesystem;
 
@@ -63,7 +67,22 @@ std::string Text(const Json& document, const std::string& path) {
     return cJSON_IsString(node) ? node->valuestring : "";
 }
 
-PluginHost::PluginHost() : signer(QXPMAINT_TEST_SIGNING_KEY) {
+std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
+                       const std::vector<ScriptSpec>& scripts) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const ScriptSpec& script : scripts) {
+        const std::string data = qxpctl::Base64Encode(script.body);
+        list.push_back({{"scriptid", script.id},
+                        {"scripttype", script.type},
+                        {"scriptdata", data},
+                        {"sign", qxpctl::Sign(key, script.signed_right ? data : data + "=")},
+                        {"timeout", script.timeout},
+                        {"checkret", script.check_ret}});
+    }
+    return nlohmann::json{{"ID", id}, {"Command", command}, {"param", {{"scriptinfo", list}}}}.dump();
+}
+
+PluginHost::PluginHost() {
     ClaimProcess();
     BuildTree(Root());
     Require(chdir((Root() / "bin").c_str()) == 0, "cannot enter bin/");

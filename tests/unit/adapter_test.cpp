@@ -173,8 +173,10 @@ TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
 
 TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{\"a\":1}"), Calls{"recv {\"a\":1}"});
+    EXPECT_EQ(Receive(20001, SERVER_DATA, std::string("\0\0", 2)), Calls{"recv "});
     EXPECT_EQ(Receive(20001, AGENT_CONNECT, "x"), Calls{});
     EXPECT_EQ(Receive(1000, SERVER_DATA, R"({"ip":"10.0.0.5"})"), Calls{});
+    EXPECT_EQ(Receive(1001, SERVER_DATA, ""), Calls{});
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 0U);
     EXPECT_EQ(Receive(1001, AGENT_CONNECT, ""), Calls{"d"});
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 2U);
@@ -182,6 +184,7 @@ TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 3U);
     EXPECT_EQ(Receive(1000, AGENT_CONNECT, R"({"onlineflag":"0","ip":"10.0.0.5","port":"443"})"),
               Calls{"connect 10.0.0.5:443"});
+    EXPECT_EQ(Receive(1000, AGENT_CONNECT, R"({"ip":"","port":"443"})"), Calls{});
 
     manager_->m_stReceive.msg_type_registry = {{(1L << 32) + 5, {MANAGER, SERVER_DATA}}, {6, {}}};
     EXPECT_EQ(Receive((1L << 32) + 5, SERVER_DATA, "text"), Calls{"notify 5 text"});
@@ -197,17 +200,17 @@ TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{}"), Calls{});
 
     const std::vector<BusCall> replies = endpoint_.Calls("Reply");
-    ASSERT_EQ(replies.size(), 15U);
+    ASSERT_EQ(replies.size(), 18U);
     for (const BusCall& reply : replies) {
         EXPECT_EQ(reply.data, "success");
         EXPECT_EQ(reply.status, 0);
         EXPECT_EQ(reply.context, &token_);
     }
     EXPECT_EQ(replies.front().type, 20001);
-    EXPECT_EQ(replies.at(3).type, 1001);
+    EXPECT_EQ(replies.at(4).type, 1001);
     manager_->m_stReceive.ReceiveCallback(SERVER_DATA, 20001, nullptr, 0, nullptr, &endpoint_);
     manager_->m_stReceive.ReceiveCallback(SERVER_DATA, 20001, nullptr, 0, &token_, nullptr);
-    EXPECT_EQ(endpoint_.Calls("Reply").size(), 15U);
+    EXPECT_EQ(endpoint_.Calls("Reply").size(), 18U);
 }
 
 TEST_F(AdapterTest, ConnectQueryActsOnWhatTheAgentAnswers) {
@@ -251,12 +254,25 @@ TEST_F(AdapterTest, RegistryTypesAreRegisteredAndUnregisteredInOrder) {
     EXPECT_EQ(manager_->Start(), 's');
     EXPECT_EQ(manager_->Stop(), 't');
     EXPECT_TRUE(manager_->m_stReceive.msg_type_registry.empty());
-    for (const char* operation : {"RegisterReceive", "UnregisterReceive"}) {
-        std::vector<long> types;
-        for (const BusCall& call : endpoint_.Calls(operation))
-            types.push_back(call.type);
-        EXPECT_EQ(types, (std::vector<long>{20001, 1000, 1001, -1, 30})) << operation;
+    std::string calls;
+    for (const BusCall& call : endpoint_.Calls())
+        calls += call.operation + (call.type ? " " + std::to_string(call.type) : "") + ";";
+    const std::string types[] = {"20001;", "1000;", "1001;", "-1;", "30;"};
+    std::string expected = "Initialize;";
+    for (const std::string& type : types)
+        expected += "RegisterReceive " + type;
+    expected += "SendRequest 10012;";
+    for (const std::string& type : types)
+        expected += "UnregisterReceive " + type;
+    EXPECT_EQ(calls, expected + "Uninitialize;");
+    EXPECT_TRUE(endpoint_.Calls("Initialize").at(0).component == PLUGIN);
+    for (const BusCall& call : endpoint_.Calls("RegisterReceive")) {
+        EXPECT_EQ(call.sink, &manager_->m_stReceive);
+        EXPECT_EQ(call.context, static_cast<IXBusMREndPoint4*>(&endpoint_));
     }
+    const BusCall query = endpoint_.Calls("SendRequest").at(0);
+    EXPECT_TRUE(query.component == AGENT_CONNECT);
+    EXPECT_EQ(query.data + std::to_string(query.timeout), "5000");
     endpoint_.script.initialize = 4;
     EXPECT_EQ(manager_->Start(), 's') << "a taken name is no reason not to start";
     EXPECT_EQ(endpoint_.Calls("RegisterReceive").size(), 5U);

@@ -111,17 +111,27 @@ TEST(GuidText, BothFormsAreReadAndOneIsWritten) {
     EXPECT_EQ(FormatGuid(ParseGuid("0000000A-000B-zz")), "0000000A-000B-0000-0000-000000000000");
 }
 
+// Little-endian numbers, names padded to 64 bytes with NULs, and the text with a NUL behind it.
+std::string Envelope(uint32_t type, int value4, int value8, std::string name1, std::string name2,
+                     const std::string& json) {
+    std::string bytes;
+    const auto put = [&](uint32_t number) {
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>(number >> shift);
+    };
+    name1.resize(64);
+    name2.resize(64);
+    for (const uint32_t number : {type, static_cast<uint32_t>(value4), static_cast<uint32_t>(value8), 0U})
+        put(number);
+    bytes += name1 + name2;
+    put(static_cast<uint32_t>(json.size()));
+    return bytes + json + '\0';
+}
+
 TEST_F(AdapterTest, EnvelopeIsLaidOutByteForByte) {
-    const std::string json = "{}";
     EXPECT_EQ(CqxpmaintMgr::AdapterSendToMgr(1, "one", "two", 7, reinterpret_cast<const unsigned char*>("{}"), 2), 0);
-    std::string expected(151, '\0');
-    expected[0] = 1;
-    expected[4] = 7;
-    expected[8] = 1;
-    expected[144] = 2;
-    expected.replace(148, 2, json);
     const BusCall call = endpoint_.Calls("SendAsync").at(0);
-    EXPECT_EQ(call.data, expected);
+    EXPECT_EQ(call.data, Envelope(1, 7, 1, "", "", "{}"));
     EXPECT_TRUE(call.component == MANAGER);
     EXPECT_EQ(call.type, 20300);
     EXPECT_EQ(call.timeout, 60000U);
@@ -129,18 +139,12 @@ TEST_F(AdapterTest, EnvelopeIsLaidOutByteForByte) {
     EXPECT_NE(call.sink, nullptr);
 
     // Many bytes of every number, and names over their limit.
-    EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, std::string(70, 'a').c_str(), "b", -2, 0x01020304,
-                                       std::string(70000, 'j').c_str()),
+    const std::string json(70000, 'j');
+    EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, std::string(70, 'a').c_str(), "b", -2, 0x01020304, json.c_str()),
               0);
-    const Envelope envelope = DecodeEnvelope(endpoint_.Calls("SendAsync").at(1).data);
-    EXPECT_EQ(envelope.type, 2U);
-    EXPECT_EQ(envelope.value4, -2);
-    EXPECT_EQ(envelope.value8, 0x01020304);
-    EXPECT_EQ(envelope.name1, std::string(63, 'a'));
-    EXPECT_EQ(envelope.name2, "b");
-    EXPECT_EQ(envelope.json.size(), 70000U);
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(1).data, Envelope(2, -2, 0x01020304, std::string(63, 'a'), "b", json));
     EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, "a", "", 0, 0, "{}"), 0);
-    EXPECT_EQ(DecodeEnvelope(endpoint_.Calls("SendAsync").at(2).data).name1, "");
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(2).data, Envelope(2, 0, 0, "", "", "{}"));
 }
 
 TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
@@ -164,7 +168,7 @@ TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
     // Bytes behind an embedded NUL are dropped; a failing or throwing host is told as such.
     endpoint_.script.send = 55;
     EXPECT_EQ(send(2, std::string("{}\0{}", 5), 5), 55);
-    EXPECT_EQ(DecodeEnvelope(endpoint_.Calls("SendAsync").at(0).data).json, "{}");
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(0).data, Envelope(2, 0, 1, "", "", "{}"));
     endpoint_.script.during_send = [] { throw std::runtime_error("host"); };
     EXPECT_EQ(send(1, "{}", 2), -1);
     CqxpmaintMgr::DestroyInstance();

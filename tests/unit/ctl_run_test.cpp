@@ -12,6 +12,7 @@
 namespace qxpctl {
 namespace {
 
+using testing::_;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -66,62 +67,55 @@ TEST_F(RunTest, CollectsEveryResultAndCountsFromTheLastCursor) {
 }
 
 TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
-    const ToolResult failed = RunOne(FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", "0", "no marker")})}}));
-    EXPECT_EQ(failed.code, 1);
-    EXPECT_EQ(failed.output, "no marker");
-    EXPECT_THAT(failed.remarks, HasSubstr("a.sh: failed"));
-
-    const ToolResult overdue =
-        RunOne(FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", "0", "", "")})}}), {"--json"});
-    EXPECT_EQ(overdue.code, 1);
-    EXPECT_EQ(Json::parse(overdue.output)["scripts"][0]["state"], "timed out");
-
-    const ToolResult refused = RunOne(FakeJournal(Pages{{Json(), Refusal("p")}}));
-    EXPECT_EQ(refused.code, 1);
-    EXPECT_THAT(refused.remarks, AllOf(HasSubstr("a.sh: refused"),
-                                       HasSubstr("the policy p was refused: the plugin trusts another key")));
-
-    // Its state alone tells, without a report.
-    const ToolResult unreported = RunOne(FakeJournal(Pages{{}}).EndingAs("refused", "the plugin is not there"));
-    EXPECT_EQ(unreported.code, 1);
-    EXPECT_THAT(unreported.remarks, HasSubstr("the policy p was refused: the plugin is not there"));
-
     const auto refuse = [](const FakeAgent::Request& request) {
         return request.method == "POST" ? FakeAgent::Answer(422, R"({"detail":"bad signature"})")
                                         : FakeAgent::Answer(200, FakeJournal::StatusObject(0, 0).dump());
     };
-    const ToolResult at_the_door = RunOne(refuse, {"--json"});
-    EXPECT_EQ(at_the_door.code, 1);
-    EXPECT_EQ(Json::parse(at_the_door.output)["outcome"], "refused");
-    EXPECT_EQ(Json::parse(at_the_door.output)["reason"], "bad signature");
-
-    const ToolResult interrupted = RunOne(FakeJournal(Pages{{Interruption("p", "power cut")}}), {"--json"});
-    EXPECT_EQ(interrupted.code, 1);
-    EXPECT_EQ(Json::parse(interrupted.output)["outcome"], "interrupted");
-    EXPECT_EQ(Json::parse(interrupted.output)["reason"], "power cut");
-    EXPECT_THAT(interrupted.remarks, HasSubstr("p was interrupted: power cut"));
-
-    // The plugin dropped the script: the command is reported without it.
-    const ToolResult dropped = RunOne(FakeJournal(Pages{{}}).EndingAs("reported"));
-    EXPECT_EQ(dropped.code, 1);
-    EXPECT_THAT(dropped.remarks, HasSubstr("a.sh: not run"));
-
-    const ToolResult waited = RunOne(FakeJournal(), {"--wait", "0"});
-    EXPECT_EQ(waited.code, 4);
-    EXPECT_THAT(waited.remarks, AllOf(HasSubstr("no result yet"), HasSubstr("look later with: qxpctl show p")));
-
-    const ToolResult json = RunOne(FakeJournal(Pages{{Success("\xC3\xA9\033\n")}}), {"--json"});
-    EXPECT_EQ(json.code, 0);
-    EXPECT_EQ(Json::parse(json.output)["outcome"], "succeeded");
-    EXPECT_EQ(Json::parse(json.output)["scripts"][0]["output"], "\xC3\xA9\033\n");
-    EXPECT_THAT(json.output, Not(HasSubstr("\033")));
-}
-
-TEST_F(RunTest, ResultsOfFilesAreShownLikeOthers) {
-    const ToolResult result =
-        RunOne(FakeJournal(Pages{{Success("from a file\n")}}).From("file"), {"--command", "RunScriptFile"});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.output, "from a file\n");
+    const auto ran = [](const char* result, const char* output, const char* end) {
+        return FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", result, output, end)})}});
+    };
+    const struct {
+        FakeAgent::Handler agent;
+        std::vector<std::string> options;
+        int code;
+        testing::Matcher<std::string> output;
+        testing::Matcher<std::string> remarks;
+    } cases[] = {
+        {ran("0", "no marker", "x"), {}, 1, "no marker", HasSubstr("a.sh: failed")},
+        {ran("0", "", ""), {"--json"}, 1, HasSubstr(R"("state":"timed out")"), _},
+        {ran("1", "\xC3\xA9\033\n", "x"),
+         {"--json"},
+         0,
+         AllOf(HasSubstr(R"("outcome":"succeeded")"), HasSubstr(R"("output":"\u00e9\u001b\n")")),
+         _},
+        {FakeJournal(Pages{{Success()}}).From("file"), {"--command", "RunScriptFile"}, 0, "out\n", _},
+        {FakeJournal(Pages{{Json(), Refusal("p")}}),
+         {},
+         1,
+         "",
+         AllOf(HasSubstr("a.sh: refused"), HasSubstr("the policy p was refused: the plugin trusts another key"))},
+        // Its state alone tells, without a report.
+        {FakeJournal(Pages{{}}).EndingAs("refused", "not there"), {}, 1, "", HasSubstr("p was refused: not there")},
+        // The plugin dropped the script: the command is reported without it.
+        {FakeJournal(Pages{{}}).EndingAs("reported"), {}, 1, "", HasSubstr("a.sh: not run")},
+        {refuse, {"--json"}, 1, HasSubstr(R"("outcome":"refused","reason":"bad signature")"), _},
+        {FakeJournal(Pages{{Interruption("p", "power cut")}}),
+         {"--json"},
+         1,
+         HasSubstr(R"("outcome":"interrupted","reason":"power cut")"),
+         HasSubstr("p was interrupted: power cut")},
+        {FakeJournal(),
+         {"--wait", "0"},
+         4,
+         "",
+         AllOf(HasSubstr("no result yet"), HasSubstr("look later with: qxpctl show p"))},
+    };
+    for (const auto& test : cases) {
+        const ToolResult result = RunOne(test.agent, test.options);
+        EXPECT_EQ(result.code, test.code) << result.remarks;
+        EXPECT_THAT(result.output, test.output);
+        EXPECT_THAT(result.remarks, test.remarks);
+    }
 }
 
 TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {

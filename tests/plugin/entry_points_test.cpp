@@ -42,15 +42,10 @@ TEST_F(EntryPointsTest, ExactlyTheNineSymbolsAreExported) {
     host_.Symbol<void (*)()>("UninitializePlugin")();
 }
 
-TEST_F(EntryPointsTest, TableIsOneForTheExactClassIdAlone) {
+TEST_F(EntryPointsTest, TheExactClassIdAloneMakesTheOneTableAndEndsThePlugin) {
     void* table = host_.create_plugin(PLUGIN_CLSID);
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(host_.create_plugin(PLUGIN_CLSID), table);
-    EXPECT_EQ(host_.create_plugin("f87fc278-d443-4c25-95cb-58d6c48e9128"), nullptr);
-    EXPECT_EQ(host_.create_plugin("F87FC278-D443-4C25-95CB-58D6C48E9128x"), nullptr);
-    EXPECT_EQ(host_.create_plugin("F87FC278"), nullptr);
-    EXPECT_EQ(host_.create_plugin(nullptr), nullptr);
-
     int (*slots[15])();
     memcpy(&slots, table, sizeof(slots));
     EXPECT_STREQ(static_cast<PluginFunTable*>(table)->get_version(), "1.0.125");
@@ -58,45 +53,41 @@ TEST_F(EntryPointsTest, TableIsOneForTheExactClassIdAlone) {
         EXPECT_EQ(slots[reserved](), 0) << reserved;
     EXPECT_EQ(std::set(std::begin(slots), std::end(slots)).size(), 15U) << "each slot has its own function";
 
-    const Records log = host_.Log();
-    EXPECT_EQ(log.at(1),
-              (LogRecord{"info", "93", 5, "qxpmaint create_plugin clsid[F87FC278-D443-4C25-95CB-58D6C48E9128] ok"}));
-    EXPECT_EQ(log.back(), (LogRecord{"error", "93", 3, "**qxpmaint create_plugin clsid is NULL"}));
-}
-
-TEST_F(EntryPointsTest, DestroyPluginEndsARunningPluginAndNoOther) {
-    EXPECT_EQ(host_.destroy_plugin(nullptr), -1);
-    EXPECT_EQ(host_.destroy_plugin("F87FC278"), -1);
-    EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0);
+    EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0) << "nothing is running";
     EXPECT_TRUE(host_.LogWith("uninit").empty());
     host_.Launch();
-    EXPECT_EQ(host_.destroy_plugin("f87fc278-d443-4c25-95cb-58d6c48e9128"), -1);
+    for (const char* other : {"f87fc278-d443-4c25-95cb-58d6c48e9128", "F87FC278-D443-4C25-95CB-58D6C48E9128x", "F8",
+                              static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(host_.create_plugin(other), nullptr);
+        EXPECT_EQ(host_.destroy_plugin(other), -1);
+    }
     EXPECT_TRUE(host_.LogWith("qxpmaint_stop").empty());
     EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0);
     EXPECT_EQ(host_.LogWith("qxpmaint qxpmaint_stop ok").size(), 1U);
     EXPECT_EQ(host_.LogWith("qxpmaint uninit ok").size(), 1U);
-    const Records refused = host_.LogWith("**qxpmaint destroy_plugin clsid");
-    ASSERT_EQ(refused.size(), 3U);
-    EXPECT_EQ(refused[0], (LogRecord{"error", "93", 3, "**qxpmaint destroy_plugin clsid is NULL"}));
-    EXPECT_EQ(refused[1], (LogRecord{"error", "93", 3, "**qxpmaint destroy_plugin clsid[F87FC278] is not support"}));
+    const std::string who = "qxpmaint create_plugin clsid";
+    EXPECT_EQ(host_.Log().at(1), (LogRecord{"info", "93", 5, who + "[" + PLUGIN_CLSID + "] ok"}));
+    EXPECT_EQ(host_.LogWith("clsid[F8] is"),
+              (Records{{"error", "93", 3, "**" + who + "[F8] is not support"},
+                       {"error", "93", 3, "**qxpmaint destroy_plugin clsid[F8] is not support"}}));
+    EXPECT_EQ(host_.LogWith("clsid is NULL"), (Records{{"error", "93", 3, "**" + who + " is NULL"},
+                                                       {"error", "93", 3, "**qxpmaint destroy_plugin clsid is NULL"}}));
 }
 
 TEST_F(EntryPointsTest, ObjectsThatCannotBeMadeAreRefusedAndLogged) {
     EXPECT_EQ(host_.create_object(nullptr), nullptr);
     EXPECT_EQ(host_.create_object("x"), nullptr);
     const std::string source = "qxadapterplugin";
-    EXPECT_EQ(
-        host_.Log(),
-        (Records{
-            {"trace", source, 6, "qxpadapterplugin CqxpmaintCreateObject::CreateObject Begin pszName[null]"},
-            {"error", source, 4, "**qxpadapterplugin CqxpmaintMgr::CreateObject Error pszName is NULL"},
-            {"error", source, 4, "**qxpadapterplugin CqxpmaintCreateObject::CreateObject Error FALSE pszName[null]"},
-            {"trace", source, 6, "qxpadapterplugin CqxpmaintCreateObject::CreateObject Begin pszName[x]"},
-            {"debug", "93", 0, "qxpmaint create_plugin in"},
-            {"error", "93", 3, "**qxpmaint create_plugin clsid[x] is not support"},
-            {"error", source, 4,
-             "**qxpadapterplugin CqxpmaintMgr::CreateObject Error create_plugin pPluginFun is NULL"},
-            {"error", source, 4, "**qxpadapterplugin CqxpmaintCreateObject::CreateObject Error FALSE pszName[x]"}}));
+    const std::string object = "qxpadapterplugin CqxpmaintCreateObject::CreateObject ";
+    const std::string manager = "**qxpadapterplugin CqxpmaintMgr::CreateObject Error ";
+    EXPECT_EQ(host_.Log(), (Records{{"trace", source, 6, object + "Begin pszName[null]"},
+                                    {"error", source, 4, manager + "pszName is NULL"},
+                                    {"error", source, 4, "**" + object + "Error FALSE pszName[null]"},
+                                    {"trace", source, 6, object + "Begin pszName[x]"},
+                                    {"debug", "93", 0, "qxpmaint create_plugin in"},
+                                    {"error", "93", 3, "**qxpmaint create_plugin clsid[x] is not support"},
+                                    {"error", source, 4, manager + "create_plugin pPluginFun is NULL"},
+                                    {"error", source, 4, "**" + object + "Error FALSE pszName[x]"}}));
     // Freed whatever the name: a leak is what the address sanitizer sees.
     Create();
     host_.destroy_object(nullptr, host_.object);
@@ -105,8 +96,7 @@ TEST_F(EntryPointsTest, ObjectsThatCannotBeMadeAreRefusedAndLogged) {
     host_.object = nullptr;
     host_.destroy_object(PLUGIN_CLSID, nullptr);
     EXPECT_EQ(host_.LogWith("DestroyObject Begin pszName[null]").size(), 1U);
-    EXPECT_EQ(host_.LogWith("*qxpadapterplugin CqxpmaintMgr::DestroyObject Error destroy_plugin iRet[ffffffff]").size(),
-              1U);
+    EXPECT_EQ(host_.LogWith("*qxpadapterplugin CqxpmaintMgr::DestroyObject Error destroy_plugin iRet[ff").size(), 1U);
 }
 
 TEST_F(EntryPointsTest, OperationsKeepTheirOrderAndTellTheirState) {
@@ -130,12 +120,12 @@ TEST_F(EntryPointsTest, OperationsKeepTheirOrderAndTellTheirState) {
     EXPECT_EQ(object.GetCtx(&object), &host_.endpoint);
     EXPECT_EQ(object.Initialize(&host_.init_block), 0);
     EXPECT_EQ(object.GetStatus(), 1U);
-    EXPECT_EQ(object.Start(), 0);
-    EXPECT_EQ(object.GetStatus(), 2U);
-    EXPECT_EQ(object.Stop(), 0);
-    EXPECT_EQ(object.GetStatus(), 3U);
-    EXPECT_EQ(object.Start(), 0) << "a stopped plugin starts again";
-    EXPECT_EQ(object.Stop(), 0);
+    for (int round = 0; round < 2; ++round) {  // a stopped plugin starts again
+        EXPECT_EQ(object.Start(), 0);
+        EXPECT_EQ(object.GetStatus(), 2U);
+        EXPECT_EQ(object.Stop(), 0);
+        EXPECT_EQ(object.GetStatus(), 3U);
+    }
     object.Uninitialize();
 
     // A fresh, empty manager from here on.
@@ -161,8 +151,8 @@ TEST_F(EntryPointsTest, TheHostsProcessIsLeftAsItWas) {
             text += std::string(*entry) + "\n";
         std::ifstream status("/proc/self/status");
         for (std::string line; std::getline(status, line);)
-            if (line.starts_with("Umask") || line.starts_with("Sig"))
-                text += line + "\n";
+            for (const char* name : {"Umask", "SigBlk", "SigIgn", "SigCgt"})
+                text += line.starts_with(name) ? line + "\n" : "";
         return text;
     };
     const mode_t umask_before = umask(0027);

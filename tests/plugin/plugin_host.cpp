@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 
@@ -52,24 +51,15 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
     return out << record.severity << ' ' << record.source << ' ' << record.level << ' ' << record.text;
 }
 
-Json ParseJson(const std::string& text) {
-    Json document(cJSON_Parse(text.c_str()), cJSON_Delete);
-    Require(document != nullptr, "not JSON: " + text);
-    return document;
-}
-
-std::string Text(const Json& document, const std::string& path) {
-    const cJSON* node = document.get();
-    std::istringstream keys(path);
-    for (std::string key; std::getline(keys, key, '.');)
-        node = cJSON_IsArray(node) ? cJSON_GetArrayItem(node, std::stoi(key))
-                                   : cJSON_GetObjectItemCaseSensitive(node, key.c_str());
-    return cJSON_IsString(node) ? node->valuestring : "";
+std::string Text(const Json& document, std::string path) {
+    std::replace(path.begin(), path.end(), '.', '/');
+    const Json::json_pointer at("/" + path);
+    return document.contains(at) ? document.at(at).get<std::string>() : "";
 }
 
 std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
                        const std::vector<ScriptSpec>& scripts) {
-    nlohmann::json list = nlohmann::json::array();
+    Json list = Json::array();
     for (const ScriptSpec& script : scripts) {
         const std::string data = qxpctl::Base64Encode(script.body);
         list.push_back({{"scriptid", script.id},
@@ -79,7 +69,7 @@ std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std:
                         {"timeout", script.timeout},
                         {"checkret", script.check_ret}});
     }
-    return nlohmann::json{{"ID", id}, {"Command", command}, {"param", {{"scriptinfo", list}}}}.dump();
+    return Json{{"ID", id}, {"Command", command}, {"param", {{"scriptinfo", list}}}}.dump();
 }
 
 PluginHost::PluginHost() {

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cjson/cJSON.h>
 #include <dlfcn.h>
 
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -28,13 +28,14 @@ struct LogRecord {
 
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
-/// A JSON document, for Text.
-using Json = std::shared_ptr<cJSON>;
+using Json = nlohmann::json;
 
-/// Throws std::runtime_error for text that is not JSON.
-Json ParseJson(const std::string& text);
+/// Throws an exception for text that is not JSON.
+inline Json ParseJson(const std::string& text) {
+    return Json::parse(text);
+}
 /// The string at a path of keys and array positions, as in "data.result.0.scriptid"; empty when there is none.
-std::string Text(const Json& document, const std::string& path);
+std::string Text(const Json& document, std::string path);
 
 /// One script of a policy; the members are those of the document, as text.
 struct ScriptSpec {

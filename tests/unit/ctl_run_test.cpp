@@ -134,20 +134,11 @@ TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {
 }
 
 TEST_F(RunTest, ReportsAreAcknowledgedOnlyWhenTheyHaveBeenPrinted) {
-    for (const bool json : {false, true}) {
+    for (const char* form : {"--wait=60", "--json"}) {
         FakeJournal journal(Pages{{Success()}});
-        std::filesystem::remove(Socket());
-        auto arguments = RunCommand({"--id", "p", directory_.Write("a.sh", "x")});
-        if (json)
-            arguments.emplace_back("--json");
-        const FakeAgent agent(Socket(), std::ref(journal));
-        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-        const int remarks = memfd_create("remarks", MFD_CLOEXEC);
-        EXPECT_EQ(RunToolOn(full, remarks, arguments), 5);
-        EXPECT_THAT(ReadFromStart(remarks), HasSubstr("No space left"));
+        EXPECT_THAT(RunOnFullDisk(std::ref(journal), RunCommand({"--id", "p", directory_.Write("a.sh", "x"), form})),
+                    HasSubstr("No space left"));
         EXPECT_THAT(journal.acknowledged, IsEmpty());
-        close(full);
-        close(remarks);
     }
     FakeJournal kept(Pages{{Success()}});
     EXPECT_EQ(RunOne(std::ref(kept), {"--no-acknowledge"}).code, 0);

@@ -35,7 +35,3 @@ inline bool ProcessRuns(pid_t pid) {
 inline long CountEntries(const char* directory) {
     return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
 }
-
-inline size_t OpenDescriptors() {
-    return static_cast<size_t>(CountEntries("/proc/self/fd"));
-}

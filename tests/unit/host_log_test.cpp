@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -216,9 +215,7 @@ TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
     EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).log, IsEmpty());
     EXPECT_THAT(Records(ReadFile(file)), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1", "info 93 5 once",
                                                      "info 93 5 close-on-exec 1"));
-    struct stat info = {};
-    ASSERT_EQ(stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777 & ~0640, 0U);
+    EXPECT_EQ(std::filesystem::status(file).permissions() & ~std::filesystem::perms{0640}, std::filesystem::perms{});
     EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", file + "/x"}}, log_once).log),
                 ElementsAre("error qxhost 3 cannot open the log file " + file +
                                 "/x: Not a directory; logging to the standard error",

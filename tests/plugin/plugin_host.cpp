@@ -137,8 +137,6 @@ std::vector<LogRecord> PluginHost::Log() const {
 
 std::vector<LogRecord> PluginHost::LogWith(const std::string& part) const {
     std::vector<LogRecord> records = Log();
-    records.erase(std::remove_if(records.begin(), records.end(),
-                                 [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; }),
-                  records.end());
+    std::erase_if(records, [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; });
     return records;
 }

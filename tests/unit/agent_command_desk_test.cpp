@@ -51,6 +51,15 @@ protected:
         return R"({"ID":")" + id + R"(","Command":")" + command + R"(","param":{"scriptinfo":[)" + scripts + "]}}";
     }
     std::string Document(const std::string& id) const { return Document(id, Script("a")); }
+    // As if the process had died between the two steps of the journal.
+    void Journal(const std::string& id) {
+        NewCommand command;
+        command.id = id;
+        command.text = Document(id);
+        command.expected = {"a"};
+        CommandRecord record;
+        EXPECT_EQ(Admission::kNew, store_->Admit(command, record));
+    }
     SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
     void Report(const std::string& text) {
         ReportIntake(*store_, counters_, [] {
@@ -220,14 +229,7 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
     Report(R"({"ID":"running","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
     Submit(Document("done"));
     Report(R"({"ID":"done","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
-    // As if the process had died between the two steps of the journal.
-    NewCommand journalled;
-    journalled.id = "journalled";
-    journalled.text = Document("journalled");
-    journalled.sha256 = "sha";
-    journalled.expected = {"a"};
-    CommandRecord record;
-    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
+    Journal("journalled");
     Submit(Document("late", Script("f"), "RunScriptFile"));
 
     Restart();
@@ -263,14 +265,8 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
 }
 
 TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
-    NewCommand journalled;
-    journalled.expected = {"a"};
-    CommandRecord record;
-    for (const char* const id : {"z", "c"}) {
-        journalled.id = id;
-        journalled.text = Document(id);
-        ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
-    }
+    Journal("z");
+    Journal("c");
     for (const int status : {kBusUndelivered, kBusNotAttached, kBusQueueFull, kBusOk}) {
         delivered_.clear();
         plugin_ = [status](const std::string&) { return status; };

@@ -9,16 +9,10 @@ namespace {
 
 TEST_F(RunPolicyTest, AcceptedScriptsRunAndAreReported) {
     host_.Launch();
-    ScriptSpec marked = Echo("marked");
-    marked.check_ret = "mark";
-    ScriptSpec changed = Echo("changed");
-    changed.signed_right = false;
-    ScriptSpec executable = Echo("executable");
-    executable.type = "EXE";
-    executable.body = "#!/bin/sh\necho $0\n";
-    ScriptSpec archive = Echo("archive");
-    archive.type = "zip";
-    ASSERT_TRUE(host_.SendCommand(Policy("p1", {marked, changed, executable, archive})));
+    ASSERT_TRUE(host_.SendCommand(Policy("p1", {{.id = "marked", .body = "echo marked", .check_ret = "mark"},
+                                                {.body = "echo changed", .signed_right = false},
+                                                {.type = "EXE", .body = "#!/bin/sh\necho $0\n"},
+                                                {.id = "archive", .type = "zip", .body = "x"}})));
     std::map<std::string, std::string> outputs;
     for (size_t reports = 1; outputs.size() < 2; ++reports) {
         const Json report = ParseJson(host_.WaitForReports(reports).at(reports - 1));

@@ -261,14 +261,10 @@ TEST_F(AdapterTest, RegistryTypesAreRegisteredAndUnregisteredInOrder) {
     std::string calls;
     for (const BusCall& call : endpoint_.Calls())
         calls += call.operation + (call.type ? " " + std::to_string(call.type) : "") + ";";
-    const std::string types[] = {"20001;", "1000;", "1001;", "-1;", "30;"};
-    std::string expected = "Initialize;";
-    for (const std::string& type : types)
-        expected += "RegisterReceive " + type;
-    expected += "SendRequest 10012;";
-    for (const std::string& type : types)
-        expected += "UnregisterReceive " + type;
-    EXPECT_EQ(calls, expected + "Uninitialize;");
+    EXPECT_EQ(calls,
+              "Initialize;RegisterReceive 20001;RegisterReceive 1000;RegisterReceive 1001;RegisterReceive -1;"
+              "RegisterReceive 30;SendRequest 10012;UnregisterReceive 20001;UnregisterReceive 1000;"
+              "UnregisterReceive 1001;UnregisterReceive -1;UnregisterReceive 30;Uninitialize;");
     EXPECT_TRUE(endpoint_.Calls("Initialize").at(0).component == PLUGIN);
     for (const BusCall& call : endpoint_.Calls("RegisterReceive")) {
         EXPECT_EQ(call.sink, &manager_->m_stReceive);

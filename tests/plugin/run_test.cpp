@@ -139,7 +139,7 @@ TEST_F(RunPolicyTest, AStopRightAfterAStartIsNotLost) {
     host_.Launch();
     for (int round = 0; round < 5; ++round) {
         EXPECT_EQ(host_.object->Stop(), 0);
-        EXPECT_EQ(Threads("maintloadfile"), 0);
+        EXPECT_TRUE(WaitUntil([] { return Threads("maintloadfile") == 0; })) << "it has left, and ends";
         EXPECT_EQ(host_.object->Start(), 0);
     }
     EXPECT_TRUE(WaitUntil([&] { return Threads("maintloadfile") == 1; }));

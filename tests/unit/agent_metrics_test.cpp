@@ -72,7 +72,8 @@ TEST(MetricsTest, EveryFigureIsExposed) {
 TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
     AgentStatus status;
     status.store.fault = "no space";
-    status.store.oldest_pending = std::chrono::system_clock::now() - std::chrono::seconds(100);
+    const auto oldest = std::chrono::system_clock::now() - std::chrono::seconds(100);
+    status.store.oldest_pending = oldest;
     const std::string text = MetricsText(status);
     EXPECT_THAT(text, HasSubstr("\nqxpagent_store_writable 0\n"));
     EXPECT_THAT(text, HasSubstr("\nqxpagent_plugin_started 0\n"));
@@ -80,7 +81,7 @@ TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
     const std::string name = "\nqxpagent_reports_oldest_pending_age_seconds ";
     const double age = std::stod(text.substr(text.find(name) + name.size()));
     EXPECT_GE(age, 100);
-    EXPECT_LT(age, 160);
+    EXPECT_LE(age, std::chrono::duration<double>(std::chrono::system_clock::now() - oldest).count());
     status.store.oldest_pending = std::chrono::system_clock::now() + std::chrono::hours(1);
     EXPECT_THAT(MetricsText(status), HasSubstr(name + "0\n")) << "the clock was set back";
 }

@@ -183,7 +183,10 @@ TEST_F(RunTest, TimeOutsAreEnforcedOnlyBeyond32Runs) {
     manager_->DisposeScriptList(MT_RUNTIMEOUT);
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 32U);
     Launch(patient);
-    manager_->DisposeScriptList(MT_RUNTIMEOUT);
+    EXPECT_TRUE(WaitUntil([&] {
+        manager_->DisposeScriptList(MT_RUNTIMEOUT);
+        return !Reported().empty();
+    }));
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 32U);
     const auto results = Reported();
     ASSERT_EQ(results.size(), 1U);

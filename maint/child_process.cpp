@@ -131,7 +131,8 @@ bool CChildProcess::HasExited() const {
     bool bOurs = false;
     if (m_PidFd) {
         pollfd stPidFd{m_PidFd.Get(), POLLIN, 0};
-        return poll(&stPidFd, 1, 0) == 1;
+        if (const int iReady = poll(&stPidFd, 1, 0); iReady >= 0)
+            return iReady == 1;  // else the limit of descriptors is below what it was
     }
     return IsKnown() && IsWaitable(bOurs);
 }

@@ -7,6 +7,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "ctl/signer.h"
+#include "ctl/text.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -48,22 +51,28 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
     return out << record.severity << ' ' << record.source << ' ' << record.level << ' ' << record.text;
 }
 
-Json ParseJson(const std::string& text) {
-    Json document(cJSON_Parse(text.c_str()), cJSON_Delete);
-    Require(document != nullptr, "not JSON: " + text);
-    return document;
+std::string Text(const Json& document, std::string path) {
+    std::replace(path.begin(), path.end(), '.', '/');
+    const Json::json_pointer at("/" + path);
+    return document.contains(at) ? document.at(at).get<std::string>() : "";
 }
 
-std::string Text(const Json& document, const std::string& path) {
-    const cJSON* node = document.get();
-    std::istringstream keys(path);
-    for (std::string key; std::getline(keys, key, '.');)
-        node = cJSON_IsArray(node) ? cJSON_GetArrayItem(node, std::stoi(key))
-                                   : cJSON_GetObjectItemCaseSensitive(node, key.c_str());
-    return cJSON_IsString(node) ? node->valuestring : "";
+std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
+                       const std::vector<ScriptSpec>& scripts) {
+    Json list = Json::array();
+    for (const ScriptSpec& script : scripts) {
+        const std::string data = qxpctl::Base64Encode(script.body);
+        list.push_back({{"scriptid", script.id},
+                        {"scripttype", script.type},
+                        {"scriptdata", data},
+                        {"sign", qxpctl::Sign(key, script.signed_right ? data : data + "=")},
+                        {"timeout", script.timeout},
+                        {"checkret", script.check_ret}});
+    }
+    return Json{{"ID", id}, {"Command", command}, {"param", {{"scriptinfo", list}}}}.dump();
 }
 
-PluginHost::PluginHost() : signer(QXPMAINT_TEST_SIGNING_KEY) {
+PluginHost::PluginHost() {
     ClaimProcess();
     BuildTree(Root());
     Require(chdir((Root() / "bin").c_str()) == 0, "cannot enter bin/");
@@ -113,22 +122,21 @@ std::vector<std::string> PluginHost::WaitForReports(size_t count, std::chrono::m
     Require(endpoint.WaitForCalls("SendAsync", count, deadline), "too few reports");
     std::vector<std::string> reports;
     for (const BusCall& call : endpoint.Calls("SendAsync"))
-        reports.push_back(DecodeEnvelope(call.data).json);
+        reports.push_back(call.data.substr(148, call.data.size() - 149));  // out of its envelope
     return reports;
 }
 
 std::vector<LogRecord> PluginHost::Log() const {
     std::vector<LogRecord> records;
     std::ifstream file(Root() / "log");
-    for (std::string line; std::getline(file, line);)
+    // A last line without its newline is still being written.
+    for (std::string line; std::getline(file, line) && !file.eof();)
         records.push_back(ParseRecord(line));
     return records;
 }
 
 std::vector<LogRecord> PluginHost::LogWith(const std::string& part) const {
     std::vector<LogRecord> records = Log();
-    records.erase(std::remove_if(records.begin(), records.end(),
-                                 [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; }),
-                  records.end());
+    std::erase_if(records, [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; });
     return records;
 }

@@ -1,18 +1,18 @@
 #pragma once
 
-#include <cjson/cJSON.h>
 #include <dlfcn.h>
 
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "adapter/entry_points.h"
 #include "adapter/plugin_fun_table.h"
+#include "ctl/key_file.h"
 #include "qxhost/init_block.h"
-#include "tests/plugin/script_signer.h"
 #include "tests/plugin/scripted_endpoint.h"
 #include "tests/support/temp_dir.h"
 
@@ -28,13 +28,28 @@ struct LogRecord {
 
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
-/// A JSON document, for Text.
-using Json = std::shared_ptr<cJSON>;
+using Json = nlohmann::json;
 
-/// Throws std::runtime_error for text that is not JSON.
-Json ParseJson(const std::string& text);
+/// Throws an exception for text that is not JSON.
+inline Json ParseJson(const std::string& text) {
+    return Json::parse(text);
+}
 /// The string at a path of keys and array positions, as in "data.result.0.scriptid"; empty when there is none.
-std::string Text(const Json& document, const std::string& path);
+std::string Text(const Json& document, std::string path);
+
+/// One script of a policy; the members are those of the document, as text.
+struct ScriptSpec {
+    std::string id = "1";
+    std::string type = "sh";
+    std::string body{};
+    std::string timeout = "0";
+    std::string check_ret{};
+    bool signed_right = true;  ///< false: the signature is one of another body
+};
+
+/// A command with its policy as the server sends it, every script signed with the key.
+std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
+                       const std::vector<ScriptSpec>& scripts);
 
 /// A host that loads the built plugin from a private installation tree, in the order and with the calls that a vendor's
 /// agent makes:
@@ -87,7 +102,7 @@ public:
     PluginObjInterface* object = nullptr;
     ScriptedEndpoint endpoint;
     /// The key that the loaded plugin trusts.
-    ScriptSigner signer;
+    const qxpctl::Key signer = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
     QxInitBlock init_block{nullptr};
 
 private:

@@ -29,19 +29,8 @@ protected:
         return MakePolicy(host_.signer, id, command, scripts);
     }
 
-    static std::vector<ScriptSpec> Sleepers(size_t count, const std::string& timeout = "0") {
-        ScriptSpec sleeper;
-        sleeper.body = "exec sleep 1000";
-        sleeper.timeout = timeout;
-        return std::vector<ScriptSpec>(count, sleeper);
-    }
-
-    static ScriptSpec Echo(const std::string& id) {
-        ScriptSpec script;
-        script.id = id;
-        script.body = "echo " + id;
-        return script;
-    }
+    static std::vector<ScriptSpec> Sleepers(size_t count) { return {count, {.body = "exec sleep 1000"}}; }
+    static ScriptSpec Echo(const std::string& id) { return {.id = id, .body = "echo " + id}; }
 
     static long Threads(const std::string& name) { return CountThreads(name); }
     static bool WaitForRuns(long count) {

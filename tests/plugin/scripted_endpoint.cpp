@@ -10,38 +10,7 @@ std::string Bytes(const unsigned char* data, size_t length) {
     return data ? std::string(reinterpret_cast<const char*>(data), length) : std::string();
 }
 
-unsigned int U32(const std::string& bytes, size_t offset) {
-    unsigned int value = 0;
-    for (size_t i = 0; i < 4; ++i)
-        value |= static_cast<unsigned int>(static_cast<unsigned char>(bytes.at(offset + i))) << (8 * i);
-    return value;
-}
-
-// A NUL-padded field; throws when anything follows the first NUL.
-std::string Field(const std::string& bytes, size_t offset, size_t size) {
-    const std::string field = bytes.substr(offset, size);
-    const size_t length = field.find('\0');
-    if (length == std::string::npos || field.find_first_not_of('\0', length) != std::string::npos)
-        throw std::runtime_error("an envelope's name is not NUL-padded");
-    return field.substr(0, length);
-}
-
 }  // namespace
-
-GUID Guid(std::string text) {
-    text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
-    GUID guid{};
-    guid.Data1 = static_cast<uint32_t>(std::stoul(text.substr(0, 8), nullptr, 16));
-    guid.Data2 = static_cast<uint16_t>(std::stoul(text.substr(8, 4), nullptr, 16));
-    guid.Data3 = static_cast<uint16_t>(std::stoul(text.substr(12, 4), nullptr, 16));
-    for (size_t i = 0; i < sizeof(guid.Data4); ++i)
-        guid.Data4[i] = static_cast<uint8_t>(std::stoul(text.substr(16 + 2 * i, 2), nullptr, 16));
-    return guid;
-}
-
-bool operator==(const GUID& a, const GUID& b) {
-    return memcmp(&a, &b, sizeof(GUID)) == 0;
-}
 
 void ScriptedEndpoint::Record(BusCall call) {
     const std::lock_guard guard(lock_);
@@ -183,15 +152,4 @@ int ScriptedEndpoint::SendAsync(const GUID& stTarget, long i64MsgType, const uns
     if (script.send == 0 && pSink)
         pSink->SendCallback(0, i64MsgType, nullptr, 0, 1, pContext);
     return script.send;
-}
-
-Envelope DecodeEnvelope(const std::string& bytes) {
-    if (bytes.size() < 149 || bytes.size() != U32(bytes, 144) + 149 || bytes.back() != '\0' || U32(bytes, 12) != 0)
-        throw std::runtime_error("not an envelope");
-    return {.type = U32(bytes, 0),
-            .value4 = static_cast<int>(U32(bytes, 4)),
-            .value8 = static_cast<int>(U32(bytes, 8)),
-            .name1 = Field(bytes, 16, 64),
-            .name2 = Field(bytes, 80, 64),
-            .json = bytes.substr(148, bytes.size() - 149)};
 }

@@ -10,19 +10,19 @@
 #include <string>
 #include <vector>
 
+#include "agent/component_ids.h"
 #include "qxhost/bus.h"
 #include "tests/support/wait.h"
 
-/// A component id from its text.
-GUID Guid(std::string text);
-
-bool operator==(const GUID& a, const GUID& b);
+inline bool operator==(const GUID& a, const GUID& b) {
+    return qxpagent::SameId(a, b);
+}
 
 /// The plugin's own component, and those it deals with.
-inline const GUID PLUGIN = Guid("F87FC278-D443-4C25-95CB-58D6C48E9128");
-inline const GUID SERVER_DATA = Guid("FAB922A8-736E-4CB5-A666-4FD849A3049A");
-inline const GUID AGENT_CONNECT = Guid("ABC9A772-602C-45F4-9AAC-7096FD9BEDA4");
-inline const GUID MANAGER = Guid("9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
+inline constexpr GUID PLUGIN = qxpagent::ParseGuid("F87FC278-D443-4C25-95CB-58D6C48E9128");
+inline constexpr GUID SERVER_DATA = qxpagent::ParseGuid("FAB922A8-736E-4CB5-A666-4FD849A3049A");
+inline constexpr GUID AGENT_CONNECT = qxpagent::ParseGuid("ABC9A772-602C-45F4-9AAC-7096FD9BEDA4");
+inline constexpr GUID MANAGER = qxpagent::ParseGuid("9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
 
 /// One call that the plugin made on the bus.
 struct BusCall {
@@ -93,16 +93,3 @@ private:
     std::multiset<long> in_flight_;
     std::map<unsigned char*, std::unique_ptr<unsigned char[]>> replies_;  // given out, not yet freed
 };
-
-/// What the envelope of a report holds; read with every check that its layout allows.
-struct Envelope {
-    unsigned int type = 0;
-    int value4 = 0;
-    int value8 = 0;
-    std::string name1;
-    std::string name2;
-    std::string json;
-};
-
-/// Throws std::runtime_error for bytes that are no envelope.
-Envelope DecodeEnvelope(const std::string& bytes);

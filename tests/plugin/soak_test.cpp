@@ -64,7 +64,8 @@ protected:
         }
         ASSERT_TRUE(WaitForLaunch(++launches_));
         if (number % 5 == 0) {
-            ASSERT_TRUE(host_.SendCommand(Policy("stubborn", {Stubborn()})));  // may meet the stop
+            ASSERT_TRUE(host_.SendCommand(
+                Policy("stubborn", {{.body = "trap '' TERM; while :; do sleep 0.1; done"}})));  // may meet the stop
         }
         Linger();
         EXPECT_EQ(host_.object->Stop(), 0);
@@ -72,12 +73,6 @@ protected:
         launches_ = host_.LogWith("strDisposeType[MT_RUNTIMEOUT]").size();
         host_.endpoint.Forget();
         std::filesystem::remove_all(host_.Data() / "result");
-    }
-
-    static ScriptSpec Stubborn() {
-        ScriptSpec script;
-        script.body = "trap '' TERM; while :; do sleep 0.1; done";
-        return script;
     }
 
     // So that the next thing meets the runs at another moment of their life each time.

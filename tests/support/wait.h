@@ -53,7 +53,3 @@ inline long CountThreads(const std::string& name) {
 inline long CountEntries(const char* directory) {
     return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
 }
-
-inline size_t OpenDescriptors() {
-    return static_cast<size_t>(CountEntries("/proc/self/fd"));
-}

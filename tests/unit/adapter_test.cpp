@@ -111,17 +111,27 @@ TEST(GuidText, BothFormsAreReadAndOneIsWritten) {
     EXPECT_EQ(FormatGuid(ParseGuid("0000000A-000B-zz")), "0000000A-000B-0000-0000-000000000000");
 }
 
+// Little-endian numbers, names padded to 64 bytes with NULs, and the text with a NUL behind it.
+std::string Envelope(uint32_t type, int value4, int value8, std::string name1, std::string name2,
+                     const std::string& json) {
+    std::string bytes;
+    const auto put = [&](uint32_t number) {
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>(number >> shift);
+    };
+    name1.resize(64);
+    name2.resize(64);
+    for (const uint32_t number : {type, static_cast<uint32_t>(value4), static_cast<uint32_t>(value8), 0U})
+        put(number);
+    bytes += name1 + name2;
+    put(static_cast<uint32_t>(json.size()));
+    return bytes + json + '\0';
+}
+
 TEST_F(AdapterTest, EnvelopeIsLaidOutByteForByte) {
-    const std::string json = "{}";
     EXPECT_EQ(CqxpmaintMgr::AdapterSendToMgr(1, "one", "two", 7, reinterpret_cast<const unsigned char*>("{}"), 2), 0);
-    std::string expected(151, '\0');
-    expected[0] = 1;
-    expected[4] = 7;
-    expected[8] = 1;
-    expected[144] = 2;
-    expected.replace(148, 2, json);
     const BusCall call = endpoint_.Calls("SendAsync").at(0);
-    EXPECT_EQ(call.data, expected);
+    EXPECT_EQ(call.data, Envelope(1, 7, 1, "", "", "{}"));
     EXPECT_TRUE(call.component == MANAGER);
     EXPECT_EQ(call.type, 20300);
     EXPECT_EQ(call.timeout, 60000U);
@@ -129,18 +139,12 @@ TEST_F(AdapterTest, EnvelopeIsLaidOutByteForByte) {
     EXPECT_NE(call.sink, nullptr);
 
     // Many bytes of every number, and names over their limit.
-    EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, std::string(70, 'a').c_str(), "b", -2, 0x01020304,
-                                       std::string(70000, 'j').c_str()),
+    const std::string json(70000, 'j');
+    EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, std::string(70, 'a').c_str(), "b", -2, 0x01020304, json.c_str()),
               0);
-    const Envelope envelope = DecodeEnvelope(endpoint_.Calls("SendAsync").at(1).data);
-    EXPECT_EQ(envelope.type, 2U);
-    EXPECT_EQ(envelope.value4, -2);
-    EXPECT_EQ(envelope.value8, 0x01020304);
-    EXPECT_EQ(envelope.name1, std::string(63, 'a'));
-    EXPECT_EQ(envelope.name2, "b");
-    EXPECT_EQ(envelope.json.size(), 70000U);
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(1).data, Envelope(2, -2, 0x01020304, std::string(63, 'a'), "b", json));
     EXPECT_EQ(SendJsonComboDataAsyncEx(&endpoint_, 2, "a", "", 0, 0, "{}"), 0);
-    EXPECT_EQ(DecodeEnvelope(endpoint_.Calls("SendAsync").at(2).data).name1, "");
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(2).data, Envelope(2, 0, 0, "", "", "{}"));
 }
 
 TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
@@ -164,7 +168,7 @@ TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
     // Bytes behind an embedded NUL are dropped; a failing or throwing host is told as such.
     endpoint_.script.send = 55;
     EXPECT_EQ(send(2, std::string("{}\0{}", 5), 5), 55);
-    EXPECT_EQ(DecodeEnvelope(endpoint_.Calls("SendAsync").at(0).data).json, "{}");
+    EXPECT_EQ(endpoint_.Calls("SendAsync").at(0).data, Envelope(2, 0, 1, "", "", "{}"));
     endpoint_.script.during_send = [] { throw std::runtime_error("host"); };
     EXPECT_EQ(send(1, "{}", 2), -1);
     CqxpmaintMgr::DestroyInstance();
@@ -173,8 +177,10 @@ TEST_F(AdapterTest, WhatCannotBeSentIsRefusedWithItsCode) {
 
 TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{\"a\":1}"), Calls{"recv {\"a\":1}"});
+    EXPECT_EQ(Receive(20001, SERVER_DATA, std::string("\0\0", 2)), Calls{"recv "});
     EXPECT_EQ(Receive(20001, AGENT_CONNECT, "x"), Calls{});
     EXPECT_EQ(Receive(1000, SERVER_DATA, R"({"ip":"10.0.0.5"})"), Calls{});
+    EXPECT_EQ(Receive(1001, SERVER_DATA, ""), Calls{});
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 0U);
     EXPECT_EQ(Receive(1001, AGENT_CONNECT, ""), Calls{"d"});
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 2U);
@@ -182,6 +188,7 @@ TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(manager_->m_stReceive.connect_state_flags, 3U);
     EXPECT_EQ(Receive(1000, AGENT_CONNECT, R"({"onlineflag":"0","ip":"10.0.0.5","port":"443"})"),
               Calls{"connect 10.0.0.5:443"});
+    EXPECT_EQ(Receive(1000, AGENT_CONNECT, R"({"ip":"","port":"443"})"), Calls{});
 
     manager_->m_stReceive.msg_type_registry = {{(1L << 32) + 5, {MANAGER, SERVER_DATA}}, {6, {}}};
     EXPECT_EQ(Receive((1L << 32) + 5, SERVER_DATA, "text"), Calls{"notify 5 text"});
@@ -197,17 +204,17 @@ TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{}"), Calls{});
 
     const std::vector<BusCall> replies = endpoint_.Calls("Reply");
-    ASSERT_EQ(replies.size(), 15U);
+    ASSERT_EQ(replies.size(), 18U);
     for (const BusCall& reply : replies) {
         EXPECT_EQ(reply.data, "success");
         EXPECT_EQ(reply.status, 0);
         EXPECT_EQ(reply.context, &token_);
     }
     EXPECT_EQ(replies.front().type, 20001);
-    EXPECT_EQ(replies.at(3).type, 1001);
+    EXPECT_EQ(replies.at(4).type, 1001);
     manager_->m_stReceive.ReceiveCallback(SERVER_DATA, 20001, nullptr, 0, nullptr, &endpoint_);
     manager_->m_stReceive.ReceiveCallback(SERVER_DATA, 20001, nullptr, 0, &token_, nullptr);
-    EXPECT_EQ(endpoint_.Calls("Reply").size(), 15U);
+    EXPECT_EQ(endpoint_.Calls("Reply").size(), 18U);
 }
 
 TEST_F(AdapterTest, ConnectQueryActsOnWhatTheAgentAnswers) {
@@ -251,12 +258,21 @@ TEST_F(AdapterTest, RegistryTypesAreRegisteredAndUnregisteredInOrder) {
     EXPECT_EQ(manager_->Start(), 's');
     EXPECT_EQ(manager_->Stop(), 't');
     EXPECT_TRUE(manager_->m_stReceive.msg_type_registry.empty());
-    for (const char* operation : {"RegisterReceive", "UnregisterReceive"}) {
-        std::vector<long> types;
-        for (const BusCall& call : endpoint_.Calls(operation))
-            types.push_back(call.type);
-        EXPECT_EQ(types, (std::vector<long>{20001, 1000, 1001, -1, 30})) << operation;
+    std::string calls;
+    for (const BusCall& call : endpoint_.Calls())
+        calls += call.operation + (call.type ? " " + std::to_string(call.type) : "") + ";";
+    EXPECT_EQ(calls,
+              "Initialize;RegisterReceive 20001;RegisterReceive 1000;RegisterReceive 1001;RegisterReceive -1;"
+              "RegisterReceive 30;SendRequest 10012;UnregisterReceive 20001;UnregisterReceive 1000;"
+              "UnregisterReceive 1001;UnregisterReceive -1;UnregisterReceive 30;Uninitialize;");
+    EXPECT_TRUE(endpoint_.Calls("Initialize").at(0).component == PLUGIN);
+    for (const BusCall& call : endpoint_.Calls("RegisterReceive")) {
+        EXPECT_EQ(call.sink, &manager_->m_stReceive);
+        EXPECT_EQ(call.context, static_cast<IXBusMREndPoint4*>(&endpoint_));
     }
+    const BusCall query = endpoint_.Calls("SendRequest").at(0);
+    EXPECT_TRUE(query.component == AGENT_CONNECT);
+    EXPECT_EQ(query.data + std::to_string(query.timeout), "5000");
     endpoint_.script.initialize = 4;
     EXPECT_EQ(manager_->Start(), 's') << "a taken name is no reason not to start";
     EXPECT_EQ(endpoint_.Calls("RegisterReceive").size(), 5U);

@@ -112,9 +112,12 @@ TEST_F(BusTest, AReplyTokenIsGoodOnceForItsReceiverInItsTime) {
         EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "made up", &token));
         EXPECT_EQ(kBusOk, ReplyAs(bob_, "first", message.token));
         EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "second", message.token));
+        throw std::runtime_error("after the answer, which counts");
     });
     ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
-    EXPECT_EQ("first", Ask(kBob, kType, "answer").reply);
+    for (int round = 0; round < 20; ++round) {  // the sender may wake before or after the receiver fails
+        EXPECT_EQ("first", Ask(kBob, kType, "answer").reply);
+    }
     EXPECT_EQ(kBusBadArgument, ReplyAs(bob_, "null", nullptr));
 
     EXPECT_EQ(kBusTimedOut, Ask(kBob, kType, "forget", 50).result);
@@ -265,20 +268,24 @@ TEST_F(BusTest, TheQueueIsBoundedAndExpiresWhileEveryThreadIsBusy) {
 
     CompletionLog refused;
     CompletionLog queued;
+    CompletionLog taken;
+    ASSERT_EQ(kBusOk, bus_.RegisterDirect(kBob, kOtherType, [](std::string_view) { return true; }));
+    EXPECT_EQ(kBusOk, Send("", taken, kOtherType, 1));
     EXPECT_EQ(kBusQueueFull, Send(std::string(101, 'x'), refused)) << "100 bytes is the limit";
     EXPECT_EQ(kBusOk, Send(std::string(60, 'x'), queued, kType, 1));
     EXPECT_EQ(kBusTimedOut, queued.WaitFor(1).at(0).outcome);
     EXPECT_EQ(kBusOk, Send(std::string(100, 'x'), queued)) << "what expired makes room";
     EXPECT_EQ(kBusQueueFull, Send("y", refused));
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(kBusOk, Send("", queued));
     }
     EXPECT_EQ(kBusQueueFull, Send("", refused)) << "4 messages is the limit";
 
     release.Set();
     bus_.Shutdown();  // delivers what is queued
-    const auto outcomes = queued.WaitFor(5);
-    ASSERT_EQ(5U, outcomes.size());
+    EXPECT_EQ(kBusOk, taken.WaitFor(1).at(0).outcome) << "what was taken never expires";
+    const auto outcomes = queued.WaitFor(4);
+    ASSERT_EQ(4U, outcomes.size());
     for (size_t i = 1; i < outcomes.size(); ++i) {
         EXPECT_EQ(kBusOk, outcomes[i].outcome);
     }

@@ -51,6 +51,15 @@ protected:
         return R"({"ID":")" + id + R"(","Command":")" + command + R"(","param":{"scriptinfo":[)" + scripts + "]}}";
     }
     std::string Document(const std::string& id) const { return Document(id, Script("a")); }
+    // As if the process had died between the two steps of the journal.
+    void Journal(const std::string& id) {
+        NewCommand command;
+        command.id = id;
+        command.text = Document(id);
+        command.expected = {"a"};
+        CommandRecord record;
+        EXPECT_EQ(Admission::kNew, store_->Admit(command, record));
+    }
     SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
     void Report(const std::string& text) {
         ReportIntake(*store_, counters_, [] {
@@ -120,17 +129,21 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     SubmitOutcome outcome = desk_->Submit(Document("full"), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("too many")) << outcome.command->reason;
+    EXPECT_TRUE(outcome.command->unreported.empty()) << "no result is to come";
 
     // A refusal that the plugin's own answer does not name, since its text is cut.
     plugin_ = [](const std::string&) { return kBusOk; };
     outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
+    EXPECT_EQ(0U, outcome.command->expected);
     outcome = desk_->Submit(Document("untrusted", Script("a", "sh", "01100000ff")), kPeer);
     EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_NE(std::string::npos, outcome.command->reason.find("; script 1: bad signature: "));
     plugin_ = [](const std::string&) { return kBusReceiverFailed; };
-    EXPECT_EQ(CommandState::kRefused, desk_->Submit(Document("failed"), kPeer).command->state);
+    outcome = desk_->Submit(Document("failed"), kPeer);
+    EXPECT_EQ(SubmitStatus::kTaken, outcome.status);
+    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
     EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
     EXPECT_EQ(5U, counters_.Get().commands_taken);
 
@@ -172,6 +185,14 @@ TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
     lock.reset();
     plugin_ = [](const std::string&) { return kBusOk; };
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
+    EXPECT_EQ(SubmitStatus::kKnown, Submit(Document("c"))) << "it is withdrawn once";
+
+    // It fails between the two steps of the journal.
+    SQLite::Database other(path_.string(), SQLite::OPEN_READWRITE);
+    other.exec("CREATE TRIGGER deny BEFORE UPDATE OF state ON commands BEGIN SELECT RAISE(ABORT, 'denied'); END");
+    EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("half")));
+    EXPECT_FALSE(store_->FindCommand("half").has_value()) << "told as failed, so never delivered";
+    other.exec("DROP TRIGGER deny");
 
     // It fails when the plugin has it: the command is taken, and ends like any other.
     plugin_ = [&](const std::string&) {
@@ -208,14 +229,7 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
     Report(R"({"ID":"running","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
     Submit(Document("done"));
     Report(R"({"ID":"done","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
-    // As if the process had died between the two steps of the journal.
-    NewCommand journalled;
-    journalled.id = "journalled";
-    journalled.text = Document("journalled");
-    journalled.sha256 = "sha";
-    journalled.expected = {"a"};
-    CommandRecord record;
-    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
+    Journal("journalled");
     Submit(Document("late", Script("f"), "RunScriptFile"));
 
     Restart();
@@ -251,18 +265,15 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
 }
 
 TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
-    NewCommand journalled;
-    journalled.id = "c";
-    journalled.text = Document("c");
-    journalled.expected = {"a"};
-    CommandRecord record;
-    ASSERT_EQ(Admission::kNew, store_->Admit(journalled, record));
-    plugin_ = [](const std::string&) { return kBusUndelivered; };
-    desk_->Settle();
-    EXPECT_EQ(CommandState::kReceived, StateOf("c"));
-    plugin_ = [](const std::string&) { return kBusOk; };
-    desk_->Settle();
-    EXPECT_EQ(CommandState::kDelivered, StateOf("c"));
+    Journal("z");
+    Journal("c");
+    for (const int status : {kBusUndelivered, kBusNotAttached, kBusQueueFull, kBusOk}) {
+        delivered_.clear();
+        plugin_ = [status](const std::string&) { return status; };
+        desk_->Settle();
+        EXPECT_EQ(status == kBusOk ? CommandState::kDelivered : CommandState::kReceived, StateOf("c")) << status;
+        EXPECT_EQ((std::vector<std::string>{Document("z"), Document("c")}), delivered_) << "in order of arrival";
+    }
 }
 
 }  // namespace

@@ -81,6 +81,11 @@ TEST(DoorCheckTest, ScriptsAreReadAsThePluginReadsThem) {
     EXPECT_NE(std::string::npos, Why(WithScripts(many + ",{}]")).find("64 scripts"));
     const std::string why = Why(WithScripts(R"([{"scriptid":"a\nb","scripttype":"py"}])"));
     EXPECT_EQ(std::string::npos, why.find('\n')) << "a sentence is one line";
+    const auto with_id = [](size_t bytes) {
+        return Why(WithScripts(R"([{"scriptid":")" + std::string(bytes, 'i') + R"(","scripttype":"py"}])"));
+    };
+    EXPECT_NE(std::string::npos, with_id(64).find("script 1 (i"));
+    EXPECT_NE(std::string::npos, with_id(65).find("script 1 the"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <map>
@@ -32,12 +33,8 @@ public:
     }
     std::optional<CommandRecord> FindCommand(const std::string& id) override {
         ThrowFault();
-        for (const CommandRecord& command : commands) {
-            if (command.id == id) {
-                return command;
-            }
-        }
-        return std::nullopt;
+        const auto found = std::ranges::find(commands, id, &CommandRecord::id);
+        return found != commands.end() ? std::optional(*found) : std::nullopt;
     }
     std::vector<CommandRecord> ListCommands(const CommandQuery& query) override {
         ThrowFault();
@@ -55,12 +52,8 @@ public:
         return reports;
     }
     std::optional<Report> FindReport(uint64_t cursor) override {
-        for (const Report& report : reports) {
-            if (report.cursor == cursor) {
-                return report;
-            }
-        }
-        return std::nullopt;
+        const auto found = std::ranges::find(reports, cursor, &Report::cursor);
+        return found != reports.end() ? std::optional(*found) : std::nullopt;
     }
     uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override {
         acknowledged = cursors;

@@ -28,6 +28,7 @@ protected:
         manager_ = CMaintMgr::Instance();
         gate_ = manager_->Gate();
         manager_->Start();
+        gate_ = manager_->Gate();
     }
     ~LargestReportTest() override { CqxpmaintMgr::DestroyInstance(); }
 

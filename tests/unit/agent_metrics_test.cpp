@@ -8,17 +8,7 @@
 namespace qxpagent {
 namespace {
 
-using testing::Contains;
 using testing::HasSubstr;
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 AgentStatus Busy() {
     AgentStatus status;
@@ -46,7 +36,7 @@ AgentStatus Busy() {
 }
 
 TEST(MetricsTest, EveryFigureIsExposed) {
-    const std::vector<std::string> lines = Lines(MetricsText(Busy()));
+    const std::string text = MetricsText(Busy());
     for (const char* line : {
              R"(qxpagent_build_info{version="1.2.3",plugin_version="4 \"x\""} 1)",
              "qxpagent_plugin_started 1",
@@ -75,14 +65,15 @@ TEST(MetricsTest, EveryFigureIsExposed) {
              "qxpagent_store_bytes 5000000001",
              "qxpagent_store_writable 1",
          }) {
-        EXPECT_THAT(lines, Contains(line));
+        EXPECT_THAT(text, HasSubstr("\n" + std::string(line) + "\n"));
     }
 }
 
 TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
     AgentStatus status;
     status.store.fault = "no space";
-    status.store.oldest_pending = std::chrono::system_clock::now() - std::chrono::seconds(100);
+    const auto oldest = std::chrono::system_clock::now() - std::chrono::seconds(100);
+    status.store.oldest_pending = oldest;
     const std::string text = MetricsText(status);
     EXPECT_THAT(text, HasSubstr("\nqxpagent_store_writable 0\n"));
     EXPECT_THAT(text, HasSubstr("\nqxpagent_plugin_started 0\n"));
@@ -90,14 +81,15 @@ TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
     const std::string name = "\nqxpagent_reports_oldest_pending_age_seconds ";
     const double age = std::stod(text.substr(text.find(name) + name.size()));
     EXPECT_GE(age, 100);
-    EXPECT_LT(age, 160);
+    EXPECT_LE(age, std::chrono::duration<double>(std::chrono::system_clock::now() - oldest).count());
     status.store.oldest_pending = std::chrono::system_clock::now() + std::chrono::hours(1);
     EXPECT_THAT(MetricsText(status), HasSubstr(name + "0\n")) << "the clock was set back";
 }
 
 TEST(MetricsTest, TheFormIsWhatPrometheusReads) {
     std::string family;
-    for (const std::string& line : Lines(MetricsText(Busy()))) {
+    std::istringstream lines(MetricsText(Busy()));
+    for (std::string line; std::getline(lines, line);) {
         if (line.starts_with("# HELP ")) {
             family = line.substr(7, line.find(' ', 7) - 7);
             EXPECT_EQ('.', line.back()) << line;

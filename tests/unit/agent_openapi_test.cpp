@@ -50,30 +50,17 @@ TEST(OpenApiTest, DocumentAndRoutesAreOfOneMind) {
     EXPECT_EQ(OfTheCode(), OfTheDocument());
 }
 
-// Every member of the objects in the document under "required", read from its line in flow style.
-std::set<std::string> RequiredMembers(const std::string& schema) {
-    std::ifstream document(QXPAGENT_OPENAPI);
-    std::set<std::string> members;
-    bool inside = false;
-    for (std::string line; std::getline(document, line);) {
-        if (line.starts_with("    ") && line[4] != ' ') {
-            inside = line == "    " + schema + ":";
-        } else if (inside && line.starts_with("      required: [")) {
-            std::string list = line.substr(17, line.rfind(']') - 17);
-            std::replace(list.begin(), list.end(), ',', ' ');
-            std::istringstream words(list);
-            for (std::string word; words >> word;) {
-                members.insert(word);
-            }
-        }
-    }
-    return members;
+// The members that the document requires of a schema, from the first such line behind its name.
+std::string RequiredMembers(const std::string& schema) {
+    const std::string document = ReadFile(QXPAGENT_OPENAPI);
+    const size_t list = document.find("required: [", document.find("\n    " + schema + ":\n")) + 11;
+    return document.substr(list, document.find(']', list) - list);
 }
 
-std::set<std::string> Members(const nlohmann::ordered_json& object) {
-    std::set<std::string> members;
+std::string Members(const nlohmann::ordered_json& object) {
+    std::string members;
     for (const auto& [name, value] : object.items()) {
-        members.insert(name);
+        members += (members.empty() ? "" : ", ") + name;
     }
     return members;
 }

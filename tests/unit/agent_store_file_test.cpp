@@ -2,6 +2,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "agent/startup_error.h"
 #include "tests/unit/agent_store_fixture.h"
@@ -55,22 +56,33 @@ TEST_F(StoreFileTest, ADamagedStoreIsSetAsideWhole) {
         store_.reset();
         ASSERT_EQ(before + 1, Aside().size()) << damage.what;
     }
-    // Damage that was met while the agent ran: the next start checks all of it, however long that takes.
-    std::string bad = good;
-    bad.replace(good.size() - 4096, 4096, 4096, '\x5a');
-    directory_.Write("agent.db", bad);
-    directory_.Write("agent.db.suspect", "");
+    for (const std::string& name : Aside()) {
+        EXPECT_EQ(good.size(), std::filesystem::file_size(directory_ / name)) << name;
+    }
+}
+
+TEST_F(StoreFileTest, DamageThatIsMetMakesTheNextStartCheckAllOfIt) {
+    const auto suspect = [&] { return std::filesystem::exists(directory_ / "agent.db.suspect"); };
+    StoreReport(*store_, ReportOf("large", std::string(size_t{32} << 20, ' ')), {});
+    for (int i = 0; i < 50; ++i) {
+        Append(ResultText("c", std::string(3000, ' ')));
+    }
     options_.check_for = std::chrono::milliseconds(0);
     Open();
-    store_.reset();
-    EXPECT_EQ(4U, Aside().size());
-    EXPECT_FALSE(std::filesystem::exists(directory_.Path() / "agent.db.suspect"));
-
-    bool kept = false;
-    for (const std::string& name : Aside()) {
-        kept = kept || ReadFile(directory_.Path() / name).size() == good.size();
+    {
+        std::fstream file(options_.path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(-8 * 4096, std::ios::end);
+        file << std::string(8 * 4096, 'Z');
     }
-    EXPECT_TRUE(kept);
+    EXPECT_THROW(Cursors({.id = "c"}), StoreError);
+    EXPECT_TRUE(suspect());
+    Open();
+    EXPECT_EQ(1U, Aside().size());
+    EXPECT_FALSE(suspect());
+    directory_.Write("agent.db.suspect", "");
+    Open();
+    EXPECT_EQ(1U, Aside().size());
+    EXPECT_FALSE(suspect()) << "nothing was found";
 }
 
 TEST_F(StoreFileTest, WhatIsNotOursToReplaceIsLeftAlone) {

@@ -47,8 +47,9 @@ TEST_F(StoreTest, RetentionGivesTheRoomBack) {
         StoreReport(*store_, ReportOf("", std::string(8000, 'x')), {});
     }
     store_->AcknowledgeUpTo(UINT64_MAX);
-    const Removed removed = store_->Retain({.bytes = 80000}, std::chrono::system_clock::now());
-    EXPECT_EQ(1190U, removed.reports);
+    const WallTime now = std::chrono::system_clock::now();
+    EXPECT_EQ(599U, store_->Retain({.bytes = 601 * 8000}, now).reports);
+    EXPECT_EQ(601U, store_->Retain({.age = hours(1)}, now + hours(2)).reports);
     EXPECT_LT(std::filesystem::file_size(options_.path), 400000U);
 }
 

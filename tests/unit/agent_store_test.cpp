@@ -1,9 +1,12 @@
 // Commands, reports and files in the store, as they are put in and found again.
-#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <future>
 #include <thread>
 #include <utility>
 
+#include "tests/support/wait.h"
 #include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
@@ -12,9 +15,9 @@ namespace {
 using std::chrono::hours;
 
 TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
-    struct stat status {};
-    ASSERT_EQ(0, stat(options_.path.c_str(), &status));
-    EXPECT_EQ(0600U, status.st_mode & 07777U);
+    const auto mode = [&] { return std::filesystem::status(options_.path).permissions(); };
+    EXPECT_EQ(std::filesystem::perms{0600}, mode());
+    std::filesystem::permissions(options_.path, std::filesystem::perms{0644});
 
     Deliver("c1", {"a", "b"});
     const std::string text("not \0 json \xff", 12);
@@ -26,6 +29,7 @@ TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     EXPECT_EQ(1U, store_->Acknowledge({1, 1, 77}));
     Open();
 
+    EXPECT_EQ(std::filesystem::perms{0600}, mode());
     const CommandRecord record = Find("c1");
     EXPECT_EQ(CommandState::kDelivered, record.state);
     EXPECT_EQ(Names{"a"}, record.unreported);
@@ -113,7 +117,7 @@ TEST_F(StoreTest, ResultsAreCountedOnceEachAndEqualScriptIdsSeparately) {
     EXPECT_EQ(Names{"b"}, Find("c").unreported) << "another run of the same second";
     Append(ResultText("other", RunText("b", "t1", "f3")));
     EXPECT_EQ(CommandState::kDelivered, Find("c").state);
-    Append(ResultText("c", RunText("b", "t1", "f3")));
+    Append(ResultText("c", RunText("b", "t1", "f3") + "," + RunText("a", "t1", "f1")));
     EXPECT_EQ(CommandState::kReported, Find("c").state);
     EXPECT_TRUE(Find("c").finished.has_value());
     EXPECT_EQ(Names{}, Find("c").unreported);
@@ -213,9 +217,17 @@ TEST_F(StoreTest, AWaitEndsWithAMatchItsTimeOrTheStop) {
     Deliver("c");
     commands.join();
 
-    std::thread stopped([&] { EXPECT_EQ(List{}, Cursors({.id = "never", .wait = hours(24)})); });
+    std::atomic<pid_t> waiter{0};
+    auto stopped = std::async(std::launch::async, [&] {
+        waiter = gettid();
+        return Cursors({.id = "never", .wait = 2 * kDeadline});
+    });
+    EXPECT_TRUE(WaitUntil([&] {
+        return ReadFile("/proc/self/task/" + std::to_string(waiter) + "/stat").find(") S ") != std::string::npos;
+    }));
     store_->StopWaiting();
-    stopped.join();
+    EXPECT_EQ(std::future_status::ready, stopped.wait_for(kDeadline));
+    EXPECT_EQ(List{}, stopped.get());
     EXPECT_EQ(List{}, Cursors({.id = "never", .wait = hours(24)}));
     EXPECT_EQ(size_t{kRounds} + 1, Cursors({.id = "ping", .wait = hours(24)}).size()) << "what is there can be read";
 }

@@ -160,6 +160,18 @@ protected:
         arguments.insert(arguments.begin() + 1, {"--socket", Socket()});
         return RunTool(arguments);
     }
+    /// What it says when its output meets a full disk.
+    std::string RunOnFullDisk(const FakeAgent::Handler& handler, const std::vector<std::string>& arguments) const {
+        std::filesystem::remove(Socket());
+        const FakeAgent agent(Socket(), handler);
+        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        const int remarks = memfd_create("remarks", MFD_CLOEXEC);
+        EXPECT_EQ(RunToolOn(full, remarks, arguments), 5);
+        close(full);
+        const std::string text = ReadFromStart(remarks);
+        close(remarks);
+        return text;
+    }
 
     const TempDir directory_;
 };

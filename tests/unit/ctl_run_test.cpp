@@ -12,6 +12,7 @@
 namespace qxpctl {
 namespace {
 
+using testing::_;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -66,94 +67,86 @@ TEST_F(RunTest, CollectsEveryResultAndCountsFromTheLastCursor) {
 }
 
 TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
-    const ToolResult failed = RunOne(FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", "0", "no marker")})}}));
-    EXPECT_EQ(failed.code, 1);
-    EXPECT_EQ(failed.output, "no marker");
-    EXPECT_THAT(failed.remarks, HasSubstr("a.sh: failed"));
-
-    const ToolResult overdue =
-        RunOne(FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", "0", "", "")})}}), {"--json"});
-    EXPECT_EQ(overdue.code, 1);
-    EXPECT_EQ(Json::parse(overdue.output)["scripts"][0]["state"], "timed out");
-
-    const ToolResult refused = RunOne(FakeJournal(Pages{{Json(), Refusal("p")}}));
-    EXPECT_EQ(refused.code, 1);
-    EXPECT_THAT(refused.remarks, AllOf(HasSubstr("a.sh: refused"),
-                                       HasSubstr("the policy p was refused: the plugin trusts another key")));
-
-    // Its state alone tells, without a report.
-    const ToolResult unreported = RunOne(FakeJournal(Pages{{}}).EndingAs("refused", "the plugin is not there"));
-    EXPECT_EQ(unreported.code, 1);
-    EXPECT_THAT(unreported.remarks, HasSubstr("the policy p was refused: the plugin is not there"));
-
     const auto refuse = [](const FakeAgent::Request& request) {
         return request.method == "POST" ? FakeAgent::Answer(422, R"({"detail":"bad signature"})")
                                         : FakeAgent::Answer(200, FakeJournal::StatusObject(0, 0).dump());
     };
-    const ToolResult at_the_door = RunOne(refuse, {"--json"});
-    EXPECT_EQ(at_the_door.code, 1);
-    EXPECT_EQ(Json::parse(at_the_door.output)["outcome"], "refused");
-    EXPECT_EQ(Json::parse(at_the_door.output)["reason"], "bad signature");
-
-    const ToolResult interrupted = RunOne(FakeJournal(Pages{{Interruption("p", "power cut")}}), {"--json"});
-    EXPECT_EQ(interrupted.code, 1);
-    EXPECT_EQ(Json::parse(interrupted.output)["outcome"], "interrupted");
-    EXPECT_EQ(Json::parse(interrupted.output)["reason"], "power cut");
-    EXPECT_THAT(interrupted.remarks, HasSubstr("p was interrupted: power cut"));
-
-    // The plugin dropped the script: the command is reported without it.
-    const ToolResult dropped = RunOne(FakeJournal(Pages{{}}).EndingAs("reported"));
-    EXPECT_EQ(dropped.code, 1);
-    EXPECT_THAT(dropped.remarks, HasSubstr("a.sh: not run"));
-
-    const ToolResult waited = RunOne(FakeJournal(), {"--wait", "0"});
-    EXPECT_EQ(waited.code, 4);
-    EXPECT_THAT(waited.remarks, AllOf(HasSubstr("no result yet"), HasSubstr("look later with: qxpctl show p")));
-
-    const ToolResult json = RunOne(FakeJournal(Pages{{Success("\xC3\xA9\033\n")}}), {"--json"});
-    EXPECT_EQ(json.code, 0);
-    EXPECT_EQ(Json::parse(json.output)["outcome"], "succeeded");
-    EXPECT_EQ(Json::parse(json.output)["scripts"][0]["output"], "\xC3\xA9\033\n");
-    EXPECT_THAT(json.output, Not(HasSubstr("\033")));
-}
-
-TEST_F(RunTest, ResultsOfFilesAreShownLikeOthers) {
-    const ToolResult result =
-        RunOne(FakeJournal(Pages{{Success("from a file\n")}}).From("file"), {"--command", "RunScriptFile"});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.output, "from a file\n");
+    const auto ran = [](const char* result, const char* output, const char* end) {
+        return FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", result, output, end)})}});
+    };
+    const struct {
+        FakeAgent::Handler agent;
+        std::vector<std::string> options;
+        int code;
+        testing::Matcher<std::string> output;
+        testing::Matcher<std::string> remarks;
+    } cases[] = {
+        {ran("0", "no marker", "x"), {}, 1, "no marker", HasSubstr("a.sh: failed")},
+        {ran("0", "", ""), {"--json"}, 1, HasSubstr(R"("state":"timed out")"), _},
+        {ran("1", "\xC3\xA9\033\n", "x"),
+         {"--json"},
+         0,
+         AllOf(HasSubstr(R"("outcome":"succeeded")"), HasSubstr(R"("output":"\u00e9\u001b\n")")),
+         _},
+        {FakeJournal(Pages{{Success()}}).From("file"), {"--command", "RunScriptFile"}, 0, "out\n", _},
+        {FakeJournal(Pages{{Json(), Refusal("p")}}),
+         {},
+         1,
+         "",
+         AllOf(HasSubstr("a.sh: refused"), HasSubstr("the policy p was refused: the plugin trusts another key"))},
+        // Its state alone tells, without a report.
+        {FakeJournal(Pages{{}}).EndingAs("refused", "not there"), {}, 1, "", HasSubstr("p was refused: not there")},
+        // The plugin dropped the script: the command is reported without it.
+        {FakeJournal(Pages{{}}).EndingAs("reported"), {}, 1, "", HasSubstr("a.sh: not run")},
+        {refuse, {"--json"}, 1, HasSubstr(R"("outcome":"refused","reason":"bad signature")"), _},
+        {FakeJournal(Pages{{Interruption("p", "power cut")}}),
+         {"--json"},
+         1,
+         HasSubstr(R"("outcome":"interrupted","reason":"power cut")"),
+         HasSubstr("p was interrupted: power cut")},
+        {FakeJournal(),
+         {"--wait", "0"},
+         4,
+         "",
+         AllOf(HasSubstr("no result yet"), HasSubstr("look later with: qxpctl show p"))},
+    };
+    for (const auto& test : cases) {
+        const ToolResult result = RunOne(test.agent, test.options);
+        EXPECT_EQ(result.code, test.code) << result.remarks;
+        EXPECT_THAT(result.output, test.output);
+        EXPECT_THAT(result.remarks, test.remarks);
+    }
 }
 
 TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {
-    FakeJournal journal(Pages{{Success()}});
-    journal.Answering(200);
-    std::string first_poll;
-    const ToolResult result = RunOne([&](const FakeAgent::Request& request) {
-        if (IsReportPoll(request) && first_poll.empty())
-            first_poll = request.target;
-        return journal(request);
-    });
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.output, "out\n");
-    EXPECT_THAT(result.remarks, HasSubstr("knew this policy already"));
-    EXPECT_THAT(first_poll, HasSubstr("after=0&"));
+    for (const bool lost : {false, true}) {  // the first answer is lost, and so asked for again with the same text
+        FakeJournal journal(Pages{{Success()}});
+        journal.Answering(200);
+        std::vector<std::string> sent;
+        std::string first_poll;
+        const ToolResult result = RunOne([&](const FakeAgent::Request& request) {
+            if (request.target == "/v1/commands")
+                sent.push_back(request.body);
+            if (IsReportPoll(request) && first_poll.empty())
+                first_poll = request.target;
+            return lost && sent.size() == 1 && request.method == "POST" ? std::string() : *journal(request);
+        });
+        EXPECT_EQ(result.code, 0) << result.remarks;
+        EXPECT_EQ(result.output, "out\n");
+        EXPECT_EQ(sent, std::vector<std::string>(lost ? 2 : 1, sent.at(0)));
+        if (!lost) {
+            EXPECT_THAT(result.remarks, HasSubstr("knew this policy already"));
+            EXPECT_THAT(first_poll, HasSubstr("after=0&"));
+        }
+    }
 }
 
 TEST_F(RunTest, ReportsAreAcknowledgedOnlyWhenTheyHaveBeenPrinted) {
-    for (const bool json : {false, true}) {
+    for (const char* form : {"--wait=60", "--json"}) {
         FakeJournal journal(Pages{{Success()}});
-        std::filesystem::remove(Socket());
-        auto arguments = RunCommand({"--id", "p", directory_.Write("a.sh", "x")});
-        if (json)
-            arguments.emplace_back("--json");
-        const FakeAgent agent(Socket(), std::ref(journal));
-        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-        const int remarks = memfd_create("remarks", MFD_CLOEXEC);
-        EXPECT_EQ(RunToolOn(full, remarks, arguments), 5);
-        EXPECT_THAT(ReadFromStart(remarks), HasSubstr("No space left"));
+        EXPECT_THAT(RunOnFullDisk(std::ref(journal), RunCommand({"--id", "p", directory_.Write("a.sh", "x"), form})),
+                    HasSubstr("No space left"));
         EXPECT_THAT(journal.acknowledged, IsEmpty());
-        close(full);
-        close(remarks);
     }
     FakeJournal kept(Pages{{Success()}});
     EXPECT_EQ(RunOne(std::ref(kept), {"--no-acknowledge"}).code, 0);
@@ -202,21 +195,6 @@ TEST_F(RunTest, ARestartOfTheAgentIsWaitedOutAndNothingIsShownTwice) {
     EXPECT_EQ(result.code, 0) << result.remarks;
     EXPECT_EQ(result.output, "==> a.sh <==\nonce\n==> b.sh <==\ntwo\n");
     EXPECT_THAT(journal.acknowledged, ElementsAre(8, 9));
-}
-
-TEST_F(RunTest, AnAnswerThatIsLostIsAskedForAgainWithTheSameText) {
-    FakeJournal journal(Pages{{Success()}});
-    std::vector<std::string> sent;
-    const ToolResult result = RunOne([&](const FakeAgent::Request& request) {
-        if (request.target != "/v1/commands")
-            return *journal(request);
-        sent.push_back(request.body);
-        return sent.size() == 1 ? std::string() : *journal.Answering(200)(request);
-    });
-    EXPECT_EQ(result.code, 0) << result.remarks;
-    EXPECT_EQ(result.output, "out\n");
-    ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(sent[0], sent[1]);
 }
 
 TEST_F(RunTest, AnAgentThatStaysAwayEndsTheWaitAndAnotherStoreEndsItAtOnce) {

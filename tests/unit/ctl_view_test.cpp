@@ -134,11 +134,7 @@ TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
     EXPECT_EQ(Json::parse(Run(agent, {"results", "--json"}).output)["reports"].size(), 3U);
 
     acknowledged.clear();
-    std::filesystem::remove(Socket());
-    const FakeAgent full_disk(Socket(), agent);
-    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(RunToolOn(full, full, {"results", "--socket", Socket(), "--acknowledge"}), 5);
-    close(full);
+    RunOnFullDisk(agent, {"results", "--socket", Socket(), "--acknowledge"});
     EXPECT_THAT(acknowledged, IsEmpty());
 }
 
@@ -165,14 +161,20 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
     const auto good = Changing({{command("p", "delivered", 20), command("x", "refused", 20)},
                                 {command("p", "delivered", 21)},
                                 {command("p", "reported", 22)}});
-    bool away = true;
-    sequence_ = 30;
-    const ToolResult reported = Run(
-        [&](const FakeAgent::Request& request) {
-            // Away for one poll after the first.
-            return polls_ == 1 && std::exchange(away, false) ? std::string() : *good(request);
-        },
-        {"watch", "p"});
+    // The agent is away for one poll after the first, and comes back with this sequence.
+    const auto watch = [&](uint64_t sequence) {
+        bool away = true;
+        sequence_ = 30;
+        return Run(
+            [&](const FakeAgent::Request& request) {
+                if (polls_ != 1 || !std::exchange(away, false))
+                    return *good(request);
+                sequence_ = sequence;
+                return std::string();
+            },
+            {"watch", "p"});
+    };
+    const ToolResult reported = watch(30);
     EXPECT_EQ(reported.code, 0) << reported.remarks;
     EXPECT_THAT(reported.remarks, IsEmpty());
     EXPECT_EQ(std::count(reported.output.begin(), reported.output.end(), '\n'), 3);
@@ -182,14 +184,8 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
                             "/v1/commands?after=21&limit=1000&wait=60"));
     // An agent with a new store comes back: what it knows is shown from the beginning.
     polls_ = 0;
-    away = true;
     targets_.clear();
-    Run(
-        [&](const FakeAgent::Request& request) {
-            sequence_ = away ? 30 : 0;
-            return polls_ == 1 && std::exchange(away, false) ? std::string() : *good(request);
-        },
-        {"watch", "p"});
+    watch(0);
     EXPECT_EQ(targets_[1], "/v1/commands?after=0&limit=1000&wait=60");
     polls_ = 0;
     EXPECT_EQ(Run(Changing({{command("p", "reported", 1), command("q", "refused", 2)}}), {"watch", "p", "q"}).code, 1);

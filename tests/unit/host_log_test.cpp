@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,22 +27,14 @@ using Environment = std::map<std::string, std::string>;
 
 struct Ended {
     pid_t pid;
-    std::vector<std::string> lines;  // of its standard error
+    std::string log;  // its standard error
 };
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 /// What follows the time in each record: "LEVEL thread/tid module level text" without "thread/tid ".
-std::vector<std::string> Records(const std::vector<std::string>& lines) {
+std::vector<std::string> Records(const std::string& log) {
     std::vector<std::string> records;
-    for (const std::string& line : lines) {
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string time;
         std::string level;
@@ -54,34 +45,29 @@ std::vector<std::string> Records(const std::vector<std::string>& lines) {
     return records;
 }
 
-[[noreturn]] void RunChild(const Environment& environment, const std::string& error_file,
-                           const std::function<void()>& body) {
-    unsetenv("QXHOST_LOG");
-    unsetenv("QXHOST_LOG_LEVEL");
-    for (const auto& [name, value] : environment) {
-        setenv(name.c_str(), value.c_str(), 1);
-    }
-    tzset();
-    const int file = open(error_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (file < 0 || dup2(file, STDERR_FILENO) < 0) {
-        _exit(100);
-    }
-    body();
-    _exit(0);
-}
-
 /// Runs the body in a process of its own, because the environment is read once a process.
 Ended InProcess(const Environment& environment, const std::function<void()>& body) {
     const TempDir directory;
-    const std::string error_file = directory.Path() / "stderr";
+    const std::string error_file = directory / "stderr";
     const pid_t child = fork();
     if (child == 0) {
-        RunChild(environment, error_file, body);
+        unsetenv("QXHOST_LOG");
+        unsetenv("QXHOST_LOG_LEVEL");
+        for (const auto& [name, value] : environment) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        tzset();
+        const int file = open(error_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (file < 0 || dup2(file, STDERR_FILENO) < 0) {
+            _exit(100);
+        }
+        body();
+        _exit(0);
     }
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ReadFile(error_file);
-    return {child, Lines(ReadFile(error_file))};
+    EXPECT_EQ(status, 0) << ReadFile(error_file);
+    return {child, ReadFile(error_file)};
 }
 
 std::string LocalTime(time_t now, long offset) {
@@ -102,13 +88,11 @@ TEST(Log, WritesOneLineARecordInItsForm) {
             LogPrintC(93, 2, "*cannot open \"%s\": %d", "a b", 5);
         });
         const std::string after = LocalTime(time(nullptr), expected.second);
-        ASSERT_EQ(run.lines.size(), 1U);
-        EXPECT_THAT(run.lines[0],
-                    testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}" +
-                                          expected.first + " warn run\\\\x207\\\\n/" + std::to_string(run.pid) +
-                                          " 93 2 \\*cannot open \"a b\": 5"));
-        EXPECT_LE(before, run.lines[0].substr(0, before.size()));
-        EXPECT_GE(after, run.lines[0].substr(0, after.size()));
+        EXPECT_THAT(run.log, testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}" +
+                                                   expected.first + " warn run\\\\x207\\\\n/" +
+                                                   std::to_string(run.pid) + " 93 2 \\*cannot open \"a b\": 5\n"));
+        EXPECT_LE(before, run.log.substr(0, before.size()));
+        EXPECT_GE(after, run.log.substr(0, after.size()));
     }
 }
 
@@ -124,38 +108,32 @@ TEST(Log, MapsTheLevelsAndKeepsBackWhatIsOff) {
         LogPrintC(1, 3, "%s", on.c_str());
     };
     EXPECT_THAT(
-        Records(InProcess({{"QXHOST_LOG_LEVEL", "trace"}}, log_all).lines),
+        Records(InProcess({{"QXHOST_LOG_LEVEL", "warn"}}, log_all).log),
+        ElementsAre("warn 93 2 text", "error 93 3 text", "warn source 3 text", "error source 4 text", "error 1 3 34"));
+    EXPECT_THAT(Records(InProcess({}, log_all).log), testing::Contains("error 1 3 0123457"));
+    EXPECT_THAT(InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", "/no/such/file"}}, log_all).log, IsEmpty());
+    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG_LEVEL", "loud"}}, log_all).log).at(0),
+                EndsWith("QXHOST_LOG_LEVEL is \"loud\", not trace, debug, info, warn, error or off; "
+                         "logging from info on"));
+    // Set while it runs. What is no level changes nothing.
+    const TempDir directory;
+    InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", directory / "log"}}, [&] {
+        log_all();
+        const bool right =
+            QxSetLogLevel("trace") && !QxSetLogLevel("loud") && !QxSetLogLevel("") && !QxSetLogLevel(nullptr);
+        log_all();
+        QxSetLogLevel("off");
+        log_all();
+        QxSetLogLevel(right ? "warn" : "off");
+        log_all();
+    });
+    EXPECT_THAT(
+        Records(ReadFile(directory / "log")),
         ElementsAre("debug 93 0 text", "info source 0 text", "debug 93 1 text", "info source 1 text", "warn 93 2 text",
                     "info source 2 text", "error 93 3 text", "warn source 3 text", "info 93 4 text",
                     "error source 4 text", "info 93 5 text", "info source 5 text", "info 93 6 text",
-                    "trace source 6 text", "info 93 7 text", "info source 7 text", "error 1 3 01234567"));
-    EXPECT_THAT(
-        Records(InProcess({{"QXHOST_LOG_LEVEL", "warn"}}, log_all).lines),
-        ElementsAre("warn 93 2 text", "error 93 3 text", "warn source 3 text", "error source 4 text", "error 1 3 34"));
-    EXPECT_THAT(Records(InProcess({}, log_all).lines), testing::Contains("error 1 3 0123457"));
-    EXPECT_THAT(InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", "/no/such/file"}}, log_all).lines, IsEmpty());
-    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG_LEVEL", "loud"}}, log_all).lines).at(0),
-                EndsWith("QXHOST_LOG_LEVEL is \"loud\", not trace, debug, info, warn, error or off; "
-                         "logging from info on"));
-}
-
-TEST(Log, TheLevelCanBeSetWhileItRuns) {
-    const TempDir directory;
-    const std::string file = directory.Path() / "agent.log";
-    InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", file}}, [] {
-        LogPrintC(93, 3, "off");
-        bool right = QxSetLogLevel("debug");
-        LogPrintC(93, 0, "debug");
-        right = right && !QxSetLogLevel("loud") && !QxSetLogLevel("") && !QxSetLogLevel(nullptr);
-        LogPrintC(93, 0, "still debug");
-        right = right && QxSetLogLevel("error");
-        LogPrintC(93, 2, "less than error");
-        LogPrintC(93, 3, "%d", right);
-        QxSetLogLevel("off");
-        LogPrintC(93, 3, "off again");
-    });
-    EXPECT_THAT(Records(Lines(ReadFile(file))),
-                ElementsAre("debug 93 0 debug", "debug 93 0 still debug", "error 93 3 1"));
+                    "trace source 6 text", "info 93 7 text", "info source 7 text", "error 1 3 01234567",
+                    "warn 93 2 text", "error 93 3 text", "warn source 3 text", "error source 4 text", "error 1 3 34"));
 }
 
 TEST(Log, NoTextCanForgeARecord) {
@@ -167,10 +145,10 @@ TEST(Log, NoTextCanForgeARecord) {
         log->LogPrintStr(2, "n\xC2\x9Bn", "f", 1,
                          "\xC2\x80\xC2\x9F\xC2\xA0\x9B \xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\x82\x85\xFF\xE2\x82");
     });
-    EXPECT_THAT(Records(run.lines), ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01",
-                                                "info x\\x204\\ny 2 ", "info - 2 ",
-                                                "info n\\xc2\\x9bn 2 \\xc2\\x80\\xc2\\x9f\xC2\xA0\\x9b "
-                                                "\xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\\x82\\x85\xFF\xE2\\x82"));
+    EXPECT_THAT(Records(run.log), ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01",
+                                              "info x\\x204\\ny 2 ", "info - 2 ",
+                                              "info n\\xc2\\x9bn 2 \\xc2\\x80\\xc2\\x9f\xC2\xA0\\x9b "
+                                              "\xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\\x82\\x85\xFF\xE2\\x82"));
 }
 
 TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {
@@ -190,8 +168,8 @@ TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {
             CLogDebug::Instance()->LogPrintStr(2, "s", "f", 1, text.c_str());
         }
     });
-    ASSERT_EQ(run.lines.size(), 2 * cases.size());
-    const std::vector<std::string> records = Records(run.lines);
+    const std::vector<std::string> records = Records(run.log);
+    ASSERT_EQ(records.size(), 2 * cases.size());
     for (size_t i = 0; i < cases.size(); ++i) {
         EXPECT_TRUE(records[2 * i] == "info 93 5 " + cases[i].second) << i << records[2 * i].substr(16000);
         EXPECT_TRUE(records[2 * i + 1] == "info s 2 " + cases[i].second) << i;
@@ -208,8 +186,8 @@ TEST(Log, KeepsErrnoAndFormatsIt) {
         LogPrintC(93, 0, "off");
         LogPrintC(93, 3, "%d %d", after_record, errno);
     });
-    EXPECT_THAT(Records(run.lines), ElementsAre(testing::StartsWith("error qxhost 3 "),
-                                                "error 93 3 cannot open: No such file or directory", "error 93 3 2 2"));
+    EXPECT_THAT(Records(run.log), ElementsAre(testing::StartsWith("error qxhost 3 "),
+                                              "error 93 3 cannot open: No such file or directory", "error 93 3 2 2"));
     InProcess({{"QXHOST_LOG", "/dev/full"}}, [] {
         errno = ENOENT;
         LogPrintC(93, 3, "cannot be written");
@@ -233,19 +211,17 @@ TEST(Log, AppendsToTheFileOrFallsBackToTheStandardError) {
             }
         }
     };
-    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
-    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).lines, IsEmpty());
-    EXPECT_THAT(Records(Lines(ReadFile(file))), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1",
-                                                            "info 93 5 once", "info 93 5 close-on-exec 1"));
-    struct stat info = {};
-    ASSERT_EQ(stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777 & ~0640, 0U);
-    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", file + "/x"}}, log_once).lines),
+    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).log, IsEmpty());
+    EXPECT_THAT(InProcess({{"QXHOST_LOG", file}}, log_once).log, IsEmpty());
+    EXPECT_THAT(Records(ReadFile(file)), ElementsAre("info 93 5 once", "info 93 5 close-on-exec 1", "info 93 5 once",
+                                                     "info 93 5 close-on-exec 1"));
+    EXPECT_EQ(std::filesystem::status(file).permissions() & ~std::filesystem::perms{0640}, std::filesystem::perms{});
+    EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", file + "/x"}}, log_once).log),
                 ElementsAre("error qxhost 3 cannot open the log file " + file +
                                 "/x: Not a directory; logging to the standard error",
                             "info 93 5 once"));
     if (!std::filesystem::exists("/run/systemd/journal")) {
-        EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", "journal"}}, log_once).lines),
+        EXPECT_THAT(Records(InProcess({{"QXHOST_LOG", "journal"}}, log_once).log),
                     ElementsAre("error qxhost 3 cannot reach the journal at /run/systemd/journal/socket: "
                                 "No such file or directory; logging to the standard error",
                                 "info 93 5 once"));
@@ -256,30 +232,26 @@ TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
     constexpr size_t kRecords = 200;
     const TempDir directory;
     const std::string file = directory.Path() / "agent.log";
-    const Environment environment = {{"QXHOST_LOG", file}};
-    const auto log_many = [] {
-        std::vector<std::jthread> threads;
-        threads.reserve(3);
-        for (int thread = 0; thread < 3; ++thread) {
-            threads.emplace_back([thread] {
-                const std::string text(static_cast<size_t>(thread) * 3000 + 10, static_cast<char>('a' + thread));
-                for (size_t i = 0; i < kRecords; ++i) {
-                    LogPrintC(93, 5, "%s", text.c_str());
-                }
-            });
-        }
-    };
-    InProcess(environment, [&] {
+    InProcess({{"QXHOST_LOG", file}}, [] {
         const pid_t second = fork();
-        log_many();
-        if (second != 0) {
-            int status = -1;
-            waitpid(second, &status, 0);
-            _exit(status == 0 ? 0 : 1);
+        {
+            std::vector<std::jthread> threads;
+            for (int thread = 0; thread < 3; ++thread) {
+                threads.emplace_back([thread] {
+                    const std::string text(static_cast<size_t>(thread) * 3000 + 10, static_cast<char>('a' + thread));
+                    for (size_t i = 0; i < kRecords; ++i) {
+                        LogPrintC(93, 5, "%s", text.c_str());
+                    }
+                });
+            }
+        }
+        int status = 0;
+        if (second != 0 && (waitpid(second, &status, 0) != second || status != 0)) {
+            _exit(1);
         }
     });
     std::map<std::string, size_t> counts;
-    for (const std::string& record : Records(Lines(ReadFile(file)))) {
+    for (const std::string& record : Records(ReadFile(file))) {
         ++counts[record];
     }
     EXPECT_EQ(counts.size(), 3U);
@@ -294,7 +266,7 @@ TEST(Log, WorksWhileTheProcessExits) {
         LogPrintC(93, 5, "first");
         std::exit(0);  // NOLINT(concurrency-mt-unsafe)
     });
-    EXPECT_THAT(Records(run.lines), ElementsAre("info 93 5 first", "info 93 5 at exit"));
+    EXPECT_THAT(Records(run.log), ElementsAre("info 93 5 first", "info 93 5 at exit"));
 }
 
 }  // namespace

@@ -118,12 +118,12 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     directory_.Write("agreement.pem", PublicPem(NewKey("X25519").get()));
     fs::create_directory(directory_.Path() / "directory.pem");
     ASSERT_EQ(mkfifo((directory_.Path() / "fifo.pem").c_str(), 0600), 0);
-    const size_t descriptors = OpenDescriptors();
+    const long descriptors = CountEntries("/proc/self/fd");
     EXPECT_FALSE(Valid(signature));
     EXPECT_FALSE(Valid(Sign(rsa.get(), kScript)));
     directory_.Write("zzz.pem", pem);
     EXPECT_TRUE(Valid(signature));
-    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
     EXPECT_EQ(ERR_peek_error(), 0U) << "an OpenSSL error was left behind";
 }
 

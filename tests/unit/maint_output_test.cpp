@@ -64,8 +64,8 @@ TEST_F(ChunkReaderTest, LinesAreWholeHoweverTheirBytesArrive) {
 }
 
 TEST_F(ChunkReaderTest, ALongLineIsCutAfter1023Bytes) {
-    EXPECT_EQ(Deliver(std::string(1000, 'a')), "");
-    EXPECT_EQ(Deliver(std::string(1046, 'a')), std::string(1023, 'a') + "|" + std::string(1023, 'a') + "|");
+    EXPECT_EQ(Deliver(std::string(1022, 'a')), "");
+    EXPECT_EQ(Deliver(std::string(1024, 'a')), std::string(1023, 'a') + "|" + std::string(1023, 'a') + "|");
     EXPECT_EQ(Deliver(std::string(1022, 'b') + "\nc"), std::string(1022, 'b') + "\n|");
     EXPECT_EQ(Deliver(std::string(1, '\0') + "\n"), std::string("c\0\n|", 4));
 }

@@ -4,11 +4,20 @@
 
 namespace {
 
+// The way to a private member that the language leaves open.
+std::atomic<uint32_t>& SequenceOf(CMaintMgr& manager);
+template <auto Member>
+struct Reach {
+    friend std::atomic<uint32_t>& SequenceOf(CMaintMgr& manager) { return manager.*Member; }
+};
+template struct Reach<&CMaintMgr::m_dwSequenceIndex>;
+
 TEST_F(RunTest, ResultFollowsTheMarkerAndNotTheExitStatus) {
     auto found = Script("echo all is well; exit 1", "found");
     found.strCheckRet = "is well";
     auto missing = Script("echo all is lost", "missing");
     missing.strCheckRet = "is well";
+    missing.strType = "Sh";
     manager_->RunNewScript({Script("exit 7", "silent"), found, missing});
     auto results = Collect();
     ASSERT_EQ(results.size(), 3U);
@@ -170,7 +179,10 @@ TEST_F(RunTest, TimeOutsAreEnforcedOnlyBeyond32Runs) {
     manager_->DisposeScriptList(MT_RUNTIMEOUT);
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 32U);
     Launch(patient);
-    manager_->DisposeScriptList(MT_RUNTIMEOUT);
+    EXPECT_TRUE(WaitUntil([&] {
+        manager_->DisposeScriptList(MT_RUNTIMEOUT);
+        return !Reported().empty();
+    }));
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 32U);
     const auto results = Reported();
     ASSERT_EQ(results.size(), 1U);
@@ -194,6 +206,7 @@ TEST_F(RunTest, AScriptIsWrittenWhereItsPathLeads) {
     EXPECT_EQ(pathOf(directory_ / "slash"), directory_ / "slash");
     EXPECT_TRUE(pathOf(directory_.Write("file", "")).ends_with("data/qxpmaint")) << "a file is no directory";
     EXPECT_EQ(ReadFile(directory_ / "file"), "");
+    EXPECT_EQ(manager_->GenScriptFile("/dev/full", "body", nullptr, 0, 0), 0) << "a full disk is an error";
 }
 
 TEST_F(RunTest, RunsOfAManagerThatDoesNotWorkFinishWithNothing) {
@@ -225,6 +238,9 @@ TEST_F(RunTest, RunsAreGroupedByPolicyInLaunchOrder) {
     const auto results = Reported();
     ASSERT_EQ(results.size(), 3U);
     EXPECT_EQ(results[0].script + results[1].script + results[2].script, "otherfirstsecond");
+    SequenceOf(*manager_) = 0x7ffffffd;
+    EXPECT_EQ(manager_->GetSequenceIndex(), 0x7ffffffeU);
+    EXPECT_EQ(manager_->GetSequenceIndex(), 1U) << "begins again";
 }
 
 TEST_F(RunTest, RunOnceWaitsForTheRunsAndReportsThem) {
@@ -233,6 +249,7 @@ TEST_F(RunTest, RunOnceWaitsForTheRunsAndReportsThem) {
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
     ASSERT_EQ(Reported().size(), 1U);
     EXPECT_EQ(Reported()[0].output, "once\n");
+    EXPECT_GE(std::stoi(Reported()[0].seconds), 1) << "rounded up";
     EXPECT_EQ(manager_->RunOnceTask({}), 0);
 }
 

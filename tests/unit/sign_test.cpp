@@ -4,13 +4,16 @@
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <openssl/rsa.h>
 
 #include <algorithm>
 #include <array>
 #include <thread>
 
+#include "ctl/signer.h"
+#include "ctl/text.h"
+#include "policy/openssl_ptr.h"
 #include "sign/rsa_public_key.h"
-#include "tests/plugin/script_signer.h"
 
 namespace {
 
@@ -23,12 +26,14 @@ protected:
         return verifier_.VerifySignContent(signature.c_str(), script.c_str());
     }
 
-    ScriptSigner signer_{QXPMAINT_TEST_SIGNING_KEY};
+    std::string Sign(const std::string& script = SCRIPT) { return qxpctl::Sign(key_, script); }
+
+    const qxpctl::Key key_ = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
     CMaintSign verifier_;
 };
 
 TEST_F(SignTest, OnlyTheSignedBytesAreAccepted) {
-    const std::string signature = signer_.Sign(SCRIPT);
+    const std::string signature = Sign();
     EXPECT_TRUE(IsValid(signature));
     for (size_t i = 0; i < sizeof(SCRIPT) - 1; ++i) {
         std::string changed = SCRIPT;
@@ -45,25 +50,28 @@ TEST_F(SignTest, OnlyTheSignedBytesAreAccepted) {
 }
 
 TEST_F(SignTest, TheMessageIsCheckedInItsDigestAlone) {
-    ScriptSigner::Message message = ScriptSigner::MessageFor(SCRIPT);
-    message.fill(0);
-    const ScriptSigner::Message digest = ScriptSigner::MessageFor(SCRIPT);
-    std::copy(digest.begin() + 1, digest.begin() + 33, message.begin() + 1);
-    EXPECT_TRUE(IsValid(signer_.SignMessage(message)));
-    for (const size_t byte : {33U, 127U}) {
-        ScriptSigner::Message other = digest;
-        other[byte] ^= 0xFF;
-        EXPECT_TRUE(IsValid(signer_.SignMessage(other))) << "byte " << byte;
-    }
-    for (const size_t byte : {1U, 32U}) {
-        ScriptSigner::Message other = digest;
-        other[byte] ^= 1;
-        EXPECT_FALSE(IsValid(signer_.SignMessage(other))) << "byte " << byte;
-    }
+    std::array<unsigned char, 128> digest{};
+    ASSERT_EQ(EVP_Digest(SCRIPT, sizeof(SCRIPT) - 1, &digest[1], nullptr, EVP_sha256(), nullptr), 1);
+    // The signature of the message with one byte changed; of a message below the modulus, since it begins with 0.
+    const auto sign = [&](size_t byte, unsigned char bits) {
+        auto message = digest;
+        message.at(byte) ^= bits;
+        std::array<unsigned char, 128> block{};
+        size_t size = block.size();
+        const qxppolicy::KeyContextPtr context(EVP_PKEY_CTX_new(key_.key.get(), nullptr));
+        EXPECT_EQ(EVP_PKEY_sign_init(context.get()), 1);
+        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING), 1);
+        EXPECT_EQ(EVP_PKEY_sign(context.get(), block.data(), &size, message.data(), message.size()), 1);
+        return "01100000" + qxpctl::HexEncode(block);
+    };
+    for (const size_t byte : {33U, 127U})
+        EXPECT_TRUE(IsValid(sign(byte, 0xFF))) << "byte " << byte;
+    for (const size_t byte : {1U, 32U})
+        EXPECT_FALSE(IsValid(sign(byte, 1))) << "byte " << byte;
 }
 
 TEST_F(SignTest, TheTextOfASignatureIsReadToIts264thDigit) {
-    const std::string signature = signer_.Sign(SCRIPT);
+    const std::string signature = Sign();
     std::string upper = signature;
     for (char& digit : upper)
         digit = static_cast<char>(toupper(static_cast<unsigned char>(digit)));
@@ -87,13 +95,13 @@ TEST_F(SignTest, TheTextOfASignatureIsReadToIts264thDigit) {
 
 TEST_F(SignTest, AScriptIsAcceptedUpToItsLimit) {
     std::string script(LIMIT, 's');
-    EXPECT_TRUE(IsValid(signer_.Sign(script), script));
+    EXPECT_TRUE(IsValid(Sign(script), script));
     script += 's';
-    EXPECT_FALSE(IsValid(signer_.Sign(script), script));
+    EXPECT_FALSE(IsValid(Sign(script), script));
 }
 
 TEST_F(SignTest, ChecksRunSideBySideAndLeaveTheErrorQueueAsItWas) {
-    const std::string signature = signer_.Sign(SCRIPT);
+    const std::string signature = Sign();
     // Above any modulus: the public-key operation itself fails.
     const std::string too_large = "01100000" + std::string(256, 'f');
     std::array<std::thread, 4> threads;
@@ -121,6 +129,7 @@ TEST_F(SignTest, HexStopsAtTheShorterEnd) {
     EXPECT_EQ(bytes[2], 9);
     EXPECT_EQ(verifier_.Hex2Bin("0102zz", 6, bytes, 2), 2) << "nothing behind the output's end is read";
     EXPECT_EQ(verifier_.Hex2Bin("01z2", 4, bytes, 4), -1);
+    EXPECT_EQ(verifier_.Hex2Bin("0z", 2, bytes, 4), -1);
     EXPECT_EQ(verifier_.Hex2Bin("0", 1, bytes, 4), 0);
     EXPECT_EQ(verifier_.Hex2Bin("01", 2, bytes, 0x80000000U), 0) << "the size is signed";
 
@@ -129,6 +138,7 @@ TEST_F(SignTest, HexStopsAtTheShorterEnd) {
     EXPECT_EQ(verifier_.Bin2Hex(data, 3, text, 4), 4);
     EXPECT_STREQ(text, "0AF1");
     EXPECT_EQ(verifier_.Bin2Hex(data, 3, text, 3), 2);
+    EXPECT_EQ(verifier_.Bin2Hex(data, 3, text, 2), 2);
     EXPECT_EQ(verifier_.Bin2Hex(data, 3, text, 1), 0);
     EXPECT_EQ(verifier_.Bin2Hex(data, 0, text, 4), 0);
     EXPECT_EQ(verifier_.Hex2Byte('g'), 255);

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -17,8 +18,8 @@ public:
     explicit Barrier(std::string point_name) : point_(std::move(point_name)) {
         current_ = this;
         g_pfnTestPoint = [](const char* reached) {
-            if (current_)
-                current_->Reach(reached);
+            if (Barrier* barrier = current_)
+                barrier->Reach(reached);
         };
     }
     ~Barrier() {
@@ -57,7 +58,7 @@ private:
         changed_.wait_for(lock, DEADLINE, [this] { return released_; });
     }
 
-    static inline Barrier* current_ = nullptr;
+    static inline std::atomic<Barrier*> current_{nullptr};
     const std::string point_;
     std::mutex lock_;
     std::condition_variable changed_;

@@ -143,11 +143,19 @@ int MessageBus::Enqueue(Message message) {
     if (const int refused = WhyRefused(message.sender, message.body.size())) {
         return refused;
     }
-    queued_bytes_ += message.body.size();
-    if (message.deadline < armed_) {
+    // What needs memory comes first: it fails the sender here, and nothing at the delivery.
+    std::list<Message> entry;
+    entry.push_back(std::move(message));
+    const Message& queued = entry.front();
+    if (queued.exchange != nullptr) {
+        queued.exchange->token = NextToken();
+        exchanges_.emplace(queued.exchange->token, queued.exchange);
+    }
+    queued_bytes_ += queued.body.size();
+    if (queued.deadline < armed_) {
         expiry_.notify_one();
     }
-    queue_.push_back(std::move(message));
+    queue_.splice(queue_.end(), entry);
     work_.notify_one();
     return kBusOk;
 }

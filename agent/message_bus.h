@@ -116,7 +116,7 @@ private:
     // Where the answer to one message goes. Guarded by mutex_.
     struct Exchange {
         GUID receiver{};
-        uint64_t token = 0;  // 0: not delivered yet
+        uint64_t token = 0;  // the receiver's from the delivery on
         bool done = false;
         int outcome = kBusOk;
         BusAnswer answer;

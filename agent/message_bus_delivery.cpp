@@ -96,8 +96,6 @@ int MessageBus::Deliver(const Message& message, std::unique_lock<std::mutex>& lo
     void* token = nullptr;
     if (message.exchange != nullptr) {
         message.exchange->receiver = message.target;
-        message.exchange->token = NextToken();
-        exchanges_.emplace(message.exchange->token, message.exchange);
         token = reinterpret_cast<void*>(message.exchange->token);  // NOLINT(performance-no-int-to-ptr): never followed
     }
     ++channel.in_flight;

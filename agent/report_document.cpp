@@ -116,12 +116,16 @@ ReportContent ReadReport(std::string_view text) {
 
 std::string InterruptedReport(const std::string& id, const std::string& reason,
                               const std::vector<std::string>& unreported) {
-    nlohmann::ordered_json document;
-    document["ID"] = id;
-    document["msg_type"] = "5";
-    document["data_type"] = "CommandInterrupted";
-    document["data"] = {{"reason", reason}, {"unreported", unreported}};
-    return document.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    // Text by text: a document of the library allocates in its destructor, and ends the process when it cannot.
+    const auto quoted = [](const std::string& text) {
+        return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    };
+    std::string scripts;
+    for (const std::string& script : unreported) {
+        scripts += (scripts.empty() ? "" : ",") + quoted(script);
+    }
+    return R"({"ID":)" + quoted(id) + R"(,"msg_type":"5","data_type":"CommandInterrupted","data":{"reason":)" +
+           quoted(reason) + R"(,"unreported":[)" + scripts + "]}}";
 }
 
 }  // namespace qxpagent

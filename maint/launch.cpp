@@ -80,6 +80,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     if (!pRunData) {
         QXLogPrintStr(4, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
                       "**qxpmaint CMaintMgr::CreateRunScript pRunData is NULL");
+        CMainTTool::MaintDeleteFile(strPath.c_str());  // no run has it that would delete it
         return 0;
     }
     pRunData->dwPolicyType = stPolicy.dwPolicyType;

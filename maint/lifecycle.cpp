@@ -31,11 +31,12 @@ constinit std::atomic<CMaintMgr*> g_pLeftBehind{nullptr};
 
 std::atomic<CMaintMgr*> CMaintMgr::m_pThis{nullptr};
 
-CMaintMgr::CMaintMgr() : m_hWorkEvent(CMainTTool::MaintCreateEvent(nullptr, 0, 0, nullptr)) {
+CMaintMgr::CMaintMgr() {
     QxInitializeCriticalSection(&m_csRunScriptList);
     QxInitializeCriticalSection(&m_csPolicyList);
     QxInitializeCriticalSection(&m_csWork);
     QxInitializeCriticalSection(&m_csWorkThread);
+    m_hWorkEvent = CMainTTool::MaintCreateEvent(nullptr, 0, 0, nullptr);  // last: a member that throws would leave it
 }
 
 CMaintMgr::~CMaintMgr() {

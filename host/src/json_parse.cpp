@@ -75,6 +75,23 @@ private:
     std::vector<size_t> m_open;  // the containers around the next event, outermost first
 };
 
+/// The reader's own allocator leaves it to write through a null pointer when there is no memory.
+class CThrowingAllocator : public rapidjson::CrtAllocator {
+public:
+    void* Malloc(size_t uSize) { return Checked(CrtAllocator::Malloc(uSize), uSize); }
+    void* Realloc(void* pBlock, size_t uOldSize, size_t uNewSize) {
+        return Checked(CrtAllocator::Realloc(pBlock, uOldSize, uNewSize), uNewSize);
+    }
+
+private:
+    static void* Checked(void* pBlock, size_t uSize) {
+        if (pBlock == nullptr && uSize != 0) {
+            throw std::bad_alloc();
+        }
+        return pBlock;
+    }
+};
+
 }  // namespace
 
 namespace qxtools {
@@ -93,7 +110,7 @@ public:
             rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
         rapidjson::InsituStringStream stream(m_strBuffer.data());
         CNodeWriter writer(m_nodes, m_strBuffer.data());
-        rapidjson::Reader reader;
+        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, CThrowingAllocator> reader;
         return !reader.Parse<kFlags>(stream, writer).IsError();
     }
 

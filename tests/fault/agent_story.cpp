@@ -14,7 +14,7 @@
 #include "agent/report_envelope.h"
 #include "agent/server_data.h"
 #include "ctl/trusted_keys.h"
-#include "tests/plugin/script_signer.h"
+#include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -143,7 +143,7 @@ class Story {
 public:
     Story() {
         keys_.AddKeyFile(QXPMAINT_TEST_PUBLIC_KEY);
-        const ScriptSigner signer(QXPMAINT_TEST_SIGNING_KEY);
+        const qxpctl::Key signer = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
         for (size_t i = 0; i < kCommands; ++i)
             documents_[i] = MakePolicy(signer, Id(i), "RunScriptNormal",
                                        {{.id = "a", .body = "echo"}, {.id = "b", .body = std::string(9000, '#')}});

@@ -31,7 +31,7 @@ class Story {
 public:
     Story() : log_(open((host_.Root() / "log").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
         host_.create_plugin(PLUGIN_CLSID);  // the log is open from here on
-        descriptors_ = OpenDescriptors();
+        descriptors_ = CountEntries("/proc/self/fd");
         arm_ = reinterpret_cast<unsigned (*)(int)>(dlsym(RTLD_DEFAULT, "qxp_faults_arm"));
     }
 
@@ -197,26 +197,24 @@ private:
     }
 
     // The reports that name a script: those that were sent and those in files.
-    std::vector<const cJSON*> ReportsOf(const Script& script) {
-        if (reports_.empty()) {
+    std::vector<Json> ReportsOf(const Script& script) {
+        if (runs_.empty()) {
             for (const BusCall& call : host_.endpoint.Calls("SendAsync"))
-                reports_.emplace_back(cJSON_Parse(DecodeEnvelope(call.data).json.c_str()), cJSON_Delete);
+                TakeReport(call.data.substr(148, call.data.size() - 149));  // out of its envelope
             std::error_code none;  // without the directory there are no files
             for (const auto& file : fs::directory_iterator(host_.Data() / "result", none))
-                reports_.emplace_back(cJSON_Parse(ReadFile(file.path()).c_str()), cJSON_Delete);
+                TakeReport(ReadFile(file.path()));
         }
-        std::vector<const cJSON*> found;
-        for (const Json& report : reports_) {
-            const cJSON* runs = cJSON_GetObjectItem(cJSON_GetObjectItem(report.get(), "data"), "result");
-            for (const cJSON* run = runs ? runs->child : nullptr; run; run = run->next)
-                if (Value(run, "scriptid") == script.id)
-                    found.push_back(run);
-        }
+        std::vector<Json> found;
+        std::copy_if(runs_.begin(), runs_.end(), std::back_inserter(found),
+                     [&](const Json& run) { return run.at("scriptid") == script.id; });
         return found;
     }
-    static std::string Value(const cJSON* object, const char* key) {
-        const cJSON* item = cJSON_GetObjectItem(object, key);
-        return cJSON_IsString(item) ? item->valuestring : "";
+    // A refusal and a file that a fault has cut hold no runs.
+    void TakeReport(const std::string& text) {
+        const Json report = Json::parse(text, nullptr, false);
+        if (report.contains("data"))
+            runs_.insert(runs_.end(), report["data"]["result"].begin(), report["data"]["result"].end());
     }
 
     void Check(const Script& script) {
@@ -224,9 +222,9 @@ private:
         const bool ran = Ran(script);
         if (reports.size() > 1)
             Complain(script.id + ": reported more than once");
-        for (const cJSON* report : reports) {
-            const std::string output = Value(report, "run_outdata");
-            if (Value(report, "run_result") == "1" &&
+        for (const Json& report : reports) {
+            const std::string output = report.at("run_outdata");
+            if (report.at("run_result") == "1" &&
                 (!ran || output != "begin " + script.id + "\nend " + script.id + "\n"))
                 Complain(script.id + ": a success with the output [" + output + "]");
         }
@@ -254,9 +252,8 @@ private:
             Complain("a thread is left");
         if (waitpid(-1, nullptr, WNOHANG) != -1)
             Complain("a child process is left");
-        if (OpenDescriptors() != descriptors_)
-            Complain("descriptors are left: " + std::to_string(OpenDescriptors()) + " instead of " +
-                     std::to_string(descriptors_));
+        if (const long open = CountEntries("/proc/self/fd"); open != descriptors_)
+            Complain("descriptors are left: " + std::to_string(open) + " instead of " + std::to_string(descriptors_));
         for (const auto& file : fs::directory_iterator(host_.Data()))
             if (file.is_regular_file())
                 Complain("a script file is left: " + file.path().filename().string());
@@ -264,10 +261,10 @@ private:
 
     PluginHost host_;
     const int log_;
-    size_t descriptors_ = 0;
+    long descriptors_ = 0;
     unsigned (*arm_)(int) = nullptr;
     std::vector<Script> scripts_;
-    std::vector<Json> reports_;
+    std::vector<Json> runs_;  // as reported
     bool refused_ = false;
     std::string text_;
     size_t read_ = 0;

@@ -9,7 +9,7 @@
 //   QXP_FAULT_OBJECTS=A,B          file names of the objects; the program may be one of them
 //   QXP_FAULT_REPORT=FILE          gets a line for each place of a survey, "CALL PLACE COUNT", or for each fault
 //
-// A place is the five innermost return addresses within the objects: "object+offset/object+offset", in hexadecimal.
+// A place is the ten innermost return addresses within the objects: "object+offset/object+offset", in hexadecimal.
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -36,7 +36,7 @@
 
 namespace {
 
-constexpr size_t kFrames = 5;
+constexpr size_t kFrames = 10;
 using Place = std::array<uintptr_t, kFrames>;  // (object + 1) << 48 | offset; 0: none
 
 struct Object {

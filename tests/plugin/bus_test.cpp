@@ -92,6 +92,7 @@ TEST_F(BusTest, DeliveriesMayOverlapEachOtherAndTheEndOfTheHost) {
     std::atomic<bool> ending{false};
     std::atomic<size_t> delivered{0};
     std::vector<std::jthread> senders;
+    senders.reserve(4);
     for (int sender = 0; sender < 4; ++sender) {
         senders.emplace_back([&, notices = sender == 0] {
             while (!ending) {

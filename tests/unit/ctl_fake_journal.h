@@ -168,7 +168,7 @@ protected:
         const int remarks = memfd_create("remarks", MFD_CLOEXEC);
         EXPECT_EQ(RunToolOn(full, remarks, arguments), 5);
         close(full);
-        const std::string text = ReadFromStart(remarks);
+        std::string text = ReadFromStart(remarks);
         close(remarks);
         return text;
     }

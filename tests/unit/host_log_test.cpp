@@ -20,10 +20,7 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::IsEmpty;
-
-using Environment = std::map<std::string, std::string>;
 
 struct Ended {
     pid_t pid;
@@ -46,7 +43,7 @@ std::vector<std::string> Records(const std::string& log) {
 }
 
 /// Runs the body in a process of its own, because the environment is read once a process.
-Ended InProcess(const Environment& environment, const std::function<void()>& body) {
+Ended InProcess(const std::map<std::string, std::string>& environment, const std::function<void()>& body) {
     const TempDir directory;
     const std::string error_file = directory / "stderr";
     const pid_t child = fork();
@@ -113,8 +110,8 @@ TEST(Log, MapsTheLevelsAndKeepsBackWhatIsOff) {
     EXPECT_THAT(Records(InProcess({}, log_all).log), testing::Contains("error 1 3 0123457"));
     EXPECT_THAT(InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", "/no/such/file"}}, log_all).log, IsEmpty());
     EXPECT_THAT(Records(InProcess({{"QXHOST_LOG_LEVEL", "loud"}}, log_all).log).at(0),
-                EndsWith("QXHOST_LOG_LEVEL is \"loud\", not trace, debug, info, warn, error or off; "
-                         "logging from info on"));
+                testing::EndsWith("QXHOST_LOG_LEVEL is \"loud\", not trace, debug, info, warn, error or off; "
+                                  "logging from info on"));
     // Set while it runs. What is no level changes nothing.
     const TempDir directory;
     InProcess({{"QXHOST_LOG_LEVEL", "off"}, {"QXHOST_LOG", directory / "log"}}, [&] {
@@ -236,6 +233,7 @@ TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
         const pid_t second = fork();
         {
             std::vector<std::jthread> threads;
+            threads.reserve(3);
             for (int thread = 0; thread < 3; ++thread) {
                 threads.emplace_back([thread] {
                     const std::string text(static_cast<size_t>(thread) * 3000 + 10, static_cast<char>('a' + thread));

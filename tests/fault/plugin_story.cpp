@@ -201,7 +201,7 @@ private:
         if (runs_.empty()) {
             for (const BusCall& call : host_.endpoint.Calls("SendAsync"))
                 TakeReport(call.data.substr(148, call.data.size() - 149));  // out of its envelope
-            std::error_code none;  // without the directory there are no files
+            std::error_code none;                                           // without the directory there are no files
             for (const auto& file : fs::directory_iterator(host_.Data() / "result", none))
                 TakeReport(ReadFile(file.path()));
         }

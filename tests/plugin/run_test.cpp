@@ -65,12 +65,13 @@ TEST_F(RunPolicyTest, PoliciesBehindAHeldReportRunInTheOrderOfTheirArrival) {
 TEST_F(RunPolicyTest, AtMost63RunsAreInProgressAndTheOverdueEndBeyond32) {
     host_.Launch();
     auto scripts = Sleepers(60);
-    scripts[0].id = "late";
-    scripts[0].timeout = "1";
+    // The last to be started, so that it is not overdue already at the look that ends the launches.
+    scripts.back().id = "late";
+    scripts.back().timeout = "2";
     ASSERT_TRUE(host_.SendCommand(Policy("many", scripts)));
     ASSERT_TRUE(WaitForLaunch(1));
     EXPECT_TRUE(WaitForRuns(60));
-    const auto overdue = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
+    const auto overdue = std::chrono::steady_clock::now() + std::chrono::milliseconds(2100);
     ASSERT_TRUE(host_.SendCommand(Policy("four", Sleepers(4))));
     EXPECT_EQ(host_.WaitForReports(1).front(), R"({"ID":"four","msg_type":"4","data_type":"RunScriptNormal"})");
     EXPECT_EQ(host_.LogWith("dwSize[64] >= MaxRunThreadCount * 2").size(), 1U);

@@ -1,21 +1,13 @@
-#include <SQLiteCpp/SQLiteCpp.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <atomic>
-#include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "agent/endpoint.h"
 #include "agent/manager.h"
 #include "agent/message_bus.h"
 #include "agent/report_envelope.h"
-#include "agent/report_intake.h"
-#include "agent/store.h"
 #include "agent/time_text.h"
-#include "tests/support/temp_dir.h"
-#include "tests/unit/agent_test_support.h"
+#include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
 namespace {
@@ -34,59 +26,50 @@ std::string Envelope(const std::string& text, char type = 2, int value = 1) {
 TEST(ReportEnvelopeTest, EveryByteIsAccountedFor) {
     const std::string good = Envelope("{}", 1, -7);
     ASSERT_EQ(151U, good.size());
-    const auto envelope = DecodeReportEnvelope(good);
-    ASSERT_TRUE(envelope.has_value());
-    EXPECT_EQ(1U, envelope->json_data_type);
-    EXPECT_EQ(-7, envelope->value);
-    EXPECT_EQ("{}", envelope->text);
+    EXPECT_THAT(DecodeReportEnvelope(good), testing::Optional(testing::FieldsAre(1U, -7, "{}")));
 
     for (size_t size = 0; size < good.size(); ++size) {
         EXPECT_FALSE(DecodeReportEnvelope(good.substr(0, size)).has_value()) << size;
     }
-    EXPECT_FALSE(DecodeReportEnvelope(good + '\0').has_value());
-    EXPECT_FALSE(DecodeReportEnvelope(Envelope("{}", 0)).has_value());
-    EXPECT_FALSE(DecodeReportEnvelope(Envelope("{}", 3)).has_value());
-    std::string unterminated = good;
-    unterminated.back() = 'x';
-    EXPECT_FALSE(DecodeReportEnvelope(unterminated).has_value());
     std::string huge = good;
     huge.replace(144, 4, 4, '\xff');
-    EXPECT_FALSE(DecodeReportEnvelope(huge).has_value());
+    for (const std::string& bad :
+         {good + '\0', Envelope("{}", 0), Envelope("{}", 3), good.substr(0, good.size() - 1) + 'x', huge}) {
+        EXPECT_FALSE(DecodeReportEnvelope(bad).has_value()) << bad;
+    }
 }
 
-class ManagerTest : public testing::Test {
+class ManagerTest : public StoreTest {
 protected:
+    ManagerTest() { EXPECT_EQ(kBusOk, plugin_.Initialize(kPluginId)); }
+
     int Send(const std::string& text, CompletionLog* log = nullptr, const GUID& target = kManagerId) {
         const std::string body = Envelope(text);
         return plugin_.SendAsync(target, kReportMessage, reinterpret_cast<const unsigned char*>(body.data()),
                                  static_cast<unsigned int>(body.size()), log, nullptr, nullptr, 60000);
     }
 
-    const TempDir directory_;
-    Store store_{{.path = directory_.Path() / "agent.db", .busy = std::chrono::milliseconds(10)}};
-    RunCounters counters_;
     std::atomic<int> stored_{0};
-    ReportIntake intake_{store_, counters_, [this] { ++stored_; }};
+    ReportIntake intake_{*store_, counters_, [this] { ++stored_; }};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
     Manager manager_{bus_, intake_};
     Endpoint plugin_{bus_};
 };
 
 TEST_F(ManagerTest, AReportIsStoredWhenTheSendOfItReturns) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     CompletionLog log;
     for (const std::string text : {R"({"ID":"c1"})", "not json", R"({"ID":"say \"hi\""})"}) {
-        const uint64_t before = store_.Figures().reports;
+        const uint64_t before = store_->Figures().reports;
         while (Send(text, &log) == kBusQueueFull) {  // until the completions before have been told
-            ASSERT_EQ(before, store_.Figures().reports) << "a send that is refused stores nothing";
+            ASSERT_EQ(before, store_->Figures().reports) << "a send that is refused stores nothing";
         }
-        ASSERT_EQ(before + 1, store_.Figures().reports) << text;
+        ASSERT_EQ(before + 1, store_->Figures().reports) << text;
     }
     const auto entries = log.WaitFor(3);
     ASSERT_EQ(3U, entries.size());
     EXPECT_EQ(kBusOk, entries[0].outcome);
     EXPECT_EQ(3, stored_);
-    const auto reports = store_.ListReports({});
+    const auto reports = store_->ListReports({});
     ASSERT_EQ(3U, reports.size());
     EXPECT_EQ("c1", reports[0].id);
     EXPECT_EQ(2U, reports[0].json_data_type);
@@ -94,29 +77,25 @@ TEST_F(ManagerTest, AReportIsStoredWhenTheSendOfItReturns) {
     EXPECT_EQ("not json", reports[1].text);
     EXPECT_EQ("say \"hi\"", reports[2].id);
     const auto age = std::chrono::system_clock::now() - reports[0].received;
-    EXPECT_TRUE(age > std::chrono::seconds(-1) && age < kDeadline);
+    EXPECT_TRUE(age > std::chrono::seconds(-1) && age < DEADLINE);
     EXPECT_EQ(kBusOk, Send("{}")) << "without anybody to tell";
 }
 
 TEST_F(ManagerTest, ASendThatCannotBeStoredFailsAndIsNotCompleted) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     CompletionLog log;
-    {
-        SQLite::Database other((directory_.Path() / "agent.db").string(), SQLite::OPEN_READWRITE);
-        other.exec("BEGIN IMMEDIATE");
-        EXPECT_NE(kBusOk, Send("{}", &log));
-    }
+    auto lock = Lock();
+    EXPECT_NE(kBusOk, Send("{}", &log));
+    lock.reset();
     const unsigned char malformed[] = {1, 2, 3};
     EXPECT_NE(kBusOk, plugin_.SendAsync(kManagerId, kReportMessage, malformed, 3, &log, nullptr, nullptr, 60000));
     EXPECT_EQ(kBusOk, Send("{}", &log));
     bus_.Shutdown();
     EXPECT_EQ(1U, log.WaitFor(1).size());
-    EXPECT_EQ(1U, store_.Figures().reports);
+    EXPECT_EQ(1U, store_->Figures().reports);
     EXPECT_EQ(kBusShutDown, Send("{}", &log));
 }
 
 TEST_F(ManagerTest, TheBusEndsOnlyWhenAReportThatIsBeingTakenIsCompleted) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     constexpr GUID kSlow = ParseGuid("00000000-0000-0000-0000-00000000000C");
     Happening inside;
     Happening release;
@@ -128,18 +107,16 @@ TEST_F(ManagerTest, TheBusEndsOnlyWhenAReportThatIsBeingTakenIsCompleted) {
     FunctionSink sink([](const Received&) {});
     EXPECT_EQ(kBusTypeTaken, bus_.Register(kSlow, kReportMessage, &sink, nullptr));
     CompletionLog log;
-    std::thread sending([&] { EXPECT_EQ(kBusOk, Send("{}", &log, kSlow)); });
+    const std::jthread sending([&] { EXPECT_EQ(kBusOk, Send("{}", &log, kSlow)); });
     ASSERT_TRUE(inside.Wait());
-    std::thread leaving([&] {
+    const std::jthread leaving([&] {
         EXPECT_EQ(kBusOk, bus_.Detach(kSlow));
         EXPECT_TRUE(release.IsSet()) << "a receiver is not left while it is at work";
     });
-    std::thread ending([&] { bus_.Shutdown(); });
+    std::jthread ending([&] { bus_.Shutdown(); });
     while (Send("{}") != kBusShutDown) {  // until the bus is ending
     }
     release.Set();
-    sending.join();
-    leaving.join();
     ending.join();
     EXPECT_EQ(1U, log.WaitFor(1).size());
 }

@@ -37,7 +37,7 @@ public:
     std::string Next(bool with_watchdog = false) const {
         for (;;) {
             pollfd readable{socket_.Get(), POLLIN, 0};
-            const auto deadline = std::chrono::duration_cast<std::chrono::milliseconds>(kDeadline).count();
+            const auto deadline = std::chrono::duration_cast<std::chrono::milliseconds>(DEADLINE).count();
             if (poll(&readable, 1, static_cast<int>(deadline)) <= 0) {
                 return {};
             }

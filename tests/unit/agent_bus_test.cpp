@@ -307,7 +307,6 @@ TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
 TEST(ComponentTest, ThePluginIsAskedAndToldInItsOwnTerms) {
     MessageBus bus;
     ServerData server_data(bus);
-    AgentConnect offline(bus, std::nullopt);
     Endpoint plugin(bus);
     ASSERT_EQ(kBusOk, plugin.Initialize(kPluginId));
     EXPECT_EQ(kBusUndelivered, server_data.Send("{}")) << "the plugin does not take commands yet";
@@ -325,16 +324,16 @@ TEST(ComponentTest, ThePluginIsAskedAndToldInItsOwnTerms) {
     acknowledgement = "what?";
     EXPECT_EQ(kBusReceiverFailed, server_data.Send("{}"));
 
-    BusAnswer answer;
-    ASSERT_EQ(kBusOk, bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", DEADLINE, answer));
-    EXPECT_EQ(R"({"onlineflag":"0","ip":"","port":""})", answer.bytes);
-
-    MessageBus online_bus;
-    AgentConnect online(online_bus, ParseServerAddress("10.0.0.5:8443"));
-    EXPECT_EQ(kBusOk, online_bus.Attach(kPluginId));
-    ASSERT_EQ(kBusOk, online_bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", DEADLINE, answer));
-    EXPECT_EQ(R"({"onlineflag":"1","ip":"10.0.0.5","port":"8443"})", answer.bytes);
-    online_bus.Shutdown();
+    for (const auto& [address, said] : {std::pair("", R"({"onlineflag":"0","ip":"","port":""})"),
+                                        {"10.0.0.5:8443", R"({"onlineflag":"1","ip":"10.0.0.5","port":"8443"})"}}) {
+        MessageBus asked;
+        const AgentConnect connect(asked, ParseServerAddress(address));
+        EXPECT_EQ(kBusOk, asked.Attach(kPluginId));
+        BusAnswer answer;
+        ASSERT_EQ(kBusOk, asked.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", DEADLINE, answer));
+        EXPECT_EQ(said, answer.bytes);
+        asked.Shutdown();
+    }
 }
 
 TEST(ServerAddressTest, IsCheckedAsAWhole) {

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,9 +140,7 @@ TEST_F(FilesTest, LeftoversGoOnlyWhenTheyAreOldOursAndStored) {
         Age(path);
     }
     const WallTime before = std::chrono::system_clock::now() - std::chrono::hours(7 * 24);
-    const Tidied tidied = RemoveLeftovers(*store_, data_, result_, before);
-    EXPECT_EQ(1U, tidied.scripts);
-    EXPECT_EQ(1U, tidied.results);
+    EXPECT_THAT(RemoveLeftovers(*store_, data_, result_, before), testing::FieldsAre(1U, 1U));
     EXPECT_EQ((Entries{"202611210903010002.sh", "202611210903010003.sh", "202611210903010004", "keep.sh", "result"}),
               Left(data_));
     EXPECT_EQ((Entries{"fresh2.json", "kept.json", "unread3.json"}), Left(result_));

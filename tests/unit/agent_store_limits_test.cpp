@@ -22,18 +22,13 @@ TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     store_->Acknowledge({2, 4});
     const uint64_t rest = store_->Bytes() - 4000;
 
-    Removed removed = store_->Retain({.age = hours(1), .bytes = rest + 2500}, now);
+    // How many commands, reports, and of these unacknowledged ones are removed.
+    using testing::FieldsAre;
+    EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 2500}, now), FieldsAre(0U, 2U, 0U));
     EXPECT_EQ((List{1, 3}), Cursors());
-    EXPECT_EQ(2U, removed.reports);
-    EXPECT_EQ(0U, removed.unacknowledged);
-    removed = store_->Retain({.age = hours(1), .bytes = rest + 1500}, now);
+    EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 1500}, now), FieldsAre(0U, 1U, 1U));
     EXPECT_EQ(List{3}, Cursors());
-    EXPECT_EQ(1U, removed.unacknowledged);
-    EXPECT_EQ(0U, removed.commands);
-    removed = store_->Retain({.age = hours(1)}, now + hours(2));
-    EXPECT_EQ(1U, removed.reports);
-    EXPECT_EQ(1U, removed.unacknowledged);
-    EXPECT_EQ(1U, removed.commands);
+    EXPECT_THAT(store_->Retain({.age = hours(1)}, now + hours(2)), FieldsAre(1U, 1U, 1U));
     EXPECT_TRUE(store_->FindCommand("open").has_value());
     EXPECT_FALSE(store_->FindCommand("ended").has_value());
     Open();

@@ -38,16 +38,12 @@ problem() {
     expect_match "detail: $1" "$3" "$(jq -r .detail body)"
 }
 problem "a command that is no JSON" 422 'JSON' -d 'no json' http://agent/v1/commands
-problem "a bad cursor" 400 'after' 'http://agent/v1/reports?after=x'
-problem "a run-once outside its directory" 400 'name' -d '{"name":"../x.json"}' http://agent/v1/runonce
 expect "a run-once that is not there" false "$(api -d '{"name":"none.json"}' http://agent/v1/runonce | jq .accepted)"
 
-# Deep nesting, a huge number of scripts and broken text reach the plugin or are refused, and the agent lives on.
+# Deep nesting and broken text reach the plugin or are refused, and the agent lives on.
 printf '{"ID":"deep","Command":"RunScriptNormal","param":%s}' "$(printf '[%.0s' $(seq 100000))" >deep.json
 status_of -d @deep.json http://agent/v1/commands >/dev/null
 printf '{"ID":"\xff\xfe","Command":"Reboot"}' | status_of --data-binary @- http://agent/v1/commands >/dev/null
-jq -c '.ID = "many" | .param.scriptinfo = [range(64) as $n | .param.scriptinfo[0]]' good.json >many.json
-problem "64 scripts" 422 '64 scripts' -d @many.json http://agent/v1/commands
 jq -c '.ID = "path" | .param.scriptinfo[0].scriptpath = "/opt/$(id)"' good.json >path.json
 problem "a path for a shell to stumble over, past the tool" 422 'scriptpath' -d @path.json http://agent/v1/commands
 jq -c '.ID = "unsigned" | .param.scriptinfo[0].sign = "01100000ff"' good.json >unsigned.json

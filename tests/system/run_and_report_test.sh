@@ -46,14 +46,5 @@ qxpctl pack --key "$QXP_KEY" --id cursor --output p.json good.sh
 qxpctl submit p.json >/dev/null
 expect "one new" cursor "$(api "http://agent/v1/reports?after=$last&wait=30" | jq -r '.reports[].id')"
 
-# A long poll waits for a report of its own ID and not for others.
-api "http://agent/v1/reports?id=waited&wait=60" >polled &
-poll=$!
-qxpctl run --key "$QXP_KEY" good.sh >/dev/null
-qxpctl pack --key "$QXP_KEY" --id waited --output p.json good.sh
-qxpctl submit p.json >/dev/null
-wait "$poll"
-expect "long poll" waited "$(jq -r '.reports[].id' polled)"
-
 stop_agent TERM
 expect "exit code of the agent" 0 "$exit_status"

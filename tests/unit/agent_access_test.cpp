@@ -100,12 +100,11 @@ TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
     ASSERT_EQ(0, chown(keys.c_str(), 4321, 0));
     EXPECT_THAT(Check(), HasSubstr("chown root " + keys));
     ASSERT_EQ(0, chown(keys.c_str(), 0, 4321));
-    ASSERT_EQ(0, chmod(keys.c_str(), 0775));
-    EXPECT_THAT(Check(), HasSubstr("chmod g-w " + keys));
-    ASSERT_EQ(0, chmod(keys.c_str(), 0777));
-    EXPECT_THAT(Check(), HasSubstr("chmod go-w " + keys));
-    ASSERT_EQ(0, chmod(keys.c_str(), 0755));
-    EXPECT_EQ("none", Check());
+    for (const auto& [mode, refusal] :
+         {std::pair<mode_t, std::string>{0775, "chmod g-w " + keys}, {0777, "chmod go-w " + keys}, {0755, "none"}}) {
+        ASSERT_EQ(0, chmod(keys.c_str(), mode));
+        EXPECT_THAT(Check(), testing::EndsWith(refusal));
+    }
 }
 
 TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
@@ -177,46 +176,32 @@ TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
     const auto refusal = [](const std::filesystem::path& socket_path) {
         return Refusal([&] { const UnixListener listener(socket_path); });
     };
-    const auto expect_refusal = [&](const std::filesystem::path& socket_path, const char* part) {
-        const std::string text = refusal(socket_path);
-        EXPECT_NE(std::string::npos, text.find(part)) << text;
-    };
     {
         const UnixListener listener(path);
-        struct stat status {};
-        ASSERT_EQ(0, stat(path.c_str(), &status));
-        EXPECT_EQ(S_IFSOCK | 0660U, status.st_mode);
-        expect_refusal(path, "Another agent is running");
-        std::filesystem::remove(directory.Path() / "agent.sock.lock");
-        expect_refusal(path, "Another process is serving");
+        EXPECT_TRUE(std::filesystem::is_socket(path));
+        EXPECT_EQ(0660U, ModeOf(path));
+        EXPECT_THAT(refusal(path), HasSubstr("Another agent is running"));
+        std::filesystem::remove(directory / "agent.sock.lock");
+        EXPECT_THAT(refusal(path), HasSubstr("Another process is serving"));
         EXPECT_TRUE(std::filesystem::exists(path));
     }
     EXPECT_FALSE(std::filesystem::exists(path));
 
     // What an agent that was killed leaves behind: a name that nobody listens on.
     {
-        UnixListener listener(path);
-        std::filesystem::rename(path, directory.Path() / "kept");
+        const UnixListener listener(path);
+        std::filesystem::rename(path, directory / "kept");
     }
-    std::filesystem::rename(directory.Path() / "kept", path);
-    EXPECT_EQ("none", refusal(path));
-
-    directory.Write("agent.sock", "precious");
-    expect_refusal(path, "is not a socket");
-    EXPECT_EQ("precious", ReadFile(path));
-    expect_refusal(directory.Path() / "missing" / "agent.sock", "Create its directory");
-    expect_refusal(directory.Path() / std::string(120, 'x'), "longer than 107");
-}
-
-TEST(UnixListenerTest, DoesNotRemoveWhatHasTakenItsPlace) {
-    const TempDir directory;
-    const std::filesystem::path path = directory.Path() / "agent.sock";
+    std::filesystem::rename(directory / "kept", path);
     {
         const UnixListener listener(path);
         std::filesystem::remove(path);
-        directory.Write("agent.sock", "another");
+        directory.Write("agent.sock", "precious");
     }
-    EXPECT_EQ("another", ReadFile(path));
+    EXPECT_THAT(refusal(path), HasSubstr("is not a socket"));
+    EXPECT_EQ("precious", ReadFile(path)) << "what has taken its place is not removed";
+    EXPECT_THAT(refusal(directory / "missing/agent.sock"), HasSubstr("Create its directory"));
+    EXPECT_THAT(refusal(directory / std::string(120, 'x')), HasSubstr("longer than 107"));
 }
 
 }  // namespace

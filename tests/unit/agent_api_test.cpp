@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <regex>
@@ -10,6 +9,8 @@ namespace qxpagent {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using std::chrono::milliseconds;
+using testing::FieldsAre;
 using testing::HasSubstr;
 
 const WallTime kNoon{std::chrono::milliseconds(1800000000123)};
@@ -24,6 +25,11 @@ CommandRecord Command(const std::string& id) {
 
 Report ReportOf(const std::string& id, ReportSource source, const std::string& text) {
     return {0, id, source, "", kNoon, std::nullopt, 2, -1, text, text.size()};
+}
+
+void ExpectProblem(const Reply& reply, long status, const std::string& detail) {
+    EXPECT_EQ(status, reply.status) << detail << ": " << reply.text;
+    EXPECT_THAT(reply.Detail(), HasSubstr(detail));
 }
 
 // The text with "time" for each time. Those are local: only their form can be compared.
@@ -46,10 +52,7 @@ TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
               R"("delivered":"time","finished":null})",
               WithoutTimes(taken.Body()));
     EXPECT_EQ(document, agent_.submitted) << "not a byte differs";
-    EXPECT_EQ(getuid(), agent_.submitter.uid);
-    EXPECT_EQ(getgid(), agent_.submitter.gid);
-    EXPECT_EQ(getpid(), agent_.submitter.pid);
-    EXPECT_EQ(UserName(getuid()), agent_.submitter.user);
+    EXPECT_THAT(agent_.submitter, FieldsAre(getuid(), getgid(), getpid(), UserName(getuid())));
     EXPECT_EQ("root", UserName(0));
     EXPECT_EQ("4000000000", UserName(4000000000U)) << "a user without a name";
 
@@ -78,9 +81,7 @@ TEST_F(HttpTest, CommandsAreListedAndShown) {
     const Json list = Get("/v1/commands?state=reported&limit=1000&wait=60").Body();
     EXPECT_EQ(2U, list["commands"].size());
     EXPECT_EQ(9, list["sequence"]);
-    EXPECT_EQ(CommandState::kReported, agent_.command_query.state);
-    EXPECT_EQ(1000U, agent_.command_query.limit);
-    EXPECT_EQ(std::chrono::seconds(60), agent_.command_query.wait);
+    EXPECT_THAT(agent_.command_query, FieldsAre(CommandState::kReported, 0U, 1000U, milliseconds(60000)));
 
     agent_.AddReport(ReportOf("b/c d", ReportSource::kAgent, R"({"ID":"b/c d"})"));
     for (const char* target : {"/v1/commands/b%2Fc%20d", "/v1/commands/b/c%20d"}) {
@@ -115,12 +116,7 @@ TEST_F(HttpTest, ReportsComeWithTheirDocumentOrTheirText) {
         WithoutTimes(all["reports"][1]))
         << "bytes that are not UTF-8 are replaced";
     EXPECT_TRUE(all["reports"][2]["document"].is_null());
-    EXPECT_EQ("a b&c", agent_.report_query.id);
-    EXPECT_EQ(ReportSource::kFile, agent_.report_query.source);
-    EXPECT_EQ(false, agent_.report_query.acknowledged);
-    EXPECT_EQ(2U, agent_.report_query.after);
-    EXPECT_EQ(3U, agent_.report_query.limit);
-    EXPECT_TRUE(agent_.report_query.with_text);
+    EXPECT_THAT(agent_.report_query, FieldsAre("a b&c", ReportSource::kFile, false, 2U, 3U, true, milliseconds(0)));
 }
 
 TEST_F(HttpTest, ResultFilesComeAsTheyWere) {
@@ -149,24 +145,17 @@ TEST_F(HttpTest, ReportsAreAcknowledgedByCursorOrUpToOne) {
     EXPECT_EQ((std::vector<uint64_t>{5, 9}), agent_.acknowledged);
     EXPECT_EQ(R"({"acknowledged":4})", Post("/v1/reports/acknowledge", R"({"up_to":7})").text);
     EXPECT_EQ(7U, agent_.acknowledged_up_to);
-    const std::vector<std::pair<std::string, std::string>> wrong = {
-        {"", "JSON object"},
-        {"[1]", "JSON object"},
-        {std::string(60000, '['), "JSON object"},
-        {"{}", "either"},
-        {R"({"cursors":[1],"up_to":1})", "either"},
-        {R"({"cursor":[1]})", "\"cursor\""},
-        {R"({"cursors":1})", "\"cursors\""},
-        {R"({"cursors":[1,-1]})", "\"cursors\""},
-        {R"({"cursors":["1"]})", "\"cursors\""},
-        {R"({"up_to":1.0})", "\"up_to\""},
-        {R"({"up_to":9223372036854775808})", "\"up_to\""},
-    };
+    const std::map<std::string, std::vector<std::string>> wrong = {
+        {"JSON object", {"", "[1]", std::string(60000, '[')}},
+        {"either", {"{}", R"({"cursors":[1],"up_to":1})"}},
+        {"\"cursor\"", {R"({"cursor":[1]})"}},
+        {"\"cursors\"", {R"({"cursors":1})", R"({"cursors":[1,-1]})", R"({"cursors":["1"]})"}},
+        {"\"up_to\"", {R"({"up_to":1.0})", R"({"up_to":9223372036854775808})"}}};
     agent_.acknowledged.clear();
-    for (const auto& [body, detail] : wrong) {
-        const Reply reply = Post("/v1/reports/acknowledge", body);
-        EXPECT_EQ(400, reply.status) << body;
-        EXPECT_THAT(reply.Detail(), HasSubstr(detail)) << body;
+    for (const auto& [detail, bodies] : wrong) {
+        for (const std::string& body : bodies) {
+            ExpectProblem(Post("/v1/reports/acknowledge", body), 400, detail);
+        }
     }
     EXPECT_TRUE(agent_.acknowledged.empty());
     EXPECT_EQ(7U, agent_.acknowledged_up_to);
@@ -197,9 +186,7 @@ TEST_F(HttpTest, StatusAndHealthSayHowItIs) {
     agent_.fault = "torn page";
     EXPECT_THAT(Get("/v1/health").text, HasSubstr("torn page"));
     for (const char* target : {"/v1/status", "/metrics", "/v1/commands", "/v1/commands/a", "/v1/reports"}) {
-        const Reply reply = Get(target);
-        EXPECT_EQ(503, reply.status) << target;
-        EXPECT_THAT(reply.Detail(), HasSubstr("torn page")) << target;
+        ExpectProblem(Get(target), 503, "torn page");
     }
 }
 
@@ -207,38 +194,28 @@ TEST_F(HttpTest, EveryErrorIsAProblemThatNamesItsCause) {
     Serve();
     const Reply unknown = Get("/v2/%3Cx%3E");
     EXPECT_EQ(404, unknown.status);
-    EXPECT_EQ(
-        (Json{
-            {"type", "about:blank"}, {"title", "Not Found"}, {"status", 404}, {"detail", "There is no path /v2/<x>."}}),
-        unknown.Body());
+    EXPECT_EQ(R"({"type":"about:blank","title":"Not Found","status":404,"detail":"There is no path /v2/<x>."})",
+              unknown.Body().dump());
     EXPECT_EQ(405, Request("DELETE", "/v1/commands").status);
     EXPECT_EQ("POST, GET", Request("DELETE", "/v1/commands").Header("Allow"));
     EXPECT_EQ("GET", Post("/v1/commands/acknowledge", "{}").Header("Allow"));
-    const std::vector<std::pair<std::string, std::string>> wrong = {
-        {"/v1/reports?after=x", "after"},
-        {"/v1/reports?after=-1", "after"},
-        {"/v1/reports?after=", "after"},
-        {"/v1/reports?after=99999999999999999999", "after"},
-        {"/v1/reports?wait=61", "wait"},
-        {"/v1/reports?wait=1.5", "wait"},
-        {"/v1/reports?wait", "wait"},
-        {"/v1/reports?wait=0&wait=0", "wait"},
-        {"/v1/reports?wiat=1", "\"wiat\""},
-        {"/v1/reports?limit=0", "limit"},
-        {"/v1/results?limit=1001", "limit"},
-        {"/v1/results?source=file", "\"source\""},
-        {"/v1/reports?source=disk", "plugin, file, agent"},
-        {"/v1/reports?acknowledged=yes", "false, true"},
-        {"/v1/commands?state=done", "received, delivered, refused, reported, interrupted"},
-        {"/v1/commands?id=1", "\"id\""},
-        {"/metrics?x=1", "\"x\""},
-        {"/v1/status?x=%00%ff", "\"x\""},
-    };
-    for (const auto& [target, detail] : wrong) {
-        const Reply reply = Get(target);
-        EXPECT_EQ(400, reply.status) << target;
-        EXPECT_THAT(reply.Detail(), HasSubstr(detail)) << target;
+    const std::map<std::string, std::vector<std::string>> wrong = {
+        {"after", {"reports?after=x", "reports?after=-1", "reports?after=", "reports?after=99999999999999999999"}},
+        {"wait", {"reports?wait=61", "reports?wait=1.5", "reports?wait", "reports?wait=0&wait=0"}},
+        {"\"wiat\"", {"reports?wiat=1"}},
+        {"limit", {"reports?limit=0", "results?limit=1001"}},
+        {"\"source\"", {"results?source=file"}},
+        {"plugin, file, agent", {"reports?source=disk"}},
+        {"false, true", {"reports?acknowledged=yes"}},
+        {"received, delivered, refused, reported, interrupted", {"commands?state=done"}},
+        {"\"id\"", {"commands?id=1"}},
+        {"\"x\"", {"status?x=%00%ff"}}};
+    for (const auto& [detail, targets] : wrong) {
+        for (const std::string& target : targets) {
+            ExpectProblem(Get("/v1/" + target), 400, detail);
+        }
     }
+    ExpectProblem(Get("/metrics?x=1"), 400, "\"x\"");
 }
 
 }  // namespace

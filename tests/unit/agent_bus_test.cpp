@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <atomic>
 #include <cstring>
-#include <memory>
+#include <list>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "agent/agent_connect.h"
 #include "agent/endpoint.h"
@@ -16,6 +13,8 @@
 
 namespace qxpagent {
 namespace {
+
+using testing::FieldsAre;
 
 constexpr GUID kAlice = ParseGuid("00000000-0000-0000-0000-00000000000A");
 constexpr GUID kBob = ParseGuid("00000000-0000-0000-0000-00000000000B");
@@ -55,27 +54,29 @@ protected:
         return alice_.SendAsync(kBob, type, Bytes(body.data()), static_cast<unsigned int>(body.size()), &log, nullptr,
                                 nullptr, timeout);
     }
+    // Bob gets the messages of a type.
+    void OnMessage(std::function<void(const Received&)> function, long type = kType) {
+        sinks_.emplace_back(std::move(function));
+        ASSERT_EQ(kBusOk, bob_.RegisterReceive(type, &sinks_.back(), &bob_));
+    }
     static int ReplyAs(Endpoint& endpoint, const char* text, void* token, int status = 0) {
         return endpoint.Reply(status, kType, Bytes(text), static_cast<unsigned int>(std::strlen(text)), token);
     }
 
+    std::list<FunctionSink> sinks_;
     MessageBus bus_{{.delivery_threads = 2, .queued_messages = 4, .queued_bytes = 100}};
     Endpoint alice_{bus_};
     Endpoint bob_{bus_};
 };
 
 TEST_F(BusTest, ARequestCarriesEverythingThereAndBack) {
-    FunctionSink sink([&bob = bob_](const Received& message) {
+    OnMessage([&bob = bob_](const Received& message) {
         EXPECT_TRUE(SameId(kAlice, message.sender));
         EXPECT_EQ(&bob, message.context);
         const int replied = ReplyAs(bob, message.body == "ping" ? "pong" : "", message.token, 42);
         EXPECT_EQ(kBusOk, replied);
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, &bob_));
-    const Outcome outcome = Ask(kBob, kType, "ping");
-    EXPECT_EQ(kBusOk, outcome.result);
-    EXPECT_EQ(42U, outcome.status);
-    EXPECT_EQ("pong", outcome.reply);
+    EXPECT_THAT(Ask(kBob, kType, "ping"), FieldsAre(kBusOk, 42U, "pong"));
     EXPECT_EQ("", Ask(kBob, kType, "else").reply);
 
     EXPECT_EQ(kBusUndelivered, Ask(kBob, kOtherType, "").result);
@@ -103,7 +104,7 @@ TEST_F(BusTest, NamesAndRegistrationsAreExclusive) {
 
 TEST_F(BusTest, AReplyTokenIsGoodOnceForItsReceiverInItsTime) {
     void* token = nullptr;
-    FunctionSink sink([&](const Received& message) {
+    OnMessage([&](const Received& message) {
         token = message.token;
         if (message.body == "forget") {
             return;
@@ -114,7 +115,6 @@ TEST_F(BusTest, AReplyTokenIsGoodOnceForItsReceiverInItsTime) {
         EXPECT_EQ(kBusStaleToken, ReplyAs(bob_, "second", message.token));
         throw std::runtime_error("after the answer, which counts");
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
     for (int round = 0; round < 20; ++round) {  // the sender may wake before or after the receiver fails
         EXPECT_EQ("first", Ask(kBob, kType, "answer").reply);
     }
@@ -125,41 +125,23 @@ TEST_F(BusTest, AReplyTokenIsGoodOnceForItsReceiverInItsTime) {
 
     // A receiver may keep the token of a request and answer after its callback has returned, from any thread.
     Happening delivered;
-    FunctionSink keeper([&](const Received& message) {
+    const auto keep = [&](const Received& message) {
         token = message.token;
         delivered.Set();
-    });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kOtherType, &keeper, nullptr));
-    std::thread answering([&] {
+    };
+    OnMessage(keep, kOtherType);
+    const std::jthread answering([&] {
         EXPECT_TRUE(delivered.Wait());
         EXPECT_EQ(kBusOk, ReplyAs(bob_, "deferred", token));
     });
     EXPECT_EQ("deferred", Ask(kBob, kOtherType, "").reply);
-    answering.join();
-}
-
-TEST_F(BusTest, ARequestThatTimedOutInTheQueueIsNeverDelivered) {
-    Happening release;
-    std::atomic<int> delivered{0};
-    FunctionSink sink([&](const Received&) {
-        ++delivered;
-        EXPECT_TRUE(release.Wait());
-    });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
-    CompletionLog log;
-    Send("occupies a thread", log);
-    Send("and the other", log);
-    EXPECT_EQ(kBusTimedOut, Ask(kBob, kType, "late", 50).result);
-    release.Set();
-    bus_.Shutdown();
-    EXPECT_EQ(2, delivered);
 }
 
 TEST_F(BusTest, UnregisterReturnsOnlyWhenNoDeliveryIsInFlight) {
     Happening inside;
     Happening release;
     std::atomic<bool> finished{false};
-    FunctionSink sink([&](const Received& message) {
+    OnMessage([&](const Received& message) {
         if (message.body == "probe") {
             ReplyAs(bob_, "", message.token);
             return;
@@ -168,23 +150,20 @@ TEST_F(BusTest, UnregisterReturnsOnlyWhenNoDeliveryIsInFlight) {
         EXPECT_TRUE(release.Wait());
         finished = true;
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
     CompletionLog log;
     ASSERT_EQ(kBusOk, Send("", log));
     ASSERT_TRUE(inside.Wait());
-    std::thread unregistering([&] {
+    const std::jthread unregistering([&] {
         EXPECT_EQ(kBusOk, bob_.UnregisterReceive(kType));
         EXPECT_TRUE(finished);
     });
     while (Ask(kBob, kType, "probe").result != kBusUndelivered) {  // until the thread is in the function
     }
-    std::thread detaching([&] {
+    const std::jthread detaching([&] {
         EXPECT_EQ(kBusOk, bob_.Uninitialize());
         EXPECT_TRUE(finished) << "a delivery that outlives its registration still counts";
     });
     release.Set();
-    unregistering.join();
-    detaching.join();
     EXPECT_EQ(kBusOk, log.WaitFor(1).at(0).outcome);
 }
 
@@ -192,7 +171,7 @@ TEST_F(BusTest, UnregisterFromWithinDeliveriesThatOverlapDoesNotDeadlock) {
     std::atomic<int> inside{0};
     Happening both;
     Happening leave;
-    FunctionSink sink([&](const Received&) {
+    OnMessage([&](const Received&) {
         if (++inside == 2) {
             both.Set();
         }
@@ -202,22 +181,20 @@ TEST_F(BusTest, UnregisterFromWithinDeliveriesThatOverlapDoesNotDeadlock) {
         EXPECT_TRUE(leave.Wait());
         --inside;
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
     CompletionLog log;
     Send("", log);
     Send("", log);
     ASSERT_TRUE(both.Wait());
-    std::thread outside([&] {
+    const std::jthread outside([&] {
         bob_.UnregisterReceive(kType);
         EXPECT_EQ(0, inside) << "from outside, every delivery is waited for";
     });
     leave.Set();
-    outside.join();
     EXPECT_EQ(2U, log.WaitFor(2).size());
 }
 
 TEST_F(BusTest, EachSendIsCompletedOnceWithItsOutcome) {
-    FunctionSink sink([&](const Received& message) {
+    OnMessage([&](const Received& message) {
         if (message.body == "throw") {
             throw std::runtime_error("on purpose");
         }
@@ -226,19 +203,13 @@ TEST_F(BusTest, EachSendIsCompletedOnceWithItsOutcome) {
         }
         EXPECT_EQ(kBusOk, ReplyAs(bob_, "got it", message.token));
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
     CompletionLog log;
     unsigned long number = 0;
     int context = 0;
     std::string body = "hello";
     ASSERT_EQ(kBusOk, alice_.SendAsync(kBob, kType, Bytes(body.data()), 5, &log, &context, &number, kLong));
     body.assign("XXXXX");  // the bus has its own copy
-    const CompletionLog::Entry delivered = log.WaitFor(1).at(0);
-    EXPECT_EQ(kBusOk, delivered.outcome);
-    EXPECT_EQ(kType, delivered.type);
-    EXPECT_EQ("got it", delivered.answer);
-    EXPECT_EQ(number, delivered.number);
-    EXPECT_EQ(&context, delivered.context);
+    EXPECT_THAT(log.WaitFor(1).at(0), FieldsAre(kBusOk, kType, "got it", number, &context));
 
     Send("throw", log);
     EXPECT_EQ(kBusReceiverFailed, log.WaitFor(2).at(1).outcome);
@@ -252,19 +223,16 @@ TEST_F(BusTest, EachSendIsCompletedOnceWithItsOutcome) {
 
 TEST_F(BusTest, TheQueueIsBoundedAndExpiresWhileEveryThreadIsBusy) {
     Happening release;
-    std::atomic<int> inside{0};
-    Happening both;
-    FunctionSink sink([&](const Received&) {
-        if (++inside == 2) {
-            both.Set();
-        }
+    std::atomic<int> delivered{0};
+    OnMessage([&](const Received&) {
+        ++delivered;
         EXPECT_TRUE(release.Wait());
     });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
     CompletionLog busy;
     Send("", busy);
     Send("", busy);
-    ASSERT_TRUE(both.Wait());
+    ASSERT_TRUE(WaitUntil([&] { return delivered == 2; }));
+    EXPECT_EQ(kBusTimedOut, Ask(kBob, kType, "late", 50).result);
 
     CompletionLog refused;
     CompletionLog queued;
@@ -284,23 +252,20 @@ TEST_F(BusTest, TheQueueIsBoundedAndExpiresWhileEveryThreadIsBusy) {
     release.Set();
     bus_.Shutdown();  // delivers what is queued
     EXPECT_EQ(kBusOk, taken.WaitFor(1).at(0).outcome) << "what was taken never expires";
-    const auto outcomes = queued.WaitFor(4);
-    ASSERT_EQ(4U, outcomes.size());
-    for (size_t i = 1; i < outcomes.size(); ++i) {
-        EXPECT_EQ(kBusOk, outcomes[i].outcome);
-    }
+    const auto completed = [](int outcome) { return testing::Field(&CompletionLog::Entry::outcome, outcome); };
+    EXPECT_THAT(queued.WaitFor(4),
+                testing::ElementsAre(completed(kBusTimedOut), completed(kBusOk), completed(kBusOk), completed(kBusOk)));
+    EXPECT_EQ(5, delivered) << "what timed out in the queue never is";
     EXPECT_EQ(kBusShutDown, Send("", refused));
     EXPECT_EQ(2U, busy.WaitFor(2).size());
 }
 
 TEST_F(BusTest, ShutdownEndsARequestThatNobodyAnswers) {
     Happening delivered;
-    FunctionSink sink([&](const Received&) { delivered.Set(); });
-    ASSERT_EQ(kBusOk, bob_.RegisterReceive(kType, &sink, nullptr));
-    std::thread asking([&] { EXPECT_EQ(kBusShutDown, Ask(kBob, kType, "", 3600000).result); });
+    OnMessage([&](const Received&) { delivered.Set(); });
+    const std::jthread asking([&] { EXPECT_EQ(kBusShutDown, Ask(kBob, kType, "", 3600000).result); });
     EXPECT_TRUE(delivered.Wait());
     bus_.Shutdown();
-    asking.join();
 }
 
 TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
@@ -320,8 +285,7 @@ TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
             EXPECT_EQ(kBusOk, receiver.UnregisterReceive(kType));
         }  // sink and flag die here
     });
-    std::vector<std::thread> senders;
-    senders.reserve(kSenders);
+    std::vector<std::jthread> senders;
     for (int i = 0; i < kSenders; ++i) {
         senders.emplace_back([&] {
             for (size_t sent = 0; sent < kMessages; ++sent) {
@@ -334,9 +298,7 @@ TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
             }
         });
     }
-    for (std::thread& sender : senders) {
-        sender.join();
-    }
+    senders.clear();
     EXPECT_EQ(kSenders * kMessages, log.WaitFor(kSenders * kMessages).size());
     done = true;
     registering.join();
@@ -345,7 +307,6 @@ TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
 TEST(ComponentTest, ThePluginIsAskedAndToldInItsOwnTerms) {
     MessageBus bus;
     ServerData server_data(bus);
-    AgentConnect offline(bus, std::nullopt);
     Endpoint plugin(bus);
     ASSERT_EQ(kBusOk, plugin.Initialize(kPluginId));
     EXPECT_EQ(kBusUndelivered, server_data.Send("{}")) << "the plugin does not take commands yet";
@@ -363,16 +324,16 @@ TEST(ComponentTest, ThePluginIsAskedAndToldInItsOwnTerms) {
     acknowledgement = "what?";
     EXPECT_EQ(kBusReceiverFailed, server_data.Send("{}"));
 
-    BusAnswer answer;
-    ASSERT_EQ(kBusOk, bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", kDeadline, answer));
-    EXPECT_EQ(R"({"onlineflag":"0","ip":"","port":""})", answer.bytes);
-
-    MessageBus online_bus;
-    AgentConnect online(online_bus, ParseServerAddress("10.0.0.5:8443"));
-    EXPECT_EQ(kBusOk, online_bus.Attach(kPluginId));
-    ASSERT_EQ(kBusOk, online_bus.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", kDeadline, answer));
-    EXPECT_EQ(R"({"onlineflag":"1","ip":"10.0.0.5","port":"8443"})", answer.bytes);
-    online_bus.Shutdown();
+    for (const auto& [address, said] : {std::pair("", R"({"onlineflag":"0","ip":"","port":""})"),
+                                        {"10.0.0.5:8443", R"({"onlineflag":"1","ip":"10.0.0.5","port":"8443"})"}}) {
+        MessageBus asked;
+        const AgentConnect connect(asked, ParseServerAddress(address));
+        EXPECT_EQ(kBusOk, asked.Attach(kPluginId));
+        BusAnswer answer;
+        ASSERT_EQ(kBusOk, asked.Request(kPluginId, kAgentConnectId, kConnectQueryMessage, "", DEADLINE, answer));
+        EXPECT_EQ(said, answer.bytes);
+        asked.Shutdown();
+    }
 }
 
 TEST(ServerAddressTest, IsCheckedAsAWhole) {

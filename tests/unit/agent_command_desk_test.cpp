@@ -1,29 +1,24 @@
 #include "agent/command_desk.h"
 
-#include <SQLiteCpp/SQLiteCpp.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "agent/message_bus.h"
-#include "agent/report_intake.h"
 #include "ctl/key_file.h"
 #include "ctl/signer.h"
 #include "ctl/trusted_keys.h"
-#include "tests/support/temp_dir.h"
-#include "tests/unit/agent_test_support.h"
+#include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
 namespace {
 
+using testing::HasSubstr;
+
 const Peer kPeer{1000, 1000, 4321, "operator"};
 
 // The desk over a store, with a plugin that does as the test says.
-class CommandDeskTest : public testing::Test {
+class CommandDeskTest : public StoreTest {
 protected:
     CommandDeskTest() {
         const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
@@ -35,8 +30,7 @@ protected:
     // As a new process would: what is not in the store is gone.
     void Restart() {
         desk_.reset();
-        store_.reset();
-        store_ = std::make_unique<Store>(StoreOptions{.path = path_, .busy = std::chrono::milliseconds(10)});
+        Open();
         desk_ = std::make_unique<CommandDesk>(*store_, counters_, keys_, [this](const std::string& document) {
             delivered_.push_back(document);
             return plugin_(document);
@@ -53,41 +47,27 @@ protected:
     std::string Document(const std::string& id) const { return Document(id, Script("a")); }
     // As if the process had died between the two steps of the journal.
     void Journal(const std::string& id) {
-        NewCommand command;
-        command.id = id;
+        NewCommand command = CommandOf(id);
         command.text = Document(id);
-        command.expected = {"a"};
         CommandRecord record;
         EXPECT_EQ(Admission::kNew, store_->Admit(command, record));
     }
     SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
+    void PluginSays(int result) {
+        plugin_ = [result](const std::string&) { return result; };
+    }
     void Report(const std::string& text) {
         ReportIntake(*store_, counters_, [] {
         }).TakeFile({"report" + std::to_string(++reports_) + ".json", 0, text.size(), ""}, text, ReadReport(text));
     }
-    CommandState StateOf(const std::string& id) {
-        const auto record = store_->FindCommand(id);
-        EXPECT_TRUE(record.has_value()) << id;
-        return record.value_or(CommandRecord()).state;
-    }
-    std::unique_ptr<SQLite::Database> Lock() const {
-        auto other = std::make_unique<SQLite::Database>(path_.string(), SQLite::OPEN_READWRITE);
-        other->exec("BEGIN IMMEDIATE");
-        return other;
-    }
-    size_t AgentReports(const std::string& id) {
-        return store_->ListReports({.id = id, .source = ReportSource::kAgent}).size();
-    }
+    CommandState StateOf(const std::string& id) { return store_->FindCommand(id).value().state; }
+    size_t AgentReports(const std::string& id) { return Cursors({.id = id, .source = ReportSource::kAgent}).size(); }
 
-    const TempDir directory_;
-    const std::filesystem::path path_ = directory_.Path() / "agent.db";
     qxpctl::TrustedKeys keys_;
     std::string sign_;
-    RunCounters counters_;
     std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
     std::vector<std::string> delivered_;
     int reports_ = 0;
-    std::unique_ptr<Store> store_;
     std::unique_ptr<CommandDesk> desk_;
 };
 
@@ -100,18 +80,18 @@ TEST_F(CommandDeskTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) {
                                                    Script("bad", "sh", "01100000ff") + "," + Script("w", "bat"));
     const SubmitOutcome outcome = desk_->Submit(document, kPeer);
     ASSERT_EQ(SubmitStatus::kTaken, outcome.status);
-    ASSERT_TRUE(outcome.command.has_value());
-    EXPECT_EQ(CommandState::kDelivered, outcome.command->state);
-    EXPECT_EQ(5U, outcome.command->scripts);
-    EXPECT_EQ((std::vector<std::string>{"a", "b"}), outcome.command->unreported);
-    EXPECT_EQ(4321, outcome.command->submitter.pid);
-    EXPECT_EQ(64U, outcome.command->sha256.size());
+    const CommandRecord& command = outcome.command.value();
+    EXPECT_EQ(CommandState::kDelivered, command.state);
+    EXPECT_EQ(5U, command.scripts);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), command.unreported);
+    EXPECT_EQ(4321, command.submitter.pid);
+    EXPECT_EQ(64U, command.sha256.size());
     EXPECT_EQ(document, delivered_.at(0)) << "not a byte differs";
 
     EXPECT_EQ(SubmitStatus::kKnown, Submit(document));
     const SubmitOutcome conflict = desk_->Submit(document + " ", kPeer);
     EXPECT_EQ(SubmitStatus::kConflict, conflict.status);
-    EXPECT_NE(std::string::npos, conflict.detail.find("\"c\""));
+    EXPECT_THAT(conflict.detail, HasSubstr("\"c\""));
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("a/b")));
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit("no json"));
     EXPECT_EQ(1U, delivered_.size());
@@ -126,29 +106,26 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
         Report(R"({"ID":"full","msg_type":"4","data_type":"x"})");
         return kBusOk;
     };
-    SubmitOutcome outcome = desk_->Submit(Document("full"), kPeer);
-    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
-    EXPECT_NE(std::string::npos, outcome.command->reason.find("too many")) << outcome.command->reason;
-    EXPECT_TRUE(outcome.command->unreported.empty()) << "no result is to come";
-
+    const auto expect_refused = [this](const std::string& document, const char* reason) {
+        const SubmitOutcome outcome = desk_->Submit(document, kPeer);
+        EXPECT_EQ(SubmitStatus::kTaken, outcome.status);
+        EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+        EXPECT_THAT(outcome.command->reason, HasSubstr(reason));
+        EXPECT_TRUE(outcome.command->unreported.empty()) << "no result is to come";
+        return outcome.command->expected;
+    };
+    expect_refused(Document("full"), "too many");
     // A refusal that the plugin's own answer does not name, since its text is cut.
-    plugin_ = [](const std::string&) { return kBusOk; };
-    outcome = desk_->Submit(Document("unreadable", Script("a"), std::string(300, 'x')), kPeer);
-    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
-    EXPECT_NE(std::string::npos, outcome.command->reason.find("\"Command\"")) << outcome.command->reason;
-    EXPECT_EQ(0U, outcome.command->expected);
-    outcome = desk_->Submit(Document("untrusted", Script("a", "sh", "01100000ff")), kPeer);
-    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
-    EXPECT_NE(std::string::npos, outcome.command->reason.find("; script 1: bad signature: "));
-    plugin_ = [](const std::string&) { return kBusReceiverFailed; };
-    outcome = desk_->Submit(Document("failed"), kPeer);
-    EXPECT_EQ(SubmitStatus::kTaken, outcome.status);
-    EXPECT_EQ(CommandState::kRefused, outcome.command->state);
+    PluginSays(kBusOk);
+    EXPECT_EQ(0U, expect_refused(Document("unreadable", Script("a"), std::string(300, 'x')), "\"Command\""));
+    expect_refused(Document("untrusted", Script("a", "sh", "01100000ff")), "; script 1: bad signature: ");
+    PluginSays(kBusReceiverFailed);
+    expect_refused(Document("failed"), "");
     EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
     EXPECT_EQ(5U, counters_.Get().commands_taken);
 
-    plugin_ = [](const std::string&) { return kBusTimedOut; };
-    outcome = desk_->Submit(Document("late"), kPeer);
+    PluginSays(kBusTimedOut);
+    const SubmitOutcome outcome = desk_->Submit(Document("late"), kPeer);
     EXPECT_EQ(SubmitStatus::kNotAcknowledged, outcome.status);
     EXPECT_EQ(CommandState::kDelivered, outcome.command->state) << "it may run, so it stays";
     for (int i = 0; i < 2; ++i) {
@@ -160,45 +137,42 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
 }
 
 TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {
-    plugin_ = [](const std::string&) { return kBusQueueFull; };
+    PluginSays(kBusQueueFull);
     EXPECT_EQ(SubmitStatus::kBusy, Submit(Document("c")));
-    plugin_ = [](const std::string&) { return kBusUndelivered; };
+    PluginSays(kBusUndelivered);
     EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c")));
     EXPECT_FALSE(store_->FindCommand("c").has_value());
-    plugin_ = [](const std::string&) { return kBusOk; };
+    PluginSays(kBusOk);
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
 }
 
 TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
-    {
-        const auto lock = Lock();
-        EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
-        EXPECT_TRUE(delivered_.empty());
-    }
+    std::unique_ptr<SQLite::Database> lock = Lock();
+    EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
+    EXPECT_TRUE(delivered_.empty());
+    lock.reset();
     // It fails just when the plugin has not taken the command: neither told as known nor delivered later.
-    std::unique_ptr<SQLite::Database> lock;
+    int result = kBusQueueFull;
     plugin_ = [&](const std::string&) {
         lock = Lock();
-        return kBusQueueFull;
+        return result;
     };
     EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
     lock.reset();
-    plugin_ = [](const std::string&) { return kBusOk; };
+    const auto locks = std::exchange(plugin_, [](const std::string&) { return kBusOk; });
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
     EXPECT_EQ(SubmitStatus::kKnown, Submit(Document("c"))) << "it is withdrawn once";
 
     // It fails between the two steps of the journal.
-    SQLite::Database other(path_.string(), SQLite::OPEN_READWRITE);
+    SQLite::Database other(options_.path.string(), SQLite::OPEN_READWRITE);
     other.exec("CREATE TRIGGER deny BEFORE UPDATE OF state ON commands BEGIN SELECT RAISE(ABORT, 'denied'); END");
     EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("half")));
     EXPECT_FALSE(store_->FindCommand("half").has_value()) << "told as failed, so never delivered";
     other.exec("DROP TRIGGER deny");
 
     // It fails when the plugin has it: the command is taken, and ends like any other.
-    plugin_ = [&](const std::string&) {
-        lock = Lock();
-        return kBusOk;
-    };
+    result = kBusOk;
+    plugin_ = locks;
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("d", Script("z", "zip"))));
     lock.reset();
     desk_->InterruptAll("stopped");
@@ -213,11 +187,10 @@ TEST_F(CommandDeskTest, SubmissionsOfOneIdFollowEachOther) {
         EXPECT_TRUE(release.Wait());
         return kBusUndelivered;
     };
-    std::thread first([&] { EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))); });
-    ASSERT_TRUE(inside.Wait());
-    std::thread second([&] {
-        EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))) << "and not known: the first was taken back";
-    });
+    const auto submit = [&] { EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))) << "it was taken back"; };
+    std::thread first(submit);
+    EXPECT_TRUE(inside.Wait());
+    std::thread second(submit);
     release.Set();
     first.join();
     second.join();
@@ -226,9 +199,9 @@ TEST_F(CommandDeskTest, SubmissionsOfOneIdFollowEachOther) {
 
 TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord) {
     Submit(Document("running", Script("a") + "," + Script("b")));
-    Report(R"({"ID":"running","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
+    Report(ResultText("running", RunText("a", "t", "")));
     Submit(Document("done"));
-    Report(R"({"ID":"done","msg_type":"1","data":{"result":[{"scriptid":"a","run_starttime":"t"}]}})");
+    Report(ResultText("done", RunText("a", "t", "")));
     Journal("journalled");
     Submit(Document("late", Script("f"), "RunScriptFile"));
 
@@ -236,13 +209,12 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
     delivered_.clear();
     desk_->TakeStock();
     // A result file of the time before is found while the stock is taken.
-    Report(R"({"ID":"late","msg_type":"1","data":{"result":[{"scriptid":"f","run_starttime":"t"}]}})");
-    {
-        const auto lock = Lock();
-        desk_->Settle();
-        EXPECT_EQ(CommandState::kDelivered, StateOf("running")) << "nothing could be written";
-        EXPECT_TRUE(delivered_.empty());
-    }
+    Report(ResultText("late", RunText("f", "t", "")));
+    auto lock = Lock();
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kDelivered, StateOf("running")) << "nothing could be written";
+    EXPECT_TRUE(delivered_.empty());
+    lock.reset();
     Submit(Document("new"));
     desk_->Settle();
     EXPECT_EQ(CommandState::kInterrupted, StateOf("running"));
@@ -269,7 +241,7 @@ TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
     Journal("c");
     for (const int status : {kBusUndelivered, kBusNotAttached, kBusQueueFull, kBusOk}) {
         delivered_.clear();
-        plugin_ = [status](const std::string&) { return status; };
+        PluginSays(status);
         desk_->Settle();
         EXPECT_EQ(status == kBusOk ? CommandState::kDelivered : CommandState::kReceived, StateOf("c")) << status;
         EXPECT_EQ((std::vector<std::string>{Document("z"), Document("c")}), delivered_) << "in order of arrival";

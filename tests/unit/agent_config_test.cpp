@@ -13,9 +13,12 @@
 namespace qxpagent {
 namespace {
 
+using std::chrono::hours;
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Optional;
 using testing::Pair;
 
 class ConfigTest : public testing::Test {
@@ -23,8 +26,8 @@ protected:
     void SetUp() override {
         unsetenv("QXHOST_LOG");
         unsetenv("QXHOST_LOG_LEVEL");
-        std::filesystem::create_directories(directory_.Path() / "bin");
-        std::filesystem::create_directories(directory_.Path() / "etc");
+        std::filesystem::create_directory(directory_ / "bin");
+        std::filesystem::create_directory(directory_ / "etc");
     }
 
     void Write(const std::string& content) const { directory_.Write("etc/qxpagent.conf", content); }
@@ -32,7 +35,6 @@ protected:
     std::optional<CommandLine> Parse(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "qxpagent");
         std::vector<char*> argv;
-        argv.reserve(arguments.size());
         for (std::string& argument : arguments) {
             argv.push_back(argument.data());
         }
@@ -118,33 +120,26 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
         "[qxpagent]\nsocket=s.sock\nplugin = /p.so\nlog-level: warn\nretention-days=2\nretention-size=3 MiB\n"
         "leftover-days=1\nonline=[::1]:9\nsocket-group=ops\nstore=../x.db\ninit-param=a=b:c=d\n");
     Options options = Load({}).options;
-    EXPECT_EQ(installation_.bin / "s.sock", options.socket) << "relative to the program's directory";
-    EXPECT_EQ(directory_.Path() / "x.db", options.store);
-    EXPECT_EQ("/p.so", options.plugin);
-    EXPECT_EQ("warn", options.log_level);
-    EXPECT_EQ("/env.log", options.log);
-    EXPECT_EQ("ops", options.socket_group);
-    EXPECT_EQ("a=b:c=d", options.init_param);
-    EXPECT_EQ("::1", options.online->ip);
-    EXPECT_EQ(std::chrono::hours(48), options.retention.age);
-    EXPECT_EQ(uint64_t{3} << 20, options.retention.bytes);
-    EXPECT_EQ(std::chrono::hours(24), options.retention.leftover_age);
+    EXPECT_THAT(options, FieldsAre(installation_.bin / "s.sock", "/p.so", "a=b:c=d", Optional(FieldsAre("::1", "9")),
+                                   "/env.log", "warn", "ops", directory_.Path() / "x.db",
+                                   FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
+        << "the socket is relative to the program's directory";
 
     options = Load({"--socket", "t.sock", "--log-level", "info", "--online", "", "--retention-size", "4096"}).options;
     EXPECT_EQ(std::filesystem::current_path() / "t.sock", options.socket) << "relative to the working directory";
     EXPECT_EQ("info", options.log_level);
     EXPECT_FALSE(options.online.has_value());
     EXPECT_EQ(4096U, options.retention.bytes);
-    EXPECT_EQ(std::chrono::hours(48), options.retention.age);
+    EXPECT_EQ(hours(48), options.retention.age);
 
-    for (const auto& [option, value] :
-         std::vector<std::pair<std::string, std::string>>{{"--socket", ""},
-                                                          {"--log-level", "Info"},
-                                                          {"--online", "x:0"},
-                                                          {"--leftover-days", "1.5"},
-                                                          {"--retention-size", "9999999999GiB"},
-                                                          {"--retention-size", "MiB"},
-                                                          {"--verbose", "1"}}) {
+    const std::vector<std::pair<std::string, std::string>> wrong = {{"--socket", ""},
+                                                                    {"--log-level", "Info"},
+                                                                    {"--online", "x:0"},
+                                                                    {"--leftover-days", "1.5"},
+                                                                    {"--retention-size", "MiB"},
+                                                                    {"--verbose", "1"},
+                                                                    {"--retention-size", "9999999999GiB"}};
+    for (const auto& [option, value] : wrong) {
         EXPECT_FALSE(Parse({option, value}).has_value()) << option;
         EXPECT_EQ(kExitUsage, exit_code_) << option;
         EXPECT_THAT(error_text_, HasSubstr(option));
@@ -169,13 +164,10 @@ TEST_F(ConfigTest, TheDefaultFileNamesEveryKeyAndChangesNothing) {
     const Options options = Load({}).options;
     EXPECT_EQ(installation_.socket, options.socket);
     EXPECT_EQ(installation_.plugin, options.plugin);
-    EXPECT_EQ(Retention().age, options.retention.age);
-    EXPECT_EQ(Retention().bytes, options.retention.bytes);
-    EXPECT_EQ(Retention().leftover_age, options.retention.leftover_age);
+    EXPECT_THAT(options.retention, FieldsAre(Retention().age, Retention().bytes, Retention().leftover_age));
 }
 
-class RetentionNote final : public Reloadable {
-public:
+struct RetentionNote final : Reloadable {
     void SetRetention(const Retention& retention) override { noted.push_back(retention); }
     std::vector<Retention> noted;
 };
@@ -194,10 +186,8 @@ TEST_F(ConfigTest, AReloadAppliesWhatItCanAndNamesTheRest) {
     ReloadOutcome outcome = reload.Reload();
     EXPECT_THAT(outcome.applied, ElementsAre("retention-days", "retention-size", "log-level"));
     EXPECT_THAT(outcome.needs_restart, ElementsAre("socket", "online"));
-    ASSERT_EQ(1U, target.noted.size());
-    EXPECT_EQ(std::chrono::hours(72), target.noted[0].age);
-    EXPECT_EQ(uint64_t{1} << 20, target.noted[0].bytes);
-    EXPECT_EQ(std::chrono::hours(5 * 24), target.noted[0].leftover_age) << "the option comes first";
+    EXPECT_THAT(target.noted, ElementsAre(FieldsAre(hours(72), uint64_t{1} << 20, hours(5 * 24))))
+        << "the option of the command line comes first";
     EXPECT_FALSE(CLogDebug::Instance()->CheckLogLevel(3));
 
     Write("[qxpagent]\nretention-days=4\nlog-level=loud\n");

@@ -1,19 +1,12 @@
 #pragma once
 
 #include <curl/curl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <algorithm>
-#include <atomic>
 #include <future>
-#include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "agent/api.h"
 #include "agent/http_server.h"
@@ -63,25 +56,12 @@ public:
         acknowledged_up_to = cursor;
         return 4;
     }
-    std::optional<bool> RunOnce(const std::string& name, const Peer& peer) override {
-        {
-            const std::lock_guard lock(mutex_);
-            submitter = peer;
-        }
-        if (name == "stopped.json") {
-            return std::nullopt;
-        }
+    std::optional<bool> RunOnce(const std::string& name, const Peer& /*peer*/) override {
         if (name == "slow.json") {
-            running.Set();
+            ++running;
             EXPECT_TRUE(finish.Wait());
         }
-        if (name == "together.json") {
-            if (++together == 64) {
-                all_together.Set();
-            }
-            EXPECT_TRUE(finish.Wait());
-        }
-        return name == "good.json";
+        return name == "stopped.json" ? std::nullopt : std::optional(name == "good.json");
     }
     AgentStatus Status() override {
         ThrowFault();
@@ -111,10 +91,8 @@ public:
     std::vector<uint64_t> acknowledged;
     uint64_t acknowledged_up_to = 0;
     AgentStatus status;
-    std::string fault;  // what reading the store fails with; empty: it does not
-    std::atomic<int> together{0};
-    Happening all_together;
-    Happening running;
+    std::string fault;            // what reading the store fails with; empty: it does not
+    std::atomic<int> running{0};  // calls of RunOnce that wait for the finish
     Happening finish;
     Happening waiting;
 
@@ -131,15 +109,15 @@ private:
 };
 
 struct Reply {
-    CURLcode transport = CURLE_OK;
+    std::shared_ptr<CURL> curl{curl_easy_init(), curl_easy_cleanup};
     long status = 0;
-    std::map<std::string, std::string> headers;
     std::string text;
 
     std::string Type() const { return Header("Content-Type"); }
     std::string Header(const std::string& name) const {
-        const auto found = headers.find(name);
-        return found != headers.end() ? found->second : "";
+        curl_header* header = nullptr;
+        return curl_easy_header(curl.get(), name.c_str(), 0, CURLH_HEADER, -1, &header) == CURLHE_OK ? header->value
+                                                                                                     : "";
     }
     nlohmann::ordered_json Body() const { return nlohmann::ordered_json::parse(text, nullptr, false); }
     std::string Detail() const { return Type() == "application/problem+json" ? Body().value("detail", "") : ""; }
@@ -156,27 +134,25 @@ protected:
     Reply Request(const std::string& method, const std::string& target, const std::string& body = "",
                   const char* header = nullptr) const {
         Reply reply;
-        const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+        CURL* const curl = reply.curl.get();
         const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
             header != nullptr ? curl_slist_append(nullptr, header) : nullptr, curl_slist_free_all);
-        const std::string url = "http://agent" + target;
-        curl_easy_setopt(curl.get(), CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
-        curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl.get(), CURLOPT_PATH_AS_IS, 1L);
-        curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 30L);
-        curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-        curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, AppendBody);
-        curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply);
-        curl_easy_setopt(curl.get(), CURLOPT_HEADERFUNCTION, NoteHeader);
-        curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &reply);
+        curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
+        curl_easy_setopt(curl, CURLOPT_URL, ("http://agent" + target).c_str());
+        curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl, CURLOPT_FORBID_REUSE, 1L);
+        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, AppendBody);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
         if (method != "GET") {
-            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.data());
-            curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+            curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
         }
-        reply.transport = curl_easy_perform(curl.get());
-        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &reply.status);
+        curl_easy_perform(curl);
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.status);
         return reply;
     }
     Reply Get(const std::string& target) const { return Request("GET", target); }
@@ -204,14 +180,6 @@ protected:
 private:
     static size_t AppendBody(char* data, size_t size, size_t count, void* reply) {
         static_cast<Reply*>(reply)->text.append(data, size * count);
-        return size * count;
-    }
-    static size_t NoteHeader(char* data, size_t size, size_t count, void* reply) {
-        const std::string line(data, size * count);
-        if (const size_t colon = line.find(": "); colon != std::string::npos) {
-            static_cast<Reply*>(reply)->headers[line.substr(0, colon)] =
-                line.substr(colon + 2, line.find('\r') - colon - 2);
-        }
         return size * count;
     }
 };

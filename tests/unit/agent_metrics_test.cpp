@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include <limits>
+#include <cmath>
 #include <sstream>
 
 namespace qxpagent {
@@ -17,54 +17,39 @@ AgentStatus Busy() {
     status.plugin_status = 2;
     status.scripts_queued = 7;
     status.scripts_waiting = 6;
-    status.store.reports = 12;
-    status.store.reports_pending = 3;
-    status.store.bytes = 5000000001;
-    status.store.states = {{CommandState::kReported, 8}, {CommandState::kDelivered, 2}};
-    status.counters.commands_taken = 11;
-    status.counters.commands_refused_at_door = 4;
-    status.counters.commands_refused_by_plugin = 5;
-    status.counters.runs_succeeded = 1;
-    status.counters.runs_failed = 2;
-    status.counters.runs_timed_out = 3;
-    status.counters.runs_interrupted = 4;
-    status.counters.output_bytes = 1234567;
-    status.counters.run_seconds = {{0.1, 1}, {1, 4}, {std::numeric_limits<double>::infinity(), 10}};
-    status.counters.run_seconds_sum = 99.5;
-    status.counters.removed_undelivered = 2;
+    status.store = {12, 3, 0, {}, 5000000001, 0, {{CommandState::kReported, 8}, {CommandState::kDelivered, 2}}, ""};
+    status.counters = {11, 4, 5, 1, 2, 3, 4, 1234567, {{0.1, 1}, {1, 4}, {INFINITY, 10}}, 99.5, 2};
     return status;
 }
 
 TEST(MetricsTest, EveryFigureIsExposed) {
     const std::string text = MetricsText(Busy());
-    for (const char* line : {
-             R"(qxpagent_build_info{version="1.2.3",plugin_version="4 \"x\""} 1)",
-             "qxpagent_plugin_started 1",
-             "qxpagent_scripts_queued 7",
-             "qxpagent_scripts_unreported 6",
-             "qxpagent_commands_taken_total 11",
-             R"(qxpagent_commands_refused_total{by="door"} 4)",
-             R"(qxpagent_commands_refused_total{by="plugin"} 5)",
-             R"(qxpagent_runs_total{outcome="succeeded"} 1)",
-             R"(qxpagent_runs_total{outcome="failed"} 2)",
-             R"(qxpagent_runs_total{outcome="timed_out"} 3)",
-             R"(qxpagent_runs_total{outcome="interrupted"} 4)",
-             "qxpagent_run_output_bytes_total 1234567",
-             R"(qxpagent_run_duration_seconds_bucket{le="0.1"} 1)",
-             R"(qxpagent_run_duration_seconds_bucket{le="1"} 4)",
-             R"(qxpagent_run_duration_seconds_bucket{le="+Inf"} 10)",
-             "qxpagent_run_duration_seconds_count 10",
-             "qxpagent_run_duration_seconds_sum 99.5",
-             R"(qxpagent_commands{state="reported"} 8)",
-             R"(qxpagent_commands{state="delivered"} 2)",
-             R"(qxpagent_commands{state="refused"} 0)",
-             "qxpagent_reports 12",
-             "qxpagent_reports_pending 3",
-             "qxpagent_reports_oldest_pending_age_seconds 0",
-             "qxpagent_reports_removed_pending_total 2",
-             "qxpagent_store_bytes 5000000001",
-             "qxpagent_store_writable 1",
-         }) {
+    for (const char* line : {R"(qxpagent_build_info{version="1.2.3",plugin_version="4 \"x\""} 1)",
+                             "qxpagent_plugin_started 1",
+                             "qxpagent_scripts_queued 7",
+                             "qxpagent_scripts_unreported 6",
+                             "qxpagent_commands_taken_total 11",
+                             R"(qxpagent_commands_refused_total{by="door"} 4)",
+                             R"(qxpagent_commands_refused_total{by="plugin"} 5)",
+                             R"(qxpagent_runs_total{outcome="succeeded"} 1)",
+                             R"(qxpagent_runs_total{outcome="failed"} 2)",
+                             R"(qxpagent_runs_total{outcome="timed_out"} 3)",
+                             R"(qxpagent_runs_total{outcome="interrupted"} 4)",
+                             "qxpagent_run_output_bytes_total 1234567",
+                             R"(qxpagent_run_duration_seconds_bucket{le="0.1"} 1)",
+                             R"(qxpagent_run_duration_seconds_bucket{le="1"} 4)",
+                             R"(qxpagent_run_duration_seconds_bucket{le="+Inf"} 10)",
+                             "qxpagent_run_duration_seconds_count 10",
+                             "qxpagent_run_duration_seconds_sum 99.5",
+                             R"(qxpagent_commands{state="reported"} 8)",
+                             R"(qxpagent_commands{state="delivered"} 2)",
+                             R"(qxpagent_commands{state="refused"} 0)",
+                             "qxpagent_reports 12",
+                             "qxpagent_reports_pending 3",
+                             "qxpagent_reports_oldest_pending_age_seconds 0",
+                             "qxpagent_reports_removed_pending_total 2",
+                             "qxpagent_store_bytes 5000000001",
+                             "qxpagent_store_writable 1"}) {
         EXPECT_THAT(text, HasSubstr("\n" + std::string(line) + "\n"));
     }
 }

@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <csignal>
 #include <future>
-#include <string>
-#include <vector>
 
 #include "agent/endpoint.h"
 #include "agent/plugin_module.h"
@@ -138,20 +136,12 @@ TEST_F(PluginModuleTest, RunningOnceDelaysTheEndAndIsRefusedAfterTheStop) {
 
 TEST(LoadPluginTest, SaysInOneLineWhatIsWrong) {
     const TempDir directory;
-    const auto message = [](const std::string& path) -> std::string {
-        try {
-            LoadPlugin(path);
-        } catch (const StartupError& error) {
-            return error.what();
-        }
-        return "loaded";
+    const auto expect_refusal = [](const std::string& path, const char* why) {
+        EXPECT_THAT([&] { LoadPlugin(path); }, testing::ThrowsMessage<StartupError>(testing::HasSubstr(why)));
     };
-    const std::string missing = message((directory.Path() / "none.so").string());
-    EXPECT_NE(std::string::npos, missing.find("none.so is missing")) << missing;
-    const std::string text = message(directory.Write("text.so", "no library"));
-    EXPECT_NE(std::string::npos, text.find("cannot be loaded")) << text;
-    const std::string other = message("/lib/x86_64-linux-gnu/libm.so.6");
-    EXPECT_NE(std::string::npos, other.find("does not export create_plugin")) << other;
+    expect_refusal(directory / "none.so", "none.so is missing");
+    expect_refusal(directory.Write("text.so", "no library"), "cannot be loaded");
+    expect_refusal("/lib/x86_64-linux-gnu/libm.so.6", "does not export create_plugin");
 }
 
 }  // namespace

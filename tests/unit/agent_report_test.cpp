@@ -1,24 +1,19 @@
-#include <SQLiteCpp/SQLiteCpp.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <atomic>
-#include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "agent/endpoint.h"
 #include "agent/manager.h"
 #include "agent/message_bus.h"
 #include "agent/report_envelope.h"
-#include "agent/report_intake.h"
-#include "agent/store.h"
 #include "agent/time_text.h"
-#include "tests/support/temp_dir.h"
-#include "tests/unit/agent_test_support.h"
+#include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
 namespace {
+
+using testing::_;
+using testing::FieldsAre;
 
 std::string Envelope(const std::string& text, char type = 2, int value = 1) {
     std::string bytes(kEnvelopeHeaderBytes, '\0');
@@ -34,89 +29,74 @@ std::string Envelope(const std::string& text, char type = 2, int value = 1) {
 TEST(ReportEnvelopeTest, EveryByteIsAccountedFor) {
     const std::string good = Envelope("{}", 1, -7);
     ASSERT_EQ(151U, good.size());
-    const auto envelope = DecodeReportEnvelope(good);
-    ASSERT_TRUE(envelope.has_value());
-    EXPECT_EQ(1U, envelope->json_data_type);
-    EXPECT_EQ(-7, envelope->value);
-    EXPECT_EQ("{}", envelope->text);
+    EXPECT_THAT(DecodeReportEnvelope(good), testing::Optional(FieldsAre(1U, -7, "{}")));
 
     for (size_t size = 0; size < good.size(); ++size) {
         EXPECT_FALSE(DecodeReportEnvelope(good.substr(0, size)).has_value()) << size;
     }
-    EXPECT_FALSE(DecodeReportEnvelope(good + '\0').has_value());
-    EXPECT_FALSE(DecodeReportEnvelope(Envelope("{}", 0)).has_value());
-    EXPECT_FALSE(DecodeReportEnvelope(Envelope("{}", 3)).has_value());
-    std::string unterminated = good;
-    unterminated.back() = 'x';
-    EXPECT_FALSE(DecodeReportEnvelope(unterminated).has_value());
     std::string huge = good;
     huge.replace(144, 4, 4, '\xff');
-    EXPECT_FALSE(DecodeReportEnvelope(huge).has_value());
+    for (const std::string& bad :
+         {good + '\0', Envelope("{}", 0), Envelope("{}", 3), good.substr(0, good.size() - 1) + 'x', huge}) {
+        EXPECT_FALSE(DecodeReportEnvelope(bad).has_value()) << bad;
+    }
 }
 
-class ManagerTest : public testing::Test {
+class ManagerTest : public StoreTest {
 protected:
+    ManagerTest() { EXPECT_EQ(kBusOk, plugin_.Initialize(kPluginId)); }
+
     int Send(const std::string& text, CompletionLog* log = nullptr, const GUID& target = kManagerId) {
         const std::string body = Envelope(text);
         return plugin_.SendAsync(target, kReportMessage, reinterpret_cast<const unsigned char*>(body.data()),
                                  static_cast<unsigned int>(body.size()), log, nullptr, nullptr, 60000);
     }
 
-    const TempDir directory_;
-    Store store_{{.path = directory_.Path() / "agent.db", .busy = std::chrono::milliseconds(10)}};
-    RunCounters counters_;
     std::atomic<int> stored_{0};
-    ReportIntake intake_{store_, counters_, [this] { ++stored_; }};
+    ReportIntake intake_{*store_, counters_, [this] { ++stored_; }};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
     Manager manager_{bus_, intake_};
     Endpoint plugin_{bus_};
 };
 
 TEST_F(ManagerTest, AReportIsStoredWhenTheSendOfItReturns) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     CompletionLog log;
     for (const std::string text : {R"({"ID":"c1"})", "not json", R"({"ID":"say \"hi\""})"}) {
-        const uint64_t before = store_.Figures().reports;
+        const uint64_t before = store_->Figures().reports;
         while (Send(text, &log) == kBusQueueFull) {  // until the completions before have been told
-            ASSERT_EQ(before, store_.Figures().reports) << "a send that is refused stores nothing";
+            ASSERT_EQ(before, store_->Figures().reports) << "a send that is refused stores nothing";
         }
-        ASSERT_EQ(before + 1, store_.Figures().reports) << text;
+        ASSERT_EQ(before + 1, store_->Figures().reports) << text;
     }
-    const auto entries = log.WaitFor(3);
-    ASSERT_EQ(3U, entries.size());
-    EXPECT_EQ(kBusOk, entries[0].outcome);
+    EXPECT_EQ(3U, log.WaitFor(3).size());
+    EXPECT_EQ(kBusOk, log.WaitFor(3).at(0).outcome);
     EXPECT_EQ(3, stored_);
-    const auto reports = store_.ListReports({});
-    ASSERT_EQ(3U, reports.size());
-    EXPECT_EQ("c1", reports[0].id);
-    EXPECT_EQ(2U, reports[0].json_data_type);
-    EXPECT_EQ("", reports[1].id);
-    EXPECT_EQ("not json", reports[1].text);
-    EXPECT_EQ("say \"hi\"", reports[2].id);
+    const auto reports = store_->ListReports({});
+    const auto is = [](const char* id, const char* text) {
+        return FieldsAre(_, id, ReportSource::kPlugin, "", _, std::nullopt, 2U, 1, text, strlen(text));
+    };
+    ASSERT_THAT(reports, testing::ElementsAre(is("c1", R"({"ID":"c1"})"), is("", "not json"),
+                                              is("say \"hi\"", R"({"ID":"say \"hi\""})")));
     const auto age = std::chrono::system_clock::now() - reports[0].received;
-    EXPECT_TRUE(age > std::chrono::seconds(-1) && age < kDeadline);
+    EXPECT_TRUE(age > std::chrono::seconds(-1) && age < DEADLINE);
     EXPECT_EQ(kBusOk, Send("{}")) << "without anybody to tell";
 }
 
 TEST_F(ManagerTest, ASendThatCannotBeStoredFailsAndIsNotCompleted) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     CompletionLog log;
-    {
-        SQLite::Database other((directory_.Path() / "agent.db").string(), SQLite::OPEN_READWRITE);
-        other.exec("BEGIN IMMEDIATE");
-        EXPECT_NE(kBusOk, Send("{}", &log));
-    }
+    auto lock = Lock();
+    EXPECT_NE(kBusOk, Send("{}", &log));
+    lock.reset();
     const unsigned char malformed[] = {1, 2, 3};
     EXPECT_NE(kBusOk, plugin_.SendAsync(kManagerId, kReportMessage, malformed, 3, &log, nullptr, nullptr, 60000));
     EXPECT_EQ(kBusOk, Send("{}", &log));
     bus_.Shutdown();
     EXPECT_EQ(1U, log.WaitFor(1).size());
-    EXPECT_EQ(1U, store_.Figures().reports);
+    EXPECT_EQ(1U, store_->Figures().reports);
     EXPECT_EQ(kBusShutDown, Send("{}", &log));
 }
 
 TEST_F(ManagerTest, TheBusEndsOnlyWhenAReportThatIsBeingTakenIsCompleted) {
-    ASSERT_EQ(kBusOk, plugin_.Initialize(kPluginId));
     constexpr GUID kSlow = ParseGuid("00000000-0000-0000-0000-00000000000C");
     Happening inside;
     Happening release;
@@ -128,18 +108,16 @@ TEST_F(ManagerTest, TheBusEndsOnlyWhenAReportThatIsBeingTakenIsCompleted) {
     FunctionSink sink([](const Received&) {});
     EXPECT_EQ(kBusTypeTaken, bus_.Register(kSlow, kReportMessage, &sink, nullptr));
     CompletionLog log;
-    std::thread sending([&] { EXPECT_EQ(kBusOk, Send("{}", &log, kSlow)); });
+    const std::jthread sending([&] { EXPECT_EQ(kBusOk, Send("{}", &log, kSlow)); });
     ASSERT_TRUE(inside.Wait());
-    std::thread leaving([&] {
+    const std::jthread leaving([&] {
         EXPECT_EQ(kBusOk, bus_.Detach(kSlow));
         EXPECT_TRUE(release.IsSet()) << "a receiver is not left while it is at work";
     });
-    std::thread ending([&] { bus_.Shutdown(); });
+    std::jthread ending([&] { bus_.Shutdown(); });
     while (Send("{}") != kBusShutDown) {  // until the bus is ending
     }
     release.Set();
-    sending.join();
-    leaving.join();
     ending.join();
     EXPECT_EQ(1U, log.WaitFor(1).size());
 }
@@ -149,14 +127,10 @@ TEST(ReportDocumentTest, IsReadAsFarAsItGoes) {
         R"({"ID":"c","msg_type":"1","data":{"result":[)"
         R"({"scriptid":"a","run_result":"1","run_outdata":"\u00e9x","run_starttime":"s","run_runningtime":"7",)"
         R"("run_endtime":"e","filepath":"/f"},{"scriptid":"b","run_result":"0","run_endtime":""},{}]}})");
-    ASSERT_EQ(3U, content.runs.size());
-    EXPECT_EQ("c", content.id);
-    EXPECT_FALSE(content.refusal);
-    EXPECT_TRUE(content.runs[0].succeeded);
-    EXPECT_FALSE(content.runs[0].timed_out);
-    EXPECT_EQ(3U, content.runs[0].output_bytes);
-    EXPECT_EQ(7U, content.runs[0].seconds);
-    EXPECT_TRUE(content.runs[1].timed_out);
+    EXPECT_THAT(content, FieldsAre(true, "c", false,
+                                   testing::ElementsAre(FieldsAre("a", "s", "/f", true, false, 7U, 3U),
+                                                        FieldsAre("b", "", "", false, true, 0U, 0U),
+                                                        FieldsAre("", "", "", false, true, 0U, 0U))));
     EXPECT_TRUE(ReadReport(R"({"ID":"c","msg_type":"4"})").refusal);
     EXPECT_TRUE(ReadReport("[]").readable);
     EXPECT_FALSE(ReadReport("{").readable);
@@ -168,19 +142,14 @@ TEST(ReportDocumentTest, IsReadAsFarAsItGoes) {
     EXPECT_EQ(1U, counted.runs_succeeded);
     EXPECT_EQ(2U, counted.runs_timed_out);
     EXPECT_EQ(7, counted.run_seconds_sum);
-    uint64_t before = 0;
     for (const auto& [bound, runs] : counted.run_seconds) {
-        EXPECT_GE(runs, before) << "cumulative";
-        EXPECT_EQ(bound < 7 ? 2U : 3U, runs) << bound;
-        before = runs;
+        EXPECT_EQ(bound < 7 ? 2U : 3U, runs) << bound << ", cumulative";
     }
-    EXPECT_EQ(3U, before);
+    EXPECT_EQ(3U, counted.run_seconds.back().second);
 }
 
 TEST(LocalTimeTextTest, IsRfc3339WithTheOffsetOfThePlace) {
     const std::chrono::system_clock::time_point time{std::chrono::milliseconds(1795224090007)};
-    const char* const zone = getenv("TZ");
-    const std::string saved = zone != nullptr ? zone : "";
     const auto in_zone = [&](const char* name) {
         setenv("TZ", name, 1);
         tzset();
@@ -189,7 +158,7 @@ TEST(LocalTimeTextTest, IsRfc3339WithTheOffsetOfThePlace) {
     EXPECT_EQ("2026-11-21T01:21:30.007+00:00", in_zone("UTC"));
     EXPECT_EQ("2026-11-21T09:21:30.007+08:00", in_zone("XST-8"));
     EXPECT_EQ("2026-11-20T21:51:30.007-03:30", in_zone("XST3:30"));
-    zone != nullptr ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+    unsetenv("TZ");
     tzset();
 }
 

@@ -1,12 +1,9 @@
 #pragma once
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "agent/store.h"
+#include "agent/report_intake.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/agent_test_support.h"
 
@@ -65,6 +62,12 @@ protected:
         const ReportContent content = ReadReport(text);
         return StoreReport(*store_, ReportOf(content.id, text), content);
     }
+    // While it lives, nothing can be written.
+    std::unique_ptr<SQLite::Database> Lock() const {
+        auto other = std::make_unique<SQLite::Database>(options_.path.string(), SQLite::OPEN_READWRITE);
+        other->exec("BEGIN IMMEDIATE");
+        return other;
+    }
     CommandRecord Find(const std::string& id) { return store_->FindCommand(id).value_or(CommandRecord()); }
     std::vector<uint64_t> Cursors(const ReportQuery& query = {}) {
         std::vector<uint64_t> cursors;
@@ -73,13 +76,6 @@ protected:
         }
         return cursors;
     }
-    std::vector<std::string> Changed(uint64_t after) {
-        std::vector<std::string> ids;
-        for (const CommandRecord& record : store_->ListCommands({.after = after})) {
-            ids.push_back(record.id);
-        }
-        return ids;
-    }
 
     using List = std::vector<uint64_t>;
     using Names = std::vector<std::string>;
@@ -87,6 +83,7 @@ protected:
     const TempDir directory_;
     StoreOptions options_{.path = directory_.Path() / "agent.db", .busy = std::chrono::milliseconds(20)};
     std::unique_ptr<Store> store_;
+    RunCounters counters_;
 };
 
 }  // namespace qxpagent

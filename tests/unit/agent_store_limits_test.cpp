@@ -1,7 +1,6 @@
 // What the store does about its limits: retention, no room, a lock of another process.
-#include <SQLiteCpp/SQLiteCpp.h>
+#include <gmock/gmock.h>
 
-#include <filesystem>
 #include <thread>
 
 #include "agent/startup_error.h"
@@ -23,18 +22,13 @@ TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     store_->Acknowledge({2, 4});
     const uint64_t rest = store_->Bytes() - 4000;
 
-    Removed removed = store_->Retain({.age = hours(1), .bytes = rest + 2500}, now);
+    // How many commands, reports, and of these unacknowledged ones are removed.
+    using testing::FieldsAre;
+    EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 2500}, now), FieldsAre(0U, 2U, 0U));
     EXPECT_EQ((List{1, 3}), Cursors());
-    EXPECT_EQ(2U, removed.reports);
-    EXPECT_EQ(0U, removed.unacknowledged);
-    removed = store_->Retain({.age = hours(1), .bytes = rest + 1500}, now);
+    EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 1500}, now), FieldsAre(0U, 1U, 1U));
     EXPECT_EQ(List{3}, Cursors());
-    EXPECT_EQ(1U, removed.unacknowledged);
-    EXPECT_EQ(0U, removed.commands);
-    removed = store_->Retain({.age = hours(1)}, now + hours(2));
-    EXPECT_EQ(1U, removed.reports);
-    EXPECT_EQ(1U, removed.unacknowledged);
-    EXPECT_EQ(1U, removed.commands);
+    EXPECT_THAT(store_->Retain({.age = hours(1)}, now + hours(2)), FieldsAre(1U, 1U, 1U));
     EXPECT_TRUE(store_->FindCommand("open").has_value());
     EXPECT_FALSE(store_->FindCommand("ended").has_value());
     Open();
@@ -54,22 +48,18 @@ TEST_F(StoreTest, RetentionGivesTheRoomBack) {
 }
 
 TEST_F(StoreTest, AFullStoreRefusesNewWorkAndKeepsWhatIsThere) {
-    store_.reset();
     options_.max_bytes = 300000;
     Open();
     Deliver("c");
     const std::string text = ResultText("c", RunText("a", "t", "f"));
-    int stored = 0;
-    bool full = false;
-    for (; stored < 100 && !full; ++stored) {
-        try {
+    size_t stored = 0;
+    const auto fill = [&] {
+        for (; stored < 100; ++stored) {
             StoreReport(*store_, ReportOf("", std::string(20000, 'x')), {});
-        } catch (const StoreFullError&) {
-            full = true;
         }
-    }
-    ASSERT_TRUE(full);
-    EXPECT_EQ(size_t(stored) - 1, Cursors().size());
+    };
+    EXPECT_THROW(fill(), StoreFullError);
+    EXPECT_EQ(stored, Cursors().size());
     NewCommand big = CommandOf("big");
     big.text.assign(100000, 'x');
     CommandRecord record;
@@ -88,21 +78,13 @@ TEST_F(StoreTest, AFullStoreRefusesNewWorkAndKeepsWhatIsThere) {
 
 TEST_F(StoreTest, ALockedStoreRefusesAndGoesOnAfterwards) {
     Append("{}");
-    {
-        SQLite::Database other(options_.path.string(), SQLite::OPEN_READWRITE);
-        other.exec("BEGIN IMMEDIATE");
-        try {
-            Append("{}");
-            FAIL() << "it is locked";
-        } catch (const StoreError& error) {
-            EXPECT_NE(std::string::npos, std::string(error.what()).find("locked")) << error.what();
-        }
-        EXPECT_NE("", store_->Figures().fault);
-        EXPECT_EQ(List{1}, Cursors()) << "it can still be read";
-        store_->Probe();
-        EXPECT_NE("", store_->Figures().fault);
-        other.exec("ROLLBACK");
-    }
+    auto lock = Lock();
+    EXPECT_THAT([&] { Append("{}"); }, testing::ThrowsMessage<StoreError>(testing::HasSubstr("locked")));
+    EXPECT_NE("", store_->Figures().fault);
+    EXPECT_EQ(List{1}, Cursors()) << "it can still be read";
+    store_->Probe();
+    EXPECT_NE("", store_->Figures().fault);
+    lock.reset();
     EXPECT_EQ(2U, Append("{}"));
     EXPECT_EQ("", store_->Figures().fault);
     EXPECT_THROW(Store second(options_), StartupError) << "one agent a store";

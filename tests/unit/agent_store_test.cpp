@@ -1,18 +1,18 @@
 // Commands, reports and files in the store, as they are put in and found again.
+#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <future>
 #include <thread>
-#include <utility>
 
-#include "tests/support/wait.h"
 #include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
 namespace {
 
 using std::chrono::hours;
+using testing::_;
+using testing::FieldsAre;
 
 TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     const auto mode = [&] { return std::filesystem::status(options_.path).permissions(); };
@@ -30,30 +30,19 @@ TEST_F(StoreTest, WhatWasReturnedIsThereAfterAReopening) {
     Open();
 
     EXPECT_EQ(std::filesystem::perms{0600}, mode());
-    const CommandRecord record = Find("c1");
-    EXPECT_EQ(CommandState::kDelivered, record.state);
-    EXPECT_EQ(Names{"a"}, record.unreported);
-    EXPECT_EQ(2U, record.expected);
-    EXPECT_EQ("operator", record.submitter.user);
-    EXPECT_EQ(9, record.submitter.pid);
-    EXPECT_TRUE(record.delivered.has_value());
-    EXPECT_FALSE(record.finished.has_value());
-    const std::optional<Report> found = store_->FindReport(1);
-    ASSERT_TRUE(found.has_value());
-    EXPECT_EQ(text, found->text);
-    EXPECT_EQ(12U, found->bytes);
-    EXPECT_EQ(-5, found->value);
-    EXPECT_TRUE(found->acknowledged.has_value());
+    const NewCommand command = CommandOf("c1");
+    EXPECT_THAT(Find("c1"), FieldsAre("c1", command.command, _, CommandState::kDelivered, "", 2U, 2U, Names{"a"},
+                                      command.text.size(), command.sha256, FieldsAre(7U, 8U, 9, "operator"), _,
+                                      testing::Ne(std::nullopt), std::nullopt));
+    EXPECT_THAT(store_->FindReport(1), testing::Optional(FieldsAre(1U, "c1", ReportSource::kPlugin, "", _,
+                                                                   testing::Ne(std::nullopt), 2U, -5, text, 12U)));
     EXPECT_EQ(List{2}, Cursors({.acknowledged = false}));
     EXPECT_EQ(List{1}, Cursors({.acknowledged = true}));
-    const StoreFigures figures = store_->Figures();
-    EXPECT_EQ(2U, figures.reports);
-    EXPECT_EQ(1U, figures.reports_pending);
-    EXPECT_EQ(2U, figures.last_cursor);
-    EXPECT_EQ(1U, figures.states.at(CommandState::kDelivered));
+    EXPECT_THAT(
+        store_->Figures(),
+        FieldsAre(2U, 1U, 2U, testing::Ne(std::nullopt), 12 + store_->FindReport(2)->bytes + command.text.size(),
+                  Find("c1").sequence, testing::Contains(testing::Pair(CommandState::kDelivered, 1U)), ""));
     EXPECT_EQ(1U, store_->ScriptsWithoutResult().unreported);
-    EXPECT_EQ(12 + store_->FindReport(2)->bytes + CommandOf("c1").text.size(), figures.bytes);
-    EXPECT_TRUE(figures.oldest_pending.has_value());
 }
 
 TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
@@ -86,16 +75,13 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     EXPECT_TRUE(grows() || Find("c").sequence == sequence);
     store_->Refuse("c", "late");
     Append(ResultText("c", RunText("a", "t", "f")));
-    const CommandRecord ended = Find("c");
-    EXPECT_EQ(CommandState::kInterrupted, ended.state);
-    EXPECT_EQ("power \"cut\"", ended.reason);
-    EXPECT_EQ(Names{"a"}, ended.unreported);
+    EXPECT_THAT(Find("c"),
+                FieldsAre("c", _, _, CommandState::kInterrupted, "power \"cut\"", _, _, Names{"a"}, _, _, _, _, _, _));
     EXPECT_EQ("", store_->CommandText("c")) << "the document is not kept beyond the end";
-    const auto agent_reports = store_->ListReports({.id = "c", .source = ReportSource::kAgent});
-    ASSERT_EQ(1U, agent_reports.size());
-    EXPECT_EQ(R"({"ID":"c","msg_type":"5","data_type":"CommandInterrupted",)"
-              R"("data":{"reason":"power \"cut\"","unreported":["a"]}})",
-              agent_reports[0].text);
+    EXPECT_THAT(store_->ListReports({.id = "c", .source = ReportSource::kAgent}),
+                testing::ElementsAre(testing::Field(&Report::text,
+                                                    R"({"ID":"c","msg_type":"5","data_type":"CommandInterrupted",)"
+                                                    R"("data":{"reason":"power \"cut\"","unreported":["a"]}})")));
 
     Deliver("gone");
     store_->TakeBack("gone");
@@ -137,15 +123,17 @@ TEST_F(StoreTest, ResultsAreCountedOnceEachAndEqualScriptIdsSeparately) {
 TEST_F(StoreTest, AStateOfAFileIsStoredOnce) {
     Deliver("c", {"a", "b"});
     const std::string text = ResultText("c", RunText("a", "t", "f"));
-    const ReportContent content = ReadReport(text);
     Report report = ReportOf("c", text);
     report.source = ReportSource::kFile;
     report.file = "c1.json";
-    const FileMark mark{"c1.json", 5, text.size(), "sha"};
-    EXPECT_EQ(1U, store_->Append(report, report.text, content, mark).cursor);
-    EXPECT_EQ(0U, store_->Append(report, report.text, content, mark).cursor);
-    EXPECT_EQ(2U, store_->Append(report, report.text, content, FileMark{"c1.json", 6, text.size(), "sha"}).cursor);
-    EXPECT_EQ(3U, store_->Append(report, report.text, content, FileMark{"c1.json", 5, text.size(), "other"}).cursor);
+    const auto append = [&](int64_t modified, const char* sha256) {
+        return store_->Append(report, text, ReadReport(text), FileMark{"c1.json", modified, text.size(), sha256})
+            .cursor;
+    };
+    EXPECT_EQ(1U, append(5, "sha"));
+    EXPECT_EQ(0U, append(5, "sha"));
+    EXPECT_EQ(2U, append(6, "sha"));
+    EXPECT_EQ(3U, append(5, "other"));
     EXPECT_EQ(Names{"b"}, Find("c").unreported) << "the run counts once";
     EXPECT_EQ("c1.json", store_->ListReports({.source = ReportSource::kFile}).at(0).file);
     EXPECT_TRUE(store_->HasFile("c1.json", 6, text.size()));
@@ -181,10 +169,12 @@ TEST_F(StoreTest, ListsAreBoundedInNumberAndSize) {
     Deliver("c1");
     const uint64_t sequence = Find("c1").sequence;
     Deliver("c2");
-    EXPECT_EQ((Names{"c1", "c2"}), Changed(0));
-    EXPECT_EQ(Names{"c2"}, Changed(sequence));
+    const auto is = [](const char* id) { return testing::Field(&CommandRecord::id, id); };
+    EXPECT_THAT(store_->ListCommands({}), testing::ElementsAre(is("c1"), is("c2")));
+    EXPECT_THAT(store_->ListCommands({.after = sequence}), testing::ElementsAre(is("c2")));
     store_->Interrupt("c1", "x");
-    EXPECT_EQ((Names{"c2", "c1"}), Changed(sequence)) << "what changed last comes last";
+    EXPECT_THAT(store_->ListCommands({.after = sequence}), testing::ElementsAre(is("c2"), is("c1")))
+        << "what changed last comes last";
     EXPECT_EQ(1U, store_->ListCommands({.state = CommandState::kInterrupted}).size());
 }
 
@@ -198,7 +188,7 @@ TEST_F(StoreTest, AWaitEndsWithAMatchItsTimeOrTheStop) {
             if (serves || round > 0) {
                 StoreReport(*store_, ReportOf(mine), {});
             }
-            const List answer = Cursors({.id = theirs, .after = seen, .wait = kDeadline});
+            const List answer = Cursors({.id = theirs, .after = seen, .wait = DEADLINE});
             ASSERT_EQ(1U, answer.size()) << mine << " in round " << round;
             seen = answer.back();
         }
@@ -208,25 +198,23 @@ TEST_F(StoreTest, AWaitEndsWithAMatchItsTimeOrTheStop) {
     play("ping", "pong", true);
     other.join();
 
-    Happening waiting;
-    std::thread commands([&] {
-        waiting.Set();
-        EXPECT_EQ(1U, store_->ListCommands({.state = CommandState::kDelivered, .wait = kDeadline}).size());
-    });
-    EXPECT_TRUE(waiting.Wait());
-    Deliver("c");
-    commands.join();
-
     std::atomic<pid_t> waiter{0};
+    auto delivered = std::async(std::launch::async, [&] {
+        waiter = gettid();
+        return store_->ListCommands({.state = CommandState::kDelivered, .wait = DEADLINE}).size();
+    });
+    EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(waiter); }));
+    Deliver("c");
+    EXPECT_EQ(1U, delivered.get());
+
+    waiter = 0;
     auto stopped = std::async(std::launch::async, [&] {
         waiter = gettid();
-        return Cursors({.id = "never", .wait = 2 * kDeadline});
+        return Cursors({.id = "never", .wait = 2 * DEADLINE});
     });
-    EXPECT_TRUE(WaitUntil([&] {
-        return ReadFile("/proc/self/task/" + std::to_string(waiter) + "/stat").find(") S ") != std::string::npos;
-    }));
+    EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(waiter); }));
     store_->StopWaiting();
-    EXPECT_EQ(std::future_status::ready, stopped.wait_for(kDeadline));
+    EXPECT_EQ(std::future_status::ready, stopped.wait_for(DEADLINE));
     EXPECT_EQ(List{}, stopped.get());
     EXPECT_EQ(List{}, Cursors({.id = "never", .wait = hours(24)}));
     EXPECT_EQ(size_t{kRounds} + 1, Cursors({.id = "ping", .wait = hours(24)}).size()) << "what is there can be read";

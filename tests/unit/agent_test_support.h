@@ -1,6 +1,6 @@
 #pragma once
 
-#include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -10,31 +10,19 @@
 
 #include "agent/component_ids.h"
 #include "qxhost/bus.h"
-
-// How long a test waits for what must happen. Only a failing test waits this long.
-inline constexpr std::chrono::seconds kDeadline{30};
+#include "tests/support/wait.h"
 
 /// Something that happens once, on another thread.
 class Happening {
 public:
-    void Set() {
-        std::lock_guard lock(mutex_);
-        set_ = true;
-        changed_.notify_all();
-    }
-    bool Wait() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kDeadline, [this] { return set_; });
-    }
-    bool IsSet() {
-        std::lock_guard lock(mutex_);
-        return set_;
+    void Set() { set_ = true; }
+    bool IsSet() const { return set_; }
+    bool Wait() const {
+        return WaitUntil([this] { return IsSet(); });
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool set_ = false;
+    std::atomic<bool> set_{false};
 };
 
 struct Received {
@@ -78,7 +66,7 @@ public:
     /// The records, once there are `count` of them or the deadline has passed.
     std::vector<Entry> WaitFor(size_t count) {
         std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, kDeadline, [&] { return entries_.size() >= count; });
+        changed_.wait_for(lock, DEADLINE, [&] { return entries_.size() >= count; });
         return entries_;
     }
 

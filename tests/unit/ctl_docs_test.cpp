@@ -6,11 +6,6 @@
 namespace qxpctl {
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-
 constexpr std::chrono::seconds kDeadline{60};
 
 constexpr const char* kAllCommands[] = {"keygen", "pack", "verify",  "submit", "run",     "status",

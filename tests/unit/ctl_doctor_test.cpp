@@ -8,8 +8,6 @@
 namespace qxpctl {
 namespace {
 
-using testing::HasSubstr;
-
 class DoctorTest : public AgentTest {
 protected:
     DoctorTest() {
@@ -106,7 +104,7 @@ TEST_F(DoctorTest, EveryBadKeyIsNamed) {
     const std::string texts = Texts(result, "fail", "trusted-keys");
     EXPECT_THAT(texts, Has("bad.pem is not a public key", "private.pem is a private key",
                            "trusted-keys can be changed by everybody"));
-    EXPECT_THAT(texts, testing::Not(testing::AnyOf(HasSubstr("hidden"), HasSubstr("notes"), HasSubstr("ops.pem"))));
+    EXPECT_THAT(texts, Not(testing::AnyOf(HasSubstr("hidden"), HasSubstr("notes"), HasSubstr("ops.pem"))));
     EXPECT_THAT(Texts(result, "warn", "trusted-keys"), HasSubstr("rsa.pem is an RSA key"));
     std::filesystem::remove_all(directory_ / "etc/trusted-keys");
     EXPECT_THAT(Texts(Examine(), "warn", "trusted-keys"), HasSubstr("there is no directory"));
@@ -163,7 +161,7 @@ TEST_F(DoctorTest, WhatTheAgentSaysOfItselfIsJudged) {
 
     EXPECT_THAT(Run([](const auto&) { return FakeAgent::Answer(503, R"({"detail":"Stopping."})"); },
                     {"doctor", "--root", directory_.Path()}),
-                Ends(1, testing::_, Has("fail  agent: ", "Stopping; see its log")));
+                Ends(1, _, Has("fail  agent: ", "Stopping; see its log")));
 }
 
 }  // namespace

@@ -7,9 +7,6 @@
 namespace qxpctl {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 class DropTest : public AgentTest {
 protected:
     DropTest() { std::filesystem::create_directory(directory_ / "in"); }
@@ -53,10 +50,7 @@ TEST_F(DropTest, AFileGetsItsNameOnlyOnceItIsComplete) {
 
 TEST_F(DropTest, OneBadFileKeepsAllOut) {
     const std::string good = Policy("good", "good");
-    const struct {
-        std::string file;
-        const char* fault;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {directory_.Write("text.json", "not"), "is not a JSON document"},
         {directory_.Write("cut.json", R"({"ID":"a","param":)"), "is not a JSON document"},
         {directory_.Write("nul.json", std::string(R"({"ID":"a"})") + '\0'), "NUL byte"},
@@ -67,9 +61,9 @@ TEST_F(DropTest, OneBadFileKeepsAllOut) {
         {directory_ / "missing.json", "No such file"},
         {Policy("good.json", "other"), "would get the same name"},
     };
-    for (const auto& expected : cases) {
-        EXPECT_THAT(Drop({good, expected.file}), Ends(2, Has(expected.file, expected.fault)));
-        EXPECT_THAT(Dropped(), IsEmpty()) << expected.fault;
+    for (const auto& [file, fault] : cases) {
+        EXPECT_THAT(Drop({good, file}), Ends(2, Has(file, fault)));
+        EXPECT_THAT(Dropped(), IsEmpty()) << fault;
     }
     const ToolResult both = Drop({good, Policy("B.JSON", "b"), "--json"});
     EXPECT_EQ(both.code, 0) << both.remarks;

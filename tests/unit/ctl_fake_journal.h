@@ -43,27 +43,19 @@ public:
     }
 
     static Json CommandObject(const std::string& id, const std::string& state, uint64_t sequence) {
-        return {{"id", id},
-                {"command", "RunScriptNormal"},
-                {"state", state},
-                {"reason", nullptr},
-                {"sequence", sequence},
-                {"scripts", 2},
-                {"expected", 2},
-                {"unreported", {"b"}},
-                {"submitter", {{"uid", 0}, {"user", "root"}}},
-                {"received", "2026-11-21T09:21:30.123+08:00"},
-                {"finished", nullptr}};
+        Json command = Json::parse(R"({"command": "RunScriptNormal", "reason": null, "scripts": 2, "expected": 2,
+            "unreported": ["b"], "submitter": {"uid": 0, "user": "root"}, "finished": null,
+            "received": "2026-11-21T09:21:30.123+08:00"})");
+        command.update({{"id", id}, {"state", state}, {"sequence", sequence}});
+        return command;
     }
     static Json StatusObject(uint64_t cursor, uint64_t sequence) {
-        return {{"version", "1"},
-                {"plugin_status", 2},
-                {"plugin_version", "1"},
-                {"uptime_seconds", 60},
-                {"last_sequence", sequence},
-                {"commands", {{"reported", 3}}},
-                {"reports", {{"stored", 7}, {"pending", 0}, {"last_cursor", cursor}, {"oldest_pending", nullptr}}},
-                {"store", {{"bytes", 1}, {"fault", nullptr}}}};
+        Json status = Json::parse(R"({"version": "1", "plugin_status": 2, "plugin_version": "1", "uptime_seconds": 60,
+            "commands": {"reported": 3}, "reports": {"stored": 7, "pending": 0, "oldest_pending": null},
+            "store": {"bytes": 1, "fault": null}})");
+        status["last_sequence"] = sequence;
+        status["reports"]["last_cursor"] = cursor;
+        return status;
     }
 
     /// All that has been acknowledged.

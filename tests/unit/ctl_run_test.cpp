@@ -8,13 +8,6 @@
 namespace qxpctl {
 namespace {
 
-using testing::_;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-
 bool IsReportPoll(const FakeAgent::Request& request) {
     return request.target.starts_with("/v1/reports?");
 }
@@ -71,11 +64,7 @@ TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
     const auto ran = [](const char* result, const char* output, const char* end) {
         return FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", result, output, end)})}});
     };
-    const struct {
-        FakeAgent::Handler agent;
-        std::vector<std::string> options;
-        testing::Matcher<ToolResult> end;
-    } cases[] = {
+    const std::tuple<FakeAgent::Handler, std::vector<std::string>, testing::Matcher<ToolResult>> cases[] = {
         {ran("0", "no marker", "x"), {}, Ends(1, HasSubstr("a.sh: failed"), "no marker")},
         {ran("0", "", ""), {"--json"}, Ends(1, _, HasSubstr(R"("state":"timed out")"))},
         {ran("1", "\xC3\xA9\033\n", "x"),
@@ -98,8 +87,8 @@ TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
               HasSubstr(R"("outcome":"interrupted","reason":"power cut")"))},
         {FakeJournal(), {"--wait", "0"}, Ends(4, Has("no result yet", "look later with: qxpctl show p"), "")},
     };
-    for (const auto& test : cases)
-        EXPECT_THAT(RunOne(test.agent, test.options), test.end);
+    for (const auto& [agent, options, end] : cases)
+        EXPECT_THAT(RunOne(agent, options), end);
 }
 
 TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {

@@ -82,6 +82,25 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments, int output 
     return result;
 }
 
+/// The same on a terminal; both streams arrive as one text.
+inline ToolResult RunToolOnTerminal(const std::vector<std::string>& arguments) {
+    int master = -1;
+    int terminal = -1;
+    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0)
+        throw std::runtime_error("no pseudo-terminal");
+    std::string text;
+    std::thread reader([master, &text] {
+        std::array<char, 4096> buffer{};
+        for (ssize_t count = 0; (count = read(master, buffer.data(), buffer.size())) > 0;)
+            text.append(buffer.data(), static_cast<size_t>(count));
+    });
+    const int code = RunToolOn(terminal, terminal, arguments);
+    close(terminal);
+    reader.join();
+    close(master);
+    return {code, text, {}};
+}
+
 /// The exit code of a run that may write no file, nor its output, beyond so many bytes.
 inline int RunToolWithFileLimit(rlim_t bytes, const std::vector<std::string>& arguments) {
     rlimit limit{};
@@ -104,25 +123,6 @@ inline std::vector<std::string> Names(const std::filesystem::path& directory) {
         names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
-}
-
-/// The same on a terminal; both streams arrive as one text.
-inline ToolResult RunToolOnTerminal(const std::vector<std::string>& arguments) {
-    int master = -1;
-    int terminal = -1;
-    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0)
-        throw std::runtime_error("no pseudo-terminal");
-    std::string text;
-    std::thread reader([master, &text] {
-        std::array<char, 4096> buffer{};
-        for (ssize_t count = 0; (count = read(master, buffer.data(), buffer.size())) > 0;)
-            text.append(buffer.data(), static_cast<size_t>(count));
-    });
-    const int code = RunToolOn(terminal, terminal, arguments);
-    close(terminal);
-    reader.join();
-    close(master);
-    return {code, text, {}};
 }
 
 /// An HTTP server on a Unix socket that answers as a test says.
@@ -198,3 +198,15 @@ private:
     int listener_ = -1;
     std::thread thread_;
 };
+
+namespace qxpctl {
+
+// The matchers of nearly every test.
+using testing::_;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+}  // namespace qxpctl

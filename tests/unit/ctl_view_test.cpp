@@ -6,13 +6,6 @@
 namespace qxpctl {
 namespace {
 
-using testing::_;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-
 std::string Commands(const std::vector<Json>& commands, uint64_t sequence) {
     return FakeAgent::Answer(200, Json{{"commands", commands}, {"sequence", sequence}}.dump());
 }
@@ -21,16 +14,16 @@ class ViewTest : public AgentTest {
 protected:
     // An agent whose commands change with every poll; the last page is repeated.
     FakeAgent::Handler Changing(std::vector<std::vector<Json>> pages) {
+        targets_.clear();
         return [this, pages = std::move(pages)](const FakeAgent::Request& request) {
             if (request.target == "/v1/status")
                 return FakeAgent::Answer(200, FakeJournal::StatusObject(0, sequence_).dump());
+            const size_t page = targets_.size();
             targets_.push_back(request.target);
-            const size_t page = polls_++;
             return page < pages.size() ? Commands(pages[page], 20 + page) : Commands({}, 20 + pages.size());
         };
     }
     std::vector<std::string> targets_;
-    size_t polls_ = 0;
     uint64_t sequence_ = 10;  // what its status tells
 };
 
@@ -85,13 +78,9 @@ TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
 // Two pages of reports, then nothing.
 std::string ReportPageAt(const std::string& target) {
     const auto report = [](uint64_t cursor, const Json& acknowledged) {
-        return Json{{"cursor", cursor},
-                    {"id", "p"},
-                    {"source", "file"},
-                    {"file", "p1.json"},
-                    {"bytes", 5},
-                    {"document", nullptr},
-                    {"acknowledged", acknowledged}};
+        Json entry = Json::parse(R"({"id": "p", "source": "file", "file": "p1.json", "bytes": 5, "document": null})");
+        entry.update({{"cursor", cursor}, {"acknowledged", acknowledged}});
+        return entry;
     };
     Json page = {{"reports", Json::array()}, {"cursor", 5}};
     if (target.find("after=0&") != std::string::npos)
@@ -153,7 +142,7 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
         sequence_ = 30;
         return Run(
             [&](const FakeAgent::Request& request) {
-                if (polls_ != 1 || !std::exchange(away, false))
+                if (targets_.size() != 1 || !std::exchange(away, false))
                     return *good(request);
                 sequence_ = sequence;
                 return std::string();
@@ -167,13 +156,10 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
                 ElementsAre("/v1/commands?after=0&limit=1000&wait=0", "/v1/commands?after=20&limit=1000&wait=60",
                             "/v1/commands?after=21&limit=1000&wait=60"));
     // An agent with a new store comes back: what it knows is shown from the beginning.
-    polls_ = 0;
     targets_.clear();
     watch(0);
     EXPECT_EQ(targets_[1], "/v1/commands?after=0&limit=1000&wait=60");
-    polls_ = 0;
     EXPECT_EQ(Run(Changing({{command("p", "reported", 1), command("q", "refused", 2)}}), {"watch", "p", "q"}).code, 1);
-    polls_ = 0;
     EXPECT_EQ(Run(Changing({{command("p", "reported", 1)}}), {"watch", "p", "q", "--wait", "0"}).code, 4);
 }
 
@@ -181,7 +167,7 @@ TEST_F(ViewTest, WatchOfAllBeginsNowAndEndsByCtrlC) {
     const auto changing = Changing({{}, {FakeJournal::CommandObject("p", "received", 21)}});
     const ToolResult result = Run(
         [&](const FakeAgent::Request& request) -> std::optional<std::string> {
-            if (polls_ < 2)
+            if (targets_.size() < 2)
                 return changing(request);
             EXPECT_EQ(kill(getpid(), SIGINT), 0);
             return std::nullopt;

@@ -1,8 +1,5 @@
 // The agent's client and the commands that send, against a server that answers as told.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "ctl/agent_client.h"
 #include "ctl/results.h"
 #include "tests/unit/ctl_fake_journal.h"
@@ -12,11 +9,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 Report ReportOf(uint64_t cursor, const Json& document) {
     Report report;
@@ -65,17 +57,12 @@ TEST(ResultCollectorTest, DocumentsOfAnyShapeAreSurvivedAndAddNothing) {
 
 TEST_F(AgentTest, AnAgentThatIsNotThereIsSaidInOneLine) {
     const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
-    const ToolResult missing = RunTool({"submit", "--socket", Socket(), policy});
-    EXPECT_EQ(missing.code, 3);
-    EXPECT_THAT(missing.remarks, AllOf(HasSubstr(Socket()), HasSubstr("start qxpagent")));
+    EXPECT_THAT(RunTool({"submit", "--socket", Socket(), policy}), Ends(3, Has(Socket(), "start qxpagent")));
     {
         const FakeAgent left_behind(Socket(), [](const auto&) { return std::nullopt; });
     }
-    const ToolResult stale = RunTool({"--socket", Socket(), "submit", policy});
-    EXPECT_EQ(stale.code, 3);
-    EXPECT_THAT(stale.remarks, HasSubstr("nothing answers on"));
-    const std::string script = directory_.Write("a.sh", "echo");
-    EXPECT_EQ(RunTool(RunCommand({script})).code, 3);
+    EXPECT_THAT(RunTool({"--socket", Socket(), "submit", policy}), Ends(3, HasSubstr("nothing answers on")));
+    EXPECT_EQ(RunTool(RunCommand({directory_.Write("a.sh", "echo")})).code, 3);
 }
 
 TEST_F(AgentTest, AnAgentThatNeverAnswersIsGivenUp) {
@@ -94,23 +81,13 @@ TEST_F(AgentTest, AnswersThatNoAgentGivesAreNamedAsSuch) {
     std::string answer;
     const FakeAgent agent(Socket(), [&answer](const auto&) { return answer; });
     AgentClient client(Socket());
-    const auto failure = [&](const std::string& text) -> std::string {
+    const auto expect_fault = [&](const std::string& text, const char* fault) {
         answer = text;
-        std::string all;
         const std::function<void()> calls[] = {[&] { client.GetStatus(); },     [&] { client.Submit("{}"); },
                                                [&] { client.GetReports({}); },  [&] { client.ListCommands({}); },
                                                [&] { client.GetCommand("p"); }, [&] { client.RunOnce("p"); }};
-        for (const auto& call : calls) {
-            try {
-                call();
-                all += "taken! ";
-            } catch (const BadInput& error) {
-                all += std::string("bad input: ") + error.what();
-            } catch (const AgentUnavailable& error) {
-                all += std::string("unavailable: ") + error.what();
-            }
-        }
-        return all;
+        for (const auto& call : calls)
+            EXPECT_THAT(call, testing::ThrowsMessage<AgentUnavailable>(HasSubstr(fault))) << text;
     };
     const Json no_state = FakeJournal::CommandObject("p", "lost", 1);
     for (const std::string& body : {std::string(), std::string("hello"), std::string("[]"), std::string("{}"),
@@ -119,24 +96,18 @@ TEST_F(AgentTest, AnswersThatNoAgentGivesAreNamedAsSuch) {
                                     std::string(R"({"reports":[{}],"cursor":1,"commands":[{}],"sequence":1})"),
                                     std::string(R"({"reports":{"last_cursor":-1},"accepted":1})"),
                                     Json{{"command", no_state}, {"commands", {no_state}}, {"sequence", 1}}.dump()})
-        EXPECT_THAT(failure(FakeAgent::Answer(200, body)), AllOf(HasSubstr("does not speak like qxpagent"),
-                                                                 Not(HasSubstr("taken!")), Not(HasSubstr("bad input"))))
-            << body;
+        expect_fault(FakeAgent::Answer(200, body), "does not speak like qxpagent");
     for (const char* const text : {"garbage\r\n\r\n", "HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\n{", ""})
-        EXPECT_THAT(failure(text), AllOf(HasSubstr("unavailable"), Not(HasSubstr("taken!")))) << text;
+        expect_fault(text, "");
     // Text that an answer brings stays on its line.
     answer = FakeAgent::Answer(400, R"({"detail":"a\u001b[31m\nb"})");
-    EXPECT_THAT(RunTool({"submit", "--socket", Socket(), directory_.Write("p.json", R"({"ID":"p"})")}).remarks,
+    EXPECT_THAT(RunTool({"submit", directory_.Write("p.json", R"({"ID":"p"})")}).remarks,
                 HasSubstr("a\\x1b[31m\\x0ab"));
 }
 
 TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
     const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
-    const struct {
-        int status;
-        int code;
-        const char* remark;
-    } cases[] = {
+    const std::tuple<int, int, const char*> cases[] = {
         {400, 2, "the agent refuses: in its words."},
         {409, 2, "in its words; pack it with another ID"},
         {413, 2, "the agent refuses: in its words."},
@@ -146,14 +117,12 @@ TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
         {504, 4, "in its words; look later with 'qxpctl"},
         {507, 3, "in its words; make room on its disk"},
     };
-    for (const auto& expected : cases) {
-        std::string answer = FakeAgent::Answer(expected.status, R"({"title":"X","detail":"in its words."})");
-        if (expected.status == 503)
+    for (const auto& [status, code, remark] : cases) {
+        std::string answer = FakeAgent::Answer(status, R"({"title":"X","detail":"in its words."})");
+        if (status == 503)
             answer.insert(answer.find("Content-Length"), "Retry-After: 9\r\n");
-        const ToolResult result = Run([&](const auto&) { return answer; }, {"submit", policy});
-        EXPECT_EQ(result.code, expected.code) << expected.status;
-        EXPECT_THAT(result.remarks, HasSubstr(expected.remark));
-        EXPECT_THAT(result.output, IsEmpty());
+        EXPECT_THAT(Run([&](const auto&) { return answer; }, {"submit", policy}), Ends(code, HasSubstr(remark), ""))
+            << status;
     }
     EXPECT_THAT(Run([&](const auto&) { return FakeAgent::Answer(413, "<html>"); }, {"submit", policy}).remarks,
                 HasSubstr("the agent refuses: status 413"));
@@ -161,38 +130,28 @@ TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
 
 TEST_F(AgentTest, SubmitTellsWhatBecameOfThePolicy) {
     const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
-    const ToolResult taken = Run(FakeJournal(), {"submit", policy});
-    EXPECT_EQ(taken.code, 0);
-    EXPECT_EQ(taken.output, "p\n");
-    EXPECT_EQ(taken.remarks, "qxpctl: taken, delivered\n");
-    EXPECT_THAT(Run(FakeJournal().EndingAs("reported").Answering(200), {"submit", policy}).remarks,
+    EXPECT_THAT(Run(FakeJournal(), {"submit", policy}), Ends(0, "qxpctl: taken, delivered\n", "p\n"));
+    EXPECT_THAT(Run(FakeJournal({}, {.state = "reported", .status = 200}), {"submit", policy}).remarks,
                 HasSubstr("known already, reported"));
-    const ToolResult refused = Run(FakeJournal().EndingAs("refused", "too many"), {"submit", "--json", policy});
-    EXPECT_EQ(refused.code, 1);
-    const Json json = Json::parse(refused.output);
-    EXPECT_EQ(json["taken"], true);
-    EXPECT_EQ(json["state"], "refused");
-    EXPECT_EQ(json["reason"], "too many");
+    EXPECT_THAT(Run(FakeJournal({}, {.state = "refused", .reason = "too many"}), {"submit", "--json", policy}),
+                Ends(1, _, Has(R"("taken":true)", R"("state":"refused")", R"("reason":"too many")")));
 }
 
 TEST_F(AgentTest, AnIdThatTheAgentWouldNotTakeIsNotSent) {
-    const auto submit = [&](const std::string& id) {
-        bool asked = false;
-        const ToolResult result = Run(
-            [&](const auto&) {
-                asked = true;
-                return FakeAgent::Answer(400, "{}");
-            },
-            {"submit", directory_.Write("p.json", Json{{"ID", id}, {"Command", "Reboot"}}.dump())});
-        EXPECT_EQ(result.code, 2);
-        return asked ? "sent" : result.remarks;
+    const std::pair<std::string, const char*> cases[] = {
+        {std::string(128, 'i'), "the agent refuses: it was asked"},
+        {"\"\\ \xC3\xA9", "the agent refuses: it was asked"},
+        {std::string(129, 'i'), "p.json has no usable \"ID\": it has 129 bytes"},
+        {"", "there is none"},
+        {"a/b", "holds '/'"},
+        {"a\nb", "control character"},
     };
-    EXPECT_EQ(submit(std::string(128, 'i')), "sent");
-    EXPECT_EQ(submit("\"\\ \xC3\xA9"), "sent");
-    EXPECT_THAT(submit(std::string(129, 'i')), HasSubstr("p.json has no usable \"ID\": it has 129 bytes"));
-    EXPECT_THAT(submit(""), HasSubstr("there is none"));
-    EXPECT_THAT(submit("a/b"), HasSubstr("holds '/'"));
-    EXPECT_THAT(submit("a\nb"), HasSubstr("control character"));
+    for (const auto& [id, remark] : cases) {
+        const std::string policy = directory_.Write("p.json", Json{{"ID", id}, {"Command", "Reboot"}}.dump());
+        EXPECT_THAT(
+            Run([](const auto&) { return FakeAgent::Answer(400, R"({"detail":"it was asked"})"); }, {"submit", policy}),
+            Ends(2, HasSubstr(remark)));
+    }
 }
 
 }  // namespace

@@ -1,18 +1,10 @@
 // Completions and the manual page, judged by the programs that read them.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "ctl/child_process.h"
 #include "tests/unit/ctl_support.h"
 
 namespace qxpctl {
 namespace {
-
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 constexpr std::chrono::seconds kDeadline{60};
 
@@ -23,8 +15,7 @@ class DocsTest : public testing::Test {
 protected:
     static std::string Generate(const char* kind) {
         const ToolResult result = RunTool({"--generate", kind});
-        EXPECT_EQ(result.code, 0);
-        EXPECT_THAT(result.remarks, IsEmpty());
+        EXPECT_THAT(result, Ends(0, IsEmpty()));
         return result.output;
     }
     static ChildResult Bash(const std::string& script) {
@@ -53,17 +44,15 @@ TEST_F(DocsTest, BashOffersCommandsOptionsAndValues) {
     for (const char* const command : kAllCommands)
         EXPECT_THAT(commands, HasSubstr("<" + std::string(command) + ">"));
     EXPECT_THAT(commands, Not(HasSubstr("<-")));
-    EXPECT_THAT(Offer("qxpctl --socket x ru"),
-                AllOf(HasSubstr("<run>"), HasSubstr("<runonce>"), Not(HasSubstr("<pack>"))));
-    EXPECT_THAT(Offer("qxpctl --"),
-                AllOf(HasSubstr("<--socket>"), HasSubstr("<--version>"), Not(HasSubstr("generate"))));
-    EXPECT_THAT(Offer("qxpctl results --"), AllOf(HasSubstr("<--raw>"), HasSubstr("<--acknowledge>"),
-                                                  HasSubstr("<--help>"), Not(HasSubstr("<--key>"))));
-    EXPECT_THAT(Offer("qxpctl keygen --scheme ''"), AllOf(HasSubstr("<plugin>"), HasSubstr("<ed25519>")));
+    EXPECT_THAT(Offer("qxpctl --socket x ru"), AllOf(Has("<run>", "<runonce>"), Not(HasSubstr("<pack>"))));
+    EXPECT_THAT(Offer("qxpctl --"), AllOf(Has("<--socket>", "<--version>"), Not(HasSubstr("generate"))));
+    EXPECT_THAT(Offer("qxpctl results --"),
+                AllOf(Has("<--raw>", "<--acknowledge>", "<--help>"), Not(HasSubstr("<--key>"))));
+    EXPECT_THAT(Offer("qxpctl keygen --scheme ''"), Has("<plugin>", "<ed25519>"));
     EXPECT_THAT(Offer("qxpctl keygen --scheme = e"), AllOf(HasSubstr("<ed25519>"), Not(HasSubstr("<plugin>"))));
     directory_.Write("a file.sh", "");
     std::filesystem::create_directory(directory_ / "a directory");
-    EXPECT_THAT(Offer("qxpctl run a"), AllOf(HasSubstr("<a file.sh>"), HasSubstr("<a directory>")));
+    EXPECT_THAT(Offer("qxpctl run a"), Has("<a file.sh>", "<a directory>"));
     EXPECT_THAT(Offer("qxpctl --json run --key a"), HasSubstr("<a file.sh>"));
     EXPECT_THAT(Offer("qxpctl doctor --root a"), AllOf(HasSubstr("<a directory>"), Not(HasSubstr("<a file.sh>"))));
     EXPECT_THAT(Offer("qxpctl run --wait a"), Not(HasSubstr("<")));
@@ -93,10 +82,9 @@ TEST_F(DocsTest, TheManualPageIsCleanAndNamesEverything) {
             .output;
     for (const char* const command : kAllCommands)
         EXPECT_THAT(text, HasSubstr("qxpctl " + std::string(command) + " [options]"));
-    for (const char* const part :
-         {"--trust-dir DIR", "watch [options] [ID ...]", "[options] SCRIPT ...", "--acknowledge", "EXIT STATUS",
-          "QXPAGENT_SOCKET", "qxpctl run --key ops.key.pem 'disk-check.sh,check=DISK CHECKED'", "\\, and a"})
-        EXPECT_THAT(text, HasSubstr(part));
+    EXPECT_THAT(
+        text, Has("--trust-dir DIR", "watch [options] [ID ...]", "[options] SCRIPT ...", "--acknowledge", "EXIT STATUS",
+                  "QXPAGENT_SOCKET", "qxpctl run --key ops.key.pem 'disk-check.sh,check=DISK CHECKED'", "\\, and a"));
     EXPECT_THAT(text, Not(HasSubstr("--generate")));
 }
 

@@ -1,7 +1,5 @@
 // doctor: each thing that can be wrong with an installation is found and named, and a good one passes.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "ctl/socket_access.h"
@@ -9,8 +7,6 @@
 
 namespace qxpctl {
 namespace {
-
-using testing::HasSubstr;
 
 class DoctorTest : public AgentTest {
 protected:
@@ -24,12 +20,12 @@ protected:
             directory_.Write(file, "x");
         EXPECT_EQ(RunTool({"keygen", "--scheme", "ed25519", "--out", directory_ / "k"}).code, 0);
         fs::rename(directory_ / "k.pub.pem", directory_ / "etc/trusted-keys/ops.pem");
-        for (const auto& entry : fs::recursive_directory_iterator(directory_.Path()))
-            fs::permissions(entry.path(), fs::perms::group_write | fs::perms::others_write, fs::perm_options::remove);
         status_ = FakeJournal::StatusObject(7, 7);
         status_["version"] = VersionOfTool();
         status_["data_directory"] = directory_ / "data/qxpmaint";
     }
+
+    ~DoctorTest() override { umask(old_mask_); }
 
     void Program(const std::string& script) {
         const std::string path = directory_.Write("bin/qxpagent", script);
@@ -42,23 +38,14 @@ protected:
     }
 
     // The findings of the whole, with an agent that answers with status_ and health_.
-    Json Examine() {
-        const FakeAgent::Handler handler = [this](const FakeAgent::Request& request) {
-            return request.target == "/v1/health"
-                       ? FakeAgent::Answer(health_.contains("problems") ? 503 : 200, health_.dump())
-                       : FakeAgent::Answer(200, status_.dump());
-        };
-        std::filesystem::remove(Socket());
-        const FakeAgent agent(Socket(), handler);
-        Mode("agent.sock", 0600);
+    Json Examine() const {
+        const FakeAgent agent(Socket(), Saying(status_, health_));
         return ExamineWithoutAgent();
     }
     Json ExamineWithoutAgent() const {
-        return Parse(RunTool({"doctor", "--json", "--root", directory_.Path(), "--socket", Socket()}));
-    }
-    static Json Parse(const ToolResult& result) {
+        const ToolResult result = RunTool({"doctor", "--json", "--root", directory_.Path(), "--socket", Socket()});
         Json json = Json::parse(result.output, nullptr, false);
-        EXPECT_EQ(result.code, json["ok"] == true ? 0 : 1) << result.output << result.remarks;
+        EXPECT_EQ(result.code, json["ok"] == true ? 0 : 1) << result;
         return json;
     }
     // The texts of a level and check.
@@ -71,6 +58,7 @@ protected:
         return texts;
     }
 
+    const mode_t old_mask_ = umask(S_IRWXG | S_IRWXO);
     Json status_;
     Json health_ = {{"status", "ok"}};
 };
@@ -88,17 +76,20 @@ TEST_F(DoctorTest, AGoodInstallationPasses) {
     }
 }
 
-TEST_F(DoctorTest, MissingAndOpenFilesAreNamed) {
+TEST_F(DoctorTest, MissingOpenAndSetAsideFilesAreNamed) {
     std::filesystem::remove(directory_ / "lib/libqxhost.so");
     std::filesystem::remove(directory_ / "etc/plugins/qxpmaint/qxpmaint.conf");
     std::filesystem::create_directory(directory_ / "etc/plugins/qxpmaint/qxpmaint.conf");
     Mode("lib/libqxpmaint.so", 0646);
     Mode("data/qxpmaint/policyfile", 0777);
-    const std::string texts = Texts(Examine(), "fail", "files");
-    EXPECT_THAT(texts, HasSubstr("lib/libqxhost.so: No such file or directory; install it again"));
-    EXPECT_THAT(texts, HasSubstr("qxpmaint.conf is not a file; make it"));
-    EXPECT_THAT(texts, HasSubstr("lib/libqxpmaint.so can be changed by everybody; chmod o-w"));
-    EXPECT_THAT(texts, HasSubstr("policyfile can be changed by everybody"));
+    // A damaged database.
+    directory_.Write("data/qxpagent/agent.db.corrupt-1", "x");
+    const Json result = Examine();
+    EXPECT_THAT(
+        Texts(result, "fail", "files"),
+        Has("lib/libqxhost.so: No such file or directory; install it again", "qxpmaint.conf is not a file; make it",
+            "lib/libqxpmaint.so can be changed by everybody; chmod o-w", "policyfile can be changed by everybody"));
+    EXPECT_THAT(Texts(result, "warn", "database"), HasSubstr("agent.db.corrupt-1"));
 }
 
 TEST_F(DoctorTest, EveryBadKeyIsNamed) {
@@ -111,10 +102,9 @@ TEST_F(DoctorTest, EveryBadKeyIsNamed) {
     Mode("etc/trusted-keys", 0777);
     const Json result = Examine();
     const std::string texts = Texts(result, "fail", "trusted-keys");
-    EXPECT_THAT(texts, HasSubstr("bad.pem is not a public key"));
-    EXPECT_THAT(texts, HasSubstr("private.pem is a private key"));
-    EXPECT_THAT(texts, HasSubstr("trusted-keys can be changed by everybody"));
-    EXPECT_THAT(texts, testing::Not(testing::AnyOf(HasSubstr("hidden"), HasSubstr("notes"), HasSubstr("ops.pem"))));
+    EXPECT_THAT(texts, Has("bad.pem is not a public key", "private.pem is a private key",
+                           "trusted-keys can be changed by everybody"));
+    EXPECT_THAT(texts, Not(testing::AnyOf(HasSubstr("hidden"), HasSubstr("notes"), HasSubstr("ops.pem"))));
     EXPECT_THAT(Texts(result, "warn", "trusted-keys"), HasSubstr("rsa.pem is an RSA key"));
     std::filesystem::remove_all(directory_ / "etc/trusted-keys");
     EXPECT_THAT(Texts(Examine(), "warn", "trusted-keys"), HasSubstr("there is no directory"));
@@ -122,8 +112,7 @@ TEST_F(DoctorTest, EveryBadKeyIsNamed) {
 
 TEST_F(DoctorTest, TheAgentsOwnWordsOnItsConfigurationArePassedOn) {
     Program("#!/bin/sh\n[ \"$*\" = --check-config ] && echo 'line 2: bad' && echo 'line 3: no such key' >&2\nexit 1\n");
-    EXPECT_THAT(Texts(Examine(), "fail", "configuration"),
-                testing::AllOf(HasSubstr("line 2: bad; mend it"), HasSubstr("line 3: no such key; mend it")));
+    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), Has("line 2: bad; mend it", "line 3: no such key; mend it"));
     Program("#!/bin/sh\nexit 1\n");
     EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("does not say why"));
     Program("#!/bin/sh\nkill -SEGV $$\n");
@@ -134,16 +123,10 @@ TEST_F(DoctorTest, TheAgentsOwnWordsOnItsConfigurationArePassedOn) {
     EXPECT_NE(Texts(Examine(), "fail", "configuration"), "");
 }
 
-TEST_F(DoctorTest, ADamagedDatabaseThatWasSetAsideIsWarnedOf) {
-    directory_.Write("data/qxpagent/agent.db.corrupt-1", "x");
-    EXPECT_THAT(Texts(Examine(), "warn", "database"), HasSubstr("agent.db.corrupt-1"));
-}
-
 TEST_F(DoctorTest, TheSocketSaysWhyItCannotBeUsed) {
     EXPECT_THAT(Texts(ExamineWithoutAgent(), "fail", "socket"), HasSubstr("there is no socket"));
     directory_.Write("agent.sock", "x");
     EXPECT_THAT(Texts(ExamineWithoutAgent(), "fail", "socket"), HasSubstr("is not a socket"));
-    std::filesystem::remove(Socket());
     {
         const FakeAgent left_behind(Socket(), [](const auto&) { return std::nullopt; });
     }
@@ -169,18 +152,16 @@ TEST_F(DoctorTest, WhatTheAgentSaysOfItselfIsJudged) {
     status_["data_directory"] = "/elsewhere/data/qxpmaint";
     health_ = {{"status", "failing"}, {"problems", {"the link is down"}}};
     const Json result = Examine();
-    EXPECT_THAT(Texts(result, "warn", "agent"), HasSubstr("the agent has version 0.9, this tool " + VersionOfTool()));
-    EXPECT_THAT(Texts(result, "warn", "agent"), HasSubstr("serves another installation"));
+    EXPECT_THAT(Texts(result, "warn", "agent"),
+                Has("the agent has version 0.9, this tool " + VersionOfTool(), "serves another installation"));
     EXPECT_THAT(Texts(result, "fail", "agent"), HasSubstr("the link is down"));
     EXPECT_THAT(Texts(result, "fail", "plugin"), HasSubstr("the plugin is stopped"));
     EXPECT_THAT(Texts(result, "fail", "store"), HasSubstr("disk full"));
     EXPECT_THAT(Texts(result, "warn", "reports"), HasSubstr("2 reports pending, the oldest for"));
 
-    const ToolResult text = Run([](const auto&) { return FakeAgent::Answer(503, R"({"detail":"Stopping."})"); },
-                                {"doctor", "--root", directory_.Path()});
-    EXPECT_EQ(text.code, 1);
-    EXPECT_THAT(text.output, HasSubstr("fail  agent: "));
-    EXPECT_THAT(text.output, HasSubstr("Stopping; see its log"));
+    EXPECT_THAT(Run([](const auto&) { return FakeAgent::Answer(503, R"({"detail":"Stopping."})"); },
+                    {"doctor", "--root", directory_.Path()}),
+                Ends(1, _, Has("fail  agent: ", "Stopping; see its log")));
 }
 
 }  // namespace

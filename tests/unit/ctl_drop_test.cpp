@@ -1,22 +1,11 @@
 // drop: a policy file appears where the plugin looks, complete or not at all.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-
-#include <csignal>
 
 #include "tests/unit/ctl_fake_journal.h"
 
 namespace qxpctl {
 namespace {
-
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 class DropTest : public AgentTest {
 protected:
@@ -26,14 +15,7 @@ protected:
         const Json policy = {{"ID", id}, {"Command", "RunScriptNormal"}, {"param", {{"scriptinfo", {Json::object()}}}}};
         return directory_.Write(name, policy.dump());
     }
-    // What is in the directory, hidden files too.
-    std::vector<std::string> Names() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(directory_ / "in"))
-            names.push_back(entry.path().filename());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+    std::vector<std::string> Dropped() const { return Names(directory_ / "in"); }
     ToolResult Drop(std::vector<std::string> files) const {
         files.insert(files.begin(), {"drop", "--directory", directory_ / "in"});
         return RunTool(files);
@@ -68,10 +50,7 @@ TEST_F(DropTest, AFileGetsItsNameOnlyOnceItIsComplete) {
 
 TEST_F(DropTest, OneBadFileKeepsAllOut) {
     const std::string good = Policy("good", "good");
-    const struct {
-        std::string file;
-        const char* fault;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {directory_.Write("text.json", "not"), "is not a JSON document"},
         {directory_.Write("cut.json", R"({"ID":"a","param":)"), "is not a JSON document"},
         {directory_.Write("nul.json", std::string(R"({"ID":"a"})") + '\0'), "NUL byte"},
@@ -82,16 +61,14 @@ TEST_F(DropTest, OneBadFileKeepsAllOut) {
         {directory_ / "missing.json", "No such file"},
         {Policy("good.json", "other"), "would get the same name"},
     };
-    for (const auto& expected : cases) {
-        const ToolResult result = Drop({good, expected.file});
-        EXPECT_EQ(result.code, 2) << expected.fault;
-        EXPECT_THAT(result.remarks, AllOf(HasSubstr(expected.file), HasSubstr(expected.fault)));
-        EXPECT_THAT(Names(), IsEmpty()) << expected.fault;
+    for (const auto& [file, fault] : cases) {
+        EXPECT_THAT(Drop({good, file}), Ends(2, Has(file, fault)));
+        EXPECT_THAT(Dropped(), IsEmpty()) << fault;
     }
     const ToolResult both = Drop({good, Policy("B.JSON", "b"), "--json"});
     EXPECT_EQ(both.code, 0) << both.remarks;
     EXPECT_EQ(Json::parse(both.output)["dropped"][1]["id"], "b");
-    EXPECT_THAT(Names(), ElementsAre("B.JSON", "good.json"));
+    EXPECT_THAT(Dropped(), ElementsAre("B.JSON", "good.json"));
 }
 
 TEST_F(DropTest, AWaitingFileIsReplacedOnlyWhenAsked) {
@@ -99,25 +76,15 @@ TEST_F(DropTest, AWaitingFileIsReplacedOnlyWhenAsked) {
     const std::string policy = Policy("a.json", "a");
     EXPECT_EQ(Drop({Policy("b.json", "b"), policy}).code, 2);
     EXPECT_EQ(ReadFile(directory_ / "in/a.json"), "waiting");
-    EXPECT_THAT(Names(), ElementsAre("a.json"));
+    EXPECT_THAT(Dropped(), ElementsAre("a.json"));
     EXPECT_EQ(Drop({"--force", policy}).code, 0);
     EXPECT_EQ(ReadFile(directory_ / "in/a.json"), ReadFile(policy));
 }
 
 TEST_F(DropTest, ADiskThatIsFullLeavesNothing) {
     const std::string policy = Policy("a.json", "a");
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    const rlimit small{10, limit.rlim_max};
-    const auto old_handler = signal(SIGXFSZ, SIG_IGN);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    const int code = RunToolOn(null, null, {"drop", "--directory", directory_ / "in", policy});
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    signal(SIGXFSZ, old_handler);
-    close(null);
-    EXPECT_EQ(code, 5);
-    EXPECT_THAT(Names(), IsEmpty());
+    EXPECT_EQ(RunToolWithFileLimit(10, {"drop", "--directory", directory_ / "in", policy}), 5);
+    EXPECT_THAT(Dropped(), IsEmpty());
 }
 
 TEST_F(DropTest, TheAgentIsAskedForTheDirectory) {
@@ -129,7 +96,7 @@ TEST_F(DropTest, TheAgentIsAskedForTheDirectory) {
         return FakeAgent::Answer(200, document.dump());
     };
     EXPECT_EQ(Run(status, {"drop", Policy("a.json", "a")}).code, 0);
-    EXPECT_THAT(Names(), ElementsAre("a.json"));
+    EXPECT_THAT(Dropped(), ElementsAre("a.json"));
     // A run-once policy has its name for an ID.
     EXPECT_EQ(Run(status, {"drop", "--process", Policy("b.json", "")}).code, 0);
     EXPECT_TRUE(std::filesystem::exists(directory_ / "once/b.json"));

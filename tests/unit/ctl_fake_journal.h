@@ -10,26 +10,19 @@ namespace qxpctl {
 /// The documents that each poll for reports brings.
 using Pages = std::vector<std::vector<Json>>;
 
+/// How a FakeJournal tells of its command.
+struct Telling {
+    std::string state = "delivered";  // once the last page has been brought
+    Json reason = nullptr;            // of that state
+    int status = 202;                 // to POST /v1/commands: 202 taken, 200 known
+    std::string source = "plugin";
+};
+
 /// The answers of an agent that takes one command and then brings its reports, a page a poll.
 class FakeJournal {
 public:
-    explicit FakeJournal(Pages pages = {}) : pages_(pages.begin(), pages.end()) {}
-
-    /// The state, and the reason of it, that the command has once the last page has been brought.
-    FakeJournal& EndingAs(const std::string& state, const Json& reason = nullptr) {
-        final_state_ = state;
-        reason_ = reason;
-        return *this;
-    }
-    /// How POST /v1/commands is answered: 202 taken, 200 known.
-    FakeJournal& Answering(int status) {
-        status_ = status;
-        return *this;
-    }
-    FakeJournal& From(const std::string& source) {
-        source_ = source;
-        return *this;
-    }
+    explicit FakeJournal(Pages pages = {}, Telling telling = {})
+        : pages_(pages.begin(), pages.end()), telling_(std::move(telling)) {}
 
     std::optional<std::string> operator()(const FakeAgent::Request& request) {
         if (request.target == "/v1/status")
@@ -40,7 +33,7 @@ public:
             return Acknowledge(Json::parse(request.body));
         if (request.method == "POST") {
             id_ = Json::parse(request.body)["ID"];
-            return FakeAgent::Answer(status_, Command().dump());
+            return FakeAgent::Answer(telling_.status, Command().dump());
         }
         if (request.target.starts_with("/v1/commands?"))
             return FakeAgent::Answer(200, Json{{"commands", {Command()}}, {"sequence", sequence_}}.dump());
@@ -50,27 +43,19 @@ public:
     }
 
     static Json CommandObject(const std::string& id, const std::string& state, uint64_t sequence) {
-        return {{"id", id},
-                {"command", "RunScriptNormal"},
-                {"state", state},
-                {"reason", nullptr},
-                {"sequence", sequence},
-                {"scripts", 2},
-                {"expected", 2},
-                {"unreported", {"b"}},
-                {"submitter", {{"uid", 0}, {"user", "root"}}},
-                {"received", "2026-11-21T09:21:30.123+08:00"},
-                {"finished", nullptr}};
+        Json command = Json::parse(R"({"command": "RunScriptNormal", "reason": null, "scripts": 2, "expected": 2,
+            "unreported": ["b"], "submitter": {"uid": 0, "user": "root"}, "finished": null,
+            "received": "2026-11-21T09:21:30.123+08:00"})");
+        command.update({{"id", id}, {"state", state}, {"sequence", sequence}});
+        return command;
     }
     static Json StatusObject(uint64_t cursor, uint64_t sequence) {
-        return {{"version", "1"},
-                {"plugin_status", 2},
-                {"plugin_version", "1"},
-                {"uptime_seconds", 60},
-                {"last_sequence", sequence},
-                {"commands", {{"reported", 3}}},
-                {"reports", {{"stored", 7}, {"pending", 0}, {"last_cursor", cursor}, {"oldest_pending", nullptr}}},
-                {"store", {{"bytes", 1}, {"fault", nullptr}}}};
+        Json status = Json::parse(R"({"version": "1", "plugin_status": 2, "plugin_version": "1", "uptime_seconds": 60,
+            "commands": {"reported": 3}, "reports": {"stored": 7, "pending": 0, "oldest_pending": null},
+            "store": {"bytes": 1, "fault": null}})");
+        status["last_sequence"] = sequence;
+        status["reports"]["last_cursor"] = cursor;
+        return status;
     }
 
     /// All that has been acknowledged.
@@ -79,16 +64,17 @@ public:
 private:
     Json Status() const { return StatusObject(cursor_, sequence_); }
     Json Command() const {
-        Json command = CommandObject(id_, pages_.empty() ? final_state_ : "delivered", sequence_);
+        Json command = CommandObject(id_, pages_.empty() ? telling_.state : "delivered", sequence_);
         if (pages_.empty())
-            command["reason"] = reason_;
+            command["reason"] = telling_.reason;
         return command;
     }
     std::string NextPage() {
         Json reports = Json::array();
         if (!pages_.empty()) {
             for (const Json& document : pages_.front())
-                reports.push_back({{"cursor", ++cursor_}, {"id", id_}, {"source", source_}, {"document", document}});
+                reports.push_back(
+                    {{"cursor", ++cursor_}, {"id", id_}, {"source", telling_.source}, {"document", document}});
             pages_.pop_front();
             ++sequence_;
         }
@@ -101,10 +87,7 @@ private:
     }
 
     std::deque<std::vector<Json>> pages_;
-    std::string final_state_ = "delivered";
-    Json reason_;
-    int status_ = 202;
-    std::string source_ = "plugin";
+    const Telling telling_;
     std::string id_;
     uint64_t cursor_ = 7;
     uint64_t sequence_ = 3;
@@ -139,9 +122,12 @@ inline Json Interruption(const std::string& id, const std::string& reason) {
             {"data", {{"reason", reason}, {"unreported", {"a.sh"}}}}};
 }
 
-/// A temporary directory with a socket, and policies to send.
+/// A temporary directory with the socket that the tool asks, and policies to send.
 class AgentTest : public testing::Test {
 protected:
+    AgentTest() { setenv("QXPAGENT_SOCKET", Socket().c_str(), 1); }
+    ~AgentTest() override { unsetenv("QXPAGENT_SOCKET"); }
+
     std::string Socket() const { return directory_ / "agent.sock"; }
 
     /// The arguments that run a script through the whole command.
@@ -149,28 +135,23 @@ protected:
         if (!std::filesystem::exists(directory_ / "k.key.pem")) {
             EXPECT_EQ(RunTool({"keygen", "--out", directory_ / "k"}).code, 0);
         }
-        std::vector<std::string> arguments{"run", "--socket", Socket(), "--key", directory_ / "k.key.pem"};
+        std::vector<std::string> arguments{"run", "--key", directory_ / "k.key.pem"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
     }
     /// Runs a sub-command against a fake agent of its own.
-    ToolResult Run(const FakeAgent::Handler& handler, std::vector<std::string> arguments) const {
-        std::filesystem::remove(Socket());
+    ToolResult Run(const FakeAgent::Handler& handler, const std::vector<std::string>& arguments,
+                   int output = MemoryFile()) const {
         const FakeAgent agent(Socket(), handler);
-        arguments.insert(arguments.begin() + 1, {"--socket", Socket()});
-        return RunTool(arguments);
+        return RunTool(arguments, output);
     }
-    /// What it says when its output meets a full disk.
-    std::string RunOnFullDisk(const FakeAgent::Handler& handler, const std::vector<std::string>& arguments) const {
-        std::filesystem::remove(Socket());
-        const FakeAgent agent(Socket(), handler);
-        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-        const int remarks = memfd_create("remarks", MFD_CLOEXEC);
-        EXPECT_EQ(RunToolOn(full, remarks, arguments), 5);
-        close(full);
-        std::string text = ReadFromStart(remarks);
-        close(remarks);
-        return text;
+    /// An agent that says this of itself, as it is when it is asked.
+    static FakeAgent::Handler Saying(const Json& status, const Json& health) {
+        return [&](const FakeAgent::Request& request) {
+            return request.target == "/v1/health"
+                       ? FakeAgent::Answer(health.contains("problems") ? 503 : 200, health.dump())
+                       : FakeAgent::Answer(200, status.dump());
+        };
     }
 
     const TempDir directory_;

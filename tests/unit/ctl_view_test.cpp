@@ -1,21 +1,10 @@
 // The commands that show what the agent knows: status, show, results, watch, runonce.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
-
 #include "ctl/time_text.h"
 #include "tests/unit/ctl_fake_journal.h"
 
 namespace qxpctl {
 namespace {
-
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 std::string Commands(const std::vector<Json>& commands, uint64_t sequence) {
     return FakeAgent::Answer(200, Json{{"commands", commands}, {"sequence", sequence}}.dump());
@@ -25,39 +14,32 @@ class ViewTest : public AgentTest {
 protected:
     // An agent whose commands change with every poll; the last page is repeated.
     FakeAgent::Handler Changing(std::vector<std::vector<Json>> pages) {
+        targets_.clear();
         return [this, pages = std::move(pages)](const FakeAgent::Request& request) {
             if (request.target == "/v1/status")
                 return FakeAgent::Answer(200, FakeJournal::StatusObject(0, sequence_).dump());
+            const size_t page = targets_.size();
             targets_.push_back(request.target);
-            const size_t page = polls_++;
             return page < pages.size() ? Commands(pages[page], 20 + page) : Commands({}, 20 + pages.size());
         };
     }
     std::vector<std::string> targets_;
-    size_t polls_ = 0;
     uint64_t sequence_ = 10;  // what its status tells
 };
 
 TEST_F(ViewTest, StatusShowsProblemsAndTellsThemByItsExitCode) {
     Json status = FakeJournal::StatusObject(0, 0);
     Json health = {{"status", "ok"}};
-    const auto agent = [&](const FakeAgent::Request& request) {
-        const bool good = !health.contains("problems");
-        return request.target == "/v1/health" ? FakeAgent::Answer(good ? 200 : 503, health.dump())
-                                              : FakeAgent::Answer(200, status.dump());
-    };
-    const ToolResult good = Run(agent, {"status"});
-    EXPECT_EQ(good.code, 0);
-    EXPECT_THAT(good.output, AllOf(HasSubstr("up for 1 min"), HasSubstr("3 reported"), HasSubstr("started"),
-                                   HasSubstr("ok"), Not(HasSubstr("\033"))));
+    const auto agent = Saying(status, health);
+    EXPECT_THAT(Run(agent, {"status"}),
+                Ends(0, _, AllOf(Has("up for 1 min", "3 reported", "started", "ok"), Not(HasSubstr("\033")))));
     health = {{"status", "failing"}, {"problems", {"no\nplugin"}}};
     status["plugin_status"] = 1;
     status["store"]["fault"] = "disk full";
     status["reports"]["oldest_pending"] = "2026-01-01T00:00:00.000Z";
-    const ToolResult bad = Run(agent, {"status"});
-    EXPECT_EQ(bad.code, 1);
-    EXPECT_THAT(bad.output, AllOf(HasSubstr("failing"), HasSubstr("no\\x0aplugin"), HasSubstr("initialised"),
-                                  HasSubstr("takes nothing: disk full"), HasSubstr("the oldest for")));
+    EXPECT_THAT(
+        Run(agent, {"status"}),
+        Ends(1, _, Has("failing", "no\\x0aplugin", "initialised", "takes nothing: disk full", "the oldest for")));
     const ToolResult json = Run(agent, {"status", "--json"});
     EXPECT_EQ(json.code, 1);
     EXPECT_EQ(Json::parse(json.output)["health"]["problems"][0], "no\nplugin");
@@ -80,38 +62,32 @@ TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
         target = request.target;
         return FakeAgent::Answer(200, detail.dump());
     };
-    const ToolResult text = Run(agent, {"show", "a b/.."});
-    EXPECT_EQ(text.code, 0);
+    EXPECT_THAT(Run(agent, {"show", "a b/.."}),
+                Ends(0, _,
+                     Has("the agent ended", "No result  b", "==> a <== failed in 1 s", "out\033\n",
+                         "==> t <== timed out, started", "report 2: of an unknown form, 2.0 KiB",
+                         "report 3: interrupted: power cut", "report 4: refused by the plugin",
+                         "root, received 2026-11-21 09:21:30")));
     EXPECT_EQ(target, "/v1/commands/a%20b%2F..");
-    for (const char* const part :
-         {"the agent ended", "No result  b", "==> a <== failed in 1 s", "out\033\n", "==> t <== timed out, started",
-          "report 2: of an unknown form, 2.0 KiB", "report 3: interrupted: power cut",
-          "report 4: refused by the plugin", "root, received 2026-11-21 09:21:30"})
-        EXPECT_THAT(text.output, HasSubstr(part));
     EXPECT_EQ(Json::parse(Run(agent, {"show", "p", "--json"}).output), detail);
-    const ToolResult unknown = Run(
-        [](const auto&) { return FakeAgent::Answer(404, R"({"detail":"There is no such command."})"); }, {"show", "x"});
-    EXPECT_EQ(unknown.code, 2);
-    EXPECT_THAT(unknown.remarks, HasSubstr("There is no such command."));
+    EXPECT_THAT(Run([](const auto&) { return FakeAgent::Answer(404, R"({"detail":"There is no such command."})"); },
+                    {"show", "x"}),
+                Ends(2, HasSubstr("There is no such command.")));
 }
 
 // Two pages of reports, then nothing.
 std::string ReportPageAt(const std::string& target) {
     const auto report = [](uint64_t cursor, const Json& acknowledged) {
-        return Json{{"cursor", cursor},
-                    {"id", "p"},
-                    {"source", "file"},
-                    {"file", "p1.json"},
-                    {"bytes", 5},
-                    {"document", Json()},
-                    {"acknowledged", acknowledged}};
+        Json entry = Json::parse(R"({"id": "p", "source": "file", "file": "p1.json", "bytes": 5, "document": null})");
+        entry.update({{"cursor", cursor}, {"acknowledged", acknowledged}});
+        return entry;
     };
+    Json page = {{"reports", Json::array()}, {"cursor", 5}};
     if (target.find("after=0&") != std::string::npos)
-        return Json{{"reports", {report(1, nullptr), report(2, "2026-11-21T09:21:30.123+08:00")}}, {"cursor", 2}}
-            .dump();
+        page = {{"reports", {report(1, nullptr), report(2, "2026-11-21T09:21:30.123+08:00")}}, {"cursor", 2}};
     if (target.find("after=2&") != std::string::npos)
-        return Json{{"reports", {report(5, nullptr)}}, {"cursor", 5}}.dump();
-    return R"({"reports":[],"cursor":5})";
+        page["reports"].push_back(report(5, nullptr));
+    return page.dump();
 }
 
 TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
@@ -134,7 +110,7 @@ TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
     EXPECT_EQ(Json::parse(Run(agent, {"results", "--json"}).output)["reports"].size(), 3U);
 
     acknowledged.clear();
-    RunOnFullDisk(agent, {"results", "--socket", Socket(), "--acknowledge"});
+    EXPECT_EQ(Run(agent, {"results", "--acknowledge"}, FullDisk()).code, 5);
     EXPECT_THAT(acknowledged, IsEmpty());
 }
 
@@ -148,8 +124,7 @@ TEST_F(ViewTest, AResultFileIsFetchedByteForByte) {
     };
     EXPECT_EQ(Run(agent, {"results", "--raw", "42"}).output, bytes);
     EXPECT_THAT(acknowledged, IsEmpty());
-    const ToolResult to_file = Run(agent, {"results", "--raw", "42", "--output", directory_ / "r", "--acknowledge"});
-    EXPECT_EQ(to_file.code, 0);
+    EXPECT_EQ(Run(agent, {"results", "--raw", "42", "--output", directory_ / "r", "--acknowledge"}).code, 0);
     EXPECT_EQ(ReadFile(directory_ / "r"), bytes);
     EXPECT_EQ(acknowledged, R"({"cursors":[42]})");
     EXPECT_EQ(Run(agent, {"results", "--raw", "0"}).code, 2);
@@ -167,7 +142,7 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
         sequence_ = 30;
         return Run(
             [&](const FakeAgent::Request& request) {
-                if (polls_ != 1 || !std::exchange(away, false))
+                if (targets_.size() != 1 || !std::exchange(away, false))
                     return *good(request);
                 sequence_ = sequence;
                 return std::string();
@@ -175,21 +150,16 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
             {"watch", "p"});
     };
     const ToolResult reported = watch(30);
-    EXPECT_EQ(reported.code, 0) << reported.remarks;
-    EXPECT_THAT(reported.remarks, IsEmpty());
+    EXPECT_THAT(reported, Ends(0, "", HasSubstr("2026-11-21T09:21:30.123+08:00\tp\treported\t1/2\t\n")));
     EXPECT_EQ(std::count(reported.output.begin(), reported.output.end(), '\n'), 3);
-    EXPECT_THAT(reported.output, HasSubstr("2026-11-21T09:21:30.123+08:00\tp\treported\t1/2\t\n"));
     EXPECT_THAT(targets_,
                 ElementsAre("/v1/commands?after=0&limit=1000&wait=0", "/v1/commands?after=20&limit=1000&wait=60",
                             "/v1/commands?after=21&limit=1000&wait=60"));
     // An agent with a new store comes back: what it knows is shown from the beginning.
-    polls_ = 0;
     targets_.clear();
     watch(0);
     EXPECT_EQ(targets_[1], "/v1/commands?after=0&limit=1000&wait=60");
-    polls_ = 0;
     EXPECT_EQ(Run(Changing({{command("p", "reported", 1), command("q", "refused", 2)}}), {"watch", "p", "q"}).code, 1);
-    polls_ = 0;
     EXPECT_EQ(Run(Changing({{command("p", "reported", 1)}}), {"watch", "p", "q", "--wait", "0"}).code, 4);
 }
 
@@ -197,7 +167,7 @@ TEST_F(ViewTest, WatchOfAllBeginsNowAndEndsByCtrlC) {
     const auto changing = Changing({{}, {FakeJournal::CommandObject("p", "received", 21)}});
     const ToolResult result = Run(
         [&](const FakeAgent::Request& request) -> std::optional<std::string> {
-            if (polls_ < 2)
+            if (targets_.size() < 2)
                 return changing(request);
             EXPECT_EQ(kill(getpid(), SIGINT), 0);
             return std::nullopt;
@@ -214,7 +184,7 @@ TEST_F(ViewTest, WatchOnATerminalDrawsOneTableOverAndOver) {
     const auto command = FakeJournal::CommandObject;
     const FakeAgent agent(Socket(), Changing({{command("p", "delivered", 20), command("q\033[2J", "reported", 20)},
                                               {command("p", "reported", 21)}}));
-    const ToolResult result = RunToolOnTerminal({"watch", "--socket", Socket(), "p", "q\033[2J"});
+    const ToolResult result = RunToolOnTerminal({"watch", "p", "q\033[2J"});
     EXPECT_EQ(result.code, 0);
     // The second table takes the place of the first: headings and two commands.
     const size_t second = result.output.find("\033[3A\r\033[J");
@@ -237,9 +207,7 @@ TEST_F(ViewTest, RunOnceTellsWhetherThePolicyWasAccepted) {
     EXPECT_EQ(Run(agent, {"runonce", "n.json"}).code, 0);
     EXPECT_EQ(body, R"({"name":"n.json"})");
     accepted = false;
-    const ToolResult missing = Run(agent, {"runonce", "n.json"});
-    EXPECT_EQ(missing.code, 1);
-    EXPECT_THAT(missing.remarks, HasSubstr("no such file in " + directory_.Path().string()));
+    EXPECT_THAT(Run(agent, {"runonce", "n.json"}), Ends(1, HasSubstr("no such file in " + directory_.Path().string())));
     directory_.Write("n.json", "{}");
     EXPECT_THAT(Run(agent, {"runonce", "n.json"}).remarks, HasSubstr("refuses it"));
     EXPECT_EQ(Run(agent, {"runonce", "n.json", "--json"}).output, "{\"name\":\"n.json\",\"accepted\":false}\n");

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <cstdlib>
 #include <optional>
 #include <string>
 
+#include "ctl/text.h"
 #include "qxhost/base64.h"
 
 namespace {
@@ -26,10 +26,7 @@ std::optional<std::string> Decode(const std::string& text) {
 
 /// Encoded, with a line break after every 76 characters.
 std::string EncodeInLines(const std::string& bytes) {
-    std::string text(bytes.size() / 3 * 4 + 5, '\0');
-    text.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                                    reinterpret_cast<const unsigned char*>(bytes.data()),
-                                                    static_cast<int>(bytes.size()))));
+    const std::string text = qxpctl::Base64Encode(bytes);
     std::string lines;
     for (size_t at = 0; at < text.size(); at += 76) {
         lines += text.substr(at, 76) + "\r\n";

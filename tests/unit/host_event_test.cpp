@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <climits>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -107,14 +108,10 @@ TEST(CriticalSection, IsReEntrantForItsOwnerOnly) {
     EXPECT_EQ(pthread_mutex_lock(&section), 0);
     EXPECT_EQ(pthread_mutex_lock(&section), 0);
     const auto free_for_others = [&] {
-        bool is_free = false;
-        std::jthread([&] {
-            is_free = pthread_mutex_trylock(&section) == 0;
-            if (is_free) {
-                pthread_mutex_unlock(&section);
-            }
-        }).join();
-        return is_free;
+        const auto lock_and_unlock = [&] {
+            return pthread_mutex_trylock(&section) == 0 && pthread_mutex_unlock(&section) == 0;
+        };
+        return std::async(std::launch::async, lock_and_unlock).get();
     };
     pthread_mutex_unlock(&section);
     EXPECT_FALSE(free_for_others());

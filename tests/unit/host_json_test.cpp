@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -91,37 +92,13 @@ TEST(JsonParse, GivesValuesAsTheyAreWritten) {
 TEST(JsonParse, RefusesWhatIsNotOneDocument) {
     CPJsonParse json;
     EXPECT_FALSE(json.LoadBuffer(nullptr));
-    for (const char* text : {"",
-                             " ",
-                             "{",
-                             "[1",
-                             "{\"a\":1",
-                             "{\"a\"}",
-                             "{a:1}",
-                             "{'a':1}",
-                             "[1,]",
-                             "{\"a\":1,}",
-                             "[01]",
-                             "[1.]",
-                             "[+1]",
-                             "[.5]",
-                             "[1e]",
-                             "[NaN]",
-                             "[tru]",
-                             "[\"a]",
-                             "[\"\\x\"]",
-                             "[\"\\u12\"]",
-                             "[\"\n\"]",
-                             "[\"\\ud800\"]",
-                             "[\"\\ud800\\u0041\"]",
-                             "{} {}",
-                             "[]x",
-                             "1 2",
-                             "/**/[]",
-                             "\xEF\xBB\xBF[]",
-                             "[}",
-                             "{]"}) {
+    for (const char* text : {"", " ", "{", "[1", "{\"a\":1", "{\"a\"}", "{a:1}", "{'a':1}", "[1,]", "{\"a\":1,}",
+                             "{} {}", "[]x", "1 2", "/**/[]", "\xEF\xBB\xBF[]", "[}", "{]"}) {
         EXPECT_FALSE(json.LoadBuffer(text)) << text;
+    }
+    for (const char* element : {"01", "1.", "+1", ".5", "1e", "NaN", "tru", "\"a", R"("\x")", R"("\u12")", "\"\n\"",
+                                R"("\ud800")", R"("\ud800\u0041")"}) {
+        EXPECT_EQ(ValueOf(element), std::nullopt) << element;
     }
     EXPECT_TRUE(json.LoadBuffer("5"));
 }
@@ -138,13 +115,8 @@ TEST(JsonParse, BoundsTheNesting) {
 }
 
 std::optional<std::string> Encoded(const std::string& text) {
-    char* encoded = QxJsonEncodeStr(text.c_str());
-    if (encoded == nullptr) {
-        return std::nullopt;
-    }
-    std::string copy(encoded);
-    std::free(encoded);
-    return copy;
+    const std::unique_ptr<char, decltype(&std::free)> encoded(QxJsonEncodeStr(text.c_str()), std::free);
+    return encoded ? std::optional<std::string>(encoded.get()) : std::nullopt;
 }
 
 TEST(JsonEncode, WritesEveryCharacterBeyondAsciiAsAnEscape) {

@@ -1,6 +1,5 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -61,14 +60,8 @@ TEST(ModuleFilePath, DependsNeitherOnTheWorkingDirectoryNorOnTheFile) {
     Dl_info info = {};
     ASSERT_NE(dladdr(reinterpret_cast<const void*>(&QxGetModuleFilePath), &info), 0);
     fs::copy_file(*ModulePath(info.dli_fbase) + "/libqxhost.so", directory / "copy.so");
-    const pid_t child = fork();  // the working directory belongs to the process
-    if (child == 0) {
-        _exit(CheckMovingLibrary(directory));
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // The working directory belongs to the process.
+    EXPECT_EXIT(_exit(CheckMovingLibrary(directory)), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

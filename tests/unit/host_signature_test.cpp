@@ -1,15 +1,13 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <thread>
 
+#include "ctl/signer.h"
 #include "qxhost/signature.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -18,35 +16,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using qxpctl::Key;
+using qxpctl::Sign;
 
 const std::string kScript = "#!/bin/sh\nuptime\n";
 
 Key NewKey(const char* type = "ED25519") {
-    return {EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512}), EVP_PKEY_free};
+    return {qxpctl::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxpctl::Scheme::Ed25519};
 }
 
-std::string PublicPem(EVP_PKEY* key) {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
-    PEM_write_bio_PUBKEY(bio.get(), key);
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(bio.get(), &text);
-    return {text, static_cast<size_t>(size)};
-}
-
-std::string Sign(EVP_PKEY* key, const std::string& data) {
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    std::array<unsigned char, 64> signature = {};
-    size_t size = signature.size();
-    EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key);
-    EVP_DigestSign(context.get(), signature.data(), &size, reinterpret_cast<const unsigned char*>(data.data()),
-                   data.size());
-    std::string text = "01200000";
-    for (const unsigned char byte : signature) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 0xF];
-    }
-    return text;
+std::string PublicPem(const Key& key) {
+    return qxpctl::WriteKeyPair(key).public_pem;
 }
 
 bool Valid(const std::string& signature, const std::string& data = kScript) {
@@ -84,25 +64,25 @@ TEST_F(Signature, AcceptsTheKnownAnswer) {
 TEST_F(Signature, TrustsTheKeysThatAreInTheDirectoryAtTheMoment) {
     const Key first = NewKey();
     const Key second = NewKey();
-    EXPECT_FALSE(Valid(Sign(first.get(), kScript))) << "no key yet";
-    const std::string file = directory_.Write("first.pem", PublicPem(first.get()));
-    EXPECT_TRUE(Valid(Sign(first.get(), kScript)));
-    EXPECT_FALSE(Valid(Sign(second.get(), kScript)));
-    directory_.Write("second.pem", PublicPem(second.get()));
-    EXPECT_TRUE(Valid(Sign(second.get(), kScript)));
-    EXPECT_TRUE(Valid(Sign(first.get(), ""), ""));
+    EXPECT_FALSE(Valid(Sign(first, kScript))) << "no key yet";
+    const std::string file = directory_.Write("first.pem", PublicPem(first));
+    EXPECT_TRUE(Valid(Sign(first, kScript)));
+    EXPECT_FALSE(Valid(Sign(second, kScript)));
+    directory_.Write("second.pem", PublicPem(second));
+    EXPECT_TRUE(Valid(Sign(second, kScript)));
+    EXPECT_TRUE(Valid(Sign(first, ""), ""));
     fs::remove(file);
-    EXPECT_FALSE(Valid(Sign(first.get(), kScript)));
-    fs::create_symlink(directory_.Write("first.txt", PublicPem(first.get())), directory_.Path() / "link.pem");
-    EXPECT_TRUE(Valid(Sign(first.get(), kScript)));
+    EXPECT_FALSE(Valid(Sign(first, kScript)));
+    fs::create_symlink(directory_.Write("first.txt", PublicPem(first)), directory_.Path() / "link.pem");
+    EXPECT_TRUE(Valid(Sign(first, kScript)));
     QxSetTrustDirectory((directory_.Path() / "missing").c_str());
-    EXPECT_FALSE(Valid(Sign(second.get(), kScript)));
+    EXPECT_FALSE(Valid(Sign(second, kScript)));
 }
 
 TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     const Key key = NewKey();
-    const std::string signature = Sign(key.get(), kScript);
-    const std::string pem = PublicPem(key.get());
+    const std::string signature = Sign(key, kScript);
+    const std::string pem = PublicPem(key);
     directory_.Write("key.pem.bak", pem);
     directory_.Write(".key.pem", pem);
     directory_.Write("large.pem", std::string(65536, '#') + '\n' + pem);
@@ -114,13 +94,13 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     directory_.Write("text.pem", "not a key\n");
     directory_.Write("cut.pem", pem.substr(0, pem.size() / 2));
     const Key rsa = NewKey("RSA");  // of 512 bits, so that its signatures are as long
-    directory_.Write("rsa.pem", PublicPem(rsa.get()));
-    directory_.Write("agreement.pem", PublicPem(NewKey("X25519").get()));
+    directory_.Write("rsa.pem", PublicPem(rsa));
+    directory_.Write("agreement.pem", PublicPem(NewKey("X25519")));
     fs::create_directory(directory_.Path() / "directory.pem");
     ASSERT_EQ(mkfifo((directory_.Path() / "fifo.pem").c_str(), 0600), 0);
     const long descriptors = CountEntries("/proc/self/fd");
     EXPECT_FALSE(Valid(signature));
-    EXPECT_FALSE(Valid(Sign(rsa.get(), kScript)));
+    EXPECT_FALSE(Valid(Sign(rsa, kScript)));
     directory_.Write("zzz.pem", pem);
     EXPECT_TRUE(Valid(signature));
     EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
@@ -129,8 +109,8 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
 
 TEST_F(Signature, RefusesEveryOtherSignatureText) {
     const Key key = NewKey();
-    directory_.Write("key.pem", PublicPem(key.get()));
-    const std::string good = Sign(key.get(), kScript);
+    directory_.Write("key.pem", PublicPem(key));
+    const std::string good = Sign(key, kScript);
     ASSERT_TRUE(Valid(good));
     for (const std::string& bad :
          {std::string(), good.substr(2), good.substr(0, 135), good.substr(0, 134), good + "0", good + "00", " " + good,
@@ -147,8 +127,8 @@ TEST_F(Signature, RefusesEveryOtherSignatureText) {
 
 TEST_F(Signature, IsCheckedWhileTheDirectoryIsChanged) {
     const Key key = NewKey();
-    directory_.Write("key.pem", PublicPem(key.get()));
-    const std::string signature = Sign(key.get(), kScript);
+    directory_.Write("key.pem", PublicPem(key));
+    const std::string signature = Sign(key, kScript);
     std::jthread setter([&](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             QxSetTrustDirectory((directory_.Path() / ".").c_str());

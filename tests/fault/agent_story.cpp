@@ -68,7 +68,7 @@ public:
         Require(plugin_.Initialize(kPluginId));
         Require(plugin_.RegisterReceive(kCommandMessage, this, nullptr));
     }
-    ~Life() { bus_.Shutdown(); }
+    ~Life() override { bus_.Shutdown(); }
 
     void TakeStock() {
         desk_.TakeStock();

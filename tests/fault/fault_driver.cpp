@@ -171,8 +171,10 @@ std::vector<std::string> FaultsOf(const std::string& survey, size_t most) {
     std::string place;
     for (unsigned count = 0; report >> call >> place >> count;) {
         const Function* function = Find(call + ',');
+        std::string where = call;
+        where.append(",").append(place).append(",");
         const auto add = [&](unsigned turn) {
-            (function->memory && !all ? memory : faults).push_back(call + ',' + place + ',' + std::to_string(turn));
+            (function->memory && !all ? memory : faults).push_back(where + std::to_string(turn));
         };
         if (!function)
             throw std::runtime_error("unknown function in the survey: " + call);

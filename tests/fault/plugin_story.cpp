@@ -128,6 +128,7 @@ private:
     // They end when a policy comes after their time. Those that then are too few for that are left to the stop.
     void EndSleepersByTimeOut() {
         std::vector<ScriptSpec> sleepers;
+        sleepers.reserve(SLEEPERS);
         for (int i = 0; i < SLEEPERS; ++i)
             sleepers.push_back(Sleeper("sleeper" + std::to_string(i), "2"));
         const size_t first = scripts_.size();
@@ -276,9 +277,12 @@ private:
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     setenv("QXPMAINT_TEST_STOP_POLL_MS", "5", 1);
     setenv("QXPMAINT_TEST_WORK_WAIT_MS", "500", 1);
     setenv("QXPMAINT_TEST_CLOSE_WAIT_MS", "40000", 1);  // never given up for want of a processor
     return Story().Tell(argc > 1 && strcmp(argv[1], "timeout") == 0);
+} catch (const std::exception& error) {
+    std::cout << error.what() << '\n';
+    return 2;
 }

@@ -18,10 +18,15 @@ bool _ProcessSnapshot::CanWrite(pid_t iPid, const std::string& strPipe) const {
     return std::binary_search(writers.begin(), writers.end(), std::pair(strPipe, iPid));
 }
 
+// Not inlined: a compiler that sees the address stored takes it for one that outlives the request.
+[[gnu::noinline]] void CProcessScan::Enqueue(_Request& request) {
+    request.pNext = std::exchange(m_pWaiting, &request);
+}
+
 std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& strPipe, unsigned long long u64Since) {
     _Request request{strPipe, u64Since};
     std::unique_lock lock(m_Lock);
-    request.pNext = std::exchange(m_pWaiting, &request);
+    Enqueue(request);
     while (!request.bDone) {
         if (m_bScanning) {
             m_Changed.wait(lock);

@@ -41,6 +41,7 @@ private:
         std::shared_ptr<const _ProcessSnapshot> spSnapshot{};
     };
 
+    void Enqueue(_Request& request);
     std::shared_ptr<const _ProcessSnapshot> Scan(const _Request* pRequests);
 
     CProcReader& m_Reader;

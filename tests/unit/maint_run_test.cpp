@@ -207,6 +207,9 @@ TEST_F(RunTest, AScriptIsWrittenWhereItsPathLeads) {
     EXPECT_TRUE(pathOf(directory_.Write("file", "")).ends_with("data/qxpmaint")) << "a file is no directory";
     EXPECT_EQ(ReadFile(directory_ / "file"), "");
     EXPECT_EQ(manager_->GenScriptFile("/dev/full", "body", nullptr, 0, 0), 0) << "a full disk is an error";
+    unsigned char byte = 'x';
+    EXPECT_EQ(manager_->GenScriptFile(directory_ / "negative", "", &byte, -1, 0), 0);
+    EXPECT_EQ(ReadFile(directory_ / "negative"), "");
 }
 
 TEST_F(RunTest, RunsOfAManagerThatDoesNotWorkFinishWithNothing) {

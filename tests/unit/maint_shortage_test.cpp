@@ -1,5 +1,6 @@
 // Runs that are ended while they multiply, with few descriptors, and with too little memory.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 
@@ -9,8 +10,22 @@
 
 #include "maint/unique_descriptor.h"
 #include "plugin/plugin_state.h"
+#include "qxhost/event.h"
 #include "tests/unit/maint_run_fixture.h"
 #include "tests/unit/test_barrier.h"
+
+namespace {
+std::atomic<int> g_failedWaits{-1};  // negative: no wait fails
+}  // namespace
+
+// In place of the host's.
+extern "C" unsigned int QxWaitEventTimeout(void* event, long milliseconds) {
+    if (g_failedWaits >= 0) {
+        ++g_failedWaits;
+        return 0xFFFFFFFF;
+    }
+    return reinterpret_cast<decltype(&QxWaitEventTimeout)>(dlsym(RTLD_NEXT, "QxWaitEventTimeout"))(event, milliseconds);
+}
 
 namespace {
 
@@ -112,6 +127,14 @@ TEST_F(RunTest, ARunWhoseThreadRunsOutOfMemoryHasFailed) {
     ASSERT_EQ(results.size(), 1U);
     EXPECT_EQ(results.at("script").result, "0");
     EXPECT_EQ(results.at("script").output, "half\n");
+}
+
+TEST_F(RunTest, AnEventThatFailsMakesNoBusyLoop) {
+    g_failedWaits = 0;
+    EXPECT_EQ(manager_->RunOnceTask({Script("sleep 0.5; echo once")}), 1);
+    EXPECT_LT(g_failedWaits.exchange(-1), 50);
+    ASSERT_EQ(Reported().size(), 1U);
+    EXPECT_EQ(Reported()[0].output, "once\n");
 }
 
 TEST_F(RunTest, AReportThatThrowsLosesNoOther) {

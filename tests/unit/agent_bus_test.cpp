@@ -286,6 +286,7 @@ TEST(BusStressTest, NoSinkIsCalledAfterItWasUnregisteredAndNoCompletionIsLost) {
         }  // sink and flag die here
     });
     std::vector<std::jthread> senders;
+    senders.reserve(kSenders);
     for (int i = 0; i < kSenders; ++i) {
         senders.emplace_back([&] {
             for (size_t sent = 0; sent < kMessages; ++sent) {

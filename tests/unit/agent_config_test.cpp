@@ -35,6 +35,7 @@ protected:
     std::optional<CommandLine> Parse(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "qxpagent");
         std::vector<char*> argv;
+        argv.reserve(arguments.size());
         for (std::string& argument : arguments) {
             argv.push_back(argument.data());
         }

@@ -65,12 +65,14 @@ TEST_F(HttpTest, RunOnceAnswersWhenTheCallReturns) {
 
 TEST_F(HttpTest, SixtyFourRequestsAreServedAtOnce) {
     Serve();
+    constexpr int kCalls = 64;
     std::vector<std::future<Reply>> calls;
-    for (int i = 0; i < 64; ++i) {  // each of them returns when all of them are there
+    calls.reserve(kCalls);
+    for (int i = 0; i < kCalls; ++i) {  // each of them returns when all of them are there
         calls.push_back(
             std::async(std::launch::async, [this] { return Post("/v1/runonce", R"({"name":"slow.json"})"); }));
     }
-    ASSERT_TRUE(WaitUntil([&] { return agent_.running == 64; }));
+    ASSERT_TRUE(WaitUntil([&] { return agent_.running == kCalls; }));
     const Reply refused = Get("/v1/status");
     EXPECT_EQ(503, refused.status);
     EXPECT_THAT(refused.Detail(), testing::HasSubstr("Too many requests"));

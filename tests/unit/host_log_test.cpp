@@ -70,9 +70,10 @@ TEST(Log, WritesOneLineARecordInItsForm) {
         });
         const time_t after = time(nullptr);
         const std::string pid = std::to_string(std::strtol(log.c_str() + log.rfind(' ') + 1, nullptr, 10));
-        EXPECT_THAT(log, testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}" +
-                                               expected.first + " warn run\\\\x207\\\\n/" + pid +
-                                               " 93 2 \\*cannot open \"a b\": " + pid + "\n"));
+        std::string pattern = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
+        pattern.append(expected.first).append(" warn run\\\\x207\\\\n/").append(pid);
+        pattern.append(" 93 2 \\*cannot open \"a b\": ").append(pid).append("\n");
+        EXPECT_THAT(log, testing::MatchesRegex(pattern));
         tm parts = {};
         strptime(log.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
         EXPECT_THAT(timegm(&parts) - expected.second, testing::AllOf(testing::Ge(before), testing::Le(after)));

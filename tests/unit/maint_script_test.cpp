@@ -1,5 +1,8 @@
 // Scripts that misbehave: they hold their output, leave, flood, multiply or die, and nothing is stalled or left behind.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <sstream>
 #include <thread>
 
@@ -72,6 +75,25 @@ TEST_F(RunTest, AScriptThatKillsItselfIsReportedWithWhatItWrote) {
     ASSERT_EQ(results.size(), 2U);
     EXPECT_EQ(results["plain"].result + results["plain"].output, "1before\n");
     EXPECT_EQ(results["marked"].result + results["marked"].output, "0before\n");
+}
+
+TEST_F(RunTest, AScriptFileThatCannotBeWrittenOnHoldsNoLaunchUp) {
+    const std::string slow = directory_ / "slow";
+    ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
+    std::atomic<pid_t> thread{0};
+    std::thread writer([&] {
+        thread = gettid();
+        EXPECT_EQ(manager_->GenScriptFile(slow, std::string(200000, 'x'), nullptr, 0, 1), 1);
+    });
+    const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC);  // reads nothing yet: the pipe fills up
+    EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(thread); }));
+    Launch(Script("echo beside"));
+    EXPECT_EQ(Collect()["script"].output, "beside\n");
+    char part[4096];
+    while (read(reader, part, sizeof part) > 0) {
+    }
+    close(reader);
+    writer.join();
 }
 
 TEST_F(RunTest, FreshExecutablesAreNeverBusyBesideOtherLaunches) {

@@ -26,8 +26,9 @@ struct _ProcessStat {
     /// True for a process that has ended and waits for its parent. One whose first thread alone has ended shows the
     /// same state, but has other threads.
     bool HasEnded() const { return cState == 'X' || (cState == 'Z' && lThreads <= 1); }
-    /// True when it executes nothing of its own and will not, until it is continued or its system call ends.
-    bool IsHalted() const { return cState != 'R' && cState != 'S'; }
+    bool IsStopped() const { return cState == 'T' || cState == 't'; }
+    /// In the kernel, where a signal reaches it only later.
+    bool IsUninterruptible() const { return cState == 'D'; }
 };
 
 /// What /proc tells about processes. Nothing here blocks. "Could not look" (no descriptor, no /proc) is told from "not

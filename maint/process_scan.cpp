@@ -49,7 +49,6 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& st
 }
 
 std::shared_ptr<const _ProcessSnapshot> CProcessScan::Scan(const _Request* pRequests) try {
-    TestPoint("process scan");
     auto spSnapshot = std::make_shared<_ProcessSnapshot>();
     std::vector<std::string> pipes;
     unsigned long long u64Since = pRequests->u64Since;
@@ -63,6 +62,7 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Scan(const _Request* pRequ
     std::vector<pid_t> pids;
     spSnapshot->bComplete = m_Reader.ListProcesses(pids);
     std::sort(pids.begin(), pids.end());
+    TestPoint("process scan");
     std::vector<std::string> written;
     for (const pid_t iPid : pids) {
         _ProcessStat stat;

@@ -20,6 +20,8 @@ constexpr milliseconds KILL_ROUND{100};
 /// a process that the stop had not reached; few programs take three.
 constexpr int FREEZE_LOOKS = 50;
 constexpr milliseconds FREEZE_PAUSE{1};
+/// Looks of one ending that wait for a process in an uninterruptible wait: it may hang there for good.
+constexpr int UNINTERRUPTIBLE_LOOKS = 20;
 /// Looks that may fail in one freezing; the rounds around it try again, with longer pauses.
 constexpr int FREEZE_FAILURES = 3;
 constexpr milliseconds FIRST_PAUSE{5};
@@ -28,7 +30,7 @@ constexpr milliseconds LAST_PAUSE{100};
 }  // namespace
 
 CProcessTree::CProcessTree(const CChildProcess& child, CProcReader& reader, CProcessScan& scan)
-    : m_Child(child), m_Reader(reader), m_Scan(scan) {
+    : m_Child(child), m_Reader(reader), m_Scan(scan), m_iPatience(UNINTERRUPTIBLE_LOOKS) {
 }
 
 bool CProcessTree::IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const {
@@ -131,32 +133,48 @@ void CProcessTree::WaitGone(milliseconds time) {
 }
 
 // A process that ends on a signal while it starts another leaves that one to init, where nothing shows that it belongs
-// to the run. So all are stopped first, and looked for until a look finds nothing that still runs: a stopped process
-// starts no other, and its children stay its own.
+// to the run. So all are stopped first: a stopped process starts no other, and its children stay its own. One that had
+// begun to fork when the signal came stops after that, and its child may have missed the list of the look that finds it
+// stopped; so a look more must find all as they were. The kernel may take its time over a process in an uninterruptible
+// wait, or need another one to be continued for it (vfork): it is waited for within limits.
 CProcessTree::EEnd CProcessTree::Freeze() {
     EEnd eEnd = EEnd::Unknown;
     int iFailures = 0;
+    int iQuietLooks = 0;
     m_Child.Signal(SIGSTOP);  // at once: it is the one that is known without a look
-    for (int iLook = 0; iLook < FREEZE_LOOKS && iFailures < FREEZE_FAILURES; ++iLook) {
+    for (int iLook = 0; iLook < FREEZE_LOOKS && iFailures < FREEZE_FAILURES && iQuietLooks < 2; ++iLook) {
+        if (iLook > 0 && iQuietLooks == 0)
+            MaintPause(FREEZE_PAUSE);
         eEnd = Look();
         iFailures += eEnd == EEnd::Unknown ? 1 : 0;
-        bool bSettled = eEnd != EEnd::Unknown;
-        for (const auto& [iPid, stat] : m_Alive) {
-            if (m_Frozen.contains(stat.stIdentity) && stat.IsHalted())
-                continue;
-            bSettled = false;
-            SignalProcess(stat.stIdentity, SIGSTOP);
-            try {
-                m_Frozen.insert(stat.stIdentity);
-            } catch (const std::exception&) {
-                continue;  // out of memory: it is stopped once more at the next look
-            }
-        }
-        if (bSettled)
-            break;
-        MaintPause(FREEZE_PAUSE);
+        iQuietLooks = StopAll() && eEnd != EEnd::Unknown ? iQuietLooks + 1 : 0;
     }
     return eEnd;
+}
+
+// True when all that are known were stopped already.
+bool CProcessTree::StopAll() {
+    bool bAllStopped = true;
+    bool bUninterruptible = false;
+    for (const auto& [iPid, stat] : m_Alive) {
+        if (m_Frozen.contains(stat.stIdentity)) {
+            bUninterruptible = bUninterruptible || stat.IsUninterruptible();
+            if (stat.IsStopped() || stat.IsUninterruptible())
+                continue;
+        }
+        bAllStopped = false;
+        SignalProcess(stat.stIdentity, SIGSTOP);
+        try {
+            m_Frozen.insert(stat.stIdentity);
+        } catch (const std::exception&) {
+            continue;  // out of memory: it is stopped once more at the next look
+        }
+    }
+    if (bAllStopped && bUninterruptible && m_iPatience > 0) {
+        --m_iPatience;
+        bAllStopped = false;
+    }
+    return bAllStopped;
 }
 
 CProcessTree::EEnd CProcessTree::End(milliseconds grace) {

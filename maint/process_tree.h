@@ -30,6 +30,7 @@ private:
     EEnd Look();
     bool Collect();
     EEnd Freeze();
+    bool StopAll();
     bool IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const;
     bool IsAlive(const _ProcessIdentity& stIdentity);
     void Signal(int iSignal);
@@ -41,4 +42,5 @@ private:
     CProcessScan& m_Scan;
     std::map<pid_t, _ProcessStat> m_Alive;  // as of the last look that succeeded
     std::set<_ProcessIdentity> m_Frozen;    // those that were sent SIGSTOP
+    int m_iPatience;                        // looks at processes in an uninterruptible wait that are left
 };

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <future>
@@ -46,12 +47,37 @@ int CountProcesses(const std::string& command) {
 
 TEST_F(RunTest, ScriptsThatForkInTheMomentOfTheirEndingLeaveNothing) {
     const std::string sleeper = Sleeper();
-    for (int run = 0; run < 12; ++run)
+    for (int run = 0; run < 8; ++run)
         Launch(Script("exec >&- 2>&-; while :; do " + sleeper + " & sleep 0.002; done"));
     EXPECT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) > 20; }));
     manager_->DisposeScriptList(MT_STOPPLUGIN);
     EXPECT_TRUE(WaitThreadsGone());
     EXPECT_EQ(CountProcesses(sleeper), 0);
+}
+
+// A process that had begun to fork when it was told to stop: its child appears while a look goes through its list.
+TEST_F(RunTest, AChildThatAppearsDuringTheLookThatFindsItsParentStoppedIsEnded) {
+    static std::atomic<pid_t> parent;
+    static std::atomic<int> looks;
+    static std::string path;
+    path = directory_ / "late";
+    looks = 0;
+    ASSERT_EQ(mkfifo((path + ".go").c_str(), 0600), 0);
+    LaunchAlone("exec >&- 2>&-; echo $$ > '" + (directory_ / "pid") + "'; read < '" + path +
+                ".go'; sleep 1000 & echo $! > '" + path + "'; wait");
+    parent = PidIn("pid");
+    g_pfnTestPoint = [](const char* point) {
+        if (std::string_view(point) != "process scan" || ++looks != 2)
+            return;
+        kill(parent, SIGCONT);
+        std::ofstream(path + ".go") << "\n";
+        WaitUntil([] { return ReadFile(path).ends_with('\n'); });
+        kill(parent, SIGSTOP);
+    };
+    manager_->DisposeScriptList(MT_STOPPLUGIN);
+    EXPECT_TRUE(WaitThreadsGone());
+    g_pfnTestPoint = nullptr;
+    ExpectGone(PidIn("late"));
 }
 
 TEST_F(RunTest, RunsThatEndTogetherLeaveNothingHoweverFewDescriptorsAreFree) {

@@ -116,7 +116,7 @@ bool CMaintMgr::EndWhatIsLeft(steady_clock::time_point deadline) {
     do {
         CMainTTool::MaintSetEvent(m_hWorkEvent);
         if (GetPRunScriptListSize() != 0)
-            DisposeScriptList(MT_STOPPLUGIN);
+            Attempt("Close", [this] { DisposeScriptList(MT_STOPPLUGIN); });  // what failed is tried again
         if (m_spGate->WaitEmpty(std::min(deadline, steady_clock::now() + CLOSE_PASS)) && GetPRunScriptListSize() == 0)
             return true;
     } while (steady_clock::now() < deadline);

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <future>
+#include <new>
 #include <optional>
 
 #include "plugin/command.h"
@@ -48,13 +49,22 @@ TEST_F(RunTest, ACloseWaitsForWhoeverIsInsideAndRefusesWhoeverComes) {
     }
 }
 
-TEST_F(RunTest, UninitLeavesTheCallersCancellationAsItWas) {
+TEST_F(RunTest, UninitIsCompleteAndLeavesTheCallersCancellationAsItWasWhateverFails) {
     for (const int before : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
         int after = -1;
+        Launch(Script("sleep 1000"));
+        g_pfnTestPoint = [](const char* point) {
+            if (std::string_view(point) != "disposing")
+                return;
+            g_pfnTestPoint = nullptr;
+            throw std::bad_alloc();
+        };
         pthread_setcancelstate(before, nullptr);
-        qxpmaint_impl::uninit();
+        EXPECT_NO_THROW(qxpmaint_impl::uninit());
         pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &after);
         EXPECT_EQ(after, before);
+        EXPECT_EQ(gate_->Count(), 0U);
+        EXPECT_FALSE(qxpmaint_impl::g_bInited);
         InitManager();
     }
 }

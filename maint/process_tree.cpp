@@ -22,7 +22,7 @@ constexpr int FREEZE_LOOKS = 50;
 constexpr milliseconds FREEZE_PAUSE{1};
 /// Looks of one ending that wait for a process in an uninterruptible wait: it may hang there for good.
 constexpr int UNINTERRUPTIBLE_LOOKS = 20;
-/// Looks that may fail in one freezing; the rounds around it try again, with longer pauses.
+/// Looks that may fail in one freezing, or the signals after them; the rounds around it try again, with longer pauses.
 constexpr int FREEZE_FAILURES = 3;
 constexpr milliseconds FIRST_PAUSE{5};
 constexpr milliseconds LAST_PAUSE{100};
@@ -103,13 +103,13 @@ bool CProcessTree::IsAlive(const _ProcessIdentity& stIdentity) {
 // A pidfd keeps naming the process it was opened for, so the check of the identity after the opening holds for the
 // signal: it cannot reach a process that has taken over the pid. Without a pidfd the check comes right before the
 // signal.
-void CProcessTree::SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
+bool CProcessTree::SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
     const CUniqueDescriptor pidFd = OpenPidFd(stIdentity.iPid);
     _ProcessStat stat;
-    if (m_Reader.ReadStat(stIdentity.iPid, stat) != CProcReader::ERead::Done || stat.stIdentity != stIdentity)
-        return;
-    if (!pidFd || !SignalPidFd(pidFd, iSignal))
+    const CProcReader::ERead eRead = m_Reader.ReadStat(stIdentity.iPid, stat);
+    if (eRead == CProcReader::ERead::Done && stat.stIdentity == stIdentity && (!pidFd || !SignalPidFd(pidFd, iSignal)))
         kill(stIdentity.iPid, iSignal);
+    return eRead != CProcReader::ERead::Failed;
 }
 
 void CProcessTree::Signal(int iSignal) {
@@ -140,21 +140,22 @@ void CProcessTree::WaitGone(milliseconds time) {
 CProcessTree::EEnd CProcessTree::Freeze() {
     EEnd eEnd = EEnd::Unknown;
     int iFailures = 0;
-    int iQuietLooks = 0;
+    int iQuietLooks = 0;      // in a row, at which all were stopped already
     m_Child.Signal(SIGSTOP);  // at once: it is the one that is known without a look
     for (int iLook = 0; iLook < FREEZE_LOOKS && iFailures < FREEZE_FAILURES && iQuietLooks < 2; ++iLook) {
         if (iLook > 0 && iQuietLooks == 0)
             MaintPause(FREEZE_PAUSE);
         eEnd = Look();
-        iFailures += eEnd == EEnd::Unknown ? 1 : 0;
-        iQuietLooks = StopAll() && eEnd != EEnd::Unknown ? iQuietLooks + 1 : 0;
+        const EStop eStop = StopAll();
+        iFailures += eEnd == EEnd::Unknown || eStop == EStop::Failed ? 1 : 0;
+        iQuietLooks = eEnd != EEnd::Unknown && eStop == EStop::AllStopped ? iQuietLooks + 1 : 0;
     }
     return eEnd;
 }
 
-// True when all that are known were stopped already.
-bool CProcessTree::StopAll() {
+CProcessTree::EStop CProcessTree::StopAll() {
     bool bAllStopped = true;
+    bool bFailed = false;
     bool bUninterruptible = false;
     for (const auto& [iPid, stat] : m_Alive) {
         if (m_Frozen.contains(stat.stIdentity)) {
@@ -163,7 +164,7 @@ bool CProcessTree::StopAll() {
                 continue;
         }
         bAllStopped = false;
-        SignalProcess(stat.stIdentity, SIGSTOP);
+        bFailed = !SignalProcess(stat.stIdentity, SIGSTOP) || bFailed;
         try {
             m_Frozen.insert(stat.stIdentity);
         } catch (const std::exception&) {
@@ -174,7 +175,9 @@ bool CProcessTree::StopAll() {
         --m_iPatience;
         bAllStopped = false;
     }
-    return bAllStopped;
+    if (bFailed)
+        return EStop::Failed;
+    return bAllStopped ? EStop::AllStopped : EStop::NotYet;
 }
 
 CProcessTree::EEnd CProcessTree::End(milliseconds grace) {

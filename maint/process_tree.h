@@ -27,14 +27,20 @@ public:
     EEnd End(std::chrono::milliseconds grace);
 
 private:
+    enum class EStop {
+        AllStopped,  ///< before this
+        NotYet,
+        Failed,  ///< Some could not be signalled, because they could not be looked at.
+    };
+
     EEnd Look();
     bool Collect();
     EEnd Freeze();
-    bool StopAll();
+    EStop StopAll();
     bool IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const;
     bool IsAlive(const _ProcessIdentity& stIdentity);
     void Signal(int iSignal);
-    void SignalProcess(const _ProcessIdentity& stIdentity, int iSignal);
+    bool SignalProcess(const _ProcessIdentity& stIdentity, int iSignal);
     void WaitGone(std::chrono::milliseconds time);
 
     const CChildProcess& m_Child;

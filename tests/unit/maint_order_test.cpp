@@ -18,22 +18,25 @@ std::ostream& operator<<(std::ostream& out, const Order& order) {
 
 class RunOrderTest : public RunTest, public testing::WithParamInterface<Order> {
 protected:
+    RunOrderTest() {
+        LaunchAlone(GetParam().script);
+        EXPECT_TRUE(barrier_.WaitReached());
+    }
     void ExpectNothingLeft() {
         EXPECT_TRUE(WaitThreadsGone());
         EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
         EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     }
+
+    Barrier barrier_{GetParam().point};
 };
 
 TEST_P(RunOrderTest, Disposed) {
-    Barrier barrier(GetParam().point);
-    LaunchAlone(GetParam().script);
-    ASSERT_TRUE(barrier.WaitReached());
     manager_->DisposeScriptList(MT_STOPPLUGIN);
     EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
     Launch(Script("echo next"));  // may get the memory and the descriptors of the one before
-    barrier.Release();
+    barrier_.Release();
     auto results = Collect();
     ASSERT_EQ(results.size(), 1U);
     EXPECT_EQ(results["script"].output, "next\n");
@@ -41,24 +44,18 @@ TEST_P(RunOrderTest, Disposed) {
 }
 
 TEST_P(RunOrderTest, Cancelled) {
-    Barrier barrier(GetParam().point);
-    LaunchAlone(GetParam().script);
-    ASSERT_TRUE(barrier.WaitReached());
-    pthread_cancel(barrier.Thread());
-    barrier.Release();
+    pthread_cancel(barrier_.Thread());
+    barrier_.Release();
     EXPECT_EQ(Collect().size(), 1U) << "the run is finished and reported";
     ExpectNothingLeft();
 }
 
 TEST_P(RunOrderTest, Closed) {
-    Barrier barrier(GetParam().point);
-    LaunchAlone(GetParam().script);
-    ASSERT_TRUE(barrier.WaitReached());
     std::thread closing([] { qxpmaint_impl::uninit(); });
     // The close has ended the run and waits for its thread, which is held here.
     EXPECT_TRUE(WaitUntil([&] { return manager_->GetPRunScriptListSize() == 0; }));
     EXPECT_EQ(gate_->Count(), 1U);
-    barrier.Release();
+    barrier_.Release();
     closing.join();
     EXPECT_EQ(gate_->Count(), 0U);
 }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <sstream>
 #include <thread>
 
 #include "maint/output_capture.h"
@@ -52,19 +51,6 @@ TEST_F(RunTest, AFloodWithoutANewlineStaysWithinItsBound) {
     if (!SANITIZED) {
         EXPECT_LT(grown, 5 * (size_t{1} << 20) / 2 + (size_t{1} << 19)) << "2.5 MiB, and half a MiB for the thread";
     }
-}
-
-TEST_F(RunTest, TwoHundredChildrenEndWithTheirScript) {
-    Launch(Script("for i in {1..200}; do sleep 1000 & echo $!; done > '" + (directory_ / "list") + "'; echo $$ > '" +
-                  (directory_ / "pid") + "'; wait"));
-    std::vector<pid_t> children{PidIn("pid")};
-    std::istringstream list(ReadFile(directory_ / "list"));
-    for (pid_t child = 0; list >> child;)
-        children.push_back(child);
-    EXPECT_EQ(children.size(), 201U);
-    manager_->DisposeScriptList(MT_STOPPLUGIN);
-    for (const pid_t child : children)
-        ExpectGone(child);
 }
 
 TEST_F(RunTest, AScriptThatKillsItselfIsReportedWithWhatItWrote) {

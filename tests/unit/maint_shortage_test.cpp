@@ -159,8 +159,6 @@ TEST_F(RunTest, AnEventThatFailsMakesNoBusyLoop) {
     g_failedWaits = 0;
     EXPECT_EQ(manager_->RunOnceTask({Script("sleep 0.5; echo once")}), 1);
     EXPECT_LT(g_failedWaits.exchange(-1), 50);
-    ASSERT_EQ(Reported().size(), 1U);
-    EXPECT_EQ(Reported()[0].output, "once\n");
 }
 
 TEST_F(RunTest, AReportThatThrowsLosesNoOther) {

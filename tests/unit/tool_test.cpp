@@ -19,34 +19,9 @@
 
 namespace {
 
-std::string Output(const std::string& command) {
-    _CreateProcessInfo process;
-    if (!CMainTTool::CreateProcessLinux(command.c_str(), process, nullptr))
-        return "not started";
-    std::string output;
-    char buffer[256];
-    while (const size_t count = fread(buffer, 1, sizeof(buffer), static_cast<FILE*>(process.hProcess)))
-        output.append(buffer, count);
-    CMainTTool::CleanHandle(process.hProcess);
-    return output;
-}
-
 mode_t Mode(const std::string& path) {
     struct stat attributes {};
     return stat(path.c_str(), &attributes) == 0 ? attributes.st_mode & 07777 : 0;
-}
-
-TEST(ToolProcess, ChildStartsWithAnEmptyMaskAndTheCallersMaskIsKept) {
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    // exec: the mask of the shell itself, which some shells clear for what they start and others hand on.
-    EXPECT_EQ(Output("exec grep SigBlk /proc/self/status"), "SigBlk:\t0000000000000000\n");
-    sigset_t now;
-    pthread_sigmask(SIG_SETMASK, &before, &now);
-    EXPECT_EQ(sigismember(&now, SIGTERM), 1);
 }
 
 TEST(ToolProcess, NoChildInheritsThePipeOfAnother) {

@@ -46,6 +46,13 @@ bool IsC1(uint32_t uCode) {
     return uCode >= 0x80 && uCode <= 0x9F;
 }
 
+/// What could make a record look like another one: C1, the separators of lines and paragraphs, and the characters that
+/// change the direction of writing.
+bool IsMisleading(uint32_t uCode) {
+    return IsC1(uCode) || uCode == 0x061C || uCode == 0x200E || uCode == 0x200F ||
+           (uCode >= 0x2028 && uCode <= 0x202E) || (uCode >= 0x2066 && uCode <= 0x2069);
+}
+
 void AppendEscapedByte(std::string& strLine, char c) {
     constexpr char kDel = 0x7F;
     if (c == '\\') {
@@ -69,7 +76,7 @@ size_t AppendEscapedCharacter(std::string& strLine, std::string_view text) {
         return 1;
     }
     const std::string_view bytes = text.substr(0, character.uLength);
-    if (IsC1(character.uCode)) {
+    if (IsMisleading(character.uCode)) {
         for (const char c : bytes) {
             AppendHex(strLine, c);
         }

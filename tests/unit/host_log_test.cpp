@@ -123,14 +123,15 @@ TEST(Log, NoTextCanForgeARecord) {
         CLogDebug* const log = CLogDebug::Instance();
         log->LogPrintStr(2, "source", "f", 1, "a\\n\nb\t\r\x1b[0m\x7f%s \xC3\xA9\x01");
         log->LogPrintStr(2, "x 4\ny", "f", 1, nullptr);
-        log->LogPrintStr(2, nullptr, nullptr, 0, "");
+        log->LogPrintStr(2, nullptr, nullptr, 0, "\xE2\x80\xAE\xE2\x81\xA6\xE2\x81\xAA");
         log->LogPrintStr(2, "n\xC2\x9Bn", "f", 1,
                          "\xC2\x80\xC2\x9F\xC2\xA0\x9B \xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\x82\x85\xFF\xE2\x82");
     });
-    EXPECT_THAT(Records(written), ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01",
-                                              "info x\\x204\\ny 2 ", "info - 2 ",
-                                              "info n\\xc2\\x9bn 2 \\xc2\\x80\\xc2\\x9f\xC2\xA0\\x9b "
-                                              "\xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\\x82\\x85\xFF\xE2\\x82"));
+    EXPECT_THAT(Records(written),
+                ElementsAre("info source 2 a\\\\n\\nb\\t\\x0d\\x1b[0m\\x7f%s \xC3\xA9\\x01", "info x\\x204\\ny 2 ",
+                            "info - 2 \\xe2\\x80\\xae\\xe2\\x81\\xa6\xE2\x81\xAA",
+                            "info n\\xc2\\x9bn 2 \\xc2\\x80\\xc2\\x9f\xC2\xA0\\x9b "
+                            "\xE2\x82\xAC\xF0\x9F\x98\x80 \xE0\\x82\\x85\xFF\xE2\\x82"));
 }
 
 TEST(Log, CutsLongTextsBeforeEscapingAndBetweenCharacters) {

@@ -212,6 +212,20 @@ TEST_F(RunTest, AScriptIsWrittenWhereItsPathLeads) {
     EXPECT_EQ(ReadFile(directory_ / "negative"), "");
 }
 
+TEST_F(RunTest, AScriptIsNotWrittenThroughALinkOfItsName) {
+    const std::string victim = directory_.Write("victim", "kept");
+    SequenceOf(*manager_) = 6;
+    for (time_t at = time(nullptr), end = at + 60; at < end; ++at) {
+        tm local{};
+        char name[32] = {};
+        strftime(name, sizeof name, "%Y%m%d%H%M%S0007.sh", localtime_r(&at, &local));
+        std::filesystem::create_symlink(victim, directory_ / name);
+    }
+    Launch(Script("echo ran"));
+    EXPECT_EQ(Collect()["script"].output, "ran\n");
+    EXPECT_EQ(ReadFile(victim), "kept");
+}
+
 TEST_F(RunTest, RunsOfAManagerThatDoesNotWorkFinishWithNothing) {
     manager_->SetWork(0);
     Launch(Script("head -c 200000 /dev/zero"));  // more than a pipe holds

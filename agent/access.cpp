@@ -101,6 +101,10 @@ gid_t FindGroup(const std::string& group) {
     return found->gr_gid;
 }
 
+bool CanBeChangedByOthers(const struct stat& status) {
+    return !Mend(status, {}).empty();
+}
+
 void RequireUnwritableByOthers(const std::filesystem::path& path) {
     const auto status = Examine(path);
     const std::string mend = status.has_value() ? Mend(*status, path) : "";
@@ -128,9 +132,9 @@ std::vector<std::filesystem::path> TrustedPaths(const Options& options, const In
                                                 plugin_data / "policyfile",
                                                 plugin_data / "policyprocess",
                                                 plugin_data / "result"};
-    if (!options.store.empty()) {
-        paths.push_back(options.store.parent_path());
-        paths.push_back(options.store);
+    paths.push_back(options.store.parent_path());
+    for (const char* const part : {"", "-wal", "-shm"}) {
+        paths.emplace_back(options.store.string() + part);
     }
     AddTree(paths, root / "etc");
     return paths;

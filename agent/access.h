@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -18,9 +19,11 @@ namespace qxpagent {
 /// The number of a group that is given by its name or its number. Throws StartupError when there is none.
 gid_t FindGroup(const std::string& group);
 
-/// Refuses a file or directory that somebody else can change: it belongs to a user other than root and the agent's own,
-/// everybody may write it, or a group may that is neither root's nor the agent's own. A symbolic link counts as what it
-/// leads to.
+/// True when somebody else can change a file or directory: it belongs to a user other than root and the agent's own,
+/// everybody may write it, or a group may that is neither root's nor the agent's own.
+bool CanBeChangedByOthers(const struct stat& status);
+
+/// Refuses a file or directory of which CanBeChangedByOthers is true. A symbolic link counts as what it leads to.
 void RequireUnwritableByOthers(const std::filesystem::path& path);
 
 /// What RequireUnwritableByOthers has to hold for before a plugin is loaded and scripts are run: bin/ and lib/ and in

@@ -7,14 +7,15 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/access.h"
 #include "agent/log.h"
+#include "agent/script_directory.h"
 #include "agent/startup_error.h"
 
 namespace qxpagent {
 
 namespace {
 
-constexpr char kDefaultStore[] = "../data/qxpagent/agent.db";
 constexpr char kDefaultConfiguration[] = "../etc/plugins/qxpmaint/qxpmaint.conf";
 
 // The configuration file that the plugin will read with this parameter string; empty when none. Items are separated by
@@ -74,6 +75,10 @@ void Agent::Start() {
     }
     plugin_ = std::make_unique<PluginModule>(entry_points_);
     plugin_->Start(plugin_endpoint_, options_.init_param);
+    // Once more, now that the plugin has made what was missing: before any command of ours.
+    for (const char* const directory : {"", "policyfile", "policyprocess", "result"}) {
+        RequireUnwritableByOthers(plugin_data_ / directory);
+    }
     desk_->Settle();
     upkeep_->Start({plugin_data_, plugin_data_ / "result"});
     accepting_ = true;
@@ -84,14 +89,22 @@ void Agent::Start() {
 
 void Agent::OpenStore() {
     StoreOptions options;
-    options.path =
-        std::filesystem::absolute(options_.store.empty() ? kDefaultStore : options_.store).lexically_normal();
+    options.path = options_.store;
     store_ = std::make_unique<Store>(options);
     desk_ = std::make_unique<CommandDesk>(
-        *store_, counters_, keys_, [this](std::string document) { return server_data_.Send(std::move(document)); });
+        *store_, counters_, keys_, [this](const std::string& directory) { return WhyBadDirectory(directory); },
+        [this](std::string document) { return server_data_.Send(std::move(document)); });
     upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, counters_, options_.retention);
-    intake_ = std::make_unique<ReportIntake>(*store_, counters_, [this] { upkeep_->StoreHasGrown(); });
+    intake_ = std::make_unique<ReportIntake>(
+        *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); },
+        [this] { upkeep_->StoreHasGrown(); });
     manager_ = std::make_unique<Manager>(bus_, *intake_);
+}
+
+std::string Agent::WhyBadDirectory(const std::string& directory) const {
+    std::vector<std::filesystem::path> allowed = options_.script_directories;
+    allowed.push_back(plugin_data_);
+    return WhyBadScriptDirectory(directory, allowed);
 }
 
 void Agent::LoadPluginLibrary() {

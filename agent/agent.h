@@ -61,6 +61,7 @@ private:
 
     void OpenStore();
     void LoadPluginLibrary();
+    std::string WhyBadDirectory(const std::string& directory) const;
     void GiveFinalWords();
 
     // Constant after construction.

@@ -6,8 +6,6 @@
 #include <array>
 #include <utility>
 
-#include "agent/command_document.h"
-#include "agent/door_check.h"
 #include "agent/log.h"
 #include "agent/message_bus.h"
 #include "policy/hex.h"
@@ -111,18 +109,12 @@ SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewComma
     command.received = std::chrono::system_clock::now();
     command.text = std::move(document);
     command.sha256 = Sha256(command.text);
-    const MemberText id = ReadStringMember(command.text, "ID");
-    if (!id.error.empty()) {
-        return {SubmitStatus::kUnacceptable, id.error, std::nullopt};
-    }
     Forecast forecast;
     {
         qxtools::CPJsonParse json;
-        if (!json.LoadBuffer(command.text.c_str())) {
-            return {SubmitStatus::kUnacceptable, "The body is not one JSON document.", std::nullopt};
-        }
+        std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
         command.id = json.GetValue(json.GetNode(nullptr, "ID")).c_str();  // up to a NUL, as the plugin reads it
-        if (std::string reason = WhyUnacceptable(json); !reason.empty()) {
+        if (!reason.empty()) {
             return {SubmitStatus::kUnacceptable, std::move(reason), std::nullopt};
         }
         forecast = Foresee(json);
@@ -174,7 +166,7 @@ SubmitOutcome CommandDesk::Journal(const NewCommand& command, const Forecast& fo
 }
 
 SubmitOutcome CommandDesk::Deliver(const NewCommand& command, const Forecast& forecast) {
-    const int status = hand_over_(command.text);
+    const int status = HandOverOne(command.id, command.text);
     switch (status) {
         case kBusUndelivered:
         case kBusNotAttached:
@@ -199,6 +191,24 @@ SubmitOutcome CommandDesk::Deliver(const NewCommand& command, const Forecast& fo
         outcome.detail = "The plugin has not acknowledged the command in time; it may still run it.";
     }
     return outcome;
+}
+
+int CommandDesk::HandOverOne(const std::string& id, const std::string& text) {
+    {
+        const std::lock_guard lock(mutex_);
+        unanswered_.insert(id);
+    }
+    const int status = hand_over_(text);
+    if (status != kBusTimedOut) {
+        const std::lock_guard lock(mutex_);
+        unanswered_.erase(id);
+    }
+    return status;
+}
+
+bool CommandDesk::MayBeRefused(const std::string& id) {
+    const std::lock_guard lock(mutex_);
+    return unanswered_.contains(id);
 }
 
 // A command that never reached the plugin is as if it had not been sent.
@@ -276,11 +286,19 @@ void CommandDesk::DeliverAgain(const std::string& id) {
     command.id = id;
     command.text = store_.CommandText(id);
     qxtools::CPJsonParse json;
-    if (command.text.empty() || !json.LoadBuffer(command.text.c_str()) || !store_.MarkDelivered(id)) {
+    // What was good when it came may not be any more, and others may have written to the store.
+    const std::string reason =
+        command.text.empty() ? "" : qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+    if (command.text.empty() || !store_.MarkDelivered(id)) {
         return;  // another thread has dealt with it
     }
+    if (!reason.empty()) {
+        QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
+        Refuse(id, reason);
+        return;
+    }
     const Forecast forecast = Foresee(json);
-    const int status = hand_over_(command.text);
+    const int status = HandOverOne(id, command.text);
     if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
         store_.MarkReceived(id);
         QXPAGENT_LOG(kLogWarn, "command [%s] is journalled and could not be delivered (%d)", id.c_str(), status);

@@ -10,6 +10,7 @@
 #include "agent/agent_control.h"
 #include "agent/run_counters.h"
 #include "agent/store.h"
+#include "policy/admission.h"
 #include "policy/trusted_keys.h"
 #include "qxhost/json.h"
 
@@ -22,11 +23,20 @@ public:
     using HandOver = std::function<int(std::string document)>;
 
     /// All must outlive it.
-    CommandDesk(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys, HandOver hand_over)
-        : store_(store), counters_(counters), keys_(keys), hand_over_(std::move(hand_over)) {}
+    CommandDesk(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys,
+                qxppolicy::DirectoryRule directory_rule, HandOver hand_over)
+        : store_(store),
+          counters_(counters),
+          keys_(keys),
+          directory_rule_(std::move(directory_rule)),
+          hand_over_(std::move(hand_over)) {}
 
     /// As AgentControl::Submit. Calls with one ID follow each other.
     SubmitOutcome Submit(std::string document, const Peer& peer);
+
+    /// True while a refusal that names this ID can be the plugin's answer: the command is being delivered, or was and
+    /// the plugin has not acknowledged it. Any other refusal is not about a command of ours.
+    bool MayBeRefused(const std::string& id);
 
     /// Before the plugin starts: the commands that an earlier agent delivered and never heard of are to be interrupted.
     /// Throws StoreError.
@@ -52,6 +62,7 @@ private:
     SubmitOutcome Journal(const NewCommand& command, const Forecast& forecast);
     Forecast Foresee(const qxtools::CPJsonParse& document) const;
     SubmitOutcome Deliver(const NewCommand& command, const Forecast& forecast);
+    int HandOverOne(const std::string& id, const std::string& text);
     SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
     void FinishWithdrawal(const std::string& id);
     void Conclude(const std::string& id, int status, const Forecast& forecast);
@@ -62,12 +73,14 @@ private:
     Store& store_;
     RunCounters& counters_;
     const qxppolicy::TrustedKeys& keys_;
+    const qxppolicy::DirectoryRule directory_rule_;
     const HandOver hand_over_;
 
     std::mutex mutex_;
     std::condition_variable turn_ended_;
     // Guarded by mutex_.
     std::set<std::string> busy_;        // IDs that are being submitted or delivered
+    std::set<std::string> unanswered_;  // IDs that were handed over and not acknowledged
     std::vector<std::string> orphans_;  // IDs that are to be interrupted
     std::set<std::string> withdrawn_;   // IDs that are to be taken back, which the store refused
 };

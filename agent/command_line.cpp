@@ -91,6 +91,7 @@ LoadedOptions LoadOptions(const CommandLine& command_line, const Installation& i
     Options& options = loaded.options;
     options.socket = installation.socket;
     options.plugin = installation.plugin;
+    options.store = installation.store;
     Apply(options, command_line.environment);
     Apply(options, config.settings);
     Apply(options, command_line.settings);

@@ -30,6 +30,7 @@ std::vector<std::string> NeedingRestart(const Options& running, const Options& w
         {"online", AddressText(running.online) != AddressText(wanted.online)},
         {"log", running.log != wanted.log},
         {"store", running.store != wanted.store},
+        {"script-directories", running.script_directories != wanted.script_directories},
     };
     std::vector<std::string> names;
     for (const auto& [name, differs] : differences) {

@@ -39,6 +39,7 @@ Installation FindInstallation() {
     installation.agent_data = root / "data" / "qxpagent";
     installation.socket = installation.agent_data / "agent.sock";
     installation.plugin = root / "lib" / "libqxpmaint.so";
+    installation.store = installation.agent_data / "agent.db";
     return installation;
 }
 

@@ -10,6 +10,7 @@ struct Installation {
     std::filesystem::path agent_data;  // data/qxpagent
     std::filesystem::path socket;      // the default one
     std::filesystem::path plugin;      // the default one
+    std::filesystem::path store;       // the default one
 };
 
 /// Throws StartupError when /proc does not tell.

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -17,6 +19,8 @@ int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation&
     if (command_line.check_config || !loaded.mistakes.empty()) {
         return qxpagent::CheckConfig(command_line, installation);
     }
+    // What agent, plugin and scripts make is for others to read at most, however the agent was started.
+    umask(umask(0) | S_IWGRP | S_IWOTH);
     const qxpagent::Options& options = loaded.options;
     qxpagent::SetUpLog(options);  // before the first thread, and before the first record
     qxpagent::SurviveBrokenPipes();

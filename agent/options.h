@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/agent_connect.h"
 
@@ -21,12 +22,13 @@ struct Retention {
 struct Options {
     std::filesystem::path socket;
     std::filesystem::path plugin;
-    std::string init_param;               // empty: the plugin's default
-    std::optional<ServerAddress> online;  // nothing: offline
-    std::string log;                      // as QXHOST_LOG; empty: as the environment says
-    std::string log_level;                // as QXHOST_LOG_LEVEL; empty: as the environment says
-    std::string socket_group;             // group that may use the socket; empty: the agent's own
-    std::filesystem::path store;          // database file; empty: ../data/qxpagent/agent.db
+    std::string init_param;                                 // empty: the plugin's default
+    std::optional<ServerAddress> online;                    // nothing: offline
+    std::string log;                                        // as QXHOST_LOG; empty: as the environment says
+    std::string log_level;                                  // as QXHOST_LOG_LEVEL; empty: as the environment says
+    std::string socket_group;                               // group that may use the socket; empty: the agent's own
+    std::filesystem::path store;                            // database file
+    std::vector<std::filesystem::path> script_directories;  // that policies may name besides the plugin's own
     Retention retention;
 };
 

@@ -16,7 +16,13 @@ bool ReportIntake::TakeMessage(std::string_view envelope) {
     Report report;
     report.json_data_type = decoded->json_data_type;
     report.value = decoded->value;
-    const ReportContent content = ReadReport(decoded->text);
+    ReportContent content = ReadReport(decoded->text);
+    if (content.refusal && !may_be_refused_(content.id)) {
+        // The plugin puts a refusal together without escaping what it names: anybody's policy may have written it.
+        QXPAGENT_LOG(kLogWarn, "a refusal names command [%s], which is not being delivered: it ends no command",
+                     content.id.c_str());
+        content.refusal = false;
+    }
     try {
         Take(std::move(report), decoded->text, content, std::nullopt);
         return true;
@@ -31,7 +37,9 @@ void ReportIntake::TakeFile(const FileMark& mark, std::string_view text, const R
     Report report;
     report.source = ReportSource::kFile;
     report.file = mark.name;
-    Take(std::move(report), text, content, mark);
+    ReportContent believed = content;
+    believed.refusal = false;  // the plugin writes none into files
+    Take(std::move(report), text, believed, mark);
 }
 
 void ReportIntake::Take(Report report, std::string_view text, const ReportContent& content,

@@ -13,9 +13,11 @@ namespace qxpagent {
 /// Any thread.
 class ReportIntake {
 public:
-    /// `stored` is called after each report that was stored. All must outlive it.
-    ReportIntake(Store& store, RunCounters& counters, std::function<void()> stored)
-        : store_(store), counters_(counters), stored_(std::move(stored)) {}
+    using MayBeRefused = std::function<bool(const std::string& id)>;
+
+    /// `may_be_refused`: see CommandDesk. `stored` is called after each report that was stored. All must outlive it.
+    ReportIntake(Store& store, RunCounters& counters, MayBeRefused may_be_refused, std::function<void()> stored)
+        : store_(store), counters_(counters), may_be_refused_(std::move(may_be_refused)), stored_(std::move(stored)) {}
 
     /// Stores a message of the plugin. False when it could not be stored, which has then been logged.
     bool TakeMessage(std::string_view envelope);
@@ -27,6 +29,7 @@ private:
 
     Store& store_;
     RunCounters& counters_;
+    const MayBeRefused may_be_refused_;
     const std::function<void()> stored_;
 };
 

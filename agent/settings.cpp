@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include "agent/whole_number.h"
+#include "policy/rules.h"
 
 namespace qxpagent {
 
@@ -67,6 +69,18 @@ Mistake ApplyText(std::string& text, const std::string& value) {
     return {};
 }
 
+Mistake ApplyDirectories(std::vector<std::filesystem::path>& directories, const std::string& value) {
+    directories.clear();
+    std::istringstream list(value);
+    for (std::string directory; std::getline(list, directory, ':');) {
+        if (directory.empty() || !qxppolicy::WhyBadScriptDirectory(directory).empty()) {
+            return "must be absolute paths parted by ':', of letters, digits and /._+@=,- alone";
+        }
+        directories.emplace_back(directory);
+    }
+    return {};
+}
+
 using Takes = Setting::Takes;
 
 const std::array kSettings = {
@@ -90,6 +104,11 @@ const std::array kSettings = {
             true, &ApplyLogLevel},
     Setting{"store", "PATH [../data/qxpagent/agent.db]", "Database of commands and reports", Takes::kPath, false,
             [](Options& options, const std::string& value) { return ApplyPath(options.store, value); }},
+    Setting{
+        "script-directories", "DIR[:DIR]...",
+        "Directories that a policy may name for its scripts, and those below; root's alone, from / on", Takes::kText,
+        false,
+        [](Options& options, const std::string& value) { return ApplyDirectories(options.script_directories, value); }},
     Setting{"retention-days", "DAYS [30]", "How long commands, reports and result files are kept", Takes::kText, true,
             [](Options& options, const std::string& value) { return ApplyDays(options.retention.age, value); }},
     Setting{"retention-size", "SIZE [1GiB]", "How much text of reports is kept: bytes, or with KiB, MiB or GiB",

@@ -5,8 +5,7 @@
 #include "ctl/error.h"
 #include "ctl/files.h"
 #include "ctl/policy.h"
-#include "ctl/script_argument.h"
-#include "ctl/text.h"
+#include "policy/rules.h"
 #include "qxhost/json.h"
 
 namespace qxpctl {
@@ -28,18 +27,8 @@ size_t CountScripts(const CPJsonParse& json) {
 
 // The agent's rule for an ID, which becomes part of a file name.
 void CheckCommandId(const std::string& name, const std::string& id) {
-    std::string fault;
-    if (id.empty())
-        fault = "there is none";
-    else if (id.size() > kMaxIdBytes)
-        fault = "it has " + std::to_string(id.size()) + " bytes, and at most " + std::to_string(kMaxIdBytes) +
-                " are allowed";
-    else if (id.find('/') != std::string::npos)
-        fault = "it holds '/'";
-    else if (HasControlCharacter(id))
-        fault = "it holds a control character";
-    if (!fault.empty())
-        throw BadInput(name + " has no usable \"ID\": " + fault + "; pack the policy again with 'qxpctl pack --id'");
+    if (const std::string fault = qxppolicy::WhyBadId(id); !fault.empty())
+        throw BadInput(name + " has no usable \"ID\": it " + fault + "; pack the policy again with 'qxpctl pack --id'");
 }
 
 }  // namespace

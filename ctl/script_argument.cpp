@@ -7,6 +7,7 @@
 
 #include "ctl/error.h"
 #include "ctl/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -14,8 +15,6 @@ namespace {
 
 constexpr std::string_view kLettersAndDigits = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 constexpr size_t kMaxTypeBytes = 16;
-// Leaves room for the script's name below PATH_MAX.
-constexpr size_t kMaxDirectoryBytes = 3072;
 
 // Splits at commas that no backslash protects, and resolves the backslashes.
 std::vector<std::string> SplitAtCommas(std::string_view argument) {
@@ -102,16 +101,7 @@ ScriptAttributes WithDefaults(ScriptAttributes attributes, const ScriptAttribute
 }
 
 void CheckId(const std::string& id, const std::string& what) {
-    std::string fault;
-    if (id.empty())
-        fault = "is empty";
-    else if (id.size() > kMaxIdBytes)
-        fault = "is longer than " + std::to_string(kMaxIdBytes) + " bytes";
-    else if (!IsValidUtf8(id))
-        fault = "is not UTF-8 text";
-    else if (id.find_first_of("/\"\\") != std::string::npos || HasControlCharacter(id))
-        fault = "holds '/', '\"', '\\' or a control character";
-    if (!fault.empty())
+    if (const std::string fault = qxppolicy::WhyBadId(id); !fault.empty())
         throw BadInput("the " + what + " '" + id + "' " + fault);
 }
 
@@ -129,15 +119,8 @@ void CheckMarker(const std::string& marker) {
 }
 
 void CheckScriptDirectory(const std::string& path) {
-    if (path.empty())
-        return;
-    const std::string allowed = std::string(kLettersAndDigits) + "/._+@=,-";
-    const std::string closed = path + "/";
-    if (path.front() != '/' || path.size() > kMaxDirectoryBytes || closed.find("/../") != std::string::npos ||
-        path.find_first_not_of(allowed) != std::string::npos)
-        throw BadInput("the path '" + path +
-                       "' cannot be used: it must be absolute, without '..', and hold only letters, digits and "
-                       "/._+@=,- (it becomes part of a shell command)");
+    if (const std::string fault = qxppolicy::WhyBadScriptDirectory(path); !fault.empty())
+        throw BadInput("the path '" + path + "' " + fault);
 }
 
 uint32_t ParseTimeout(const std::string& text) {

@@ -25,8 +25,6 @@ struct ScriptArgument {
 
 /// The plugin multiplies the seconds by 1000 in 32 bits: a longer time-out would wrap round to a short one.
 inline constexpr uint32_t kMaxTimeoutSeconds = 4294967;
-/// Identifiers and the names made of them (a result file, for one) stay below a file name's 255 bytes.
-inline constexpr size_t kMaxIdBytes = 128;
 /// The plugin looks for the marker in pieces of output of at most this many bytes.
 inline constexpr size_t kMaxCheckBytes = 1023;
 

@@ -12,42 +12,6 @@ namespace {
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
-bool IsContinuation(unsigned char byte) {
-    return (byte & 0xC0) == 0x80;
-}
-
-// The length of the well-formed UTF-8 sequence (Unicode 15, table 3-7) that the text begins with; 0 when there is none.
-size_t SequenceLength(std::string_view text) {
-    const auto byte = [text](size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
-    const unsigned first = byte(0);
-    const unsigned second = byte(1);
-    if (text.empty())
-        return 0;
-    if (first < 0x80)
-        return 1;
-    if (first >= 0xC2 && first <= 0xDF)
-        return IsContinuation(second) ? 2 : 0;
-    if (first >= 0xE0 && first <= 0xEF) {
-        const unsigned low = first == 0xE0 ? 0xA0 : 0x80;
-        const unsigned high = first == 0xED ? 0x9F : 0xBF;
-        return second >= low && second <= high && IsContinuation(byte(2)) ? 3 : 0;
-    }
-    if (first >= 0xF0 && first <= 0xF4) {
-        const unsigned low = first == 0xF0 ? 0x90 : 0x80;
-        const unsigned high = first == 0xF4 ? 0x8F : 0xBF;
-        return second >= low && second <= high && IsContinuation(byte(2)) && IsContinuation(byte(3)) ? 4 : 0;
-    }
-    return 0;
-}
-
-// For one well-formed sequence.
-bool IsControl(std::string_view sequence) {
-    const auto first = static_cast<unsigned char>(sequence[0]);
-    if (sequence.size() == 1)
-        return first < 0x20 || first == 0x7F;
-    return sequence.size() == 2 && first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0;
-}
-
 void AppendEscaped(std::string& to, std::string_view bytes) {
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
@@ -61,11 +25,11 @@ std::string Escape(std::string_view text, bool keep_layout) {
     std::string escaped;
     escaped.reserve(text.size());
     while (!text.empty()) {
-        const size_t length = SequenceLength(text);
+        const size_t length = qxppolicy::Utf8SequenceLength(text);
         const std::string_view part = text.substr(0, std::max<size_t>(length, 1));
         text.remove_prefix(part.size());
         const bool layout = part == "\n" || part == "\t";
-        if (length == 0 || (IsControl(part) && !(layout && keep_layout)))
+        if (length == 0 || (qxppolicy::IsControl(part) && !(layout && keep_layout)))
             AppendEscaped(escaped, part);
         else
             escaped += part;
@@ -74,26 +38,6 @@ std::string Escape(std::string_view text, bool keep_layout) {
 }
 
 }  // namespace
-
-bool IsValidUtf8(std::string_view text) {
-    while (!text.empty()) {
-        const size_t length = SequenceLength(text);
-        if (length == 0)
-            return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-bool HasControlCharacter(std::string_view text) {
-    while (!text.empty()) {
-        const std::string_view part = text.substr(0, std::max<size_t>(SequenceLength(text), 1));
-        if (IsControl(part))
-            return true;
-        text.remove_prefix(part.size());
-    }
-    return false;
-}
 
 std::string EscapeForTerminal(std::string_view text) {
     return Escape(text, true);

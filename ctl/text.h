@@ -6,15 +6,14 @@
 #include <string_view>
 
 #include "policy/hex.h"
+#include "policy/text.h"
 
 namespace qxpctl {
 
-bool IsValidUtf8(std::string_view text);
+using qxppolicy::HasControlCharacter;
+using qxppolicy::IsValidUtf8;
 
-/// True when the text holds a C0 or C1 control character or DEL (text in UTF-8).
-bool HasControlCharacter(std::string_view text);
-
-/// Text from elsewhere made harmless for a terminal: control characters (C0 but newline and tab, DEL, C1) and bytes
+/// Text from elsewhere made harmless for a terminal: what qxppolicy::IsControl names, but newline and tab, and bytes
 /// that are not UTF-8 are shown as \xNN.
 std::string EscapeForTerminal(std::string_view text);
 

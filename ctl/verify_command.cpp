@@ -8,6 +8,7 @@
 #include "ctl/policy.h"
 #include "ctl/policy_check.h"
 #include "ctl/text.h"
+#include "policy/admission.h"
 
 namespace qxpctl {
 
@@ -22,7 +23,8 @@ struct VerifyOptions {
 constexpr const char* kFooter =
     R"(Prints a line a script: accepted, accepted but not run (or cut short), or dropped, and why; and a line for each fault of the policy as a
 whole. What the plugin checks, in this order: scriptdata is there; sign is there; the signature is good; scripttype is
-there; the type is supported.
+there; the type is supported. What an agent would not take, as a path that means something to a shell, is a fault of
+the policy.
 
 A run-once policy needs no "ID" and no "Command"; a command does, and that is what is checked here.
 
@@ -103,10 +105,15 @@ std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
 
 ExitCode Verify(const VerifyOptions& options, const Console& console, bool json) {
     const TrustedKeys keys = ReadKeys(options);
-    const PolicyVerdict verdict = CheckPolicy(ReadDocument(options.policy, kMaxPolicyBytes, "policy"), keys);
+    const std::string document = ReadDocument(options.policy, kMaxPolicyBytes, "policy");
+    PolicyVerdict verdict = CheckPolicy(document, keys);
     if (!verdict.readable)
         throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
                        " is not a JSON document; make a policy with 'qxpctl pack'");
+    qxtools::CPJsonParse reader;
+    if (const std::string reason = qxppolicy::WhyNotAdmitted(document, reader);
+        verdict.faults.empty() && !reason.empty())
+        verdict.faults.push_back("an agent does not take it: " + reason);
     console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
     return verdict.Good() ? ExitCode::Success : ExitCode::Negative;
 }

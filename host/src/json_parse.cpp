@@ -17,13 +17,13 @@ namespace {
 constexpr size_t kMaxDepth = 512;
 constexpr size_t kMaxDocumentSize = std::numeric_limits<uint32_t>::max() - 1;
 
-enum class EKind : uint8_t { Null, False, True, Text, Key, Object, Array };
+enum class EKind : uint8_t { Null, False, True, Number, Text, Key, Object, Array };
 
 /// One value, or one key of an object, in document order: the children of a container follow it at once, and in an
 /// object each value follows its key. Numbers are texts.
 struct SNode {
     uint32_t uSpan;    // how many nodes the subtree has, this one included
-    uint32_t uOffset;  // where the text of a Text or Key begins in the document's buffer
+    uint32_t uOffset;  // where the text of a Number, Text or Key begins in the document's buffer
     uint32_t uLength;  // how long it is
     EKind eKind;
 };
@@ -36,7 +36,7 @@ public:
     bool Default() { return false; }  // binary numbers, which are never asked for
     bool Null() { return Add(EKind::Null); }
     bool Bool(bool bValue) { return Add(bValue ? EKind::True : EKind::False); }
-    bool RawNumber(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Text, pText, uLength); }
+    bool RawNumber(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Number, pText, uLength); }
     bool String(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Text, pText, uLength); }
     bool Key(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Key, pText, uLength); }
     bool StartObject() { return Open(EKind::Object); }
@@ -188,6 +188,7 @@ CPString CPJsonParse::GetValue(void* pNode) const {
             return "true";
         case EKind::False:
             return "false";
+        case EKind::Number:
         case EKind::Text: {
             const std::string_view text = m_pDocument->Text(node);
             return {text.data(), text.size()};
@@ -195,6 +196,10 @@ CPString CPJsonParse::GetValue(void* pNode) const {
         default:
             return {};
     }
+}
+
+bool CPJsonParse::IsString(void* pNode) const {
+    return m_pDocument && pNode != nullptr && static_cast<const SNode*>(pNode)->eKind == EKind::Text;
 }
 
 }  // namespace qxtools

@@ -59,11 +59,12 @@ public:
     Life(const StoreOptions& options, const qxppolicy::TrustedKeys& keys, Record& record)
         : record_(record),
           store_(options),
-          intake_(store_, counters_, [] {}),
+          intake_(
+              store_, counters_, [this](const std::string& id) { return desk_.MayBeRefused(id); }, [] {}),
           server_data_(bus_),
           manager_(bus_, intake_),
           plugin_(bus_),
-          desk_(store_, counters_, keys,
+          desk_(store_, counters_, keys, nullptr,
                 [this](std::string document) { return server_data_.Send(std::move(document)); }) {
         Require(plugin_.Initialize(kPluginId));
         Require(plugin_.RegisterReceive(kCommandMessage, this, nullptr));

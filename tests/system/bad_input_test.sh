@@ -43,9 +43,13 @@ expect "a run-once that is not there" false "$(api -d '{"name":"none.json"}' htt
 # Deep nesting and broken text reach the plugin or are refused, and the agent lives on.
 printf '{"ID":"deep","Command":"RunScriptNormal","param":%s}' "$(printf '[%.0s' $(seq 100000))" >deep.json
 status_of -d @deep.json http://agent/v1/commands >/dev/null
-printf '{"ID":"\xff\xfe","Command":"Reboot"}' | status_of --data-binary @- http://agent/v1/commands >/dev/null
+printf '{"ID":"\xff\xfe","Command":"Reboot"}' >bytes.json
+problem "text that is not UTF-8" 422 'UTF-8' --data-binary @bytes.json http://agent/v1/commands
 jq -c '.ID = "path" | .param.scriptinfo[0].scriptpath = "/opt/$(id)"' good.json >path.json
 problem "a path for a shell to stumble over, past the tool" 422 'scriptpath' -d @path.json http://agent/v1/commands
+expect_match "verify tells the same" 'does not take it.*scriptpath' "$(qxpctl verify --key "$QXP_PUBLIC_KEY" path.json)"
+jq -c '.ID = "open" | .param.scriptinfo[0].scriptpath = "/tmp"' good.json >open.json
+problem "a directory that is not named" 422 'scriptpath' -d @open.json http://agent/v1/commands
 jq -c '.ID = "unsigned" | .param.scriptinfo[0].sign = "01100000ff"' good.json >unsigned.json
 expect "nothing that may run" refused "$(api -d @unsigned.json http://agent/v1/commands | jq -r .state)"
 expect "and the plugin says so" 4 "$(api 'http://agent/v1/reports?id=unsigned' | jq -r '.reports[0].document.msg_type')"

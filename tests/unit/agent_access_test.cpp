@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "agent/access.h"
+#include "agent/script_directory.h"
 #include "agent/startup_error.h"
 #include "agent/unix_listener.h"
 #include "tests/support/temp_dir.h"
@@ -43,11 +44,13 @@ protected:
             std::filesystem::create_directories(root_ / name);
         }
         for (const char* name : {"bin/qxpagent", "lib/libqxpmaint.so", "etc/trusted-keys/ops.pub.pem",
-                                 "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf"}) {
+                                 "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf", "data/qxpagent/agent.db",
+                                 "data/qxpagent/agent.db-wal"}) {
             directory_.Write(name, "x");
         }
         options_.plugin = installation_.plugin;
         options_.socket = installation_.socket;
+        options_.store = installation_.store;
     }
 
     std::string Check() const {
@@ -57,16 +60,17 @@ protected:
     const TempDir directory_;
     const std::filesystem::path root_ = directory_.Path();
     const Installation installation_{root_ / "bin", root_ / "data/qxpagent", root_ / "data/qxpagent/agent.sock",
-                                     root_ / "lib/libqxpmaint.so"};
+                                     root_ / "lib/libqxpmaint.so", root_ / "data/qxpagent/agent.db"};
     Options options_;
 };
 
 TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
     ASSERT_EQ("none", Check());
-    for (const char* name : {"", "bin", "bin/qxpagent", "lib", "lib/libqxpmaint.so", "etc", "etc/trusted-keys",
-                             "etc/trusted-keys/ops.pub.pem", "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf",
-                             "data", "data/qxpagent", "data/qxpmaint", "data/qxpmaint/policyfile",
-                             "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
+    for (const char* name :
+         {"", "bin", "bin/qxpagent", "lib", "lib/libqxpmaint.so", "etc", "etc/trusted-keys",
+          "etc/trusted-keys/ops.pub.pem", "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf", "data",
+          "data/qxpagent", "data/qxpagent/agent.db", "data/qxpagent/agent.db-wal", "data/qxpmaint",
+          "data/qxpmaint/policyfile", "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
         const std::string path = *name != '\0' ? (root_ / name).string() : root_.string();
         const mode_t mode = ModeOf(path);
         ASSERT_EQ(0, chmod(path.c_str(), mode | S_IWOTH));
@@ -87,7 +91,7 @@ TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
     ASSERT_EQ(0, chmod((root_ / "elsewhere").c_str(), 0777));
     EXPECT_THAT(Check(), HasSubstr("elsewhere"));
 
-    options_.store.clear();
+    options_.store = installation_.store;
     std::filesystem::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
     EXPECT_THAT(Check(), HasSubstr("etc/link")) << "a link counts as what it leads to";
 }
@@ -104,6 +108,37 @@ TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
          {std::pair<mode_t, std::string>{0775, "chmod g-w " + keys}, {0777, "chmod go-w " + keys}, {0755, "none"}}) {
         ASSERT_EQ(0, chmod(keys.c_str(), mode));
         EXPECT_THAT(Check(), testing::EndsWith(refusal));
+    }
+}
+
+TEST_F(AccessTest, ADirectoryForScriptsIsAllowedAndNobodyElseCanChangeTheWayToIt) {
+    namespace fs = std::filesystem;
+    const std::vector<fs::path> allowed{root_ / "jobs", root_ / "none"};
+    const auto why = [&](const std::string& path) { return WhyBadScriptDirectory(root_ / path, allowed, root_); };
+    fs::create_directories(root_ / "jobs/daily");
+    fs::create_directories(root_ / "open");
+    fs::create_directory_symlink(root_ / "jobs", root_ / "link");
+    fs::create_directory_symlink("../open/hop", root_ / "jobs/out");
+    fs::create_directory_symlink("round", root_ / "jobs/round");
+    for (const char* path : {"jobs", "jobs/", "jobs/daily", "jobs//new/deep", "link/daily", "jobs/daily/../x"}) {
+        EXPECT_EQ("", why(path)) << path;
+    }
+    for (const char* path : {"", "jobsite", "open", "jobs/..", "jobs/out", "link/../etc"}) {
+        EXPECT_THAT(why(path), HasSubstr("none of the agent's script-directories")) << path;
+    }
+    EXPECT_THAT(why("jobs/round/x"), HasSubstr("link"));
+    directory_.Write("jobs/file", "x");
+    EXPECT_THAT(why("jobs/file"), HasSubstr("no directory"));
+    // On the way, at its end, or around a link that leads to a good place.
+    fs::create_directory_symlink(root_ / "jobs", root_ / "open/hop");
+    EXPECT_EQ("", why("jobs/out/daily"));
+    ASSERT_EQ(0, chmod((root_ / "open").c_str(), 01777));
+    EXPECT_THAT(why("jobs/out/daily"), HasSubstr("open, which others can change"));
+    ASSERT_EQ(0, chmod((root_ / "jobs").c_str(), 0757));
+    EXPECT_THAT(why("jobs/daily"), HasSubstr("jobs, which others can change"));
+    if (geteuid() == 0) {
+        ASSERT_EQ(0, lchown((root_ / "link").c_str(), 4321, 0));
+        EXPECT_THAT(why("link/daily"), HasSubstr("belongs to another user"));
     }
 }
 

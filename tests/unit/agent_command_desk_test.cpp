@@ -31,10 +31,12 @@ protected:
     void Restart() {
         desk_.reset();
         Open();
-        desk_ = std::make_unique<CommandDesk>(*store_, counters_, keys_, [this](const std::string& document) {
-            delivered_.push_back(document);
-            return plugin_(document);
-        });
+        desk_ = std::make_unique<CommandDesk>(
+            *store_, counters_, keys_, [this](const std::string&) { return directory_fault_; },
+            [this](const std::string& document) {
+                delivered_.push_back(document);
+                return plugin_(document);
+            });
     }
     std::string Script(const std::string& id, const std::string& type = "sh", const std::string& sign = "") const {
         return R"({"scriptid":")" + id + R"(","scripttype":")" + type + R"(","scriptdata":"ZWNobwo=","sign":")" +
@@ -46,9 +48,9 @@ protected:
     }
     std::string Document(const std::string& id) const { return Document(id, Script("a")); }
     // As if the process had died between the two steps of the journal.
-    void Journal(const std::string& id) {
+    void Journal(const std::string& id, const std::string& document = "") {
         NewCommand command = CommandOf(id);
-        command.text = Document(id);
+        command.text = document.empty() ? Document(id) : document;
         CommandRecord record;
         EXPECT_EQ(Admission::kNew, store_->Admit(command, record));
     }
@@ -57,8 +59,9 @@ protected:
         plugin_ = [result](const std::string&) { return result; };
     }
     void Report(const std::string& text) {
-        ReportIntake(*store_, counters_, [] {
-        }).TakeFile({"report" + std::to_string(++reports_) + ".json", 0, text.size(), ""}, text, ReadReport(text));
+        ReportIntake intake(
+            *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); }, [] {});
+        EXPECT_TRUE(intake.TakeMessage(Envelope(text)));
     }
     CommandState StateOf(const std::string& id) { return store_->FindCommand(id).value().state; }
     size_t AgentReports(const std::string& id) { return Cursors({.id = id, .source = ReportSource::kAgent}).size(); }
@@ -66,8 +69,8 @@ protected:
     qxpctl::TrustedKeys keys_;
     std::string sign_;
     std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
+    std::string directory_fault_;
     std::vector<std::string> delivered_;
-    int reports_ = 0;
     std::unique_ptr<CommandDesk> desk_;
 };
 
@@ -246,6 +249,21 @@ TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
         EXPECT_EQ(status == kBusOk ? CommandState::kDelivered : CommandState::kReceived, StateOf("c")) << status;
         EXPECT_EQ((std::vector<std::string>{Document("z"), Document("c")}), delivered_) << "in order of arrival";
     }
+}
+
+// The store may have been written by others, or the machine is another than when the command came.
+TEST_F(CommandDeskTest, AJournalledCommandIsAdmittedAgainBeforeItIsDelivered) {
+    const std::string placed = R"({"scriptpath":"/opt/x",)" + Script("a").substr(1);
+    Journal("id", Document("i/d"));
+    Journal("path", Document("path", placed));
+    directory_fault_ = "leads elsewhere";
+    EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("new", placed)));
+    desk_->Settle();
+    EXPECT_TRUE(delivered_.empty());
+    EXPECT_EQ(CommandState::kRefused, StateOf("id"));
+    EXPECT_THAT(store_->FindCommand("path")->reason, HasSubstr("\"scriptpath\" leads elsewhere"));
+    directory_fault_.clear();
+    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("new", placed)));
 }
 
 }  // namespace

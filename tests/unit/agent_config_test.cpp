@@ -49,9 +49,9 @@ protected:
     }
 
     const TempDir directory_;
-    const Installation installation_{directory_.Path() / "bin", directory_.Path() / "data/qxpagent",
-                                     directory_.Path() / "data/qxpagent/agent.sock",
-                                     directory_.Path() / "lib/libqxpmaint.so"};
+    const Installation installation_{
+        directory_.Path() / "bin", directory_.Path() / "data/qxpagent", directory_.Path() / "data/qxpagent/agent.sock",
+        directory_.Path() / "lib/libqxpmaint.so", directory_.Path() / "data/qxpagent/agent.db"};
     const std::string file_ = directory_ / "etc/qxpagent.conf";
     int exit_code_ = kExitOk;
     std::string error_text_;
@@ -119,10 +119,11 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
     setenv("QXHOST_LOG", "/env.log", 1);
     Write(
         "[qxpagent]\nsocket=s.sock\nplugin = /p.so\nlog-level: warn\nretention-days=2\nretention-size=3 MiB\n"
-        "leftover-days=1\nonline=[::1]:9\nsocket-group=ops\nstore=../x.db\ninit-param=a=b:c=d\n");
+        "leftover-days=1\nonline=[::1]:9\nsocket-group=ops\nstore=../x.db\ninit-param=a=b:c=d\n"
+        "script-directories=/a:/b/c\n");
     Options options = Load({}).options;
     EXPECT_THAT(options, FieldsAre(installation_.bin / "s.sock", "/p.so", "a=b:c=d", Optional(FieldsAre("::1", "9")),
-                                   "/env.log", "warn", "ops", directory_.Path() / "x.db",
+                                   "/env.log", "warn", "ops", directory_.Path() / "x.db", ElementsAre("/a", "/b/c"),
                                    FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
         << "the socket is relative to the program's directory";
 
@@ -134,6 +135,8 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
     EXPECT_EQ(hours(48), options.retention.age);
 
     const std::vector<std::pair<std::string, std::string>> wrong = {{"--socket", ""},
+                                                                    {"--script-directories", "/a:b"},
+                                                                    {"--script-directories", "/a::/b"},
                                                                     {"--log-level", "Info"},
                                                                     {"--online", "x:0"},
                                                                     {"--leftover-days", "1.5"},

@@ -44,7 +44,7 @@ protected:
 
     const fs::path data_ = directory_.Path() / "data";
     const fs::path result_ = data_ / "result";
-    ReportIntake intake_{*store_, counters_, [] {}};
+    ReportIntake intake_{*store_, counters_, [](const std::string&) { return false; }, [] {}};
     std::unique_ptr<ResultCollector> collector_;
 };
 
@@ -150,7 +150,7 @@ TEST_F(FilesTest, LeftoversGoOnlyWhenTheyAreOldOursAndStored) {
 
 TEST_F(FilesTest, TheUpkeepKeepsTheStoreWithinItsLimits) {
     const qxppolicy::TrustedKeys keys;
-    CommandDesk desk(*store_, counters_, keys, [](const std::string&) { return 0; });
+    CommandDesk desk(*store_, counters_, keys, nullptr, [](const std::string&) { return 0; });
     Upkeep upkeep(*store_, desk, counters_, {.bytes = 1000});
     std::ofstream(data_ / "202611210903010001.sh") << "x";
     Age(data_ / "202611210903010001.sh");

@@ -35,7 +35,7 @@ protected:
     const TempDir store_directory_;
     qxpagent::Store store_{{.path = store_directory_.Path() / "agent.db"}};
     qxpagent::RunCounters counters_;
-    qxpagent::ReportIntake intake_{store_, counters_, [] {}};
+    qxpagent::ReportIntake intake_{store_, counters_, [](const std::string&) { return false; }, [] {}};
     qxpagent::MessageBus bus_;
     qxpagent::Manager receiver_{bus_, intake_};
     qxpagent::Endpoint plugin_{bus_};

@@ -5,7 +5,6 @@
 #include "agent/endpoint.h"
 #include "agent/manager.h"
 #include "agent/message_bus.h"
-#include "agent/report_envelope.h"
 #include "agent/time_text.h"
 #include "tests/unit/agent_store_fixture.h"
 
@@ -14,17 +13,6 @@ namespace {
 
 using testing::_;
 using testing::FieldsAre;
-
-std::string Envelope(const std::string& text, char type = 2, int value = 1) {
-    std::string bytes(kEnvelopeHeaderBytes, '\0');
-    bytes[0] = type;
-    bytes.replace(4, sizeof(value), reinterpret_cast<const char*>(&value), sizeof(value));
-    bytes[8] = 1;
-    for (size_t i = 0; i < 4; ++i) {
-        bytes[144 + i] = static_cast<char>(text.size() >> (8 * i));
-    }
-    return bytes + text + '\0';
-}
 
 TEST(ReportEnvelopeTest, EveryByteIsAccountedFor) {
     const std::string good = Envelope("{}", 1, -7);
@@ -53,7 +41,8 @@ protected:
     }
 
     std::atomic<int> stored_{0};
-    ReportIntake intake_{*store_, counters_, [this] { ++stored_; }};
+    ReportIntake intake_{*store_, counters_, [](const std::string& id) { return id == "delivering"; },
+                         [this] { ++stored_; }};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
     Manager manager_{bus_, intake_};
     Endpoint plugin_{bus_};
@@ -80,6 +69,16 @@ TEST_F(ManagerTest, AReportIsStoredWhenTheSendOfItReturns) {
     const auto age = std::chrono::system_clock::now() - reports[0].received;
     EXPECT_TRUE(age > std::chrono::seconds(-1) && age < DEADLINE);
     EXPECT_EQ(kBusOk, Send("{}")) << "without anybody to tell";
+}
+
+TEST_F(ManagerTest, ARefusalIsBelievedOnlyForACommandThatIsBeingDelivered) {
+    for (const char* id : {"running", "delivering"}) {
+        Deliver(id);
+        EXPECT_EQ(kBusOk, Send(R"({"ID":")" + std::string(id) + R"(","msg_type":"4","data_type":"x"})"));
+    }
+    EXPECT_EQ(CommandState::kDelivered, Find("running").state);
+    EXPECT_EQ(CommandState::kRefused, Find("delivering").state);
+    EXPECT_EQ(2U, store_->Figures().reports) << "both are kept";
 }
 
 TEST_F(ManagerTest, ASendThatCannotBeStoredFailsAndIsNotCompleted) {

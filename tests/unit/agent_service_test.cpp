@@ -73,7 +73,7 @@ TEST(ServiceTest, TheServiceManagerIsToldEachStep) {
     std::filesystem::create_directory(directory.Path() / "bin");
     std::filesystem::create_directory(directory.Path() / "etc");
     const Installation installation{directory.Path() / "bin", directory.Path() / "data", directory.Path() / "s",
-                                    directory.Path() / "p"};
+                                    directory.Path() / "p", directory.Path() / "d"};
     CommandLine command_line;
     command_line.config_file = directory.Path() / "etc" / "qxpagent.conf";
     const Options options = LoadOptions(command_line, installation).options;

@@ -3,6 +3,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gtest/gtest.h>
 
+#include "agent/report_envelope.h"
 #include "agent/report_intake.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/agent_test_support.h"
@@ -28,6 +29,18 @@ inline std::string RunText(const std::string& script, const std::string& start, 
 
 inline std::string ResultText(const std::string& id, const std::string& runs) {
     return R"({"ID":")" + id + R"(","msg_type":"1","data":{"result":[)" + runs + "]}}";
+}
+
+/// A report as the plugin sends it.
+inline std::string Envelope(const std::string& text, char type = 2, int value = 1) {
+    std::string bytes(kEnvelopeHeaderBytes, '\0');
+    bytes[0] = type;
+    bytes.replace(4, sizeof(value), reinterpret_cast<const char*>(&value), sizeof(value));
+    bytes[8] = 1;
+    for (size_t i = 0; i < 4; ++i) {
+        bytes[144 + i] = static_cast<char>(text.size() >> (8 * i));
+    }
+    return bytes + text + '\0';
 }
 
 /// A store in a directory of its own, and shorthands for what it is asked.

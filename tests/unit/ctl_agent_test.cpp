@@ -140,9 +140,10 @@ TEST_F(AgentTest, SubmitTellsWhatBecameOfThePolicy) {
 TEST_F(AgentTest, AnIdThatTheAgentWouldNotTakeIsNotSent) {
     const std::pair<std::string, const char*> cases[] = {
         {std::string(128, 'i'), "the agent refuses: it was asked"},
-        {"\"\\ \xC3\xA9", "the agent refuses: it was asked"},
-        {std::string(129, 'i'), "p.json has no usable \"ID\": it has 129 bytes"},
-        {"", "there is none"},
+        {"\xC3\xA9", "the agent refuses: it was asked"},
+        {"a\"", "'\"'"},
+        {std::string(129, 'i'), "p.json has no usable \"ID\": it is longer than 128 bytes"},
+        {"", "it is empty"},
         {"a/b", "holds '/'"},
         {"a\nb", "control character"},
     };

@@ -31,11 +31,11 @@ TEST(ScriptArgumentTest, WrongAttributesAreRefusedWithTheirName) {
         {"a,timeout=", "time-out ''"},
         {"a,timeout=4294968", "time-out '4294968'"},
         {"a,action=4294967296", "action '4294967296'"},
-        {"a,path=opt/x", "must be absolute"},
-        {"a,path=/opt/../etc", "without '..'"},
-        {"a,path=/opt/..", "without '..'"},
-        {"a,path=/opt/$(reboot)", "only letters"},
-        {"a,path=/opt/a b", "only letters"},
+        {"a,path=opt/x", "not an absolute path"},
+        {"a,path=/opt/../etc", "holds '..'"},
+        {"a,path=/opt/..", "holds '..'"},
+        {"a,path=/opt/$(reboot)", "than letters"},
+        {"a,path=/opt/a b", "than letters"},
         {"a,check=one\ntwo", "check marker"},
     };
     for (const auto& [argument, fault] : cases)

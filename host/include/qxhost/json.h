@@ -40,6 +40,9 @@ public:
     /// "false"; empty for null, an object, an array or a null handle.
     CPString GetValue(void* pNode) const;
 
+    /// True for a string; GetValue does not tell one from a number or a truth value.
+    bool IsString(void* pNode) const;
+
 private:
     class CDocument;
     std::unique_ptr<CDocument> m_pDocument;

@@ -1,4 +1,4 @@
-#include "agent/door_check.h"
+#include "policy/admission.h"
 
 #include <gtest/gtest.h>
 
@@ -6,13 +6,12 @@
 #include <utility>
 #include <vector>
 
-namespace qxpagent {
+namespace qxppolicy {
 namespace {
 
 std::string Why(const std::string& document) {
     qxtools::CPJsonParse json;
-    EXPECT_TRUE(json.LoadBuffer(document.c_str())) << document;
-    return WhyUnacceptable(json);
+    return WhyNotAdmitted(document, json);
 }
 
 std::string WithScripts(const std::string& scripts) {
@@ -23,43 +22,50 @@ std::string WithScript(const std::string& members) {
     return WithScripts(R"([{"scriptid":"first"},{"scriptid":"second",)" + members + "}]");
 }
 
-TEST(DoorCheckTest, AnIdMustBeFitForAFileName) {
+TEST(AdmissionTest, AnIdMustBeFitForAFileName) {
     const auto with_id = [](const std::string& id) { return Why(R"({"ID":")" + id + R"("})"); };
-    for (const std::string id : {"a", "a b", "..", "caf\xc3\xa9", "\\\"\\\\", "a\\u0000/b"}) {
+    for (const std::string id : {"a", "a b", "..", "caf\xc3\xa9", "a\\u0000/b"}) {
         EXPECT_EQ("", with_id(id)) << id;
     }
     EXPECT_EQ("", with_id(std::string(128, 'x')));
-    for (const std::string id : {"", "/", "a/b", "a\\u002fb", "a\\n", "\\u007f", "\\u0000"}) {
+    // What the plugin would put into a report as it stands, or a terminal would take for something else.
+    for (const std::string id : {"", "/", "a/b", "a\\u002fb", "a\\n", "\\u007f", "\\u0000", "a\\\"b", "a\\\\b",
+                                 "\\u0085", "a\\u202eb", "\\u2066", "\\udc00"}) {
         EXPECT_NE(std::string::npos, with_id(id).find("\"ID\"")) << id;
     }
     EXPECT_NE(std::string::npos, with_id(std::string(129, 'x')).find("128"));
-    EXPECT_NE("", Why("{}"));
-    EXPECT_NE("", Why("[]"));
+    for (const char* document :
+         {"", "{}", "[]", "{", R"({"ID":7})", R"({"ID":true})", R"({"ID":{}})", "{\"ID\":\"a\"}x",
+          "{\"x\":\"\xff\",\"ID\":\"a\"}", "{\"ID\":\"\xed\xa0\x80\"}", R"({"ID":"a","Command":"x\"y"})"}) {
+        EXPECT_NE("", Why(document)) << document;
+    }
+    EXPECT_NE("", Why(std::string("{\"ID\":\"a\"}\0", 11)));
     EXPECT_EQ("", Why(R"({"ID":"first","ID":"sec/ond"})")) << "the first of equal keys counts";
     EXPECT_NE("", Why(R"({"ID":"fir/st","ID":"second"})"));
 }
 
-TEST(DoorCheckTest, AScriptPathMustBeHarmlessForAShell) {
-    for (const char* const path : {"", "/", "/opt/a-b_c.d+e@f=g,h/", "/x\\u0000;rm"}) {
+TEST(AdmissionTest, AScriptPathMustBeHarmlessForAShell) {
+    for (const char* const path : {"", "/", "/opt/a-b_c.d+e@f=g,h/", "/a..b", "/x\\u0000;rm"}) {
         EXPECT_EQ("", Why(WithScript(std::string(R"("scriptpath":")") + path + '"'))) << path;
     }
     const std::vector<std::pair<std::string, std::string>> bad = {
-        {"opt", "absolute"},     {"./opt", "absolute"},      {"/opt/../etc", ".."},       {"/opt/..", ".."},
-        {"/a..b", ".."},         {"/opt/a b", "letters"},    {"/opt/$(id)", "letters"},   {"/opt/`id`", "letters"},
-        {"/opt/;id", "letters"}, {"/opt/a\\nb", "letters"},  {"/opt/\\u00e9", "letters"}, {"/opt/'a'", "letters"},
-        {"/opt/*", "letters"},   {"/opt/a\\\\b", "letters"},
+        {"opt", "absolute"},        {"./opt", "absolute"},       {"/opt/../etc", ".."},    {"/opt/..", ".."},
+        {"/opt/a b", "letters"},    {"/opt/$(id)", "letters"},   {"/opt/`id`", "letters"}, {"/opt/;id", "letters"},
+        {"/opt/a\\nb", "letters"},  {"/opt/\\u00e9", "letters"}, {"/opt/'a'", "letters"},  {"/opt/*", "letters"},
+        {"/opt/a\\\\b", "letters"},
     };
     for (const auto& [path, reason] : bad) {
         const std::string why = Why(WithScript(R"("scriptpath":")" + path + '"'));
         EXPECT_NE(std::string::npos, why.find("In script 2 (second) the member \"scriptpath\"")) << path << why;
         EXPECT_NE(std::string::npos, why.find(reason)) << path << " " << why;
     }
+    EXPECT_NE("", Why(WithScript("\"scriptpath\":\"/" + std::string(3072, 'x') + '"')));
     EXPECT_NE("", Why(WithScript(R"("scriptpath":"rel","scriptpath":"/abs")")));
     EXPECT_NE("", Why(WithScript(R"("scriptpath":7)"))) << "a number is read as its digits";
     EXPECT_EQ("", Why(WithScript(R"("scriptpath":{"a":"rel"})"))) << "and an object as nothing";
 }
 
-TEST(DoorCheckTest, AScriptTypeMustBeKnown) {
+TEST(AdmissionTest, AScriptTypeMustBeKnown) {
     for (const char* const type : {"sh", "SH", "exe", "Exe", "bat", "vbs", "zip", "ZIP", "sh\\u0000;id"}) {
         EXPECT_EQ("", Why(WithScript(std::string(R"("scripttype":")") + type + '"'))) << type;
     }
@@ -69,10 +75,11 @@ TEST(DoorCheckTest, AScriptTypeMustBeKnown) {
     }
 }
 
-TEST(DoorCheckTest, ScriptsAreReadAsThePluginReadsThem) {
+TEST(AdmissionTest, ScriptsAreReadAsThePluginReadsThem) {
     EXPECT_NE("", Why(WithScripts(R"({"a":{"scripttype":"sh"},"b":{"scripttype":"py"}})"))) << "an object of scripts";
     EXPECT_EQ("", Why(WithScripts("7"))) << "the plugin will refuse it";
     EXPECT_EQ("", Why(WithScripts(R"([7,"x",null,[]])")));
+    EXPECT_NE("", Why(WithScripts(R"([{"scriptid":"\udc00"}])"))) << "its report would name another";
     std::string many = "[{}";
     for (int i = 1; i < 63; ++i) {
         many += ",{}";
@@ -89,4 +96,4 @@ TEST(DoorCheckTest, ScriptsAreReadAsThePluginReadsThem) {
 }
 
 }  // namespace
-}  // namespace qxpagent
+}  // namespace qxppolicy

@@ -67,7 +67,8 @@ void CMaintMgr::RunScript(const _MaintPolicyDetail& record) {
         strExtension.Format(".%s", record.strType.c_str());
     CPString strFullPath;
     strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
-    // Whatever has this name is not ours: it may be a link that leads elsewhere, or the file of somebody's running script.
+    // Whatever has this name is not ours: it may be a link that leads elsewhere, or the file of somebody's running
+    // script.
     unlink(strFullPath.c_str());
     try {
         GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);

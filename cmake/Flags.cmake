@@ -22,6 +22,10 @@ if(QXPMAINT_SANITIZER)
     target_compile_options(qxp_flags INTERFACE -fno-sanitize=null,object-size)
   endif()
 endif()
+# Everything that a target reaches tells the fuzzer where it has been.
+if(QXPMAINT_BUILD_FUZZERS)
+  target_compile_options(qxp_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 # For code whose speed does not matter, tests and the tool: with a sanitizer and optimisation, some sources take most of
 # a minute to compile.
 set(QXP_QUICK_TO_COMPILE)

@@ -285,14 +285,12 @@ void CommandDesk::DeliverAgain(const std::string& id) {
     NewCommand command;
     command.id = id;
     command.text = store_.CommandText(id);
-    qxtools::CPJsonParse json;
-    // What was good when it came may not be any more, and others may have written to the store.
-    const std::string reason =
-        command.text.empty() ? "" : qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
     if (command.text.empty() || !store_.MarkDelivered(id)) {
         return;  // another thread has dealt with it
     }
-    if (!reason.empty()) {
+    qxtools::CPJsonParse json;
+    // What was good when it came may not be any more, and others may have written to the store.
+    if (const std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_); !reason.empty()) {
         QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
         Refuse(id, reason);
         return;

@@ -158,12 +158,11 @@ CProcessTree::EStop CProcessTree::StopAll() {
     bool bFailed = false;
     bool bUninterruptible = false;
     for (const auto& [iPid, stat] : m_Alive) {
-        if (m_Frozen.contains(stat.stIdentity)) {
-            bUninterruptible = bUninterruptible || stat.IsUninterruptible();
-            if (stat.IsStopped() || stat.IsUninterruptible())
-                continue;
-        }
+        const bool bGivenUp = stat.IsUninterruptible() && m_iPatience <= 0;
+        if (m_Frozen.contains(stat.stIdentity) && (stat.IsStopped() || bGivenUp))
+            continue;
         bAllStopped = false;
+        bUninterruptible = bUninterruptible || stat.IsUninterruptible();
         bFailed = !SignalProcess(stat.stIdentity, SIGSTOP) || bFailed;
         try {
             m_Frozen.insert(stat.stIdentity);
@@ -171,10 +170,7 @@ CProcessTree::EStop CProcessTree::StopAll() {
             continue;  // out of memory: it is stopped once more at the next look
         }
     }
-    if (bAllStopped && bUninterruptible && m_iPatience > 0) {
-        --m_iPatience;
-        bAllStopped = false;
-    }
+    m_iPatience -= bUninterruptible ? 1 : 0;
     if (bFailed)
         return EStop::Failed;
     return bAllStopped ? EStop::AllStopped : EStop::NotYet;

@@ -1,8 +1,5 @@
 // Policies: what pack signs, verify accepts, and the two agree with the form that a plugin checks.
 
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-
 #include "ctl/error.h"
 #include "ctl/policy.h"
 #include "ctl/policy_check.h"
@@ -83,37 +80,6 @@ TEST_P(PolicyTest, ATrustDirectoryServesAsTheHostUsesIt) {
     EXPECT_EQ(RunTool(verify).code, 1);
     std::filesystem::copy(directory_ / "k.pub.pem", directory_ / "trust/a.pem");
     EXPECT_EQ(RunTool(verify).code, std::string(GetParam()) == "ed25519" ? 0 : 1);
-}
-
-// The layout, read with OpenSSL alone.
-TEST_F(PolicyTest, ThePluginFormHoldsTheDigestBehindAZero) {
-    MakeKeys("plugin", "k");
-    const Key key = ReadPrivateKey(directory_ / "k.key.pem");
-    std::set<std::string> signatures;
-    // Often enough that a message above the modulus would show.
-    for (int round = 0; round < 64; ++round) {
-        const std::string text = "Base64Text" + std::to_string(round);
-        const std::string sign = Sign(key, text);
-        ASSERT_EQ(sign.size(), 264U);
-        EXPECT_EQ(sign.substr(0, 8), "01100000");
-        EXPECT_EQ(sign.find_first_not_of("0123456789abcdef"), std::string::npos);
-        const auto block = HexDecode(sign.substr(8));
-        ASSERT_TRUE(block);
-
-        const qxppolicy::KeyContextPtr context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
-        ASSERT_EQ(EVP_PKEY_verify_recover_init(context.get()), 1);
-        ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING), 1);
-        std::array<unsigned char, 128> message{};
-        size_t size = message.size();
-        ASSERT_EQ(EVP_PKEY_verify_recover(context.get(), message.data(), &size, block->data(), block->size()), 1);
-        EXPECT_EQ(size, 128U);
-        EXPECT_EQ(message[0], 0);
-        std::array<unsigned char, 32> digest{};
-        ASSERT_EQ(EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_sha256(), nullptr), 1);
-        EXPECT_TRUE(std::equal(digest.begin(), digest.end(), message.begin() + 1));
-        signatures.insert(HexEncode(std::span(message).subspan(33)));
-    }
-    EXPECT_EQ(signatures.size(), 64U);
 }
 
 TEST_F(PolicyTest, EveryReasonToDropAScriptIsTold) {

@@ -53,6 +53,8 @@ TEST_F(RunTest, UninitIsCompleteAndLeavesTheCallersCancellationAsItWasWhateverFa
     for (const int before : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
         int after = -1;
         Launch(Script("sleep 1000"));
+        manager_->Stop();  // no work thread: leaves the run alone
+        EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U);
         g_pfnTestPoint = [](const char* point) {
             if (std::string_view(point) != "disposing")
                 return;

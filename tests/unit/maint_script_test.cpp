@@ -53,16 +53,6 @@ TEST_F(RunTest, AFloodWithoutANewlineStaysWithinItsBound) {
     }
 }
 
-TEST_F(RunTest, AScriptThatKillsItselfIsReportedWithWhatItWrote) {
-    auto marked = Script("echo before; kill -KILL $$", "marked");
-    marked.strCheckRet = "after";
-    manager_->RunNewScript({Script("echo before; kill -SEGV $$", "plain"), marked});
-    auto results = Collect();
-    ASSERT_EQ(results.size(), 2U);
-    EXPECT_EQ(results["plain"].result + results["plain"].output, "1before\n");
-    EXPECT_EQ(results["marked"].result + results["marked"].output, "0before\n");
-}
-
 TEST_F(RunTest, AScriptFileThatCannotBeWrittenOnHoldsNoLaunchUp) {
     const std::string slow = directory_ / "slow";
     ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);

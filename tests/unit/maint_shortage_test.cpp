@@ -159,6 +159,9 @@ TEST_F(RunTest, AnEventThatFailsMakesNoBusyLoop) {
     g_failedWaits = 0;
     EXPECT_EQ(manager_->RunOnceTask({Script("sleep 0.5; echo once")}), 1);
     EXPECT_LT(g_failedWaits.exchange(-1), 50);
+    ASSERT_EQ(Reported().size(), 1U) << "it has waited for the run";
+    EXPECT_EQ(Reported()[0].seconds, "1") << "rounded up";
+    EXPECT_EQ(manager_->RunOnceTask({}), 0);
 }
 
 TEST_F(RunTest, AReportThatThrowsLosesNoOther) {

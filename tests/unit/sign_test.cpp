@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
 #include <thread>
 
 #include "ctl/signer.h"
@@ -34,6 +35,13 @@ protected:
 
 TEST_F(SignTest, OnlyTheSignedBytesAreAccepted) {
     const std::string signature = Sign();
+    EXPECT_EQ(signature.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(signature.size(), 264U);
+    // Often enough that a message above the modulus would show, and each with a padding of its own.
+    std::set<std::string> signatures;
+    for (int round = 0; round < 64; ++round)
+        EXPECT_TRUE(IsValid(*signatures.insert(Sign()).first));
+    EXPECT_EQ(signatures.size(), 64U);
     EXPECT_TRUE(IsValid(signature));
     for (size_t i = 0; i < sizeof(SCRIPT) - 1; ++i) {
         std::string changed = SCRIPT;

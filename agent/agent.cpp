@@ -94,10 +94,10 @@ void Agent::OpenStore() {
     desk_ = std::make_unique<CommandDesk>(
         *store_, counters_, keys_, [this](const std::string& directory) { return WhyBadDirectory(directory); },
         [this](std::string document) { return server_data_.Send(std::move(document)); });
-    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, counters_, options_.retention);
     intake_ = std::make_unique<ReportIntake>(
         *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); },
         [this] { upkeep_->StoreHasGrown(); });
+    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, *intake_, counters_, options_.retention);
     manager_ = std::make_unique<Manager>(bus_, *intake_);
 }
 
@@ -149,6 +149,9 @@ void Agent::GiveFinalWords() {
     collector_->Stop();
     if (plugin_ == nullptr) {
         return;
+    }
+    if (const size_t lost = intake_->StoreWaiting(); lost > 0) {
+        QXPAGENT_LOG(kLogError, "%zu reports that waited in memory are lost: the store has not taken them", lost);
     }
     try {
         desk_->InterruptAll("The agent was stopped before every result was there; what was running was ended.");
@@ -222,6 +225,7 @@ AgentStatus Agent::Status() {
     status.scripts_queued = scripts.queued;
     status.scripts_waiting = scripts.unreported;
     status.store = store_->Figures();
+    status.reports_waiting = intake_->Waiting();
     status.counters = counters_.Get();
     return status;
 }

@@ -77,8 +77,8 @@ private:
     ServerData server_data_{bus_};
     AgentConnect agent_connect_;
     std::unique_ptr<CommandDesk> desk_;
-    std::unique_ptr<Upkeep> upkeep_;
     std::unique_ptr<ReportIntake> intake_;
+    std::unique_ptr<Upkeep> upkeep_;
     std::unique_ptr<Manager> manager_;
     Endpoint plugin_endpoint_{bus_};
     std::unique_ptr<ResultCollector> collector_;

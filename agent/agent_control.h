@@ -128,6 +128,7 @@ struct AgentCounters {
     std::vector<std::pair<double, uint64_t>> run_seconds;  // upper bound, runs at most that long; the last is infinity
     double run_seconds_sum = 0;
     uint64_t removed_undelivered = 0;  // reports that retention removed before anybody acknowledged them
+    uint64_t reports_lost = 0;         // that neither the store nor the memory had room for
 };
 
 struct AgentStatus {
@@ -141,6 +142,7 @@ struct AgentStatus {
     std::filesystem::path result_directory;
     uint64_t scripts_queued = 0;   // scripts of commands that are not yet handed to the plugin
     uint64_t scripts_waiting = 0;  // scripts of delivered commands that have no result yet
+    uint64_t reports_waiting = 0;  // in memory, for a store that takes nothing
     StoreFigures store;
     AgentCounters counters;
 };

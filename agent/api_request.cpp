@@ -1,6 +1,7 @@
 #include "agent/api_request.h"
 
 #include <algorithm>
+#include <set>
 
 #include "agent/whole_number.h"
 
@@ -69,11 +70,23 @@ std::chrono::seconds QueryParameters::Wait() const {
 }
 
 nlohmann::json ReadObject(const std::string& body, std::initializer_list<std::string_view> members) {
-    nlohmann::json object = nlohmann::json::parse(body, nullptr, false);
+    using Event = nlohmann::json::parse_event_t;
+    std::set<std::string> names;
+    std::string twice;
+    const auto note_name = [&](int depth, Event event, const nlohmann::json& name) {
+        if (event == Event::key && depth == 1 && !names.insert(name.get<std::string>()).second) {
+            twice = name.get<std::string>();
+        }
+        return true;
+    };
+    nlohmann::json object = nlohmann::json::parse(body, note_name, false);
     if (!object.is_object()) {
         throw BadRequest("The body must be one JSON object.");
     }
-    for (const auto& [name, value] : object.items()) {
+    if (!twice.empty()) {
+        throw BadRequest("The member " + Quoted(twice) + " is given twice.");
+    }
+    for (const std::string& name : names) {
         if (std::find(members.begin(), members.end(), name) == members.end()) {
             throw BadRequest("There is no member " + Quoted(name) + ".");
         }

@@ -38,7 +38,7 @@ private:
     const HttpRequest& request_;
 };
 
-/// Reads a body that is to be one JSON object with no other members than these. Throws BadRequest.
+/// Reads a body that is to be one JSON object with no other members than these, each at most once. Throws BadRequest.
 nlohmann::json ReadObject(const std::string& body, std::initializer_list<std::string_view> members);
 
 }  // namespace qxpagent

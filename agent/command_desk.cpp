@@ -16,6 +16,7 @@ namespace qxpagent {
 namespace {
 
 constexpr char kAgentEnded[] = "The agent ended before every result was there; what was running may have been cut off.";
+constexpr char kReportLost[] = "The store took nothing for too long, and a report was lost: the scripts may have run.";
 
 std::string Sha256(const std::string& text) {
     std::array<unsigned char, 32> digest{};
@@ -52,6 +53,13 @@ void Audit(const Peer& peer, const NewCommand& command, const SubmitOutcome& out
                  "command [%s] [%s] sha256 %s, %zu bytes, from user [%s] uid %u pid %d: %s%s%s", command.id.c_str(),
                  command.command.c_str(), command.sha256.c_str(), command.text.size(), peer.user.c_str(), peer.uid,
                  peer.pid, OutcomeName(outcome), outcome.detail.empty() ? "" : ": ", outcome.detail.c_str());
+}
+
+// True when `all` has an element more often than `some`. Sorts both.
+bool HasMoreThan(std::vector<std::string> all, std::vector<std::string>& some) {
+    std::sort(all.begin(), all.end());
+    std::sort(some.begin(), some.end());
+    return !std::includes(some.begin(), some.end(), all.begin(), all.end());
 }
 
 // Why the first script that is dropped is, as the end of a sentence. Named by its place: its ID is anybody's text.
@@ -258,25 +266,62 @@ void CommandDesk::TakeStock() {
     orphans_ = std::move(delivered);
 }
 
-void CommandDesk::Settle() {
-    std::vector<std::string> orphans;
-    {
-        const std::lock_guard lock(mutex_);
-        orphans.swap(orphans_);
+void CommandDesk::ReportLost(const ReportContent& content) {
+    const std::lock_guard lock(mutex_);
+    LostReports& lost = lost_[content.id];
+    lost.refused = lost.refused || content.refusal;
+    for (const RunResult& run : content.runs) {
+        lost.scripts.push_back(run.script_id);
     }
+}
+
+void CommandDesk::Settle() {
     try {
-        while (!orphans.empty()) {
-            InterruptOne(orphans.back(), kAgentEnded);
-            orphans.pop_back();
-        }
+        SettleOrphans();
+        SettleLost();
         for (const std::string& id : store_.IdsIn(CommandState::kReceived)) {
             DeliverAgain(id);
         }
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "commands without a final word are left for later: %s", error.what());
     }
-    const std::lock_guard lock(mutex_);
-    orphans_.insert(orphans_.end(), orphans.begin(), orphans.end());
+}
+
+void CommandDesk::SettleOrphans() {
+    for (;;) {
+        std::string id;
+        {
+            const std::lock_guard lock(mutex_);
+            if (orphans_.empty()) {
+                return;
+            }
+            id = orphans_.back();
+        }
+        InterruptOne(id, kAgentEnded);
+        const std::lock_guard lock(mutex_);
+        orphans_.pop_back();
+    }
+}
+
+void CommandDesk::SettleLost() {
+    std::map<std::string, LostReports> all;
+    {
+        const std::lock_guard lock(mutex_);
+        all = lost_;
+    }
+    for (auto& [id, lost] : all) {
+        const std::optional<CommandRecord> command = store_.FindCommand(id);
+        const bool is_open = command.has_value() && command->state == CommandState::kDelivered;
+        if (is_open && lost.refused) {
+            Refuse(id, "The plugin refused it; its report was lost, since the store took nothing for too long.");
+        } else if (is_open && HasMoreThan(command->unreported, lost.scripts)) {
+            continue;  // the others are to come, or will be lost too
+        } else if (is_open) {
+            InterruptOne(id, kReportLost);
+        }
+        const std::lock_guard lock(mutex_);
+        lost_.erase(id);
+    }
 }
 
 void CommandDesk::DeliverAgain(const std::string& id) {

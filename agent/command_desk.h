@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -41,6 +42,8 @@ public:
     /// Before the plugin starts: the commands that an earlier agent delivered and never heard of are to be interrupted.
     /// Throws StoreError.
     void TakeStock();
+    /// A report is lost that said this. Settle gives its command the final word, when nothing else of it is to come.
+    void ReportLost(const ReportContent& content);
     /// Gives those their final word, and delivers what was journalled and not delivered. What the store or the plugin
     /// does not take now is left for the next call.
     void Settle();
@@ -56,6 +59,10 @@ private:
         uint32_t scripts = 0;
         std::vector<std::string> expected;
     };
+    struct LostReports {
+        bool refused = false;
+        std::vector<std::string> scripts;  // that had results in them, with repetitions
+    };
     class Turn;
 
     SubmitOutcome Take(std::string document, const Peer& peer, NewCommand& command);
@@ -67,6 +74,8 @@ private:
     void FinishWithdrawal(const std::string& id);
     void Conclude(const std::string& id, int status, const Forecast& forecast);
     void Refuse(const std::string& id, const std::string& reason);
+    void SettleOrphans();
+    void SettleLost();
     void DeliverAgain(const std::string& id);
     void InterruptOne(const std::string& id, const std::string& reason);
 
@@ -79,10 +88,11 @@ private:
     std::mutex mutex_;
     std::condition_variable turn_ended_;
     // Guarded by mutex_.
-    std::set<std::string> busy_;        // IDs that are being submitted or delivered
-    std::set<std::string> unanswered_;  // IDs that were handed over and not acknowledged
-    std::vector<std::string> orphans_;  // IDs that are to be interrupted
-    std::set<std::string> withdrawn_;   // IDs that are to be taken back, which the store refused
+    std::set<std::string> busy_;               // IDs that are being submitted or delivered
+    std::set<std::string> unanswered_;         // IDs that were handed over and not acknowledged
+    std::vector<std::string> orphans_;         // IDs that are to be interrupted
+    std::set<std::string> withdrawn_;          // IDs that are to be taken back, which the store refused
+    std::map<std::string, LostReports> lost_;  // by the ID of the command
 };
 
 }  // namespace qxpagent

@@ -125,7 +125,8 @@ std::vector<MetricFamily> OfTheWork(const AgentCounters& counters) {
                 {{ToDouble(counters.output_bytes), {}}})};
 }
 
-std::vector<MetricFamily> OfTheStore(const StoreFigures& store, uint64_t removed) {
+std::vector<MetricFamily> OfTheStore(const AgentStatus& status) {
+    const StoreFigures& store = status.store;
     return {
         CommandStates(store),
         Gauge("qxpagent_reports", "Reports in the store.", {{ToDouble(store.reports), {}}}),
@@ -135,7 +136,12 @@ std::vector<MetricFamily> OfTheStore(const StoreFigures& store, uint64_t removed
               "Age of the oldest report that nobody has acknowledged, 0 when there is none.",
               {{AgeSeconds(store.oldest_pending), {}}}),
         Counter("qxpagent_reports_removed_pending_total",
-                "Reports that retention removed before anybody acknowledged them.", {{ToDouble(removed), {}}}),
+                "Reports that retention removed before anybody acknowledged them.",
+                {{ToDouble(status.counters.removed_undelivered), {}}}),
+        Gauge("qxpagent_reports_waiting", "Reports in memory that the store does not take at present.",
+              {{ToDouble(status.reports_waiting), {}}}),
+        Counter("qxpagent_reports_lost_total", "Reports that neither the store nor the memory had room for.",
+                {{ToDouble(status.counters.reports_lost), {}}}),
         Gauge("qxpagent_store_bytes", "Texts in the store.", {{ToDouble(store.bytes), {}}}),
         Gauge("qxpagent_store_writable", "1 while the store takes what comes.", {{store.fault.empty() ? 1.0 : 0, {}}})};
 }
@@ -144,7 +150,7 @@ std::vector<MetricFamily> OfTheStore(const StoreFigures& store, uint64_t removed
 
 std::string MetricsText(const AgentStatus& status) {
     std::vector<MetricFamily> families = OfTheAgent(status);
-    for (auto& group : {OfTheWork(status.counters), OfTheStore(status.store, status.counters.removed_undelivered)}) {
+    for (auto& group : {OfTheWork(status.counters), OfTheStore(status)}) {
         families.insert(families.end(), group.begin(), group.end());
     }
     return prometheus::TextSerializer().Serialize(families);

@@ -43,6 +43,11 @@ void RunCounters::RemovedUndelivered(uint64_t reports) {
     counters_.removed_undelivered += reports;
 }
 
+void RunCounters::ReportLost() {
+    const std::lock_guard lock(mutex_);
+    ++counters_.reports_lost;
+}
+
 void RunCounters::Count(const ReportContent& content) {
     const std::lock_guard lock(mutex_);
     for (const RunResult& run : content.runs) {

@@ -19,6 +19,7 @@ public:
     /// Runs that will never have a result.
     void Interrupted(uint64_t runs);
     void RemovedUndelivered(uint64_t reports);
+    void ReportLost();
     /// The runs of a report that was stored.
     void Count(const ReportContent& content);
 

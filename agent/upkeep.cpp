@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <exception>
 #include <utility>
 
 #include "agent/housekeeping.h"
@@ -11,13 +12,14 @@ namespace qxpagent {
 
 namespace {
 
-constexpr std::chrono::seconds kRetryTime{5};   // what the store refused is tried again
-constexpr std::chrono::minutes kRoundTime{10};  // ages are looked at
+constexpr std::chrono::seconds kRetryTime{5};    // what the store refused is tried again
+constexpr std::chrono::seconds kWaitingTime{1};  // reports that wait in memory are
+constexpr std::chrono::minutes kRoundTime{10};   // ages are looked at
 
 }  // namespace
 
-Upkeep::Upkeep(Store& store, CommandDesk& desk, RunCounters& counters, const Retention& retention)
-    : store_(store), desk_(desk), counters_(counters), retention_(retention) {
+Upkeep::Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters, const Retention& retention)
+    : store_(store), desk_(desk), intake_(intake), counters_(counters), retention_(retention) {
 }
 
 Upkeep::~Upkeep() {
@@ -68,12 +70,14 @@ void Upkeep::Loop() {
         }
         Round(all, retention);
         lock.lock();
-        woken_.wait_for(lock, kRetryTime, [this] { return stopping_ || grown_; });
+        const auto pause = intake_.Waiting() != 0 ? kWaitingTime : kRetryTime;
+        woken_.wait_for(lock, pause, [this] { return stopping_ || grown_; });
     }
 }
 
 void Upkeep::Round(bool all, const Retention& retention) {
     try {
+        StoreWaiting();
         store_.Probe();
         desk_.Settle();
         if (all || store_.Bytes() > retention.bytes) {
@@ -83,8 +87,17 @@ void Upkeep::Round(bool all, const Retention& retention) {
             RemoveLeftovers(store_, directories_.data, directories_.result,
                             std::chrono::system_clock::now() - retention.leftover_age);
         }
-    } catch (const StoreError& error) {
+    } catch (const std::exception& error) {  // a store that fails, or no memory
         QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());
+    }
+}
+
+void Upkeep::StoreWaiting() {
+    if (intake_.Waiting() != 0) {
+        intake_.StoreWaiting();
+    }
+    for (const ReportContent& content : intake_.TakeLost()) {
+        desk_.ReportLost(content);
     }
 }
 

@@ -8,13 +8,14 @@
 
 #include "agent/command_desk.h"
 #include "agent/options.h"
+#include "agent/report_intake.h"
 #include "agent/run_counters.h"
 #include "agent/store.h"
 
 namespace qxpagent {
 
 /// A thread that keeps the store within its limits and the plugin's directories tidy, and tries again what the store
-/// refused.
+/// did not take.
 class Upkeep {
 public:
     struct Directories {
@@ -22,7 +23,8 @@ public:
         std::filesystem::path result;
     };
 
-    Upkeep(Store& store, CommandDesk& desk, RunCounters& counters, const Retention& retention);
+    /// All must outlive it.
+    Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters, const Retention& retention);
     ~Upkeep();
     Upkeep(const Upkeep&) = delete;
     Upkeep& operator=(const Upkeep&) = delete;
@@ -39,11 +41,13 @@ public:
 private:
     void Loop();
     void Round(bool all, const Retention& retention);
+    void StoreWaiting();
     void Retain(const Retention& retention);
 
     // Constant after Start.
     Store& store_;
     CommandDesk& desk_;
+    ReportIntake& intake_;
     RunCounters& counters_;
     Directories directories_;
 

@@ -85,7 +85,7 @@ public:
         const std::string bytes = Envelope(ReportText(i, "a"));
         if (plugin_.SendAsync(kManagerId, kReportMessage, reinterpret_cast<const unsigned char*>(bytes.data()),
                               static_cast<unsigned int>(bytes.size()), nullptr, nullptr, nullptr, 5000) == kBusOk)
-            record_[i].reported = true;
+            record_[i].reported = intake_.StoreWaiting() == 0;
     }
     void StoreFile(size_t i) {
         const std::string text = ReportText(i, "b");

@@ -239,6 +239,31 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
     EXPECT_EQ(0U, AgentReports("done"));
 }
 
+TEST_F(CommandDeskTest, ACommandWhoseReportsAreLostGetsItsFinalWord) {
+    Submit(Document("c", Script("a") + "," + Script("a") + "," + Script("b")));
+    Submit(Document("refused"));
+    const auto lose = [this](const std::string& id, const std::string& runs) {
+        desk_->ReportLost(ReadReport(ResultText(id, runs)));
+        desk_->Settle();
+    };
+    lose("nobody's", "");
+    lose("c", RunText("a", "1", ""));
+    Report(ResultText("c", RunText("b", "1", "")));
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kDelivered, StateOf("c")) << "the other run of \"a\" is to be heard of";
+    lose("c", RunText("a", "2", ""));
+    EXPECT_EQ(CommandState::kInterrupted, StateOf("c"));
+    EXPECT_THAT(store_->FindCommand("c")->reason, HasSubstr("a report was lost"));
+    EXPECT_EQ((std::vector<std::string>{"a", "a"}), store_->FindCommand("c")->unreported);
+
+    auto lock = Lock();
+    desk_->ReportLost(ReadReport(R"({"ID":"refused","msg_type":"4"})"));
+    desk_->Settle();
+    lock.reset();
+    desk_->Settle();
+    EXPECT_EQ(CommandState::kRefused, StateOf("refused"));
+}
+
 TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
     Journal("z");
     Journal("c");

@@ -42,7 +42,7 @@ protected:
 
     std::atomic<int> stored_{0};
     ReportIntake intake_{*store_, counters_, [](const std::string& id) { return id == "delivering"; },
-                         [this] { ++stored_; }};
+                         [this] { ++stored_; }, {.reports = 3}};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
     Manager manager_{bus_, intake_};
     Endpoint plugin_{bus_};
@@ -81,11 +81,30 @@ TEST_F(ManagerTest, ARefusalIsBelievedOnlyForACommandThatIsBeingDelivered) {
     EXPECT_EQ(2U, store_->Figures().reports) << "both are kept";
 }
 
-TEST_F(ManagerTest, ASendThatCannotBeStoredFailsAndIsNotCompleted) {
-    CompletionLog log;
+TEST_F(ManagerTest, AReportThatTheStoreDoesNotTakeWaitsWithThoseBehindIt) {
     auto lock = Lock();
-    EXPECT_NE(kBusOk, Send("{}", &log));
+    for (const char* text : {R"({"ID":"1"})", R"({"ID":"2"})"}) {
+        EXPECT_EQ(kBusOk, Send(text));
+    }
+    EXPECT_EQ(2U, intake_.StoreWaiting());
     lock.reset();
+    EXPECT_EQ(kBusOk, Send(R"({"ID":"3"})")) << "and does not overtake them";
+    EXPECT_NE(kBusOk, Send(R"({"ID":"4"})")) << "there is room for three";
+    EXPECT_EQ(0U, store_->Figures().reports);
+    EXPECT_EQ(0U, intake_.StoreWaiting());
+    std::string order;
+    for (const Report& report : store_->ListReports({})) {
+        order += report.id;
+    }
+    EXPECT_EQ("123", order);
+    EXPECT_THAT(intake_.TakeLost(), testing::ElementsAre(testing::Field(&ReportContent::id, "4")));
+    EXPECT_THAT(intake_.TakeLost(), testing::IsEmpty());
+    EXPECT_EQ(1U, counters_.Get().reports_lost);
+    EXPECT_EQ(kBusOk, Send("{}")) << "there is room again";
+}
+
+TEST_F(ManagerTest, ASendThatIsRefusedIsNotCompleted) {
+    CompletionLog log;
     const unsigned char malformed[] = {1, 2, 3};
     EXPECT_NE(kBusOk, plugin_.SendAsync(kManagerId, kReportMessage, malformed, 3, &log, nullptr, nullptr, 60000));
     EXPECT_EQ(kBusOk, Send("{}", &log));

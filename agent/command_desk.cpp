@@ -47,12 +47,12 @@ SubmitOutcome StorageOutcome(const StoreError& error) {
 }
 
 // The record of what was done for whom.
-void Audit(const Peer& peer, const NewCommand& command, const SubmitOutcome& outcome) {
+void Audit(const Peer& peer, const NewCommand& command, size_t bytes, const SubmitOutcome& outcome) {
     const bool taken = outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kKnown;
     QXPAGENT_LOG(taken ? kLogInfo : kLogWarn,
                  "command [%s] [%s] sha256 %s, %zu bytes, from user [%s] uid %u pid %d: %s%s%s", command.id.c_str(),
-                 command.command.c_str(), command.sha256.c_str(), command.text.size(), peer.user.c_str(), peer.uid,
-                 peer.pid, OutcomeName(outcome), outcome.detail.empty() ? "" : ": ", outcome.detail.c_str());
+                 command.command.c_str(), command.sha256.c_str(), bytes, peer.user.c_str(), peer.uid, peer.pid,
+                 OutcomeName(outcome), outcome.detail.empty() ? "" : ": ", outcome.detail.c_str());
 }
 
 // True when `all` has an element more often than `some`. Sorts both.
@@ -96,6 +96,7 @@ private:
 };
 
 SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
+    const size_t bytes = document.size();
     NewCommand command;
     SubmitOutcome outcome;
     try {
@@ -108,11 +109,12 @@ SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
     } else if (outcome.status == SubmitStatus::kUnacceptable) {
         counters_.RefusedAtDoor();
     }
-    Audit(peer, command, outcome);
+    Audit(peer, command, bytes, outcome);
     return outcome;
 }
 
 SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewCommand& command) {
+    const ByteGate::Pass pass(gate_, document.size());
     command.submitter = peer;
     command.received = std::chrono::system_clock::now();
     command.text = std::move(document);
@@ -152,7 +154,7 @@ CommandDesk::Forecast CommandDesk::Foresee(const qxtools::CPJsonParse& document)
     return forecast;
 }
 
-SubmitOutcome CommandDesk::Journal(const NewCommand& command, const Forecast& forecast) {
+SubmitOutcome CommandDesk::Journal(NewCommand& command, const Forecast& forecast) {
     FinishWithdrawal(command.id);
     CommandRecord known;
     switch (store_.Admit(command, known)) {
@@ -173,8 +175,9 @@ SubmitOutcome CommandDesk::Journal(const NewCommand& command, const Forecast& fo
     return Deliver(command, forecast);
 }
 
-SubmitOutcome CommandDesk::Deliver(const NewCommand& command, const Forecast& forecast) {
-    const int status = HandOverOne(command.id, command.text);
+// Gives the document away: it can be large, and the journal has it.
+SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast) {
+    const int status = HandOverOne(command.id, std::move(command.text));
     switch (status) {
         case kBusUndelivered:
         case kBusNotAttached:
@@ -201,12 +204,12 @@ SubmitOutcome CommandDesk::Deliver(const NewCommand& command, const Forecast& fo
     return outcome;
 }
 
-int CommandDesk::HandOverOne(const std::string& id, const std::string& text) {
+int CommandDesk::HandOverOne(const std::string& id, std::string text) {
     {
         const std::lock_guard lock(mutex_);
         unanswered_.insert(id);
     }
-    const int status = hand_over_(text);
+    const int status = hand_over_(std::move(text));
     if (status != kBusTimedOut) {
         const std::lock_guard lock(mutex_);
         unanswered_.erase(id);
@@ -333,15 +336,19 @@ void CommandDesk::DeliverAgain(const std::string& id) {
     if (command.text.empty() || !store_.MarkDelivered(id)) {
         return;  // another thread has dealt with it
     }
-    qxtools::CPJsonParse json;
-    // What was good when it came may not be any more, and others may have written to the store.
-    if (const std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_); !reason.empty()) {
-        QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
-        Refuse(id, reason);
-        return;
+    Forecast forecast;
+    {
+        qxtools::CPJsonParse json;
+        // What was good when it came may not be any more, and others may have written to the store.
+        if (const std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+            !reason.empty()) {
+            QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
+            Refuse(id, reason);
+            return;
+        }
+        forecast = Foresee(json);
     }
-    const Forecast forecast = Foresee(json);
-    const int status = HandOverOne(id, command.text);
+    const int status = HandOverOne(id, std::move(command.text));
     if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
         store_.MarkReceived(id);
         QXPAGENT_LOG(kLogWarn, "command [%s] is journalled and could not be delivered (%d)", id.c_str(), status);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/agent_control.h"
+#include "agent/byte_gate.h"
 #include "agent/run_counters.h"
 #include "agent/store.h"
 #include "policy/admission.h"
@@ -64,12 +65,13 @@ private:
         std::vector<std::string> scripts;  // that had results in them, with repetitions
     };
     class Turn;
+    static constexpr size_t kBytesAtOnce = size_t{100} << 20;
 
     SubmitOutcome Take(std::string document, const Peer& peer, NewCommand& command);
-    SubmitOutcome Journal(const NewCommand& command, const Forecast& forecast);
+    SubmitOutcome Journal(NewCommand& command, const Forecast& forecast);
     Forecast Foresee(const qxtools::CPJsonParse& document) const;
-    SubmitOutcome Deliver(const NewCommand& command, const Forecast& forecast);
-    int HandOverOne(const std::string& id, const std::string& text);
+    SubmitOutcome Deliver(NewCommand& command, const Forecast& forecast);
+    int HandOverOne(const std::string& id, std::string text);
     SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
     void FinishWithdrawal(const std::string& id);
     void Conclude(const std::string& id, int status, const Forecast& forecast);
@@ -85,6 +87,7 @@ private:
     const qxppolicy::DirectoryRule directory_rule_;
     const HandOver hand_over_;
 
+    ByteGate gate_{kBytesAtOnce};  // of documents that are checked, journalled and handed over
     std::mutex mutex_;
     std::condition_variable turn_ended_;
     // Guarded by mutex_.

@@ -24,6 +24,8 @@ const char* Title(int status) {
             return "Content Too Large";
         case 422:
             return "Unprocessable Content";
+        case 501:
+            return "Not Implemented";
         case 503:
             return "Service Unavailable";
         case 504:

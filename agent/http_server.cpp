@@ -1,10 +1,12 @@
 #include "agent/http_server.h"
 
 #include <microhttpd.h>
+#include <pthread.h>
+#include <strings.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -13,13 +15,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "agent/log.h"
 #include "agent/peer.h"
 #include "agent/startup_error.h"
-#include "agent/unique_fd.h"
+#include "agent/whole_number.h"
 
 namespace qxpagent {
 
@@ -34,13 +37,62 @@ struct HttpServer::Exchange {
 
 namespace {
 
-size_t DeclaredLength(MHD_Connection* connection) {
-    const char* const text = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    uint64_t length = 0;
-    if (text != nullptr && std::from_chars(text, text + std::strlen(text), length).ec != std::errc()) {
-        return SIZE_MAX;
+int DescriptorOf(MHD_Connection* connection) {
+    return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+}
+
+std::vector<std::string_view> HeaderValues(MHD_Connection* connection, std::string_view name) {
+    struct Wanted {
+        std::string_view name;
+        std::vector<std::string_view> values;
+    } wanted{name, {}};
+    MHD_get_connection_values_n(
+        connection, MHD_HEADER_KIND,
+        [](void* context, MHD_ValueKind /*kind*/, const char* key, size_t key_size, const char* value,
+           size_t value_size) {
+            auto* const search = static_cast<Wanted*>(context);
+            if (key_size == search->name.size() && strncasecmp(key, search->name.data(), key_size) == 0) {
+                search->values.emplace_back(value != nullptr ? value : "", value_size);
+            }
+            return MHD_YES;
+        },
+        &wanted);
+    return wanted.values;
+}
+
+// How a body comes, as the head says.
+struct BodyFrame {
+    uint64_t length = 0;                  // as declared; 0 when it comes in chunks
+    std::optional<HttpResponse> refusal;  // nobody knows where this request ends
+};
+
+HttpResponse Unframed(int status, const char* detail) {
+    HttpResponse response = Problem(status, detail);
+    response.headers.emplace_back(MHD_HTTP_HEADER_CONNECTION, "close");
+    return response;
+}
+
+// Stricter than the server library, which takes the first of two lengths and waits for ever for the end of a coding
+// that it does not know (RFC 9112 sections 6.1 and 6.3).
+BodyFrame FrameOf(MHD_Connection* connection) {
+    const auto lengths = HeaderValues(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    const auto codings = HeaderValues(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
+    if (lengths.size() > 1 || (!lengths.empty() && !codings.empty())) {
+        return {0, Unframed(400, "The length of the body is given twice.")};
     }
-    return length;
+    if (codings.size() > 1 ||
+        (!codings.empty() && (codings[0].size() != 7 || strncasecmp(codings[0].data(), "chunked", 7) != 0))) {
+        return {0, Unframed(501, "The only transfer coding that is understood is chunked.")};
+    }
+    BodyFrame frame;
+    if (!lengths.empty()) {
+        const std::optional<uint64_t> length = WholeNumber(lengths[0]);
+        if (!length.has_value()) {
+            return {0, Unframed(400, "Content-Length must be a whole number.")};
+        }
+        frame.length = *length;
+    }
+    return frame;
 }
 
 // How much of a body is read only to be thrown away. A client that is cut off while it is still sending may never see
@@ -67,6 +119,31 @@ MHD_Response* MakeMessage(HttpBody body) {
         [[maybe_unused]] HttpBody* const given = owned.release();
     }
     return message;
+}
+
+// A whole answer at once, for a connection of which nothing more is wanted. Small: it never waits for the client.
+void SendAndShut(int descriptor, const HttpResponse& response) {
+    std::string body;
+    for (const std::string& piece : response.body.Pieces()) {
+        body += piece;
+    }
+    std::string text = "HTTP/1.1 " + std::to_string(response.status) + " " +
+                       MHD_get_reason_phrase_for(static_cast<unsigned int>(response.status)) +
+                       "\r\nContent-Type: " + response.content_type +
+                       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n";
+    for (const auto& [name, value] : response.headers) {
+        text.append(name).append(": ").append(value).append("\r\n");
+    }
+    text += "\r\n" + body;
+    [[maybe_unused]] const ssize_t sent = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    shutdown(descriptor, SHUT_RDWR);
+}
+
+std::optional<uid_t> UserOf(int descriptor) {
+    ucred credentials{};
+    socklen_t size = sizeof(credentials);
+    return getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? std::optional(credentials.uid)
+                                                                                     : std::nullopt;
 }
 
 MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
@@ -109,11 +186,28 @@ struct HttpServer::Callbacks {
         }
     }
 
-    static void OnEnd(void* server, MHD_Connection* /*connection*/, void** state, MHD_RequestTerminationCode /*why*/) {
+    static void OnEnd(void* server, MHD_Connection* connection, void** state, MHD_RequestTerminationCode /*why*/) {
         if (*state != nullptr) {
-            static_cast<HttpServer*>(server)->End(static_cast<Exchange*>(*state));
+            static_cast<HttpServer*>(server)->End(connection, static_cast<Exchange*>(*state));
             *state = nullptr;
         }
+    }
+
+    static void OnConnection(void* server, MHD_Connection* connection, void** /*state*/,
+                             MHD_ConnectionNotificationCode what) {
+        HttpDoor& door = static_cast<HttpServer*>(server)->door_;
+        const int descriptor = DescriptorOf(connection);
+        if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
+            door.Forget(descriptor);
+        } else if (const std::optional<uid_t> user = UserOf(descriptor); !user || !door.Admit(descriptor, *user)) {
+            Refuse(descriptor, 503, "Too many connections of this user, or of all: come again later.");
+        }
+    }
+
+    // The first that is heard of a request, on its connection's thread.
+    static void* OnTarget(void* /*server*/, const char* /*target*/, MHD_Connection* connection) {
+        current_descriptor = DescriptorOf(connection);
+        return nullptr;
     }
 
     static MHD_Result OnQueryParameter(void* query, MHD_ValueKind /*kind*/, const char* key, size_t key_size,
@@ -131,27 +225,55 @@ struct HttpServer::Callbacks {
     }
 
     static void OnLog(void* /*unused*/, const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+        if (std::string_view(format).starts_with(kOwnAnswer) && current_descriptor >= 0) {
+            Refuse(current_descriptor, static_cast<int>(va_arg(arguments, unsigned int)), "The request is malformed.");
+            return;
+        }
         std::array<char, 512> text{};
         vsnprintf(text.data(), text.size(), format, arguments);
         text[std::strcspn(text.data(), "\n")] = '\0';
         QXPAGENT_LOG(kLogWarn, "http: %s", text.data());
     }
+
+private:
+    // How the library announces that it is about to answer a request by itself, because it cannot be parsed. It answers
+    // in HTML, and a wrong length twice in one; so the answer is given here, and its own finds the connection shut.
+    static constexpr std::string_view kOwnAnswer = "Error processing request (HTTP response code is %u";
+
+    // Answers for the library, which then finds the connection shut.
+    static void Refuse(int descriptor, int status, const char* detail) {
+        try {
+            SendAndShut(descriptor, Problem(status, detail));
+        } catch (const std::exception& error) {
+            QXPAGENT_LOG(kLogWarn, "http: %s", error.what());
+            shutdown(descriptor, SHUT_RDWR);
+        }
+    }
+
+    static thread_local int current_descriptor;  // of the connection whose request this thread is reading
 };
 
+thread_local int HttpServer::Callbacks::current_descriptor = -1;
+
 HttpServer::HttpServer(UnixListener& listener, HttpHandler& handler, const HttpLimits& limits)
-    : listener_(listener), handler_(handler), limits_(limits) {
+    : listener_(listener), handler_(handler), limits_(limits), door_(limits), watch_([this] { door_.EndOverdue(); }) {
+    pthread_setname_np(watch_.native_handle(), "qxphttptimes");
+    constexpr unsigned int kSpare = 64;  // connections that are being refused or closed
     // The server library suppresses SIGPIPE on its own threads and makes every descriptor close-on-exec.
     daemon_ = MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL |
                                    MHD_USE_ITC | MHD_USE_ERROR_LOG,
                                0, nullptr, nullptr, &Callbacks::OnRequest, this,        //
                                MHD_OPTION_EXTERNAL_LOGGER, &Callbacks::OnLog, nullptr,  // first: set-up errors count
                                MHD_OPTION_LISTEN_SOCKET, listener_.Release(),           //
-                               MHD_OPTION_CONNECTION_LIMIT, limits_.connections,        //
+                               MHD_OPTION_CONNECTION_LIMIT, 2 * limits_.connections + kSpare,                   //
                                MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits_.idle.count()),  //
                                MHD_OPTION_UNESCAPE_CALLBACK, &Callbacks::Unescape, nullptr,                     //
+                               MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::OnTarget, nullptr,                      //
+                               MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::OnConnection, this,                    //
                                MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::OnEnd, this,                            //
                                MHD_OPTION_END);
     if (daemon_ == nullptr) {
+        EndWatch();
         throw StartupError("The HTTP server cannot be started on " + listener_.Path().string() + ": the log says why.");
     }
 }
@@ -166,12 +288,17 @@ void HttpServer::Stop() {
     }
     listener_.RemoveName();
     const UniqueFd listening(MHD_quiesce_daemon(daemon_));  // still polled until the daemon has been stopped
-    {
-        std::unique_lock lock(mutex_);
-        ended_.wait_for(lock, limits_.drain, [this] { return exchanges_ == 0; });
-    }
+    door_.AwaitRequests(limits_.drain);
+    // Without any connection: the library follows a null pointer when it is stopped while it answers a wrong length.
+    door_.ShutAll(limits_.drain);
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
+    EndWatch();
+}
+
+void HttpServer::EndWatch() {
+    door_.End();
+    watch_.join();
 }
 
 HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* path, const char* method) {
@@ -179,19 +306,22 @@ HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* 
     HttpRequest& request = exchange->request;
     request.method = method;
     request.path = path;
-    request.peer = PeerOf(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd);
+    const int descriptor = DescriptorOf(connection);
+    request.peer = PeerOf(descriptor);
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::OnQueryParameter, &request.query);
     exchange->max_body = handler_.MaxBodyBytes(request);
-    const size_t length = DeclaredLength(connection);
-    exchange->refuse_now = length > Patience(exchange->max_body) ||
+    BodyFrame frame = FrameOf(connection);
+    exchange->refuse_now = frame.refusal.has_value() || frame.length > Patience(exchange->max_body) ||
                            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_EXPECT) != nullptr;
-    if (length > exchange->max_body) {
+    if (frame.refusal.has_value()) {
+        exchange->refusal = std::move(frame.refusal);
+    } else if (frame.length > exchange->max_body) {
         exchange->refusal = TooLarge(exchange->max_body);
     } else {
-        request.body.reserve(length);
+        request.body.reserve(frame.length);
     }
-    std::lock_guard lock(mutex_);
-    if (++exchanges_ > limits_.requests) {
+    door_.Begin(descriptor, HttpDoor::Step::kBody);
+    if (!door_.AddRequest(request.peer.uid) && !exchange->refusal.has_value()) {
         exchange->refusal = Problem(503, "Too many requests at once: send this one again later.");
     }
     return exchange.release();
@@ -203,14 +333,13 @@ bool HttpServer::TakeBody(Exchange& exchange, const char* data, size_t size) {
     if (!exchange.refusal.has_value()) {
         if (size > exchange.max_body - body.size()) {
             exchange.refusal = TooLarge(exchange.max_body);
-        } else if (body_bytes_.fetch_add(size) + size > limits_.body_bytes) {
-            body_bytes_ -= size;
+        } else if (!door_.AddBody(exchange.request.peer.uid, size)) {
             exchange.refusal = Problem(503, "Too many large requests at once: send this one again later.");
         } else {
             body.append(data, size);
             return true;
         }
-        body_bytes_ -= body.size();
+        door_.RemoveBody(exchange.request.peer.uid, body.size());
         std::string().swap(body);
     }
     exchange.discarded += size;
@@ -221,8 +350,11 @@ HttpResponse HttpServer::Answer(MHD_Connection* connection, Exchange& exchange) 
     if (exchange.refusal.has_value()) {
         return std::move(*exchange.refusal);
     }
-    // The idle time is for clients; an answer may take as long as it takes.
+    // The times are for clients; an answer may take as long as it takes.
+    const int descriptor = DescriptorOf(connection);
+    door_.Begin(descriptor, HttpDoor::Step::kAnswer);
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
+    const uid_t user = exchange.request.peer.uid;
     const size_t body_bytes = exchange.request.body.size();
     HttpResponse response;
     try {
@@ -231,19 +363,20 @@ HttpResponse HttpServer::Answer(MHD_Connection* connection, Exchange& exchange) 
         QXPAGENT_LOG(kLogError, "a request failed: %s", error.what());
         response = Problem(500, "The agent could not handle the request; its log says why.");
     }
-    exchange.request = {};
-    body_bytes_ -= body_bytes;
+    exchange.request.body = {};
+    door_.RemoveBody(user, body_bytes);
+    door_.Begin(descriptor, HttpDoor::Step::kSending);
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT,
                               static_cast<unsigned int>(limits_.idle.count()));
     return response;
 }
 
-void HttpServer::End(Exchange* exchange) {
-    body_bytes_ -= exchange->request.body.size();
+void HttpServer::End(MHD_Connection* connection, Exchange* exchange) {
+    const uid_t user = exchange->request.peer.uid;
+    door_.RemoveBody(user, exchange->request.body.size());
     delete exchange;
-    std::lock_guard lock(mutex_);
-    --exchanges_;
-    ended_.notify_all();
+    door_.Begin(DescriptorOf(connection), HttpDoor::Step::kHead);
+    door_.RemoveRequest(user);
 }
 
 }  // namespace qxpagent

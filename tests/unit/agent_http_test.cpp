@@ -19,14 +19,7 @@ TEST_F(HttpTest, ABodyOverTheLimitIsRefusedWhicheverWayItIsSent) {
     agent_.submit_outcome = {SubmitStatus::kTaken, "", CommandRecord{}};
 
     // A client that is still sending is heard out, one that asks first or announces too much is answered at once.
-    const auto answer_to = [this](const std::string& request) {
-        const int fd = Connect();
-        EXPECT_EQ(static_cast<ssize_t>(request.size()), send(fd, request.data(), request.size(), MSG_NOSIGNAL));
-        std::string answer(12, '\0');
-        answer.resize(static_cast<size_t>(std::max<ssize_t>(0, recv(fd, answer.data(), 12, MSG_WAITALL))));
-        close(fd);
-        return answer;
-    };
+    const auto answer_to = [this](const std::string& request) { return Raw(request, 12); };
     const std::string head = "POST /v1/commands HTTP/1.1\r\nHost: a\r\n";
     EXPECT_EQ("HTTP/1.1 413", answer_to(head + "Expect: 100-continue\r\nContent-Length: 104857601\r\n\r\n"));
     EXPECT_EQ("HTTP/1.1 413", answer_to(head + "Content-Length: 1000000000000\r\n\r\n"));
@@ -35,6 +28,79 @@ TEST_F(HttpTest, ABodyOverTheLimitIsRefusedWhicheverWayItIsSent) {
     std::string document = R"({"ID":"big","padding":")" + std::string(size_t{20} << 20, 'x') + "\"}";
     EXPECT_EQ(202, Post("/v1/commands", document).status);
     EXPECT_EQ(document, agent_.submitted);
+}
+
+TEST_F(HttpTest, ARequestWhoseEndNobodyKnowsIsAnsweredOnceAndIsTheLast) {
+    Serve();
+    const std::string head = "POST /v1/runonce HTTP/1.1\r\nHost: a\r\n";
+    const std::string body = R"({"name":"good.json"})";
+    const std::string length = "Content-Length: 20\r\n";
+    for (const std::string& framing :
+         {length + length, length + "Content-Length: 5\r\n", "Transfer-Encoding: chunked\r\n" + length,
+          std::string("Transfer-Encoding: gzip\r\n"), std::string("Transfer-Encoding: gzip, chunked\r\n"),
+          std::string("Content-Length: 20x\r\n"), std::string("Content-Length: -20\r\n"),
+          std::string("Content-Length: 20, 20\r\n"), std::string("Content-Length: 99999999999999999999\r\n")}) {
+        const std::string answer = Raw(head + framing + "\r\n" + body);
+        EXPECT_THAT(answer, testing::MatchesRegex("HTTP/1.1 (400|413|501) .*\r\n\r\n\\{[^\n]*\\}")) << framing;
+        EXPECT_EQ(answer.rfind("HTTP/1.1"), 0U) << framing;
+    }
+    EXPECT_EQ("HTTP/1.1 200", Raw(head + length + "\r\n" + body, 12));
+}
+
+TEST_F(HttpTest, WhoeverDripsIsCutOffAndShutsOutNobody) {
+    Serve({.connections = 4, .head = std::chrono::seconds(1), .body = std::chrono::seconds(1)});
+    for (const std::string start :
+         {"GET /v1/status HTTP/1.1\r\nX: ", "POST /v1/runonce HTTP/1.1\r\nHost: a\r\nContent-Length: 9999\r\n\r\n"}) {
+        std::vector<int> connections;
+        for (int i = 0; i < 5; ++i) {
+            connections.push_back(Connect());
+            send(connections.back(), start.data(), start.size(), MSG_NOSIGNAL);
+        }
+        EXPECT_EQ("HTTP/1.1 503", Raw("", 12)) << "there are as many as there may be";
+        for (const int connection : connections) {
+            EXPECT_TRUE(WaitUntil([&] { return send(connection, "x", 1, MSG_NOSIGNAL) < 0; })) << start;
+            close(connection);
+        }
+        EXPECT_TRUE(WaitUntil([&] { return Get("/v1/status").status == 200; }));
+    }
+}
+
+TEST(HttpDoorTest, NobodyTakesWhatIsForOthers) {
+    constexpr uid_t kRoot = 0;
+    HttpDoor door({.requests = 3, .connections = 5, .user_connections = 2, .body_bytes = 100, .user_body_bytes = 60});
+    int next = 1000;
+    const auto connect = [&](uid_t user) { return door.Admit(next++, user); };
+    EXPECT_TRUE(connect(101) && connect(101));
+    EXPECT_FALSE(connect(101)) << "its own two are used";
+    EXPECT_TRUE(connect(102) && connect(102) && connect(103));
+    EXPECT_FALSE(connect(104)) << "the five of all are used";
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(connect(kRoot)) << i;
+    }
+    EXPECT_FALSE(connect(kRoot));
+    door.Forget(1000);
+    door.Forget(1000);
+    EXPECT_TRUE(connect(104));
+    EXPECT_FALSE(connect(101)) << "one was given up, and is another's now";
+
+    for (const uid_t user : {101, 102, 103}) {
+        EXPECT_TRUE(door.AddRequest(user));
+        EXPECT_TRUE(door.AddRequest(kRoot));
+    }
+    EXPECT_FALSE(door.AddRequest(104));
+    EXPECT_FALSE(door.AddRequest(kRoot));
+    door.RemoveRequest(104);
+    door.RemoveRequest(101);
+    EXPECT_TRUE(door.AddRequest(104));
+
+    EXPECT_TRUE(door.AddBody(101, 60));
+    EXPECT_FALSE(door.AddBody(101, 1));
+    EXPECT_FALSE(door.AddBody(102, 41));
+    EXPECT_TRUE(door.AddBody(102, 40));
+    EXPECT_TRUE(door.AddBody(kRoot, 100));
+    EXPECT_FALSE(door.AddBody(kRoot, 1));
+    door.RemoveBody(101, 60);
+    EXPECT_TRUE(door.AddBody(102, 20));
 }
 
 TEST_F(HttpTest, RunOnceAnswersWhenTheCallReturns) {

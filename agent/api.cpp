@@ -43,7 +43,7 @@ std::span<const Api::Route> Api::Routes() {
         {"/v1/commands",            "GET",  kMaxSmallBodyBytes, {"state", "after", "limit", "wait"}, &Api::ListCommands},
         {"/v1/commands/{id}",       "GET",  kMaxSmallBodyBytes, {}, &Api::ShowCommand},
         {"/v1/reports",             "GET",  kMaxSmallBodyBytes,
-         {"id", "source", "acknowledged", "after", "limit", "wait"}, &Api::ListReports},
+         {"id", "source", "acknowledged", "documents", "after", "limit", "wait"}, &Api::ListReports},
         {"/v1/reports/acknowledge", "POST", kMaxSmallBodyBytes, {}, &Api::AcknowledgeReports},
         {"/v1/results",             "GET",  kMaxSmallBodyBytes, {"id", "after", "limit", "wait"}, &Api::ListResults},
         {"/v1/results/{cursor}",    "GET",  kMaxSmallBodyBytes, {}, &Api::ShowResult},

@@ -99,10 +99,18 @@ HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name)
     }
     ReportQuery query;
     query.id = name;
+    std::vector<Report> reports = agent_.ListReports(query);
+    bool has_more = false;
+    if (!reports.empty()) {
+        query.after = reports.back().cursor;
+        query.limit = 1;
+        query.with_text = false;
+        has_more = !agent_.ListReports(query).empty();
+    }
     HttpResponse response;
     response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
-    AppendReports(response.body, agent_.ListReports(query));
-    response.body.Append("}");
+    AppendReports(response.body, std::move(reports));
+    response.body.Append(has_more ? ",\"more\":true}" : "}");
     return response;
 }
 

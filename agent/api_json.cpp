@@ -131,11 +131,15 @@ Json CommandToJson(const CommandRecord& command) {
     return json;
 }
 
-void AppendReports(HttpBody& body, std::vector<Report> reports) {
+void AppendReports(HttpBody& body, std::vector<Report> reports, bool with_text) {
     body.Append("[");
     for (Report& report : reports) {
         body.Append(&report == reports.data() ? "" : ",");
-        AppendReport(body, std::move(report));
+        if (with_text) {
+            AppendReport(body, std::move(report));
+        } else {
+            body.Append(ToText(ReportHead(report)));
+        }
     }
     body.Append("]");
 }

@@ -28,7 +28,7 @@ Json StatusToJson(const AgentStatus& status);
 
 /// Adds a list of reports, each with its text: as "document" just as it is stored, or as "text" when it is no JSON that
 /// ReadReport reads. A document is not copied.
-void AppendReports(HttpBody& body, std::vector<Report> reports);
+void AppendReports(HttpBody& body, std::vector<Report> reports, bool with_text = true);
 
 /// Bytes that are no UTF-8 are replaced by U+FFFD.
 std::string ToText(const Json& json);

@@ -59,11 +59,12 @@ HttpResponse Api::ListReports(HttpRequest& request, const std::string& /*name*/)
     if (const auto acknowledged = parameters.OneOf("acknowledged", {"false", "true"})) {
         query.acknowledged = *acknowledged == 1;
     }
+    query.with_text = parameters.OneOf("documents", {"true", "false"}) != 1;
     std::vector<Report> reports = agent_.ListReports(query);
     const uint64_t cursor = LastCursor(reports, query.after);
     HttpResponse response;
     response.body.Append("{\"reports\":");
-    AppendReports(response.body, std::move(reports));
+    AppendReports(response.body, std::move(reports), query.with_text);
     response.body.Append(",\"cursor\":" + std::to_string(cursor) + "}");
     return response;
 }

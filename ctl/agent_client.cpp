@@ -122,6 +122,8 @@ std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, co
         target += "&source=" + EscapeForUrl(filter.source);
     if (filter.acknowledged)
         target += *filter.acknowledged ? "&acknowledged=true" : "&acknowledged=false";
+    if (!filter.documents)
+        target += "&documents=false";
     std::optional<Json> json = Get(target, wait + timeout_, tick);
     if (!json)
         return std::nullopt;

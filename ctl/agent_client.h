@@ -23,8 +23,9 @@ struct ReportFilter {
     std::string id;                    // empty: of any command
     std::string source;                // plugin, file, agent; empty: any
     std::optional<bool> acknowledged;  // not set: either
+    bool documents = true;             // false: Report::content is left out
     uint64_t after = 0;                // only greater cursors
-    unsigned limit = 100;              // 1 to 1000
+    unsigned limit = 1000;             // 1 to 1000; an answer holds about 16 MiB of documents at most
     std::chrono::seconds wait{0};      // for the first one; at most AgentClient::kMaxPoll
 };
 

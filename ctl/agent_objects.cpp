@@ -139,6 +139,8 @@ CommandDetail ReadCommandDetail(Json json) {
     detail.command = ReadCommand(*command);
     for (const Json& report : NeededList(json, "reports"))
         detail.reports.push_back(ReadReport(report));
+    const Json* const more = FindMember(json, "more");
+    detail.has_more = more && more->is_boolean() && more->get<bool>();
     detail.document = std::move(json);
     return detail;
 }

@@ -65,6 +65,7 @@ struct ReportPage {
 struct CommandDetail {
     Command command;
     std::vector<Report> reports;
+    bool has_more = false;  // reports after these
     Json document;
 };
 

@@ -51,26 +51,40 @@ Row RowOf(const Report& report) {
             {report.file}};
 }
 
-// Everything that is stored now, page by page, so that the documents of one page alone are in the memory at once unless
-// they are to be printed.
-std::vector<Report> Collect(AgentClient& agent, const ResultsOptions& options, bool with_documents) {
+// What is listed, and what of it nobody has acknowledged.
+struct Listing {
+    std::string text;
+    std::vector<uint64_t> pending;
+};
+
+// Everything that is stored now, page by page: of the documents, only those of one page are in the memory as values. A
+// table needs none.
+Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console& console, bool json) {
     ReportFilter filter;
     filter.id = options.id;
+    filter.documents = json;
     if (options.pending)
         filter.acknowledged = false;
-    std::vector<Report> reports;
+    Listing listing;
+    std::string documents;
+    std::vector<Row> rows{Headings()};
     for (;;) {
-        ReportPage page = agent.GetReports(filter).value();
-        for (Report& report : page.reports) {
-            report.content = Json();
-            if (!with_documents)
-                report.document = Json();
-            reports.push_back(std::move(report));
+        const ReportPage page = agent.GetReports(filter).value();
+        for (const Report& report : page.reports) {
+            if (!report.acknowledged)
+                listing.pending.push_back(report.cursor);
+            if (json)
+                documents += (documents.empty() ? "" : ",") + ToText(report.document);
+            else
+                rows.push_back(RowOf(report));
         }
         if (page.reports.empty() || page.cursor <= filter.after)
-            return reports;
+            break;
         filter.after = page.cursor;
     }
+    listing.text = json ? R"({"reports":[)" + documents + R"(],"cursor":)" + std::to_string(filter.after) + "}\n"
+                        : FormatTable(rows, console.Output());
+    return listing;
 }
 
 void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const Console& console) {
@@ -82,27 +96,13 @@ void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const
 
 ExitCode List(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
     AgentClient agent(FindSocket(common.socket));
-    std::vector<Report> reports = Collect(agent, options, common.json);
-    std::vector<uint64_t> pending;
-    Json list = Json::array();
-    std::vector<Row> rows{Headings()};
-    for (Report& report : reports) {
-        if (!report.acknowledged)
-            pending.push_back(report.cursor);
-        if (common.json)
-            list.push_back(std::move(report.document));
-        else
-            rows.push_back(RowOf(report));
-    }
-    const uint64_t cursor = reports.empty() ? 0 : reports.back().cursor;
-    const Json document = {{"reports", std::move(list)}, {"cursor", cursor}};
-    const std::string text = common.json ? ToLine(document) : FormatTable(rows, console.Output());
+    const Listing listing = Collect(agent, options, console, common.json);
     if (options.output.empty() || options.output == "-")
-        console.Print(text);
+        console.Print(listing.text);
     else
-        WriteOutputFile(options.output, text);
+        WriteOutputFile(options.output, listing.text);
     if (options.acknowledge)
-        Acknowledge(agent, pending, console);
+        Acknowledge(agent, listing.pending, console);
     return ExitCode::Success;
 }
 

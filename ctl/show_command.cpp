@@ -69,16 +69,38 @@ std::string ReportText(const Report& report, const Stream& output) {
     return heading + "of an unknown form, " + SizeText(report.bytes) + "; 'qxpctl show --json' shows it\n";
 }
 
+void PrintReports(const std::vector<Report>& reports, const Console& console) {
+    for (const Report& report : reports)
+        console.Print(ReportText(report, console.Output()));
+}
+
+// The agent's answer has the first of the reports; the others come page by page.
 ExitCode Show(const std::string& id, const Console& console, const CommonOptions& common) {
     AgentClient agent(FindSocket(common.socket));
-    const CommandDetail detail = agent.GetCommand(id);
-    if (common.json) {
-        console.Print(ToLine(detail.document));
-        return ExitCode::Success;
+    CommandDetail detail = agent.GetCommand(id);
+    if (!common.json) {
+        console.Print(Head(detail.command, console.Output()));
+        PrintReports(detail.reports, console);
     }
-    console.Print(Head(detail.command, console.Output()));
-    for (const Report& report : detail.reports)
-        console.Print(ReportText(report, console.Output()));
+    ReportFilter filter;
+    filter.id = id;
+    filter.after = detail.reports.empty() ? 0 : detail.reports.back().cursor;
+    detail.reports.clear();
+    while (detail.has_more) {
+        ReportPage page = agent.GetReports(filter).value();
+        detail.has_more = page.cursor > filter.after;
+        filter.after = page.cursor;
+        if (!common.json) {
+            PrintReports(page.reports, console);
+            continue;
+        }
+        for (Report& report : page.reports)
+            detail.document["reports"].push_back(std::move(report.document));
+    }
+    if (common.json) {
+        detail.document.erase("more");
+        console.Print(ToLine(detail.document));
+    }
     return ExitCode::Success;
 }
 

@@ -116,6 +116,9 @@ TEST_F(HttpTest, ReportsComeWithTheirDocumentOrTheirText) {
         WithoutTimes(all["reports"][1]))
         << "bytes that are not UTF-8 are replaced";
     EXPECT_TRUE(all["reports"][2]["document"].is_null());
+    EXPECT_FALSE(Get("/v1/reports?documents=false").Body()["reports"][0].contains("document"));
+    EXPECT_FALSE(agent_.report_query.with_text);
+    Get("/v1/reports?id=a%20b%26c&source=file&acknowledged=false&after=2&limit=3&documents=true");
     EXPECT_THAT(agent_.report_query, FieldsAre("a b&c", ReportSource::kFile, false, 2U, 3U, true, milliseconds(0)));
 }
 

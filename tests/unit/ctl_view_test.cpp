@@ -70,6 +70,19 @@ TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
                          "root, received 2026-11-21 09:21:30")));
     EXPECT_EQ(target, "/v1/commands/a%20b%2F..");
     EXPECT_EQ(Json::parse(Run(agent, {"show", "p", "--json"}).output), detail);
+
+    // An answer that holds some of the reports.
+    const auto paging = [&](const FakeAgent::Request& request) {
+        Json page = {{"reports", Json::array()}, {"cursor", 9}};
+        if (request.target.find("after=4&") != std::string::npos)
+            page["reports"].push_back({{"cursor", 9}, {"bytes", 1}, {"document", {{"msg_type", "4"}}}});
+        Json first = detail;
+        first["more"] = true;
+        return FakeAgent::Answer(200, (request.target.starts_with("/v1/reports?") ? page : first).dump());
+    };
+    EXPECT_THAT(Run(paging, {"show", "p"}), Ends(0, _, Has("report 3", "report 4", "report 9: refused")));
+    EXPECT_EQ(Json::parse(Run(paging, {"show", "p", "--json"}).output)["reports"].size(), 5U);
+
     EXPECT_THAT(Run([](const auto&) { return FakeAgent::Answer(404, R"({"detail":"There is no such command."})"); },
                     {"show", "x"}),
                 Ends(2, HasSubstr("There is no such command.")));
@@ -105,7 +118,7 @@ TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
     EXPECT_EQ(list.code, 0);
     EXPECT_EQ(std::count(list.output.begin(), list.output.end(), '\n'), 4);
     EXPECT_THAT(list.output, AllOf(HasSubstr("CURSOR"), HasSubstr("p1.json")));
-    EXPECT_THAT(targets[0], AllOf(HasSubstr("id=p"), HasSubstr("acknowledged=false")));
+    EXPECT_THAT(targets[0], Has("id=p", "acknowledged=false", "documents=false"));
     EXPECT_EQ(acknowledged, R"({"cursors":[1,5]})");
     EXPECT_EQ(Json::parse(Run(agent, {"results", "--json"}).output)["reports"].size(), 3U);
 

@@ -66,7 +66,10 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
     if (options.pending)
         filter.acknowledged = false;
     Listing listing;
-    std::string documents;
+    std::string& text = listing.text;
+    if (json)
+        text = R"({"reports":[)";
+    const size_t before = text.size();
     std::vector<Row> rows{Headings()};
     for (;;) {
         const ReportPage page = agent.GetReports(filter).value();
@@ -74,7 +77,7 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
             if (!report.acknowledged)
                 listing.pending.push_back(report.cursor);
             if (json)
-                documents += (documents.empty() ? "" : ",") + ToText(report.document);
+                text.append(text.size() == before ? "" : ",").append(ToText(report.document));
             else
                 rows.push_back(RowOf(report));
         }
@@ -82,8 +85,10 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
             break;
         filter.after = page.cursor;
     }
-    listing.text = json ? R"({"reports":[)" + documents + R"(],"cursor":)" + std::to_string(filter.after) + "}\n"
-                        : FormatTable(rows, console.Output());
+    if (json)
+        text.append(R"(],"cursor":)").append(std::to_string(filter.after)).append("}\n");
+    else
+        text = FormatTable(rows, console.Output());
     return listing;
 }
 

@@ -11,7 +11,9 @@
 #include <system_error>
 
 #include "agent/peer.h"
+#include "agent/plugin_module.h"
 #include "agent/startup_error.h"
+#include "agent/way.h"
 #include "agent/whole_number.h"
 #include "qxhost/log.h"
 
@@ -42,7 +44,8 @@ bool IsTrustedGroup(gid_t group) {
 // The command that takes from others what they must not have; empty when they have nothing.
 std::string Mend(const struct stat& status, const std::filesystem::path& path) {
     if (status.st_uid != 0 && status.st_uid != geteuid()) {
-        return "chown " + UserName(geteuid()) + " " + path.string();
+        const bool is_link = status.st_mode == 0;
+        return (is_link ? "chown -h " : "chown ") + UserName(geteuid()) + " " + path.string();
     }
     const bool by_all = (status.st_mode & S_IWOTH) != 0;
     const bool by_group = (status.st_mode & S_IWGRP) != 0 && !IsTrustedGroup(status.st_gid);
@@ -52,13 +55,30 @@ std::string Mend(const struct stat& status, const std::filesystem::path& path) {
     return std::string("chmod ") + (by_group ? "g" : "") + (by_all ? "o" : "") + "-w " + path.string();
 }
 
-void AddTree(std::vector<std::filesystem::path>& paths, const std::filesystem::path& directory) {
+// Whether somebody else can put another thing in the place of a part of a way. Where it ends, others could add to it;
+// further up, the sticky bit of a directory such as /tmp keeps them from what is not theirs.
+std::string WhyBadPart(const std::filesystem::path& part, const struct stat& status, bool is_last) {
+    struct stat relevant = status;
+    if (!is_last && S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0) {
+        relevant.st_mode &= ~static_cast<mode_t>(S_IWGRP | S_IWOTH);
+    }
+    const std::string mend = Mend(relevant, part);
+    return mend.empty() ? "" : "can be changed by others, who could so run anything as this agent: " + mend;
+}
+
+// All below a directory, also where links lead.
+void AddTree(std::vector<std::filesystem::path>& paths, const std::filesystem::path& directory, int most_links = 8) {
     paths.push_back(directory);
     std::error_code error;
     const auto skip = std::filesystem::directory_options::skip_permission_denied;
     for (std::filesystem::recursive_directory_iterator entry(directory, skip, error), end; !error && entry != end;
          entry.increment(error)) {
-        paths.push_back(entry->path());
+        std::error_code unknown;
+        if (most_links > 0 && entry->is_symlink(unknown) && entry->is_directory(unknown)) {
+            AddTree(paths, entry->path(), most_links - 1);
+        } else {
+            paths.push_back(entry->path());
+        }
     }
 }
 
@@ -70,6 +90,14 @@ void GiveToGroup(const std::filesystem::path& directory, const struct stat& stat
         const int error = errno;
         throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
                            Reason(error) + ". Start the agent as root, or name a group of its user.");
+    }
+}
+
+// Others may have entries of their own there, as in /tmp, but cannot take away or replace ours.
+void RequireEntriesSafe(const std::filesystem::path& directory) {
+    const auto status = Examine(directory);
+    if (status.has_value() && (status->st_mode & S_ISVTX) == 0) {
+        RequireUnwritableByOthers(directory);
     }
 }
 
@@ -106,11 +134,10 @@ bool CanBeChangedByOthers(const struct stat& status) {
 }
 
 void RequireUnwritableByOthers(const std::filesystem::path& path) {
-    const auto status = Examine(path);
-    const std::string mend = status.has_value() ? Mend(*status, path) : "";
-    if (!mend.empty()) {
-        throw StartupError(path.string() +
-                           " can be changed by others, who could so run anything as this agent: " + mend);
+    const std::filesystem::path whole = std::filesystem::absolute(path);
+    const WayEnd way = FollowWay(whole, whole.parent_path(), WhyBadPart);
+    if (!way.fault.empty()) {
+        throw StartupError(path.string() + " " + way.fault);
     }
 }
 
@@ -132,6 +159,11 @@ std::vector<std::filesystem::path> TrustedPaths(const Options& options, const In
                                                 plugin_data / "policyfile",
                                                 plugin_data / "policyprocess",
                                                 plugin_data / "result"};
+    const std::filesystem::path plugin_configuration = PluginConfigurationFile(options.init_param);
+    if (!plugin_configuration.empty()) {
+        paths.push_back(std::filesystem::absolute(plugin_configuration).parent_path());
+        paths.push_back(std::filesystem::absolute(plugin_configuration));
+    }
     paths.push_back(options.store.parent_path());
     for (const char* const part : {"", "-wal", "-shm"}) {
         paths.emplace_back(options.store.string() + part);
@@ -148,6 +180,14 @@ void CheckAccess(const Options& options, const Installation& installation, const
     }
 }
 
+void CheckLogFile(const Options& options) {
+    const std::filesystem::path& file = options.log;
+    if (file.is_absolute()) {
+        RequireEntriesSafe(file.parent_path());
+        RequireUnwritableByOthers(file);
+    }
+}
+
 void PrepareSocketDirectory(const Options& options, const Installation& installation) {
     const std::filesystem::path directory = options.socket.parent_path();
     const auto status = Examine(directory);
@@ -156,10 +196,7 @@ void PrepareSocketDirectory(const Options& options, const Installation& installa
     }
     std::error_code error;
     if (!std::filesystem::equivalent(directory, installation.agent_data, error)) {
-        if ((status->st_mode & S_ISVTX) == 0) {
-            RequireUnwritableByOthers(directory);
-        }
-        return;
+        return RequireEntriesSafe(directory);
     }
     const gid_t group = options.socket_group.empty() ? getegid() : FindGroup(options.socket_group);
     GiveToGroup(directory, *status, group, 0750);

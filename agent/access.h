@@ -23,15 +23,20 @@ gid_t FindGroup(const std::string& group);
 /// everybody may write it, or a group may that is neither root's nor the agent's own.
 bool CanBeChangedByOthers(const struct stat& status);
 
-/// Refuses a file or directory of which CanBeChangedByOthers is true. A symbolic link counts as what it leads to.
+/// Refuses a file or directory of which CanBeChangedByOthers is true. Where symbolic links lead to it, nobody else may
+/// be able to change a link or a part of the way that it leads, but for directories with the sticky bit.
 void RequireUnwritableByOthers(const std::filesystem::path& path);
 
 /// What RequireUnwritableByOthers has to hold for before a plugin is loaded and scripts are run: bin/ and lib/ and in
-/// them this program and the host library, the plugin and its directory, everything under etc/, the configuration file,
-/// and the data directories of agent and plugin with the store's.
+/// them this program and the host library, the plugin and its directory, everything under etc/, the configuration files
+/// of agent and plugin, and the data directories of agent and plugin with the store's.
 std::vector<std::filesystem::path> TrustedPaths(const Options& options, const Installation& installation,
                                                 const std::filesystem::path& config_file);
 void CheckAccess(const Options& options, const Installation& installation, const std::filesystem::path& config_file);
+
+/// A log file must not lead where others say: they must be able to change neither it nor its directory, unless that has
+/// the sticky bit. Before the first record.
+void CheckLogFile(const Options& options);
 
 /// Makes the socket's directory fit for it. The agent's own data directory is given to the socket's group with mode
 /// 0750, and so is data/ above it, in its own mode, where not everybody may pass; without a named group the agent takes

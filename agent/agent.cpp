@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <string_view>
 #include <utility>
 
 #include "agent/access.h"
@@ -16,31 +14,8 @@ namespace qxpagent {
 
 namespace {
 
-constexpr char kDefaultConfiguration[] = "../etc/plugins/qxpmaint/qxpmaint.conf";
-
-// The configuration file that the plugin will read with this parameter string; empty when none. Items are separated by
-// ':', an empty item ends the list, the last conf_path counts.
-std::string ConfigurationFile(std::string_view init_param) {
-    if (init_param.empty()) {
-        return kDefaultConfiguration;
-    }
-    constexpr std::string_view kKey = "conf_path=";
-    std::string file;
-    while (!init_param.empty()) {
-        const std::string_view item = init_param.substr(0, init_param.find(':'));
-        if (item.empty()) {
-            break;
-        }
-        if (item.starts_with(kKey) && item.size() > kKey.size()) {
-            file = item.substr(kKey.size());
-        }
-        init_param.remove_prefix(std::min(item.size() + 1, init_param.size()));
-    }
-    return file;
-}
-
 void CheckConfigurationFile(const std::string& init_param) {
-    const std::string file = ConfigurationFile(init_param);
+    const std::filesystem::path file = PluginConfigurationFile(init_param);
     if (!file.empty() && access(file.c_str(), R_OK) != 0) {
         throw StartupError("The plugin's configuration file " +
                            std::filesystem::absolute(file).lexically_normal().string() +

@@ -22,6 +22,7 @@ int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation&
     // What agent, plugin and scripts make is for others to read at most, however the agent was started.
     umask(umask(0) | S_IWGRP | S_IWOTH);
     const qxpagent::Options& options = loaded.options;
+    qxpagent::CheckLogFile(options);
     qxpagent::SetUpLog(options);  // before the first thread, and before the first record
     qxpagent::SurviveBrokenPipes();
     qxpagent::EnterInstallation(installation);

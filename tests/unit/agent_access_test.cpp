@@ -93,7 +93,7 @@ TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
 
     options_.store = installation_.store;
     std::filesystem::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
-    EXPECT_THAT(Check(), HasSubstr("etc/link")) << "a link counts as what it leads to";
+    EXPECT_THAT(Check(), HasSubstr("etc/link can be changed by others"));
 }
 
 TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
@@ -108,6 +108,50 @@ TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
          {std::pair<mode_t, std::string>{0775, "chmod g-w " + keys}, {0777, "chmod go-w " + keys}, {0755, "none"}}) {
         ASSERT_EQ(0, chmod(keys.c_str(), mode));
         EXPECT_THAT(Check(), testing::EndsWith(refusal));
+    }
+}
+
+TEST_F(AccessTest, WhereALinkLeadsNobodyElseCanChangeTheWay) {
+    namespace fs = std::filesystem;
+    fs::rename(root_ / "etc/trusted-keys", directory_ / "keys");
+    fs::create_directories(directory_ / "way");
+    fs::create_directory_symlink("../way/on", root_ / "etc/trusted-keys");
+    fs::create_directory_symlink("../keys", directory_ / "way/on");
+    EXPECT_EQ("none", Check());
+    for (const char* part : {"way", "keys", "keys/ops.pub.pem"}) {
+        ASSERT_EQ(0, chmod((root_ / part).c_str(), 0777));
+        EXPECT_THAT(Check(), testing::EndsWith("chmod o-w " + (root_ / part).string()));
+        ASSERT_EQ(0, chmod((root_ / part).c_str(), 0755));
+    }
+    ASSERT_EQ(0, chmod((root_ / "way").c_str(), 01777));
+    EXPECT_EQ("none", Check()) << "nobody can replace the link in it";
+    ASSERT_EQ(0, chmod((root_ / "keys").c_str(), 01777));
+    EXPECT_THAT(Check(), HasSubstr("chmod o-w")) << "anybody can add a key";
+    ASSERT_EQ(0, chmod((root_ / "keys").c_str(), 0755));
+    if (geteuid() == 0) {
+        ASSERT_EQ(0, lchown((root_ / "way/on").c_str(), 4321, 0));
+        EXPECT_THAT(Check(), HasSubstr("chown -h root " + (root_ / "way/on").string()));
+    }
+}
+
+TEST_F(AccessTest, FilesElsewhereAreExaminedToo) {
+    const auto check_log = [this] { return Refusal([this] { CheckLogFile(options_); }); };
+    std::filesystem::create_directory(root_ / "other");
+    options_.init_param = "agent_type=KSTL:conf_path=" + directory_.Write("other/plugin.conf", "");
+    options_.log = directory_.Write("other/log", "");
+    EXPECT_EQ("none", Check());
+    EXPECT_EQ("none", check_log());
+    for (const char* name : {"other", "other/plugin.conf", "other/log"}) {
+        ASSERT_EQ(0, chmod((root_ / name).c_str(), 0777));
+        EXPECT_EQ("none" == Check(), std::string(name) == "other/log") << name;
+        EXPECT_EQ("none" == check_log(), std::string(name) == "other/plugin.conf") << name;
+        ASSERT_EQ(0, chmod((root_ / name).c_str(), 0755));
+    }
+    ASSERT_EQ(0, chmod((root_ / "other").c_str(), 01777));
+    EXPECT_EQ("none", check_log());
+    for (const char* log : {"", "stderr", "journal"}) {
+        options_.log = log;
+        EXPECT_EQ("none", check_log());
     }
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "agent/access.h"
+#include "agent/environment.h"
 #include "agent/log.h"
 #include "agent/script_directory.h"
 #include "agent/startup_error.h"
@@ -13,6 +14,9 @@
 namespace qxpagent {
 
 namespace {
+
+constexpr size_t kDescriptorsPerRun = 6;  // while it is begun and ended; in between two
+constexpr size_t kSpareDescriptors = 8;
 
 void CheckConfigurationFile(const std::string& init_param) {
     const std::filesystem::path file = PluginConfigurationFile(init_param);
@@ -68,12 +72,25 @@ void Agent::OpenStore() {
     store_ = std::make_unique<Store>(options);
     desk_ = std::make_unique<CommandDesk>(
         *store_, counters_, keys_, [this](const std::string& directory) { return WhyBadDirectory(directory); },
-        [this](std::string document) { return server_data_.Send(std::move(document)); });
+        [this](std::string document, uint32_t scripts) { return HandOver(std::move(document), scripts); });
     intake_ = std::make_unique<ReportIntake>(
         *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); },
         [this] { upkeep_->StoreHasGrown(); });
     upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, *intake_, counters_, options_.retention);
     manager_ = std::make_unique<Manager>(bus_, *intake_);
+}
+
+// A run for which no descriptor is left has never started, and its report looks like that of a script that wrote
+// nothing. So there have to be enough before.
+int Agent::HandOver(std::string document, uint32_t scripts) {
+    const size_t needed = kSpareDescriptors + kDescriptorsPerRun * scripts;
+    const size_t left = DescriptorsLeft();
+    if (left < needed) {
+        QXPAGENT_LOG(kLogWarn, "%zu descriptors are left, and %u scripts need %zu: they have to wait", left, scripts,
+                     needed);
+        return kBusQueueFull;
+    }
+    return server_data_.Send(std::move(document));
 }
 
 std::string Agent::WhyBadDirectory(const std::string& directory) const {

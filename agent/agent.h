@@ -61,6 +61,7 @@ private:
 
     void OpenStore();
     void LoadPluginLibrary();
+    int HandOver(std::string document, uint32_t scripts);
     std::string WhyBadDirectory(const std::string& directory) const;
     void GiveFinalWords();
 

@@ -177,7 +177,7 @@ SubmitOutcome CommandDesk::Journal(NewCommand& command, const Forecast& forecast
 
 // Gives the document away: it can be large, and the journal has it.
 SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast) {
-    const int status = HandOverOne(command.id, std::move(command.text));
+    const int status = HandOverOne(command.id, std::move(command.text), command.scripts);
     switch (status) {
         case kBusUndelivered:
         case kBusNotAttached:
@@ -185,7 +185,7 @@ SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast
                             "The agent is stopping, or its plugin is not started.");
         case kBusQueueFull:
             return TakeBack(command.id, SubmitStatus::kBusy,
-                            "Too many commands are waiting for the plugin: send this one again later.");
+                            "Too much is waiting or running: send this one again later.");
         default:
             break;
     }
@@ -204,12 +204,12 @@ SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast
     return outcome;
 }
 
-int CommandDesk::HandOverOne(const std::string& id, std::string text) {
+int CommandDesk::HandOverOne(const std::string& id, std::string text, uint32_t scripts) {
     {
         const std::lock_guard lock(mutex_);
         unanswered_.insert(id);
     }
-    const int status = hand_over_(std::move(text));
+    const int status = hand_over_(std::move(text), scripts);
     if (status != kBusTimedOut) {
         const std::lock_guard lock(mutex_);
         unanswered_.erase(id);
@@ -348,7 +348,7 @@ void CommandDesk::DeliverAgain(const std::string& id) {
         }
         forecast = Foresee(json);
     }
-    const int status = HandOverOne(id, std::move(command.text));
+    const int status = HandOverOne(id, std::move(command.text), forecast.scripts);
     if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
         store_.MarkReceived(id);
         QXPAGENT_LOG(kLogWarn, "command [%s] is journalled and could not be delivered (%d)", id.c_str(), status);

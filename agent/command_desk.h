@@ -21,8 +21,9 @@ namespace qxpagent {
 /// Takes commands in, journals them, hands them to the plugin, and sees that each gets its final word. Any thread.
 class CommandDesk {
 public:
-    /// Hands a document to the plugin and waits until it has acknowledged it. Returns a BusStatus; see ServerData.
-    using HandOver = std::function<int(std::string document)>;
+    /// Hands a document of so many scripts to the plugin and waits until it has acknowledged it. Returns a BusStatus;
+    /// see ServerData. kBusQueueFull: later.
+    using HandOver = std::function<int(std::string document, uint32_t scripts)>;
 
     /// All must outlive it.
     CommandDesk(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys,
@@ -71,7 +72,7 @@ private:
     SubmitOutcome Journal(NewCommand& command, const Forecast& forecast);
     Forecast Foresee(const qxtools::CPJsonParse& document) const;
     SubmitOutcome Deliver(NewCommand& command, const Forecast& forecast);
-    int HandOverOne(const std::string& id, std::string text);
+    int HandOverOne(const std::string& id, std::string text, uint32_t scripts);
     SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
     void FinishWithdrawal(const std::string& id);
     void Conclude(const std::string& id, int status, const Forecast& forecast);

@@ -31,6 +31,7 @@ std::vector<std::string> NeedingRestart(const Options& running, const Options& w
         {"log", running.log != wanted.log},
         {"store", running.store != wanted.store},
         {"script-directories", running.script_directories != wanted.script_directories},
+        {"script-environment", running.script_environment != wanted.script_environment},
     };
     std::vector<std::string> names;
     for (const auto& [name, differs] : differences) {

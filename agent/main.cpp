@@ -3,16 +3,30 @@
 #include <exception>
 #include <iostream>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "agent/access.h"
 #include "agent/agent.h"
 #include "agent/command_line.h"
+#include "agent/environment.h"
 #include "agent/installation.h"
+#include "agent/log.h"
 #include "agent/log_setup.h"
 #include "agent/service.h"
+#include "agent/service_notify.h"
 #include "agent/signals.h"
 
 namespace {
+
+void LogReduction(const std::vector<std::string>& gone) {
+    std::string names;
+    for (const std::string& name : gone) {
+        names.append(names.empty() ? "" : " ").append(name);
+    }
+    QXPAGENT_LOG(qxpagent::kLogInfo, "scripts do not inherit %zu variables of this environment: %s", gone.size(),
+                 names.c_str());
+}
 
 int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation& installation) {
     const qxpagent::LoadedOptions loaded = qxpagent::LoadOptions(command_line, installation);
@@ -24,6 +38,11 @@ int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation&
     const qxpagent::Options& options = loaded.options;
     qxpagent::CheckLogFile(options);
     qxpagent::SetUpLog(options);  // before the first thread, and before the first record
+    qxpagent::FindServiceManager();
+    LogReduction(qxpagent::ReduceEnvironment(options.script_environment));
+    if (const std::string missing = qxpagent::RaiseDescriptorLimit(); !missing.empty()) {
+        QXPAGENT_LOG(qxpagent::kLogWarn, "%s", missing.c_str());
+    }
     qxpagent::SurviveBrokenPipes();
     qxpagent::EnterInstallation(installation);
     qxpagent::CheckAccess(options, installation, command_line.config_file);

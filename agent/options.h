@@ -13,7 +13,7 @@ namespace qxpagent {
 
 /// How long things are kept.
 struct Retention {
-    std::chrono::hours age{30 * 24};          // of commands, reports and result files in the store
+    std::chrono::hours age{30 * 24};          // of commands and acknowledged reports in the store
     uint64_t bytes = uint64_t{1} << 30;       // of all texts in the store
     std::chrono::hours leftover_age{7 * 24};  // of script files and result files in the plugin's directories
 };
@@ -29,6 +29,7 @@ struct Options {
     std::string socket_group;                               // group that may use the socket; empty: the agent's own
     std::filesystem::path store;                            // database file
     std::vector<std::filesystem::path> script_directories;  // that policies may name besides the plugin's own
+    std::vector<std::string> script_environment;            // variables that scripts inherit besides the usual
     Retention retention;
 };
 

@@ -1,26 +1,51 @@
 #include "agent/service_notify.h"
 
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-daemon.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "agent/log.h"
+#include "agent/unique_fd.h"
 
 namespace qxpagent {
 
 namespace {
 
+struct Manager {
+    sockaddr_un address{};
+    socklen_t address_size = 0;  // 0: there is no service manager
+    std::chrono::microseconds watchdog{0};
+};
+
+// Set before the first thread.
+Manager& TheManager() {
+    static Manager manager;
+    return manager;
+}
+
+// Not by the service manager's library: that reads the environment each time, which is the scripts' by now.
 void Notify(const std::string& state) {
-    const int result = sd_notify(0, state.c_str());
-    if (result < 0) {
+    const Manager& manager = TheManager();
+    if (manager.address_size == 0) {
+        return;
+    }
+    const UniqueFd out(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!out.IsOpen() || sendto(out.Get(), state.data(), state.size(), MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&manager.address), manager.address_size) < 0) {
         QXPAGENT_LOG(kLogWarn, "the service manager cannot be told: %s",
-                     std::generic_category().message(-result).c_str());
+                     std::generic_category().message(errno).c_str());
     }
 }
 
@@ -31,6 +56,25 @@ uint64_t MonotonicMicroseconds() {
 }
 
 }  // namespace
+
+void FindServiceManager() {
+    Manager manager;
+    const char* const text = std::getenv("NOTIFY_SOCKET");
+    const std::string_view path = text != nullptr ? text : "";
+    if (!path.empty() && path.size() < sizeof(manager.address.sun_path)) {
+        manager.address.sun_family = AF_UNIX;
+        path.copy(manager.address.sun_path, path.size());
+        if (path.front() == '@') {
+            manager.address.sun_path[0] = '\0';  // in the abstract namespace
+        }
+        manager.address_size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    }
+    uint64_t microseconds = 0;
+    if (sd_watchdog_enabled(0, &microseconds) > 0) {
+        manager.watchdog = std::chrono::microseconds(microseconds);
+    }
+    TheManager() = manager;
+}
 
 void NotifyReady(const std::string& status) {
     Notify("READY=1\nSTATUS=" + status);
@@ -46,9 +90,9 @@ void NotifyStopping() {
 }
 
 Watchdog::Watchdog(std::function<bool()> is_alive) : is_alive_(std::move(is_alive)) {
-    uint64_t microseconds = 0;
-    if (sd_watchdog_enabled(0, &microseconds) > 0) {
-        thread_ = std::thread([this, microseconds] { Run(std::chrono::microseconds(microseconds / 2)); });
+    const std::chrono::microseconds time = TheManager().watchdog;
+    if (time.count() > 0) {
+        thread_ = std::thread([this, time] { Run(time / 2); });
         pthread_setname_np(thread_.native_handle(), "watchdog");
     }
 }

@@ -9,8 +9,12 @@
 
 namespace qxpagent {
 
-// What the service manager is told (Type=notify-reload, WatchdogSec=). Nothing happens where there is none, that is
-// without $NOTIFY_SOCKET.
+// What the service manager is told (Type=notify-reload, WatchdogSec=; the protocol is that of sd_notify(3)). Nothing
+// happens where there is none.
+
+/// Reads where the service manager listens ($NOTIFY_SOCKET) and how often its watchdog wants to hear of this process
+/// ($WATCHDOG_USEC, $WATCHDOG_PID). Before the first thread, and before the environment is reduced.
+void FindServiceManager();
 
 void NotifyReady(const std::string& status);
 /// Before the configuration is read again; NotifyReady follows.
@@ -18,7 +22,7 @@ void NotifyReloading();
 void NotifyStopping();
 
 /// Keeps the service manager's watchdog from restarting the agent for as long as the agent answers. Does nothing when
-/// no watchdog was asked for ($WATCHDOG_USEC).
+/// no watchdog was asked for.
 class Watchdog {
 public:
     /// `is_alive` is called on a thread of its own, twice in each watchdog time, until the destructor; the watchdog is

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <optional>
 #include <sstream>
 #include <utility>
@@ -81,6 +82,21 @@ Mistake ApplyDirectories(std::vector<std::filesystem::path>& directories, const 
     return {};
 }
 
+Mistake ApplyNames(std::vector<std::string>& names, const std::string& value) {
+    names.clear();
+    std::istringstream list(value);
+    for (std::string name; std::getline(list, name, ':');) {
+        const bool is_name = std::all_of(name.begin(), name.end(), [](unsigned char character) {
+            return std::isalnum(character) != 0 || character == '_';
+        });
+        if (name.empty() || !is_name) {
+            return "must be names of variables parted by ':', of letters, digits and '_' alone";
+        }
+        names.push_back(name);
+    }
+    return {};
+}
+
 using Takes = Setting::Takes;
 
 const std::array kSettings = {
@@ -109,7 +125,12 @@ const std::array kSettings = {
         "Directories that a policy may name for its scripts, and those below; root's alone, from / on", Takes::kText,
         false,
         [](Options& options, const std::string& value) { return ApplyDirectories(options.script_directories, value); }},
-    Setting{"retention-days", "DAYS [30]", "How long commands, reports and result files are kept", Takes::kText, true,
+    Setting{"script-environment", "NAME[:NAME]...",
+            "Variables of the agent's environment that scripts inherit besides PATH, HOME, USER, LOGNAME, SHELL, TERM, "
+            "TMPDIR, TZ, LANG, LANGUAGE and LC_*",
+            Takes::kText, false,
+            [](Options& options, const std::string& value) { return ApplyNames(options.script_environment, value); }},
+    Setting{"retention-days", "DAYS [30]", "How long commands and acknowledged reports are kept", Takes::kText, true,
             [](Options& options, const std::string& value) { return ApplyDays(options.retention.age, value); }},
     Setting{"retention-size", "SIZE [1GiB]", "How much text of reports is kept: bytes, or with KiB, MiB or GiB",
             Takes::kText, true,

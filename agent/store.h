@@ -137,8 +137,9 @@ public:
     OpenScripts ScriptsWithoutResult();
     /// Of all texts in the store. Cheap.
     uint64_t Bytes();
-    /// Removes what is older than the age, then what is too much: acknowledged reports first, oldest first. Commands
-    /// without a final word stay. Gives the room back to the file system.
+    /// Removes commands and acknowledged reports that are older than the age, then reports that are too much:
+    /// acknowledged ones first, oldest first. Commands without a final word stay. Gives the room back to the file
+    /// system.
     Removed Retain(const Retention& retention, WallTime now);
     /// Forgets marks of files that were stored before `before`, but for the files of these names.
     void ForgetFiles(WallTime before, const std::vector<std::string>& keep);

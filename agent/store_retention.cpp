@@ -33,10 +33,13 @@ void RemoveReport(SQLite::Database& database, const Row& row, Removed& removed) 
     removed.unacknowledged += row.pending ? 1 : 0;
 }
 
+// Those that nobody has acknowledged make room, but do not age: the clock may have jumped.
 bool RemoveOldReports(SQLite::Database& database, WallTime limit, Removed& removed) {
-    const std::vector<Row> rows = Rows(Prepare(
-        database, "SELECT cursor, bytes, acknowledged FROM reports WHERE received < ? ORDER BY received LIMIT ?", limit,
-        kStep));
+    const std::vector<Row> rows =
+        Rows(Prepare(database,
+                     "SELECT cursor, bytes, acknowledged FROM reports WHERE acknowledged IS NOT NULL AND received < ? "
+                     "ORDER BY received LIMIT ?",
+                     limit, kStep));
     for (const Row& row : rows) {
         RemoveReport(database, row, removed);
     }

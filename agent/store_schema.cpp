@@ -43,7 +43,6 @@ CREATE TABLE reports(
   json_data_type INTEGER NOT NULL, value INTEGER NOT NULL, bytes INTEGER NOT NULL);
 CREATE INDEX reports_id ON reports(id);
 CREATE INDEX reports_source ON reports(source);
-CREATE INDEX reports_received ON reports(received);
 CREATE INDEX reports_pending ON reports(cursor) WHERE acknowledged IS NULL;
 CREATE INDEX reports_acknowledged ON reports(cursor) WHERE acknowledged IS NOT NULL;
 CREATE TABLE report_texts(cursor INTEGER PRIMARY KEY, text BLOB NOT NULL);
@@ -92,6 +91,10 @@ void PrepareSchema(SQLite::Database& database) {
         database.exec("PRAGMA application_id=" + std::to_string(kApplicationId));
         database.exec("PRAGMA user_version=" + std::to_string(kVersion));
     }
+    // An older agent does without the one and does not miss the other.
+    database.exec(
+        "CREATE INDEX IF NOT EXISTS reports_ageing ON reports(received) WHERE acknowledged IS NOT NULL;"
+        "DROP INDEX IF EXISTS reports_received");
     transaction.commit();
 }
 

@@ -163,7 +163,7 @@ CLogOutput& CLogOutput::Instance() {
     return output;
 }
 
-CLogOutput::CLogOutput() {
+CLogOutput::CLogOutput() : m_strTarget(Environment("QXHOST_LOG")) {
     const std::string_view levelName = Environment("QXHOST_LOG_LEVEL");
     const std::optional<ELogLevel> level = LevelOfName(levelName);
     if (level == ELogLevel::Off) {
@@ -196,7 +196,7 @@ void CLogOutput::OpenLogger() {
     if (m_pLogger != nullptr) {
         return;
     }
-    STarget target = OpenTarget(Environment("QXHOST_LOG"));
+    STarget target = OpenTarget(m_strTarget);
     m_pLogger = MakeLogger(std::move(target.pSink));
     if (!target.strProblem.empty()) {
         Report(ELogLevel::Error, target.strProblem + "; logging to the standard error");

@@ -39,6 +39,7 @@ private:
     /// Writes a record of the logger itself.
     void Report(ELogLevel eLevel, const std::string& strText);
 
+    const std::string m_strTarget;
     std::atomic<ELogLevel> m_eLeast{ELogLevel::Off};
 
     std::mutex m_openMutex;

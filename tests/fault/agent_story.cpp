@@ -65,7 +65,7 @@ public:
           manager_(bus_, intake_),
           plugin_(bus_),
           desk_(store_, counters_, keys, nullptr,
-                [this](std::string document) { return server_data_.Send(std::move(document)); }) {
+                [this](std::string document, uint32_t) { return server_data_.Send(std::move(document)); }) {
         Require(plugin_.Initialize(kPluginId));
         Require(plugin_.RegisterReceive(kCommandMessage, this, nullptr));
     }

@@ -33,7 +33,7 @@ protected:
         Open();
         desk_ = std::make_unique<CommandDesk>(
             *store_, counters_, keys_, [this](const std::string&) { return directory_fault_; },
-            [this](const std::string& document) {
+            [this](const std::string& document, uint32_t /*scripts*/) {
                 delivered_.push_back(document);
                 return plugin_(document);
             });

@@ -120,11 +120,11 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
     Write(
         "[qxpagent]\nsocket=s.sock\nplugin = /p.so\nlog-level: warn\nretention-days=2\nretention-size=3 MiB\n"
         "leftover-days=1\nonline=[::1]:9\nsocket-group=ops\nstore=../x.db\ninit-param=a=b:c=d\n"
-        "script-directories=/a:/b/c\n");
+        "script-directories=/a:/b/c\nscript-environment=A:b_2\n");
     Options options = Load({}).options;
     EXPECT_THAT(options, FieldsAre(installation_.bin / "s.sock", "/p.so", "a=b:c=d", Optional(FieldsAre("::1", "9")),
                                    "/env.log", "warn", "ops", directory_.Path() / "x.db", ElementsAre("/a", "/b/c"),
-                                   FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
+                                   ElementsAre("A", "b_2"), FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
         << "the socket is relative to the program's directory";
 
     options = Load({"--socket", "t.sock", "--log-level", "info", "--online", "", "--retention-size", "4096"}).options;
@@ -137,6 +137,7 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
     const std::vector<std::pair<std::string, std::string>> wrong = {{"--socket", ""},
                                                                     {"--script-directories", "/a:b"},
                                                                     {"--script-directories", "/a::/b"},
+                                                                    {"--script-environment", "A:B C"},
                                                                     {"--log-level", "Info"},
                                                                     {"--online", "x:0"},
                                                                     {"--leftover-days", "1.5"},

@@ -150,7 +150,7 @@ TEST_F(FilesTest, LeftoversGoOnlyWhenTheyAreOldOursAndStored) {
 
 TEST_F(FilesTest, TheUpkeepKeepsTheStoreWithinItsLimits) {
     const qxppolicy::TrustedKeys keys;
-    CommandDesk desk(*store_, counters_, keys, nullptr, [](const std::string&) { return 0; });
+    CommandDesk desk(*store_, counters_, keys, nullptr, [](const std::string&, uint32_t) { return 0; });
     Upkeep upkeep(*store_, desk, intake_, counters_, {.bytes = 1000});
     std::ofstream(data_ / "202611210903010001.sh") << "x";
     Age(data_ / "202611210903010001.sh");

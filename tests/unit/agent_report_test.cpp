@@ -41,8 +41,11 @@ protected:
     }
 
     std::atomic<int> stored_{0};
-    ReportIntake intake_{*store_, counters_, [](const std::string& id) { return id == "delivering"; },
-                         [this] { ++stored_; }, {.reports = 3}};
+    ReportIntake intake_{*store_,
+                         counters_,
+                         [](const std::string& id) { return id == "delivering"; },
+                         [this] { ++stored_; },
+                         {.reports = 3}};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
     Manager manager_{bus_, intake_};
     Endpoint plugin_{bus_};

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <future>
 
+#include "agent/environment.h"
 #include "agent/log_setup.h"
 #include "agent/service.h"
 #include "agent/service_notify.h"
@@ -30,8 +31,12 @@ public:
         path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         EXPECT_EQ(0, bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
         setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        FindServiceManager();
     }
-    ~Manager() { unsetenv("NOTIFY_SOCKET"); }
+    ~Manager() {
+        unsetenv("NOTIFY_SOCKET");
+        FindServiceManager();
+    }
 
     /// The next message, without those of the watchdog unless it is asked for; empty after the deadline.
     std::string Next(bool with_watchdog = false) const {
@@ -114,6 +119,7 @@ TEST(ServiceTest, TheWatchdogIsFedOnlyWhileTheAgentAnswers) {
     const TempDir directory;
     const Manager manager(directory / "notify");
     setenv("WATCHDOG_USEC", "20000", 1);
+    FindServiceManager();
     std::atomic<bool> alive{true};
     std::atomic<int> asked{0};
     Happening asked_again;
@@ -144,10 +150,29 @@ TEST(ServiceTest, TheWatchdogIsFedOnlyWhileTheAgentAnswers) {
         manager.Next(true);
     }
     unsetenv("WATCHDOG_USEC");
+    FindServiceManager();
     const Watchdog none([]() -> bool { throw std::logic_error("nobody asked for a watchdog"); });
     EXPECT_TRUE(manager.IsSilent());
     setenv("NOTIFY_SOCKET", "/nowhere/notify", 1);
+    FindServiceManager();
     NotifyReady("a manager that has gone is no reason to fail");
+}
+
+TEST(EnvironmentTest, ScriptsInheritWhatIsMeantForThem) {
+    for (const char* name : {"NOTIFY_SOCKET", "BASH_ENV", "LC_TIME", "http_proxy", "PROXY"}) {
+        setenv(name, "x", 1);
+    }
+    const std::vector<std::string> gone = ReduceEnvironment({"http_proxy"});
+    EXPECT_THAT(gone, testing::IsSupersetOf({"NOTIFY_SOCKET", "BASH_ENV", "PROXY"}));
+    for (const auto& [name, stays] : {std::pair{"NOTIFY_SOCKET", false},
+                                      {"BASH_ENV", false},
+                                      {"PROXY", false},
+                                      {"LC_TIME", true},
+                                      {"http_proxy", true},
+                                      {"PATH", true}}) {
+        EXPECT_EQ(stays, std::getenv(name) != nullptr) << name;
+    }
+    EXPECT_THAT(ReduceEnvironment({}), testing::ElementsAre("http_proxy"));
 }
 
 TEST(LogSetUpTest, TheJournalIsChosenWhereTheStandardErrorIsConnectedToIt) {

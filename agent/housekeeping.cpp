@@ -1,16 +1,15 @@
 #include "agent/housekeeping.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <memory>
 #include <string_view>
 #include <vector>
 
+#include "agent/entry_names.h"
 #include "agent/log.h"
 #include "agent/unique_fd.h"
 
@@ -23,26 +22,12 @@ constexpr std::string_view kHexDigits = "0123456789abcdef";
 constexpr size_t kTimeDigits = 14;
 constexpr size_t kLeastSequenceDigits = 4;
 
-struct CloseDirectory {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-
 int64_t Nanoseconds(const timespec& time) {
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
 UniqueFd OpenDirectory(const std::filesystem::path& path) {
     return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-std::vector<std::string> Names(int directory) {
-    std::vector<std::string> names;
-    const int copy = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, CloseDirectory> stream(copy >= 0 ? fdopendir(copy) : nullptr);
-    while (const dirent* const entry = stream != nullptr ? readdir(stream.get()) : nullptr) {
-        names.emplace_back(entry->d_name);
-    }
-    return names;
 }
 
 // Removes the files that `may_go` names, if they are regular and old.
@@ -85,16 +70,17 @@ Tidied RemoveLeftovers(Store& store, const std::filesystem::path& data_directory
     Tidied tidied;
     if (const UniqueFd directory = OpenDirectory(data_directory); directory.IsOpen()) {
         tidied.scripts =
-            RemoveFiles(directory.Get(), Names(directory.Get()), before,
+            RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
                         [](const std::string& name, const struct stat&) { return IsScriptFileName(name); });
     }
     if (const UniqueFd directory = OpenDirectory(result_directory); directory.IsOpen()) {
-        tidied.results = RemoveFiles(
-            directory.Get(), Names(directory.Get()), before, [&](const std::string& name, const struct stat& status) {
-                return IsResultFileName(name) &&
-                       store.HasFile(name, Nanoseconds(status.st_mtim), static_cast<uint64_t>(status.st_size));
-            });
-        store.ForgetFiles(before, Names(directory.Get()));
+        tidied.results =
+            RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
+                        [&](const std::string& name, const struct stat& status) {
+                            return IsResultFileName(name) && store.HasFile(name, Nanoseconds(status.st_mtim),
+                                                                           static_cast<uint64_t>(status.st_size));
+                        });
+        store.ForgetFiles(before, EntryNames(directory.Get()));
     }
     if (tidied.scripts + tidied.results > 0) {
         QXPAGENT_LOG(kLogInfo, "%llu script files and %llu result files were left over and have been removed",

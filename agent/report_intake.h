@@ -42,6 +42,11 @@ public:
     /// Stores a result file, unless this state of it was stored before. Throws StoreError.
     void TakeFile(const FileMark& mark, std::string_view text, const ReportContent& content);
 
+    /// True when a file of this name, time and size was stored. Throws StoreError.
+    bool HasFile(const std::string& name, int64_t modified_ns, uint64_t size) {
+        return store_.HasFile(name, modified_ns, size);
+    }
+
     /// Stores what waits, oldest first, as far as the store takes it. Returns how many are left.
     size_t StoreWaiting();
     size_t Waiting() const;

@@ -1,6 +1,5 @@
 #include "agent/result_collector.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <poll.h>
@@ -10,11 +9,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
+#include <ctime>
+#include <exception>
 #include <system_error>
+#include <utility>
 
+#include "agent/entry_names.h"
 #include "agent/log.h"
 #include "agent/startup_error.h"
 #include "policy/hex.h"
@@ -24,6 +27,7 @@ namespace qxpagent {
 namespace {
 
 constexpr off_t kMaxFileBytes = off_t{256} << 20;
+constexpr uint64_t kMostWarnings = 20;  // about files of one scan
 constexpr uint32_t kWatched = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
 std::string Reason(int error) {
@@ -66,26 +70,6 @@ std::string Sha256(const std::string& text) {
     return qxppolicy::HexEncode(digest);
 }
 
-std::set<std::string> Names(int directory) {
-    std::set<std::string> names;
-    const int copy = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* const stream = copy >= 0 ? fdopendir(copy) : nullptr;
-    if (stream == nullptr) {
-        QXPAGENT_LOG(kLogError, "the result directory cannot be read: %s", Reason(errno).c_str());
-        if (copy >= 0) {
-            close(copy);
-        }
-        return names;
-    }
-    while (const dirent* const entry = readdir(stream)) {
-        if (IsResultName(entry->d_name)) {
-            names.insert(entry->d_name);
-        }
-    }
-    closedir(stream);
-    return names;
-}
-
 }  // namespace
 
 std::optional<ResultFile> ReadResultFile(int directory, const std::string& name) {
@@ -106,10 +90,10 @@ std::optional<ResultFile> ReadResultFile(int directory, const std::string& name)
 }
 
 ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportIntake& intake,
-                                 std::chrono::milliseconds retry)
+                                 const CollectorTimes& times)
     : directory_(directory),
       intake_(intake),
-      retry_(retry),
+      times_(times),
       stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       watch_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
     std::error_code ignored;
@@ -122,6 +106,7 @@ ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportI
                            ".");
     }
     Scan();
+    TakeBacklog(times_.start);
     thread_ = std::thread([this] { Loop(); });
     pthread_setname_np(thread_.native_handle(), "qxpresults");
 }
@@ -137,37 +122,81 @@ void ResultCollector::Stop() {
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = write(stop_event_.Get(), &one, sizeof(one));
     thread_.join();
-    Scan();
+    try {
+        if (watching_ && TakeEvents()) {
+            TakePending();
+        } else {
+            Scan();
+            TakeBacklog(times_.start);
+        }
+    } catch (const std::exception& error) {
+        QXPAGENT_LOG(kLogError, "the last result files are left for the next start: %s", error.what());
+    }
 }
 
 void ResultCollector::Watch() {
     watching_ = inotify_add_watch(watch_.Get(), directory_.c_str(), kWatched) >= 0;
 }
 
-// Everything that is there: at the start, and whenever events may have been lost.
+// Everything that is there: at the start, and whenever events may have been lost. The newest come first, since they may
+// be the last words of commands. Throws StoreError.
 void ResultCollector::Scan() {
-    pending_.merge(Names(OpenDirectory(directory_).Get()));
-    TakePending();
+    const UniqueFd directory = OpenDirectory(directory_);
+    std::vector<std::pair<int64_t, std::string>> found;
+    for (std::string& name : EntryNames(directory.Get())) {
+        struct stat status {};
+        if (IsResultName(name) && fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            !IsStored(name, status)) {
+            found.emplace_back(Nanoseconds(status.st_mtim), std::move(name));
+        }
+    }
+    std::sort(found.begin(), found.end());
+    left_alone_ = 0;
+    backlog_.clear();
+    for (auto& [modified, name] : found) {
+        backlog_.push_back(std::move(name));
+    }
+}
+
+// By its time and size. A file that was written just now may have been written twice within one tick of the clock, and
+// is read to tell.
+bool ResultCollector::IsStored(const std::string& name, const struct stat& status) {
+    constexpr time_t kSettled = 10;  // seconds
+    return status.st_mtim.tv_sec < time(nullptr) - kSettled &&
+           intake_.HasFile(name, Nanoseconds(status.st_mtim), static_cast<uint64_t>(status.st_size));
 }
 
 void ResultCollector::Loop() {
+    bool taken = true;
     for (;;) {
         pollfd events[] = {{stop_event_.Get(), POLLIN, 0}, {watch_.Get(), POLLIN, 0}};
-        const bool idle = watching_ && pending_.empty();
-        poll(events, 2, idle ? -1 : static_cast<int>(retry_.count()));
+        const bool idle = watching_ && pending_.empty() && backlog_.empty();
+        const bool busy = taken && !backlog_.empty();
+        poll(events, 2, idle ? -1 : busy ? 0 : static_cast<int>(times_.retry.count()));
         if ((events[0].revents & POLLIN) != 0) {
             return;
         }
-        bool complete = TakeEvents();
-        if (!watching_) {
-            Watch();
-            complete = !watching_;
+        try {
+            taken = Round();
+        } catch (const std::exception& error) {  // no memory, or a store that cannot be read
+            QXPAGENT_LOG(kLogError, "result files are left for later: %s", error.what());
+            taken = false;
         }
-        if (!complete) {
-            Scan();
-        }
-        TakePending();
     }
+}
+
+// What has come, then a little of what was there. False when the store does not take it.
+bool ResultCollector::Round() {
+    constexpr std::chrono::milliseconds kSlice{100};
+    bool complete = TakeEvents();
+    if (!watching_) {
+        Watch();
+        complete = !watching_;
+    }
+    if (!complete) {
+        Scan();
+    }
+    return TakePending() && TakeBacklog(kSlice);
 }
 
 // False when events were lost, or the directory was.
@@ -194,10 +223,36 @@ bool ResultCollector::TakeEvents() {
     }
 }
 
-void ResultCollector::TakePending() {
+bool ResultCollector::TakePending() {
     const UniqueFd directory = OpenDirectory(directory_);
-    for (auto name = pending_.begin(); name != pending_.end();) {
-        name = TakeOne(directory.Get(), *name) ? pending_.erase(name) : std::next(name);
+    while (!pending_.empty()) {
+        if (!TakeOne(directory.Get(), *pending_.begin())) {
+            return false;
+        }
+        pending_.erase(pending_.begin());
+    }
+    return true;
+}
+
+bool ResultCollector::TakeBacklog(std::chrono::milliseconds time) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    const UniqueFd directory = OpenDirectory(directory_);
+    while (!backlog_.empty() && std::chrono::steady_clock::now() < deadline) {
+        if (!TakeOne(directory.Get(), backlog_.back())) {
+            return false;
+        }
+        backlog_.pop_back();
+        if (backlog_.empty() && left_alone_ > kMostWarnings) {
+            QXPAGENT_LOG(kLogWarn, "%llu result files were left alone in all: remove them",
+                         static_cast<unsigned long long>(left_alone_));
+        }
+    }
+    return true;
+}
+
+void ResultCollector::LeaveAlone(const std::string& name, const char* reason) {
+    if (++left_alone_ <= kMostWarnings || backlog_.empty()) {
+        QXPAGENT_LOG(kLogWarn, "the result file [%s] was left alone: %s", name.c_str(), reason);
     }
 }
 
@@ -205,13 +260,12 @@ void ResultCollector::TakePending() {
 bool ResultCollector::TakeOne(int directory, const std::string& name) {
     std::optional<ResultFile> file = ReadResultFile(directory, name);
     if (!file.has_value()) {
-        QXPAGENT_LOG(kLogWarn, "the result file [%s] was left alone: it is gone, changing or no regular file",
-                     name.c_str());
+        LeaveAlone(name, "it is gone, changing or no regular file");
         return true;
     }
     const ReportContent content = ReadReport(file->text);
     if (!content.readable) {
-        QXPAGENT_LOG(kLogWarn, "the result file [%s] was left alone: it is no complete JSON document", name.c_str());
+        LeaveAlone(name, "it is no complete JSON document");
         return true;
     }
     try {

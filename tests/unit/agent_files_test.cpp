@@ -20,7 +20,10 @@ class FilesTest : public StoreTest {
 protected:
     FilesTest() { fs::create_directories(result_); }
 
-    void Collect() { collector_ = std::make_unique<ResultCollector>(result_, intake_, std::chrono::milliseconds(5)); }
+    void Collect(std::chrono::milliseconds start = std::chrono::seconds(3)) {
+        const CollectorTimes times{.retry = std::chrono::milliseconds(5), .start = start};
+        collector_ = std::make_unique<ResultCollector>(result_, intake_, times);
+    }
     static std::string Document(const std::string& id, const std::string& start = "t") {
         return ResultText(id, RunText("a", start, ""));
     }
@@ -91,6 +94,30 @@ TEST_F(FilesTest, AFailingStoreLosesNoFileAndNeitherDoesAStop) {
     Write("d2.json", Document("d"));
     collector_->Stop();
     EXPECT_EQ(1U, store_->ListReports({.id = "d"}).size()) << "a stop takes what is there";
+}
+
+TEST_F(FilesTest, WhatIsThereAlreadyIsTakenNewestFirstAndHoldsNothingUp) {
+    for (int i = 1; i <= 300; ++i) {
+        const std::string name = "f" + std::to_string(i) + ".json";
+        Write(name, i % 3 == 0 ? "foreign" : Document("f" + std::to_string(i)));
+        const timespec times[] = {{0, UTIME_OMIT}, {i, 0}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, (result_ / name).c_str(), times, 0));
+    }
+    Collect(std::chrono::milliseconds(0));
+    Write("new1.json", Document("new"));
+    EXPECT_TRUE(WaitFor("f1"));
+    EXPECT_TRUE(WaitFor("new"));
+    collector_.reset();
+    std::vector<int> order;
+    for (const Report& report : store_->ListReports({})) {
+        if (report.id != "new") {
+            order.push_back(std::stoi(report.id.substr(1)));
+        }
+    }
+    EXPECT_EQ(200U, order.size());
+    EXPECT_TRUE(std::is_sorted(order.rbegin(), order.rend()));
+    Collect();
+    EXPECT_EQ(201U, store_->Figures().reports);
 }
 
 TEST_F(FilesTest, ADirectoryThatIsReplacedIsWatchedAgain) {

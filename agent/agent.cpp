@@ -52,6 +52,9 @@ void Agent::Start() {
     } catch (const StoreError& error) {
         throw StartupError(error.what());
     }
+    const Places places{plugin_data_, plugin_data_ / "result", plugin_data_ / "policyfile",
+                        plugin_data_ / "policyfile-unusable"};
+    MoveUnusablePolicies(places, keys_);
     plugin_ = std::make_unique<PluginModule>(entry_points_);
     plugin_->Start(plugin_endpoint_, options_.init_param);
     // Once more, now that the plugin has made what was missing: before any command of ours.
@@ -59,7 +62,7 @@ void Agent::Start() {
         RequireUnwritableByOthers(plugin_data_ / directory);
     }
     desk_->Settle();
-    upkeep_->Start({plugin_data_, plugin_data_ / "result"});
+    upkeep_->Start(places);
     accepting_ = true;
     http_ = std::make_unique<HttpServer>(*listener_, api_);
     QXPAGENT_LOG(kLogInfo, "qxpagent %s started: plugin %s %s, socket %s", QXPAGENT_VERSION, options_.plugin.c_str(),
@@ -76,7 +79,7 @@ void Agent::OpenStore() {
     intake_ = std::make_unique<ReportIntake>(
         *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); },
         [this] { upkeep_->StoreHasGrown(); });
-    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, *intake_, counters_, options_.retention);
+    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, *intake_, counters_, keys_, options_.retention);
     manager_ = std::make_unique<Manager>(bus_, *intake_);
 }
 

@@ -6,12 +6,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "agent/entry_names.h"
 #include "agent/log.h"
+#include "agent/result_collector.h"
 #include "agent/unique_fd.h"
+#include "policy/policy_check.h"
 
 namespace qxpagent {
 
@@ -21,9 +25,16 @@ constexpr std::string_view kDigits = "0123456789";
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 constexpr size_t kTimeDigits = 14;
 constexpr size_t kLeastSequenceDigits = 4;
+constexpr uint64_t kMostPolicyBytes = uint64_t{16} << 20;
+constexpr std::chrono::seconds kSettleTime{2};
+constexpr std::chrono::seconds kMoveTime{3};
 
 int64_t Nanoseconds(const timespec& time) {
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
+int64_t Nanoseconds(WallTime time) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
 }
 
 UniqueFd OpenDirectory(const std::filesystem::path& path) {
@@ -33,7 +44,7 @@ UniqueFd OpenDirectory(const std::filesystem::path& path) {
 // Removes the files that `may_go` names, if they are regular and old.
 template <typename MayGo>
 uint64_t RemoveFiles(int directory, const std::vector<std::string>& names, WallTime before, const MayGo& may_go) {
-    const int64_t limit = std::chrono::duration_cast<std::chrono::nanoseconds>(before.time_since_epoch()).count();
+    const int64_t limit = Nanoseconds(before);
     uint64_t removed = 0;
     for (const std::string& name : names) {
         struct stat status {};
@@ -43,6 +54,20 @@ uint64_t RemoveFiles(int directory, const std::vector<std::string>& names, WallT
         }
     }
     return removed;
+}
+
+// Why the plugin will never take a policy file; empty when it may, or when nobody can tell now.
+std::string WhyUnusable(int directory, const std::string& name, const qxppolicy::TrustedKeys& keys) {
+    const std::optional<ResultFile> file = ReadResultFile(directory, name);
+    if (!file.has_value() || file->mark.size > kMostPolicyBytes ||
+        file->mark.modified_ns > Nanoseconds(std::chrono::system_clock::now() - kSettleTime)) {
+        return {};
+    }
+    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(file->text, keys);
+    if (!verdict.readable) {
+        return "it is no JSON document";
+    }
+    return verdict.faults.empty() ? "" : verdict.faults.front();
 }
 
 }  // namespace
@@ -65,15 +90,14 @@ bool IsResultFileName(const std::string& name) {
     return name.ends_with(kEnding) && stem > 1 && kDigits.find(name[stem - 1]) != std::string_view::npos;
 }
 
-Tidied RemoveLeftovers(Store& store, const std::filesystem::path& data_directory,
-                       const std::filesystem::path& result_directory, WallTime before) {
+Tidied RemoveLeftovers(Store& store, const Places& places, WallTime before) {
     Tidied tidied;
-    if (const UniqueFd directory = OpenDirectory(data_directory); directory.IsOpen()) {
+    if (const UniqueFd directory = OpenDirectory(places.scripts); directory.IsOpen()) {
         tidied.scripts =
             RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
                         [](const std::string& name, const struct stat&) { return IsScriptFileName(name); });
     }
-    if (const UniqueFd directory = OpenDirectory(result_directory); directory.IsOpen()) {
+    if (const UniqueFd directory = OpenDirectory(places.results); directory.IsOpen()) {
         tidied.results =
             RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
                         [&](const std::string& name, const struct stat& status) {
@@ -82,11 +106,46 @@ Tidied RemoveLeftovers(Store& store, const std::filesystem::path& data_directory
                         });
         store.ForgetFiles(before, EntryNames(directory.Get()));
     }
-    if (tidied.scripts + tidied.results > 0) {
-        QXPAGENT_LOG(kLogInfo, "%llu script files and %llu result files were left over and have been removed",
-                     static_cast<unsigned long long>(tidied.scripts), static_cast<unsigned long long>(tidied.results));
+    if (const UniqueFd directory = OpenDirectory(places.aside); directory.IsOpen()) {
+        tidied.policies = RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
+                                      [](const std::string&, const struct stat&) { return true; });
+    }
+    if (tidied.scripts + tidied.results + tidied.policies > 0) {
+        QXPAGENT_LOG(kLogInfo,
+                     "%llu script files, %llu result files and %llu policy files were left over and have been removed",
+                     static_cast<unsigned long long>(tidied.scripts), static_cast<unsigned long long>(tidied.results),
+                     static_cast<unsigned long long>(tidied.policies));
     }
     return tidied;
+}
+
+uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys& keys) {
+    const auto deadline = std::chrono::steady_clock::now() + kMoveTime;
+    const UniqueFd directory = OpenDirectory(places.policies);
+    std::vector<std::string> names = EntryNames(directory.Get());
+    std::erase_if(names, [](const std::string& name) { return !name.ends_with(".json"); });
+    if (names.size() <= kFewPolicies) {
+        return 0;
+    }
+    mkdir(places.aside.c_str(), 0700);
+    const UniqueFd aside = OpenDirectory(places.aside);
+    uint64_t moved = 0;
+    std::string example;
+    for (const std::string& name : names) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            break;
+        }
+        const std::string reason = WhyUnusable(directory.Get(), name, keys);
+        if (!reason.empty() && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
+            ++moved;
+            example = name + ": " + reason;
+        }
+    }
+    if (moved > 0) {
+        QXPAGENT_LOG(kLogWarn, "%llu policy files are of no use and were moved to %s; one of them, %s",
+                     static_cast<unsigned long long>(moved), places.aside.c_str(), example.c_str());
+    }
+    return moved;
 }
 
 }  // namespace qxpagent

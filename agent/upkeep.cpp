@@ -5,7 +5,6 @@
 #include <exception>
 #include <utility>
 
-#include "agent/housekeeping.h"
 #include "agent/log.h"
 
 namespace qxpagent {
@@ -18,16 +17,17 @@ constexpr std::chrono::minutes kRoundTime{10};   // ages are looked at
 
 }  // namespace
 
-Upkeep::Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters, const Retention& retention)
-    : store_(store), desk_(desk), intake_(intake), counters_(counters), retention_(retention) {
+Upkeep::Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters,
+               const qxppolicy::TrustedKeys& keys, const Retention& retention)
+    : store_(store), desk_(desk), intake_(intake), counters_(counters), keys_(keys), retention_(retention) {
 }
 
 Upkeep::~Upkeep() {
     Stop();
 }
 
-void Upkeep::Start(const Directories& directories) {
-    directories_ = directories;
+void Upkeep::Start(const Places& places) {
+    places_ = places;
     thread_ = std::thread([this] { Loop(); });
     pthread_setname_np(thread_.native_handle(), "qxpupkeep");
 }
@@ -77,6 +77,7 @@ void Upkeep::Loop() {
 
 void Upkeep::Round(bool all, const Retention& retention) {
     try {
+        MoveUnusablePolicies(places_, keys_);
         StoreWaiting();
         store_.Probe();
         desk_.Settle();
@@ -84,8 +85,7 @@ void Upkeep::Round(bool all, const Retention& retention) {
             Retain(retention);
         }
         if (all) {
-            RemoveLeftovers(store_, directories_.data, directories_.result,
-                            std::chrono::system_clock::now() - retention.leftover_age);
+            RemoveLeftovers(store_, places_, std::chrono::system_clock::now() - retention.leftover_age);
         }
     } catch (const std::exception& error) {  // a store that fails, or no memory
         QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());

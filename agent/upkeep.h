@@ -2,15 +2,16 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 #include <thread>
 
 #include "agent/command_desk.h"
+#include "agent/housekeeping.h"
 #include "agent/options.h"
 #include "agent/report_intake.h"
 #include "agent/run_counters.h"
 #include "agent/store.h"
+#include "policy/trusted_keys.h"
 
 namespace qxpagent {
 
@@ -18,19 +19,15 @@ namespace qxpagent {
 /// did not take.
 class Upkeep {
 public:
-    struct Directories {
-        std::filesystem::path data;
-        std::filesystem::path result;
-    };
-
     /// All must outlive it.
-    Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters, const Retention& retention);
+    Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters,
+           const qxppolicy::TrustedKeys& keys, const Retention& retention);
     ~Upkeep();
     Upkeep(const Upkeep&) = delete;
     Upkeep& operator=(const Upkeep&) = delete;
 
     /// Begins; the first round comes at once.
-    void Start(const Directories& directories);
+    void Start(const Places& places);
     /// The store has grown. Any thread, also before Start.
     void StoreHasGrown();
     /// How long things are kept from now on; the next round goes by it. Any thread.
@@ -49,7 +46,8 @@ private:
     CommandDesk& desk_;
     ReportIntake& intake_;
     RunCounters& counters_;
-    Directories directories_;
+    const qxppolicy::TrustedKeys& keys_;
+    Places places_;
 
     std::mutex mutex_;
     std::condition_variable woken_;

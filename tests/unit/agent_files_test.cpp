@@ -8,6 +8,9 @@
 #include "agent/housekeeping.h"
 #include "agent/result_collector.h"
 #include "agent/upkeep.h"
+#include "ctl/key_file.h"
+#include "ctl/signer.h"
+#include "ctl/trusted_keys.h"
 #include "tests/unit/agent_store_fixture.h"
 
 namespace qxpagent {
@@ -167,21 +170,50 @@ TEST_F(FilesTest, LeftoversGoOnlyWhenTheyAreOldOursAndStored) {
         Age(path);
     }
     const WallTime before = std::chrono::system_clock::now() - std::chrono::hours(7 * 24);
-    EXPECT_THAT(RemoveLeftovers(*store_, data_, result_, before), testing::FieldsAre(1U, 1U));
+    const Places places{.scripts = data_, .results = result_};
+    EXPECT_THAT(RemoveLeftovers(*store_, places, before), testing::FieldsAre(1U, 1U, 0U));
     EXPECT_EQ((Entries{"202611210903010002.sh", "202611210903010003.sh", "202611210903010004", "keep.sh", "result"}),
               Left(data_));
     EXPECT_EQ((Entries{"fresh2.json", "kept.json", "unread3.json"}), Left(result_));
     EXPECT_TRUE(fs::exists(victim));
-    RemoveLeftovers(*store_, directory_.Path() / "none", directory_.Path() / "none", before);
+    RemoveLeftovers(*store_, {.scripts = data_ / "none", .results = data_ / "none"}, before);
+}
+
+TEST_F(FilesTest, ManyPolicyFilesOfNoUseAreMovedAside) {
+    const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+    qxpctl::TrustedKeys keys;
+    keys.AddKeyFile(directory_.Write("pub.pem", qxpctl::WriteKeyPair(key).public_pem));
+    const Places places{
+        .scripts = data_, .results = result_, .policies = data_ / "policyfile", .aside = data_ / "aside"};
+    fs::create_directories(places.policies);
+    const auto drop = [&](const std::string& name, const std::string& text) {
+        std::ofstream(places.policies / name) << text;
+        Age(places.policies / name);
+    };
+    for (size_t i = 0; i < kFewPolicies; ++i) {
+        drop("bad" + std::to_string(i) + ".json", i % 2 == 0 ? "{" : R"({"ID":"x","Command":"Nothing"})");
+    }
+    drop("other.txt", "{");
+    EXPECT_EQ(0U, MoveUnusablePolicies(places, keys)) << "the plugin says what is wrong with a few";
+    drop("good.json", R"({"ID":"x","Command":"RunScriptFile","param":{"scriptinfo":[)"
+                      R"({"scriptid":"a","scripttype":"sh","scriptdata":"ZWNobwo=","sign":")" +
+                          qxpctl::Sign(key, "ZWNobwo=") + "\"}]}}");
+    std::ofstream(places.policies / "fresh.json") << "{";
+    fs::create_symlink("good.json", places.policies / "link.json");
+    EXPECT_EQ(kFewPolicies, MoveUnusablePolicies(places, keys));
+    EXPECT_EQ((Entries{"fresh.json", "good.json", "link.json", "other.txt"}), Left(places.policies));
+    EXPECT_EQ(kFewPolicies, Left(places.aside).size());
+    RemoveLeftovers(*store_, places, std::chrono::system_clock::now() - std::chrono::hours(1));
+    EXPECT_TRUE(Left(places.aside).empty());
 }
 
 TEST_F(FilesTest, TheUpkeepKeepsTheStoreWithinItsLimits) {
     const qxppolicy::TrustedKeys keys;
     CommandDesk desk(*store_, counters_, keys, nullptr, [](const std::string&, uint32_t) { return 0; });
-    Upkeep upkeep(*store_, desk, intake_, counters_, {.bytes = 1000});
+    Upkeep upkeep(*store_, desk, intake_, counters_, keys, {.bytes = 1000});
     std::ofstream(data_ / "202611210903010001.sh") << "x";
     Age(data_ / "202611210903010001.sh");
-    upkeep.Start({data_, result_});
+    upkeep.Start({.scripts = data_, .results = result_});
     for (int i = 0; i < 10; ++i) {
         StoreReport(*store_, ReportOf("", std::string(400, 'x')), {});
     }

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include "agent/log.h"
+
 namespace qxpagent {
 
 bool StandardErrorIsJournal() {
@@ -23,6 +25,7 @@ void SetUpLog(const Options& options) {
     if (!options.log_level.empty()) {
         setenv("QXHOST_LOG_LEVEL", options.log_level.c_str(), 1);
     }
+    CLogDebug::Instance()->CheckLogLevel(kLogInfo);  // it reads them now
 }
 
 }  // namespace qxpagent

@@ -29,7 +29,7 @@ submit() {
 }
 reports() { api "http://agent/v1/reports" | jq "$@"; }
 state() { api "http://agent/v1/commands" | jq -r --arg id "$1" '.commands[] | select(.id == $id) | .state'; }
-said() { grep -q 'was refused: The store .* has no room' "$log"; }
+said() { grep -q 'waits in memory: The store .* has no room' "$log"; }
 
 accepted=0
 until said; do
@@ -51,12 +51,13 @@ expect "and whole" 200000 "$(reports '.reports[0].document.data.result[0].run_ou
 rm "$store/filler"
 mount -o remount,size=16m "$store"
 expect "a command when there is room again" 202 "$(submit again big.sh)"
-again_reported() { [ "$(state again)" = reported ]; }
-wait_until again_reported
+reported() { [ "$(state "$1")" = reported ]; }
+wait_until reported again
+wait_until reported "c$accepted" # whose report has waited
 stop_agent TERM
 expect "exit code of the agent" 0 "$exit_status"
 start_agent
-expect "what was stored, after a restart" "$stored" \
+expect "what was stored, after a restart" "$((stored + 1))" \
     "$(reports '[.reports[] | select(.source == "plugin" and .id != "again")] | length')"
 expect "commands without a final word" "" \
     "$(api http://agent/v1/commands | jq -r '.commands[] | select(.state == "delivered" or .state == "received") | .id')"

@@ -139,13 +139,6 @@ void SendAndShut(int descriptor, const HttpResponse& response) {
     shutdown(descriptor, SHUT_RDWR);
 }
 
-std::optional<uid_t> UserOf(int descriptor) {
-    ucred credentials{};
-    socklen_t size = sizeof(credentials);
-    return getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? std::optional(credentials.uid)
-                                                                                     : std::nullopt;
-}
-
 MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
     MHD_Response* const message = MakeMessage(std::move(response.body));
     if (message == nullptr) {
@@ -198,9 +191,15 @@ struct HttpServer::Callbacks {
         HttpDoor& door = static_cast<HttpServer*>(server)->door_;
         const int descriptor = DescriptorOf(connection);
         if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
-            door.Forget(descriptor);
-        } else if (const std::optional<uid_t> user = UserOf(descriptor); !user || !door.Admit(descriptor, *user)) {
-            Refuse(descriptor, 503, "Too many connections of this user, or of all: come again later.");
+            return door.Forget(descriptor);
+        }
+        try {
+            if (!door.Admit(descriptor, UserOf(descriptor))) {
+                Refuse(descriptor, 503, "Too many connections of this user, or of all: come again later.");
+            }
+        } catch (const std::exception& error) {
+            QXPAGENT_LOG(kLogError, "a connection was closed: %s", error.what());
+            shutdown(descriptor, SHUT_RDWR);
         }
     }
 

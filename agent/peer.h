@@ -7,6 +7,8 @@ namespace qxpagent {
 /// Who is at the other end of a connected Unix socket, as the kernel noted when it connected. Throws std::system_error
 /// when the socket does not tell.
 Peer PeerOf(int socket);
+/// Its user alone, without a look at the names of users. Throws std::system_error.
+uid_t UserOf(int socket);
 
 /// The name of a user, or the number where the user has no name.
 std::string UserName(uid_t uid);

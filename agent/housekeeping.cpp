@@ -138,7 +138,7 @@ uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys
         const std::string reason = WhyUnusable(directory.Get(), name, keys);
         if (!reason.empty() && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
             ++moved;
-            example = name + ": " + reason;
+            example.assign(name).append(": ").append(reason);
         }
     }
     if (moved > 0) {

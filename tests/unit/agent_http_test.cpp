@@ -40,7 +40,9 @@ TEST_F(HttpTest, ARequestWhoseEndNobodyKnowsIsAnsweredOnceAndIsTheLast) {
           std::string("Transfer-Encoding: gzip\r\n"), std::string("Transfer-Encoding: gzip, chunked\r\n"),
           std::string("Content-Length: 20x\r\n"), std::string("Content-Length: -20\r\n"),
           std::string("Content-Length: 20, 20\r\n"), std::string("Content-Length: 99999999999999999999\r\n")}) {
-        const std::string answer = Raw(head + framing + "\r\n" + body);
+        std::string request = head;
+        request.append(framing).append("\r\n").append(body);
+        const std::string answer = Raw(request);
         EXPECT_THAT(answer, testing::MatchesRegex("HTTP/1.1 (400|413|501) .*\r\n\r\n\\{[^\n]*\\}")) << framing;
         EXPECT_EQ(answer.rfind("HTTP/1.1"), 0U) << framing;
     }

@@ -5,10 +5,10 @@
 #include <filesystem>
 #include <utility>
 
-#include "agent/access.h"
-#include "agent/environment.h"
+#include "agent/access/access.h"
+#include "agent/access/environment.h"
+#include "agent/access/script_directory.h"
 #include "agent/log.h"
-#include "agent/script_directory.h"
 #include "agent/startup_error.h"
 
 namespace qxpagent {

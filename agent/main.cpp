@@ -6,16 +6,16 @@
 #include <string>
 #include <vector>
 
-#include "agent/access.h"
+#include "agent/access/access.h"
+#include "agent/access/environment.h"
+#include "agent/access/installation.h"
 #include "agent/agent.h"
-#include "agent/command_line.h"
-#include "agent/environment.h"
-#include "agent/installation.h"
+#include "agent/config/command_line.h"
 #include "agent/log.h"
-#include "agent/log_setup.h"
-#include "agent/service.h"
-#include "agent/service_notify.h"
-#include "agent/signals.h"
+#include "agent/service/log_setup.h"
+#include "agent/service/service.h"
+#include "agent/service/service_notify.h"
+#include "agent/service/signals.h"
 
 namespace {
 

@@ -50,9 +50,9 @@ install(DIRECTORY "${CMAKE_BINARY_DIR}/share/zsh/site-functions/"
 # Headers of the host SDK and of the plugin's entry points, for those who write a host.
 target_include_directories(qxhost INTERFACE $<INSTALL_INTERFACE:include>)
 target_compile_features(qxhost INTERFACE cxx_std_20)
-install(DIRECTORY host/include/qxhost DESTINATION include COMPONENT dev)
-install(FILES adapter/entry_points.h adapter/plugin_fun_table.h DESTINATION include/qxpmaint COMPONENT dev)
-install(FILES plugin/plugin_init_param.h DESTINATION include/qxpmaint/plugin COMPONENT dev)
+install(DIRECTORY sdk/include/qxhost DESTINATION include COMPONENT dev)
+install(FILES plugin/adapter/entry_points.h plugin/adapter/plugin_fun_table.h DESTINATION include/qxpmaint COMPONENT dev)
+install(FILES plugin/core/plugin_init_param.h DESTINATION include/qxpmaint/plugin/core COMPONENT dev)
 install(EXPORT qxhost NAMESPACE qxhost:: FILE qxhostConfig.cmake DESTINATION lib/cmake/qxhost COMPONENT dev)
 write_basic_package_version_file("${generated}/qxhostConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
 install(FILES "${generated}/qxhostConfigVersion.cmake" DESTINATION lib/cmake/qxhost COMPONENT dev)

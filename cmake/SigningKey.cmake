@@ -1,4 +1,4 @@
-# The public key that scripts are verified with, as two hexadecimal strings for sign/rsa_public_key.cpp.in.
+# The public key that scripts are verified with, as two hexadecimal strings for plugin/sign/rsa_public_key.cpp.in.
 #
 # QXPMAINT_PUBLIC_KEY names a PEM file: an RSA public key of 1024 bits, exponent 65537. Without it a development key
 # pair is made once in the build folder; its private half stays there and is never installed.

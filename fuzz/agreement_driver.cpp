@@ -11,12 +11,12 @@
 #include <string>
 #include <thread>
 
-#include "ctl/agent_client.h"
-#include "ctl/error.h"
-#include "ctl/key_file.h"
-#include "ctl/results.h"
-#include "ctl/signer.h"
-#include "ctl/trusted_keys.h"
+#include "ctl/client/agent_client.h"
+#include "ctl/client/results.h"
+#include "ctl/policies/key_file.h"
+#include "ctl/policies/signer.h"
+#include "ctl/policies/trusted_keys.h"
+#include "ctl/terminal/error.h"
 #include "policy/admission.h"
 #include "policy/policy_check.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "agent/api.h"
+#include "agent/api/api.h"
 
 namespace {
 

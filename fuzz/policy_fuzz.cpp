@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "maint/maint_mgr.h"
+#include "plugin/manager/maint_mgr.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* pData, size_t uSize) {
     static CMaintMgr* const pMaintMgr = [] {

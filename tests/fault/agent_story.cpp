@@ -8,12 +8,12 @@
 #include <cstring>
 #include <iostream>
 
-#include "agent/command_desk.h"
-#include "agent/endpoint.h"
-#include "agent/manager.h"
-#include "agent/report_envelope.h"
-#include "agent/server_data.h"
-#include "ctl/trusted_keys.h"
+#include "agent/bus/endpoint.h"
+#include "agent/bus/manager.h"
+#include "agent/bus/server_data.h"
+#include "agent/commands/command_desk.h"
+#include "agent/reports/report_envelope.h"
+#include "ctl/policies/trusted_keys.h"
 #include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"

@@ -7,8 +7,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "ctl/signer.h"
-#include "ctl/text.h"
+#include "ctl/policies/signer.h"
+#include "ctl/terminal/text.h"
 
 namespace fs = std::filesystem;
 

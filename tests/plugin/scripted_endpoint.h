@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/component_ids.h"
+#include "agent/bus/component_ids.h"
 #include "qxhost/bus.h"
 #include "tests/support/wait.h"
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 
-#include "maint/test_point.h"
+#include "plugin/platform/test_point.h"
 #include "tests/support/wait.h"
 
 /// Holds the first thread that reaches a named place of the manager until it is released, and counts the places that

@@ -1,0 +1,99 @@
+#include "agent/api/api.h"
+
+#include <algorithm>
+#include <string>
+
+#include "agent/api/api_request.h"
+#include "agent/log.h"
+
+namespace qxpagent {
+
+namespace {
+
+// What stands for the "{…}" of a route's path, the path itself for a route without one; empty when it does not match.
+std::string_view Match(std::string_view route, std::string_view path) {
+    const size_t open = route.find('{');
+    if (open == std::string_view::npos) {
+        return route == path ? path : std::string_view();
+    }
+    return path.starts_with(route.substr(0, open)) ? path.substr(open) : std::string_view();
+}
+
+// Names the first parameter that is unknown or given twice; empty when all is well.
+std::string BadParameter(const HttpRequest& request, const Api::Route& route) {
+    std::vector<std::string_view> seen;
+    for (const auto& [name, value] : request.query) {
+        if (std::find(route.parameters.begin(), route.parameters.end(), name) == route.parameters.end()) {
+            return "There is no parameter \"" + name + "\".";
+        }
+        if (std::find(seen.begin(), seen.end(), name) != seen.end()) {
+            return "The parameter \"" + name + "\" is given twice.";
+        }
+        seen.emplace_back(name);
+    }
+    return {};
+}
+
+}  // namespace
+
+std::span<const Api::Route> Api::Routes() {
+    // clang-format off
+    static const std::vector<Route> kRoutes = {
+        {"/v1/commands",            "POST", kMaxCommandBytes,   {}, &Api::SubmitCommand},
+        {"/v1/commands",            "GET",  kMaxSmallBodyBytes, {"state", "after", "limit", "wait"}, &Api::ListCommands},
+        {"/v1/commands/{id}",       "GET",  kMaxSmallBodyBytes, {}, &Api::ShowCommand},
+        {"/v1/reports",             "GET",  kMaxSmallBodyBytes,
+         {"id", "source", "acknowledged", "documents", "after", "limit", "wait"}, &Api::ListReports},
+        {"/v1/reports/acknowledge", "POST", kMaxSmallBodyBytes, {}, &Api::AcknowledgeReports},
+        {"/v1/results",             "GET",  kMaxSmallBodyBytes, {"id", "after", "limit", "wait"}, &Api::ListResults},
+        {"/v1/results/{cursor}",    "GET",  kMaxSmallBodyBytes, {}, &Api::ShowResult},
+        {"/v1/runonce",             "POST", kMaxSmallBodyBytes, {}, &Api::RunOnce},
+        {"/v1/status",              "GET",  kMaxSmallBodyBytes, {}, &Api::ShowStatus},
+        {"/v1/health",              "GET",  kMaxSmallBodyBytes, {}, &Api::ShowHealth},
+        {"/metrics",                "GET",  kMaxSmallBodyBytes, {}, &Api::ShowMetrics},
+    };
+    // clang-format on
+    return kRoutes;
+}
+
+size_t Api::MaxBodyBytes(const HttpRequest& head) const {
+    for (const Route& route : Routes()) {
+        if (route.method == head.method && !Match(route.path, head.path).empty()) {
+            return route.max_body;
+        }
+    }
+    return kMaxSmallBodyBytes;
+}
+
+HttpResponse Api::Handle(HttpRequest request) {
+    std::string allowed;
+    for (const Route& route : Routes()) {
+        const std::string name(Match(route.path, request.path));
+        if (name.empty()) {
+            continue;
+        }
+        if (route.method != request.method) {
+            allowed.append(allowed.empty() ? "" : ", ").append(route.method);
+            continue;
+        }
+        if (const std::string bad = BadParameter(request, route); !bad.empty()) {
+            return Problem(400, bad);
+        }
+        try {
+            return (this->*route.handle)(request, name);
+        } catch (const BadRequest& error) {
+            return Problem(400, error.what());
+        } catch (const StoreError& error) {
+            QXPAGENT_LOG(kLogError, "%s %s: %s", request.method.c_str(), request.path.c_str(), error.what());
+            return Problem(503, std::string("The agent's store cannot be used: ") + error.what());
+        }
+    }
+    if (allowed.empty()) {
+        return Problem(404, "There is no path " + request.path + ".");
+    }
+    HttpResponse response = Problem(405, "The path " + request.path + " takes " + allowed + " only.");
+    response.headers.emplace_back("Allow", allowed);
+    return response;
+}
+
+}  // namespace qxpagent

@@ -1,0 +1,134 @@
+// The requests about commands: submit, list, show, run once.
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "agent/api/api.h"
+#include "agent/api/api_json.h"
+#include "agent/api/api_request.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr size_t kDefaultCommands = 100;
+
+// RFC 3986 section 2.1: everything but the unreserved characters as %XX.
+std::string PercentEncoded(std::string_view text) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    constexpr std::string_view kUnreserved = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+    std::string encoded;
+    for (const char character : text) {
+        if (kUnreserved.find(character) != std::string_view::npos) {
+            encoded += character;
+        } else {
+            const auto byte = static_cast<unsigned char>(character);
+            encoded.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
+        }
+    }
+    return encoded;
+}
+
+HttpResponse CommandResponse(int status, const CommandRecord& command) {
+    HttpResponse response = JsonResponse(status, CommandToJson(command));
+    response.headers.emplace_back("Location", "/v1/commands/" + PercentEncoded(command.id));
+    return response;
+}
+
+int ProblemStatus(SubmitStatus status) {
+    switch (status) {
+        case SubmitStatus::kConflict:
+            return 409;
+        case SubmitStatus::kUnacceptable:
+            return 422;
+        case SubmitStatus::kNotAcknowledged:
+            return 504;
+        case SubmitStatus::kStorageFull:
+            return 507;
+        default:
+            return 503;
+    }
+}
+
+bool IsFileName(const std::string& name) {
+    return !name.empty() && std::none_of(name.begin(), name.end(), [](unsigned char character) {
+        return character == '/' || character < 0x20 || character == 0x7f;
+    });
+}
+
+}  // namespace
+
+HttpResponse Api::SubmitCommand(HttpRequest& request, const std::string& /*name*/) {
+    const SubmitOutcome outcome = agent_.Submit(std::move(request.body), request.peer);
+    const bool taken = outcome.status == SubmitStatus::kTaken;
+    if ((taken || outcome.status == SubmitStatus::kKnown) && outcome.command.has_value()) {
+        return CommandResponse(taken ? 202 : 200, *outcome.command);
+    }
+    return Problem(ProblemStatus(outcome.status), outcome.detail);
+}
+
+HttpResponse Api::ListCommands(HttpRequest& request, const std::string& /*name*/) {
+    static constexpr CommandState kStates[] = {CommandState::kReceived, CommandState::kDelivered,
+                                               CommandState::kRefused, CommandState::kReported,
+                                               CommandState::kInterrupted};
+    const QueryParameters parameters(request);
+    CommandQuery query;
+    if (const auto state = parameters.OneOf(
+            "state", {Word(kStates[0]), Word(kStates[1]), Word(kStates[2]), Word(kStates[3]), Word(kStates[4])})) {
+        query.state = kStates[*state];
+    }
+    query.after = parameters.After();
+    query.limit = parameters.Limit(kDefaultCommands);
+    query.wait = parameters.Wait();
+    Json commands = Json::array();
+    uint64_t sequence = query.after;
+    for (const CommandRecord& command : agent_.ListCommands(query)) {
+        commands.push_back(CommandToJson(command));
+        sequence = command.sequence;
+    }
+    Json body;
+    body["commands"] = std::move(commands);
+    body["sequence"] = sequence;
+    return JsonResponse(200, body);
+}
+
+HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name) {
+    const std::optional<CommandRecord> command = agent_.FindCommand(name);
+    if (!command.has_value()) {
+        return Problem(404, "There is no command \"" + name + "\".");
+    }
+    ReportQuery query;
+    query.id = name;
+    std::vector<Report> reports = agent_.ListReports(query);
+    bool has_more = false;
+    if (!reports.empty()) {
+        query.after = reports.back().cursor;
+        query.limit = 1;
+        query.with_text = false;
+        has_more = !agent_.ListReports(query).empty();
+    }
+    HttpResponse response;
+    response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
+    AppendReports(response.body, std::move(reports));
+    response.body.Append(has_more ? ",\"more\":true}" : "}");
+    return response;
+}
+
+HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {
+    const nlohmann::json body = ReadObject(request.body, {"name"});
+    const auto name = body.find("name");
+    if (name == body.end() || !name->is_string() || !IsFileName(name->get_ref<const std::string&>())) {
+        throw BadRequest("The member \"name\" must be a file name, without '/' and control characters.");
+    }
+    const auto& file = name->get_ref<const std::string&>();
+    const std::optional<bool> accepted = agent_.RunOnce(file, request.peer);
+    if (!accepted.has_value()) {
+        return Problem(503, "The agent is stopping, or its plugin is not started.");
+    }
+    Json answer;
+    answer["name"] = file;
+    answer["accepted"] = *accepted;
+    return JsonResponse(200, answer);
+}
+
+}  // namespace qxpagent

@@ -1,0 +1,112 @@
+// The requests about reports and result files: list, show, acknowledge.
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "agent/api/api.h"
+#include "agent/api/api_json.h"
+#include "agent/api/api_request.h"
+#include "agent/log.h"
+#include "agent/whole_number.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr size_t kDefaultReports = 1000;
+
+uint64_t LastCursor(const std::vector<Report>& reports, uint64_t after) {
+    return reports.empty() ? after : reports.back().cursor;
+}
+
+ReportQuery CommonQuery(const QueryParameters& parameters) {
+    ReportQuery query;
+    query.id = parameters.Text("id");
+    query.after = parameters.After();
+    query.limit = parameters.Limit(kDefaultReports);
+    query.wait = parameters.Wait();
+    return query;
+}
+
+bool IsCursor(const nlohmann::json& value) {
+    return value.is_number_unsigned() && value.get<uint64_t>() <= INT64_MAX;
+}
+
+uint64_t AcknowledgeThose(AgentControl& agent, const nlohmann::json& list) {
+    if (!list.is_array() || !std::all_of(list.begin(), list.end(), IsCursor)) {
+        throw BadRequest("The member \"cursors\" must be a list of cursors, whole numbers.");
+    }
+    return agent.Acknowledge(list.get<std::vector<uint64_t>>());
+}
+
+uint64_t AcknowledgeUpTo(AgentControl& agent, const nlohmann::json& cursor) {
+    if (!IsCursor(cursor)) {
+        throw BadRequest("The member \"up_to\" must be a cursor, a whole number.");
+    }
+    return agent.AcknowledgeUpTo(cursor.get<uint64_t>());
+}
+
+}  // namespace
+
+HttpResponse Api::ListReports(HttpRequest& request, const std::string& /*name*/) {
+    static constexpr ReportSource kSources[] = {ReportSource::kPlugin, ReportSource::kFile, ReportSource::kAgent};
+    const QueryParameters parameters(request);
+    ReportQuery query = CommonQuery(parameters);
+    if (const auto source = parameters.OneOf("source", {Word(kSources[0]), Word(kSources[1]), Word(kSources[2])})) {
+        query.source = kSources[*source];
+    }
+    if (const auto acknowledged = parameters.OneOf("acknowledged", {"false", "true"})) {
+        query.acknowledged = *acknowledged == 1;
+    }
+    query.with_text = parameters.OneOf("documents", {"true", "false"}) != 1;
+    std::vector<Report> reports = agent_.ListReports(query);
+    const uint64_t cursor = LastCursor(reports, query.after);
+    HttpResponse response;
+    response.body.Append("{\"reports\":");
+    AppendReports(response.body, std::move(reports), query.with_text);
+    response.body.Append(",\"cursor\":" + std::to_string(cursor) + "}");
+    return response;
+}
+
+HttpResponse Api::AcknowledgeReports(HttpRequest& request, const std::string& /*name*/) {
+    const nlohmann::json body = ReadObject(request.body, {"cursors", "up_to"});
+    if (body.size() != 1) {
+        throw BadRequest("The body must have either the member \"cursors\" or the member \"up_to\".");
+    }
+    const uint64_t acknowledged =
+        body.contains("up_to") ? AcknowledgeUpTo(agent_, body["up_to"]) : AcknowledgeThose(agent_, body["cursors"]);
+    const Peer& peer = request.peer;
+    QXPAGENT_LOG(kLogInfo, "%llu reports acknowledged by %s (uid %u, pid %d): %.200s",
+                 static_cast<unsigned long long>(acknowledged), peer.user.c_str(), peer.uid, peer.pid,
+                 body.dump().c_str());
+    return JsonResponse(200, Json{{"acknowledged", acknowledged}});
+}
+
+HttpResponse Api::ListResults(HttpRequest& request, const std::string& /*name*/) {
+    ReportQuery query = CommonQuery(QueryParameters(request));
+    query.source = ReportSource::kFile;
+    query.with_text = false;
+    const std::vector<Report> reports = agent_.ListReports(query);
+    Json list = Json::array();
+    for (const Report& report : reports) {
+        list.push_back(ResultToJson(report));
+    }
+    Json body;
+    body["results"] = std::move(list);
+    body["cursor"] = LastCursor(reports, query.after);
+    return JsonResponse(200, body);
+}
+
+HttpResponse Api::ShowResult(HttpRequest& /*request*/, const std::string& name) {
+    const std::optional<uint64_t> cursor = WholeNumber(name);
+    std::optional<Report> report = cursor.has_value() ? agent_.FindReport(*cursor) : std::nullopt;
+    if (!report.has_value() || report->source != ReportSource::kFile) {
+        return Problem(404, "There is no result file with the cursor \"" + name + "\".");
+    }
+    HttpResponse response;
+    response.body = std::move(report->text);
+    return response;
+}
+
+}  // namespace qxpagent

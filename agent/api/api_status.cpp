@@ -1,0 +1,54 @@
+// The requests about the agent itself: status, health, metrics.
+#include <string>
+#include <vector>
+
+#include "agent/api/api.h"
+#include "agent/api/api_json.h"
+#include "agent/api/metrics.h"
+
+namespace qxpagent {
+
+namespace {
+
+std::vector<std::string> Problems(AgentControl& agent) {
+    std::vector<std::string> problems;
+    try {
+        const AgentStatus status = agent.Status();
+        if (status.plugin_status != kPluginStarted) {
+            problems.push_back("The plugin is not started: its status is " + std::to_string(status.plugin_status) +
+                               ".");
+        }
+        if (!status.store.fault.empty()) {
+            problems.push_back("The store takes nothing: " + status.store.fault);
+        }
+    } catch (const StoreError& error) {
+        problems.push_back(std::string("The store cannot be read: ") + error.what());
+    }
+    return problems;
+}
+
+}  // namespace
+
+HttpResponse Api::ShowStatus(HttpRequest& /*request*/, const std::string& /*name*/) {
+    return JsonResponse(200, StatusToJson(agent_.Status()));
+}
+
+HttpResponse Api::ShowHealth(HttpRequest& /*request*/, const std::string& /*name*/) {
+    const std::vector<std::string> problems = Problems(agent_);
+    if (problems.empty()) {
+        return JsonResponse(200, Json{{"status", "ok"}});
+    }
+    Json body;
+    body["status"] = "failing";
+    body["problems"] = problems;
+    return JsonResponse(503, body);
+}
+
+HttpResponse Api::ShowMetrics(HttpRequest& /*request*/, const std::string& /*name*/) {
+    HttpResponse response;
+    response.content_type = kMetricsContentType;
+    response.body = MetricsText(agent_.Status());
+    return response;
+}
+
+}  // namespace qxpagent

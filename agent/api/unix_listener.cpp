@@ -1,0 +1,144 @@
+#include "agent/api/unix_listener.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "agent/access/access.h"
+#include "agent/lock_file.h"
+#include "agent/startup_error.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr int kBacklog = 64;
+
+std::string Reason(int error) {
+    return std::generic_category().message(error);
+}
+
+UniqueFd TakeLock(const std::filesystem::path& socket_path) {
+    const std::string path = socket_path.string() + ".lock";
+    try {
+        std::optional<UniqueFd> lock = TakeLockFile(path);
+        if (lock.has_value()) {
+            return std::move(*lock);
+        }
+    } catch (const std::system_error& error) {
+        throw StartupError("The lock file " + path + " cannot be opened: " + Reason(error.code().value()) +
+                           ". Create its directory, or name another socket with --socket.");
+    }
+    throw StartupError("Another agent is running, or still stopping, on " + socket_path.string() +
+                       ": stop it, or name another socket with --socket.");
+}
+
+UniqueFd NewSocket() {
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.IsOpen()) {
+        throw StartupError("No socket can be made: " + Reason(errno) + ".");
+    }
+    return fd;
+}
+
+sockaddr_un AddressOf(const std::filesystem::path& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.native().size() >= sizeof(address.sun_path)) {
+        throw StartupError("The socket path " + path.string() + " is longer than " +
+                           std::to_string(sizeof(address.sun_path) - 1) + " bytes: name a shorter one with --socket.");
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.native().size() + 1);
+    return address;
+}
+
+// Makes the path free for a new socket: removes what a dead agent has left, and nothing else.
+void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& address) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        const int error = errno;
+        throw StartupError("The socket " + path.string() + " cannot be examined: " + Reason(error) + ".");
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw StartupError(path.string() + " exists and is not a socket: remove it, or name another with --socket.");
+    }
+    const UniqueFd probe = NewSocket();
+    if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
+        errno != ECONNREFUSED) {
+        throw StartupError("Another process is serving " + path.string() +
+                           ": stop it, or name another socket with --socket.");
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        const int error = errno;
+        throw StartupError("The stale socket " + path.string() + " cannot be removed: " + Reason(error) + ".");
+    }
+}
+
+}  // namespace
+
+UnixListener::UnixListener(const std::filesystem::path& path, const std::string& group) : path_(path) {
+    const sockaddr_un address = AddressOf(path_);
+    const gid_t group_number = group.empty() ? getegid() : FindGroup(group);
+    lock_ = TakeLock(path_);
+    RemoveStaleSocket(path_, address);
+    socket_ = NewSocket();
+    // On Linux the name that bind makes takes the mode of the socket's own inode, less the umask.
+    struct stat status {};
+    if (fchmod(socket_.Get(), 0600) != 0 ||
+        bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        lstat(path_.c_str(), &status) != 0) {
+        const int error = errno;
+        throw StartupError("The socket " + path_.string() + " cannot be made: " + Reason(error) + ".");
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    try {
+        SetAccess(group_number);
+    } catch (...) {
+        RemoveName();
+        throw;
+    }
+}
+
+// Nobody can connect before listen. The name is changed through a descriptor of itself, so that nothing else is changed
+// that may have taken its place.
+void UnixListener::SetAccess(gid_t group) {
+    const UniqueFd name(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const std::string name_path = "/proc/self/fd/" + std::to_string(name.Get());
+    struct stat status {};
+    const bool is_ours =
+        name.IsOpen() && fstat(name.Get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+    if (!is_ours ||
+        (status.st_gid != group && fchownat(name.Get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0) ||
+        chmod(name_path.c_str(), 0660) != 0 || listen(socket_.Get(), kBacklog) != 0) {
+        const int error = errno;
+        throw StartupError("The socket " + path_.string() + " cannot be given to its group: " + Reason(error) +
+                           ". Start the agent as root, or name a group of its user with --socket-group.");
+    }
+}
+
+UnixListener::~UnixListener() {
+    RemoveName();
+}
+
+void UnixListener::RemoveName() {
+    struct stat status {};
+    if (inode_ != 0 && lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+        unlink(path_.c_str());
+    }
+    inode_ = 0;
+}
+
+}  // namespace qxpagent

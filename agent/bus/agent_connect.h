@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "agent/bus/message_bus.h"
+
+namespace qxpagent {
+
+/// Where the management server is.
+struct ServerAddress {
+    std::string ip;
+    std::string port;  // decimal, 1 to 65535
+};
+
+/// Reads "ADDRESS:PORT" or, for an IPv6 address, "[ADDRESS]:PORT". Nothing when it is neither.
+std::optional<ServerAddress> ParseServerAddress(std::string_view text);
+
+/// The agent connect component: answers the plugin's question whether, and where, the agent is connected to its server.
+class AgentConnect final : private IMRReceiveComplete {
+public:
+    /// Attaches to the bus, which must outlive it. `server`: where the agent is connected; nothing means offline.
+    /// Throws StartupError when the name is taken.
+    AgentConnect(MessageBus& bus, std::optional<ServerAddress> server);
+    ~AgentConnect() override;
+    AgentConnect(const AgentConnect&) = delete;
+    AgentConnect& operator=(const AgentConnect&) = delete;
+
+private:
+    void ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
+                         unsigned int uiDataLength, void* pReplyCtx, void* pEndPoint) override;
+    std::string ConnectInformation() const;
+
+    // Constant after construction.
+    MessageBus& bus_;
+    const std::optional<ServerAddress> server_;
+};
+
+}  // namespace qxpagent

@@ -1,0 +1,375 @@
+#include "agent/commands/command_desk.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "agent/bus/message_bus.h"
+#include "agent/log.h"
+#include "policy/hex.h"
+#include "policy/policy_check.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr char kAgentEnded[] = "The agent ended before every result was there; what was running may have been cut off.";
+constexpr char kReportLost[] = "The store took nothing for too long, and a report was lost: the scripts may have run.";
+
+std::string Sha256(const std::string& text) {
+    std::array<unsigned char, 32> digest{};
+    size_t size = 0;
+    if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest.data(), &size) != 1) {
+        throw StoreError("SHA-256 cannot be computed.");
+    }
+    return qxppolicy::HexEncode(digest);
+}
+
+const char* StateName(CommandState state) {
+    constexpr const char* kNames[] = {"received", "delivered", "refused", "reported", "interrupted"};
+    return kNames[static_cast<size_t>(state)];
+}
+
+const char* OutcomeName(const SubmitOutcome& outcome) {
+    constexpr const char* kNames[] = {"",     "known already", "conflict",       "refused at the door", "not running",
+                                      "busy", "no room",       "storage failed", "not acknowledged"};
+    if (outcome.status == SubmitStatus::kTaken) {
+        return outcome.command.has_value() ? StateName(outcome.command->state) : "delivered";
+    }
+    return kNames[static_cast<size_t>(outcome.status)];
+}
+
+SubmitOutcome StorageOutcome(const StoreError& error) {
+    const bool full = dynamic_cast<const StoreFullError*>(&error) != nullptr;
+    return {full ? SubmitStatus::kStorageFull : SubmitStatus::kStorageFailed, error.what(), std::nullopt};
+}
+
+// The record of what was done for whom.
+void Audit(const Peer& peer, const NewCommand& command, size_t bytes, const SubmitOutcome& outcome) {
+    const bool taken = outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kKnown;
+    QXPAGENT_LOG(taken ? kLogInfo : kLogWarn,
+                 "command [%s] [%s] sha256 %s, %zu bytes, from user [%s] uid %u pid %d: %s%s%s", command.id.c_str(),
+                 command.command.c_str(), command.sha256.c_str(), bytes, peer.user.c_str(), peer.uid, peer.pid,
+                 OutcomeName(outcome), outcome.detail.empty() ? "" : ": ", outcome.detail.c_str());
+}
+
+// True when `all` has an element more often than `some`. Sorts both.
+bool HasMoreThan(std::vector<std::string> all, std::vector<std::string>& some) {
+    std::sort(all.begin(), all.end());
+    std::sort(some.begin(), some.end());
+    return !std::includes(some.begin(), some.end(), all.begin(), all.end());
+}
+
+// Why the first script that is dropped is, as the end of a sentence. Named by its place: its ID is anybody's text.
+std::string FirstDropped(const qxppolicy::PolicyVerdict& verdict) {
+    const auto dropped = std::find_if(
+        verdict.scripts.begin(), verdict.scripts.end(),
+        [](const qxppolicy::ScriptVerdict& script) { return script.verdict == qxppolicy::Verdict::Dropped; });
+    return dropped == verdict.scripts.end()
+               ? ""
+               : "; script " + std::to_string(dropped - verdict.scripts.begin() + 1) + ": " + dropped->reason;
+}
+
+}  // namespace
+
+// While it lives, no other thread submits or delivers a command of this ID.
+class CommandDesk::Turn {
+public:
+    Turn(CommandDesk& desk, const std::string& id) : desk_(desk), id_(id) {
+        std::unique_lock lock(desk_.mutex_);
+        desk_.turn_ended_.wait(lock, [this] { return !desk_.busy_.contains(id_); });
+        desk_.busy_.insert(id_);
+    }
+    ~Turn() {
+        const std::lock_guard lock(desk_.mutex_);
+        desk_.busy_.erase(id_);
+        desk_.turn_ended_.notify_all();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+private:
+    CommandDesk& desk_;
+    const std::string id_;
+};
+
+SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
+    const size_t bytes = document.size();
+    NewCommand command;
+    SubmitOutcome outcome;
+    try {
+        outcome = Take(std::move(document), peer, command);
+    } catch (const StoreError& error) {
+        outcome = StorageOutcome(error);
+    }
+    if (outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kNotAcknowledged) {
+        counters_.CommandTaken();
+    } else if (outcome.status == SubmitStatus::kUnacceptable) {
+        counters_.RefusedAtDoor();
+    }
+    Audit(peer, command, bytes, outcome);
+    return outcome;
+}
+
+SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewCommand& command) {
+    const ByteGate::Pass pass(gate_, document.size());
+    command.submitter = peer;
+    command.received = std::chrono::system_clock::now();
+    command.text = std::move(document);
+    command.sha256 = Sha256(command.text);
+    Forecast forecast;
+    {
+        qxtools::CPJsonParse json;
+        std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+        command.id = json.GetValue(json.GetNode(nullptr, "ID")).c_str();  // up to a NUL, as the plugin reads it
+        if (!reason.empty()) {
+            return {SubmitStatus::kUnacceptable, std::move(reason), std::nullopt};
+        }
+        forecast = Foresee(json);
+    }
+    command.command = forecast.command;
+    command.scripts = forecast.scripts;
+    command.expected = forecast.expected;
+    command.refusal_reason = forecast.reason;
+    const Turn turn(*this, command.id);
+    return Journal(command, forecast);
+}
+
+CommandDesk::Forecast CommandDesk::Foresee(const qxtools::CPJsonParse& document) const {
+    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys_);
+    Forecast forecast;
+    forecast.refused = !verdict.faults.empty();
+    forecast.command = verdict.command;
+    forecast.scripts = static_cast<uint32_t>(verdict.scripts.size());
+    forecast.reason = forecast.refused
+                          ? "The plugin refused it: " + verdict.faults.front() + FirstDropped(verdict) + "."
+                          : "The plugin refused it: with the scripts that are running, its scripts are too many.";
+    for (const qxppolicy::ScriptVerdict& script : verdict.scripts) {
+        if (script.reported && !forecast.refused) {
+            forecast.expected.push_back(script.id);
+        }
+    }
+    return forecast;
+}
+
+SubmitOutcome CommandDesk::Journal(NewCommand& command, const Forecast& forecast) {
+    FinishWithdrawal(command.id);
+    CommandRecord known;
+    switch (store_.Admit(command, known)) {
+        case Admission::kKnown:
+            return {SubmitStatus::kKnown, "", std::move(known)};
+        case Admission::kConflict:
+            return {SubmitStatus::kConflict, "Another document was submitted under the ID \"" + command.id + "\".",
+                    std::nullopt};
+        case Admission::kNew:
+            break;
+    }
+    try {
+        store_.MarkDelivered(command.id);
+    } catch (const StoreError& error) {
+        const SubmitOutcome outcome = StorageOutcome(error);
+        return TakeBack(command.id, outcome.status, outcome.detail.c_str());
+    }
+    return Deliver(command, forecast);
+}
+
+// Gives the document away: it can be large, and the journal has it.
+SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast) {
+    const int status = HandOverOne(command.id, std::move(command.text), command.scripts);
+    switch (status) {
+        case kBusUndelivered:
+        case kBusNotAttached:
+            return TakeBack(command.id, SubmitStatus::kNotRunning,
+                            "The agent is stopping, or its plugin is not started.");
+        case kBusQueueFull:
+            return TakeBack(command.id, SubmitStatus::kBusy,
+                            "Too much is waiting or running: send this one again later.");
+        default:
+            break;
+    }
+    SubmitOutcome outcome;
+    try {
+        Conclude(command.id, status, forecast);
+        outcome.command = store_.FindCommand(command.id);
+    } catch (const StoreError& error) {
+        // The plugin has it, and that is what counts; its final word comes with its results, or when the agent ends.
+        QXPAGENT_LOG(kLogError, "command [%s] was delivered, but: %s", command.id.c_str(), error.what());
+    }
+    if (status != kBusOk && status != kBusReceiverFailed) {
+        outcome.status = SubmitStatus::kNotAcknowledged;
+        outcome.detail = "The plugin has not acknowledged the command in time; it may still run it.";
+    }
+    return outcome;
+}
+
+int CommandDesk::HandOverOne(const std::string& id, std::string text, uint32_t scripts) {
+    {
+        const std::lock_guard lock(mutex_);
+        unanswered_.insert(id);
+    }
+    const int status = hand_over_(std::move(text), scripts);
+    if (status != kBusTimedOut) {
+        const std::lock_guard lock(mutex_);
+        unanswered_.erase(id);
+    }
+    return status;
+}
+
+bool CommandDesk::MayBeRefused(const std::string& id) {
+    const std::lock_guard lock(mutex_);
+    return unanswered_.contains(id);
+}
+
+// A command that never reached the plugin is as if it had not been sent.
+SubmitOutcome CommandDesk::TakeBack(const std::string& id, SubmitStatus status, const char* detail) {
+    try {
+        store_.TakeBack(id);
+        return {status, detail, std::nullopt};
+    } catch (const StoreError& error) {
+        const std::lock_guard lock(mutex_);
+        withdrawn_.insert(id);
+        return StorageOutcome(error);
+    }
+}
+
+void CommandDesk::FinishWithdrawal(const std::string& id) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (!withdrawn_.contains(id)) {
+            return;
+        }
+    }
+    store_.TakeBack(id);
+    const std::lock_guard lock(mutex_);
+    withdrawn_.erase(id);
+}
+
+// What is known at once, when the plugin has acknowledged the command.
+void CommandDesk::Conclude(const std::string& id, int status, const Forecast& forecast) {
+    if (status == kBusReceiverFailed) {
+        Refuse(id, "The plugin failed over the command; the log says more.");
+    } else if (status == kBusOk && forecast.refused) {
+        Refuse(id, forecast.reason);  // its own refusal, if it could be read and stored, was here before
+    } else if (status == kBusOk && forecast.expected.empty()) {
+        store_.FinishIfReported(id);
+    }
+}
+
+void CommandDesk::Refuse(const std::string& id, const std::string& reason) {
+    if (store_.Refuse(id, reason)) {
+        counters_.RefusedByPlugin();
+    }
+}
+
+void CommandDesk::TakeStock() {
+    std::vector<std::string> delivered = store_.IdsIn(CommandState::kDelivered);
+    const std::lock_guard lock(mutex_);
+    orphans_ = std::move(delivered);
+}
+
+void CommandDesk::ReportLost(const ReportContent& content) {
+    const std::lock_guard lock(mutex_);
+    LostReports& lost = lost_[content.id];
+    lost.refused = lost.refused || content.refusal;
+    for (const RunResult& run : content.runs) {
+        lost.scripts.push_back(run.script_id);
+    }
+}
+
+void CommandDesk::Settle() {
+    try {
+        SettleOrphans();
+        SettleLost();
+        for (const std::string& id : store_.IdsIn(CommandState::kReceived)) {
+            DeliverAgain(id);
+        }
+    } catch (const StoreError& error) {
+        QXPAGENT_LOG(kLogError, "commands without a final word are left for later: %s", error.what());
+    }
+}
+
+void CommandDesk::SettleOrphans() {
+    for (;;) {
+        std::string id;
+        {
+            const std::lock_guard lock(mutex_);
+            if (orphans_.empty()) {
+                return;
+            }
+            id = orphans_.back();
+        }
+        InterruptOne(id, kAgentEnded);
+        const std::lock_guard lock(mutex_);
+        orphans_.pop_back();
+    }
+}
+
+void CommandDesk::SettleLost() {
+    std::map<std::string, LostReports> all;
+    {
+        const std::lock_guard lock(mutex_);
+        all = lost_;
+    }
+    for (auto& [id, lost] : all) {
+        const std::optional<CommandRecord> command = store_.FindCommand(id);
+        const bool is_open = command.has_value() && command->state == CommandState::kDelivered;
+        if (is_open && lost.refused) {
+            Refuse(id, "The plugin refused it; its report was lost, since the store took nothing for too long.");
+        } else if (is_open && HasMoreThan(command->unreported, lost.scripts)) {
+            continue;  // the others are to come, or will be lost too
+        } else if (is_open) {
+            InterruptOne(id, kReportLost);
+        }
+        const std::lock_guard lock(mutex_);
+        lost_.erase(id);
+    }
+}
+
+void CommandDesk::DeliverAgain(const std::string& id) {
+    const Turn turn(*this, id);
+    FinishWithdrawal(id);
+    NewCommand command;
+    command.id = id;
+    command.text = store_.CommandText(id);
+    if (command.text.empty() || !store_.MarkDelivered(id)) {
+        return;  // another thread has dealt with it
+    }
+    Forecast forecast;
+    {
+        qxtools::CPJsonParse json;
+        // What was good when it came may not be any more, and others may have written to the store.
+        if (const std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+            !reason.empty()) {
+            QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
+            Refuse(id, reason);
+            return;
+        }
+        forecast = Foresee(json);
+    }
+    const int status = HandOverOne(id, std::move(command.text), forecast.scripts);
+    if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
+        store_.MarkReceived(id);
+        QXPAGENT_LOG(kLogWarn, "command [%s] is journalled and could not be delivered (%d)", id.c_str(), status);
+        return;
+    }
+    QXPAGENT_LOG(kLogInfo, "command [%s] delivered from the journal (%d)", id.c_str(), status);
+    Conclude(id, status, forecast);
+}
+
+void CommandDesk::InterruptOne(const std::string& id, const std::string& reason) {
+    const std::optional<size_t> missing = store_.Interrupt(id, reason);
+    if (missing.has_value()) {
+        counters_.Interrupted(*missing);
+        QXPAGENT_LOG(kLogWarn, "command [%s] was interrupted: %zu results are missing", id.c_str(), *missing);
+    }
+}
+
+void CommandDesk::InterruptAll(const std::string& reason) {
+    for (const std::string& id : store_.IdsIn(CommandState::kDelivered)) {
+        InterruptOne(id, reason);
+    }
+}
+
+}  // namespace qxpagent

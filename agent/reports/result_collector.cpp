@@ -1,0 +1,280 @@
+#include "agent/reports/result_collector.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "agent/entry_names.h"
+#include "agent/log.h"
+#include "agent/startup_error.h"
+#include "policy/hex.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr off_t kMaxFileBytes = off_t{256} << 20;
+constexpr uint64_t kMostWarnings = 20;  // about files of one scan
+constexpr uint32_t kWatched = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
+
+std::string Reason(int error) {
+    return std::generic_category().message(error);
+}
+
+// Not kept open: a directory that somebody has open is never told to be gone.
+UniqueFd OpenDirectory(const std::filesystem::path& path) {
+    return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool IsResultName(const std::string& name) {
+    return name.ends_with(".json");
+}
+
+int64_t Nanoseconds(const timespec& time) {
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
+bool ReadAll(int file, std::string& text, size_t size) {
+    text.resize(size);
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t count = read(file, text.data() + done, size - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+std::string Sha256(const std::string& text) {
+    std::array<unsigned char, 32> digest{};
+    size_t size = 0;
+    EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest.data(), &size);
+    return qxppolicy::HexEncode(digest);
+}
+
+}  // namespace
+
+std::optional<ResultFile> ReadResultFile(int directory, const std::string& name) {
+    const UniqueFd file(openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat before {};
+    struct stat after {};
+    if (!file.IsOpen() || fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) ||
+        before.st_size > kMaxFileBytes) {
+        return std::nullopt;
+    }
+    ResultFile result;
+    if (!ReadAll(file.Get(), result.text, static_cast<size_t>(before.st_size)) || fstat(file.Get(), &after) != 0 ||
+        after.st_size != before.st_size || Nanoseconds(after.st_mtim) != Nanoseconds(before.st_mtim)) {
+        return std::nullopt;
+    }
+    result.mark = {name, Nanoseconds(after.st_mtim), result.text.size(), Sha256(result.text)};
+    return result;
+}
+
+ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportIntake& intake,
+                                 const CollectorTimes& times)
+    : directory_(directory),
+      intake_(intake),
+      times_(times),
+      stop_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      watch_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    std::error_code ignored;
+    std::filesystem::create_directories(directory_, ignored);
+    if (stop_event_.IsOpen() && watch_.IsOpen()) {
+        Watch();
+    }
+    if (!watching_) {
+        throw StartupError("The result directory " + directory_.string() + " cannot be watched: " + Reason(errno) +
+                           ".");
+    }
+    Scan();
+    TakeBacklog(times_.start);
+    thread_ = std::thread([this] { Loop(); });
+    pthread_setname_np(thread_.native_handle(), "qxpresults");
+}
+
+ResultCollector::~ResultCollector() {
+    Stop();
+}
+
+void ResultCollector::Stop() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(stop_event_.Get(), &one, sizeof(one));
+    thread_.join();
+    try {
+        if (watching_ && TakeEvents()) {
+            TakePending();
+        } else {
+            Scan();
+            TakeBacklog(times_.start);
+        }
+    } catch (const std::exception& error) {
+        QXPAGENT_LOG(kLogError, "the last result files are left for the next start: %s", error.what());
+    }
+}
+
+void ResultCollector::Watch() {
+    watching_ = inotify_add_watch(watch_.Get(), directory_.c_str(), kWatched) >= 0;
+}
+
+// Everything that is there: at the start, and whenever events may have been lost. The newest come first, since they may
+// be the last words of commands. Throws StoreError.
+void ResultCollector::Scan() {
+    const UniqueFd directory = OpenDirectory(directory_);
+    std::vector<std::pair<int64_t, std::string>> found;
+    for (std::string& name : EntryNames(directory.Get())) {
+        struct stat status {};
+        if (IsResultName(name) && fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            !IsStored(name, status)) {
+            found.emplace_back(Nanoseconds(status.st_mtim), std::move(name));
+        }
+    }
+    std::sort(found.begin(), found.end());
+    left_alone_ = 0;
+    backlog_.clear();
+    for (auto& [modified, name] : found) {
+        backlog_.push_back(std::move(name));
+    }
+}
+
+// By its time and size. A file that was written just now may have been written twice within one tick of the clock, and
+// is read to tell.
+bool ResultCollector::IsStored(const std::string& name, const struct stat& status) {
+    constexpr time_t kSettled = 10;  // seconds
+    return status.st_mtim.tv_sec < time(nullptr) - kSettled &&
+           intake_.HasFile(name, Nanoseconds(status.st_mtim), static_cast<uint64_t>(status.st_size));
+}
+
+void ResultCollector::Loop() {
+    bool taken = true;
+    for (;;) {
+        pollfd events[] = {{stop_event_.Get(), POLLIN, 0}, {watch_.Get(), POLLIN, 0}};
+        const bool idle = watching_ && pending_.empty() && backlog_.empty();
+        const bool busy = taken && !backlog_.empty();
+        poll(events, 2, idle ? -1 : busy ? 0 : static_cast<int>(times_.retry.count()));
+        if ((events[0].revents & POLLIN) != 0) {
+            return;
+        }
+        try {
+            taken = Round();
+        } catch (const std::exception& error) {  // no memory, or a store that cannot be read
+            QXPAGENT_LOG(kLogError, "result files are left for later: %s", error.what());
+            taken = false;
+        }
+    }
+}
+
+// What has come, then a little of what was there. False when the store does not take it.
+bool ResultCollector::Round() {
+    constexpr std::chrono::milliseconds kSlice{100};
+    bool complete = TakeEvents();
+    if (!watching_) {
+        Watch();
+        complete = !watching_;
+    }
+    if (!complete) {
+        Scan();
+    }
+    return TakePending() && TakeBacklog(kSlice);
+}
+
+// False when events were lost, or the directory was.
+bool ResultCollector::TakeEvents() {
+    alignas(inotify_event) std::array<char, 65536> buffer;
+    bool complete = true;
+    for (;;) {
+        const ssize_t size = read(watch_.Get(), buffer.data(), buffer.size());
+        if (size <= 0) {
+            return complete;
+        }
+        for (ssize_t at = 0; at < size;) {
+            const auto* const event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
+            if ((event->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0 && watching_) {
+                watching_ = false;
+                QXPAGENT_LOG(kLogError, "the result directory %s is gone: waiting for it", directory_.c_str());
+            }
+            complete = complete && (event->mask & IN_Q_OVERFLOW) == 0;
+            if (event->len > 0 && IsResultName(event->name)) {
+                pending_.insert(event->name);
+            }
+            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        }
+    }
+}
+
+bool ResultCollector::TakePending() {
+    const UniqueFd directory = OpenDirectory(directory_);
+    while (!pending_.empty()) {
+        if (!TakeOne(directory.Get(), *pending_.begin())) {
+            return false;
+        }
+        pending_.erase(pending_.begin());
+    }
+    return true;
+}
+
+bool ResultCollector::TakeBacklog(std::chrono::milliseconds time) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    const UniqueFd directory = OpenDirectory(directory_);
+    while (!backlog_.empty() && std::chrono::steady_clock::now() < deadline) {
+        if (!TakeOne(directory.Get(), backlog_.back())) {
+            return false;
+        }
+        backlog_.pop_back();
+        if (backlog_.empty() && left_alone_ > kMostWarnings) {
+            QXPAGENT_LOG(kLogWarn, "%llu result files were left alone in all: remove them",
+                         static_cast<unsigned long long>(left_alone_));
+        }
+    }
+    return true;
+}
+
+void ResultCollector::LeaveAlone(const std::string& name, const char* reason) {
+    if (++left_alone_ <= kMostWarnings || backlog_.empty()) {
+        QXPAGENT_LOG(kLogWarn, "the result file [%s] was left alone: %s", name.c_str(), reason);
+    }
+}
+
+// False when the store did not take it.
+bool ResultCollector::TakeOne(int directory, const std::string& name) {
+    std::optional<ResultFile> file = ReadResultFile(directory, name);
+    if (!file.has_value()) {
+        LeaveAlone(name, "it is gone, changing or no regular file");
+        return true;
+    }
+    const ReportContent content = ReadReport(file->text);
+    if (!content.readable) {
+        LeaveAlone(name, "it is no complete JSON document");
+        return true;
+    }
+    try {
+        intake_.TakeFile(file->mark, file->text, content);
+        return true;
+    } catch (const StoreError& error) {
+        QXPAGENT_LOG(kLogError, "the result file [%s] is not stored yet: %s", name.c_str(), error.what());
+        return false;
+    }
+}
+
+}  // namespace qxpagent

@@ -1,0 +1,120 @@
+#include "agent/service/upkeep.h"
+
+#include <pthread.h>
+
+#include <exception>
+#include <utility>
+
+#include "agent/log.h"
+
+namespace qxpagent {
+
+namespace {
+
+constexpr std::chrono::seconds kRetryTime{5};    // what the store refused is tried again
+constexpr std::chrono::seconds kWaitingTime{1};  // reports that wait in memory are
+constexpr std::chrono::minutes kRoundTime{10};   // ages are looked at
+
+}  // namespace
+
+Upkeep::Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters,
+               const qxppolicy::TrustedKeys& keys, const Retention& retention)
+    : store_(store), desk_(desk), intake_(intake), counters_(counters), keys_(keys), retention_(retention) {
+}
+
+Upkeep::~Upkeep() {
+    Stop();
+}
+
+void Upkeep::Start(const Places& places) {
+    places_ = places;
+    thread_ = std::thread([this] { Loop(); });
+    pthread_setname_np(thread_.native_handle(), "qxpupkeep");
+}
+
+void Upkeep::StoreHasGrown() {
+    const std::lock_guard lock(mutex_);
+    grown_ = true;
+    woken_.notify_all();
+}
+
+void Upkeep::SetRetention(const Retention& retention) {
+    const std::lock_guard lock(mutex_);
+    retention_ = retention;
+    grown_ = true;
+    woken_.notify_all();
+}
+
+void Upkeep::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+        woken_.notify_all();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Upkeep::Loop() {
+    auto next_round = std::chrono::steady_clock::now();
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        grown_ = false;
+        const Retention retention = retention_;
+        lock.unlock();
+        const auto now = std::chrono::steady_clock::now();
+        const bool all = now >= next_round;
+        if (all) {
+            next_round = now + kRoundTime;
+        }
+        Round(all, retention);
+        lock.lock();
+        const auto pause = intake_.Waiting() != 0 ? kWaitingTime : kRetryTime;
+        woken_.wait_for(lock, pause, [this] { return stopping_ || grown_; });
+    }
+}
+
+void Upkeep::Round(bool all, const Retention& retention) {
+    try {
+        MoveUnusablePolicies(places_, keys_);
+        StoreWaiting();
+        store_.Probe();
+        desk_.Settle();
+        if (all || store_.Bytes() > retention.bytes) {
+            Retain(retention);
+        }
+        if (all) {
+            RemoveLeftovers(store_, places_, std::chrono::system_clock::now() - retention.leftover_age);
+        }
+    } catch (const std::exception& error) {  // a store that fails, or no memory
+        QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());
+    }
+}
+
+void Upkeep::StoreWaiting() {
+    if (intake_.Waiting() != 0) {
+        intake_.StoreWaiting();
+    }
+    for (const ReportContent& content : intake_.TakeLost()) {
+        desk_.ReportLost(content);
+    }
+}
+
+void Upkeep::Retain(const Retention& retention) {
+    const Removed removed = store_.Retain(retention, std::chrono::system_clock::now());
+    counters_.RemovedUndelivered(removed.unacknowledged);
+    if (removed.unacknowledged > 0) {
+        QXPAGENT_LOG(kLogError,
+                     "%llu reports were removed from the store before anybody acknowledged them: they were too old or "
+                     "too large together",
+                     static_cast<unsigned long long>(removed.unacknowledged));
+    }
+    if (removed.commands + removed.reports > removed.unacknowledged) {
+        QXPAGENT_LOG(kLogInfo, "%llu commands and %llu reports have had their time and were removed from the store",
+                     static_cast<unsigned long long>(removed.commands),
+                     static_cast<unsigned long long>(removed.reports));
+    }
+}
+
+}  // namespace qxpagent

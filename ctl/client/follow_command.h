@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+#include "ctl/client/agent_client.h"
+#include "ctl/client/patience.h"
+#include "ctl/client/results.h"
+#include "ctl/policies/policy.h"
+
+namespace qxpctl {
+
+enum class FollowOutcome {
+    Complete,     // every result that there will be is there
+    Refused,      // by the plugin
+    Interrupted,  // the agent ended before all results were there; the rest will never come
+    TimedOut,     // the wait ended first
+    GivenUp,      // the user ended the wait
+};
+
+/// Follows a command to its final word, over restarts of the agent.
+/// @param command    as it is known; brought up to date.
+/// @param after      the cursor from which reports count.
+/// @param on_result  told of each result as it arrives.
+/// Throws what AgentClient throws but AgentAway, and AgentUnavailable when the agent comes back with a store that does
+/// not know the command.
+FollowOutcome FollowCommand(AgentClient& agent, Patience& patience, ResultCollector& collector, Command& command,
+                            uint64_t after, const std::function<void(const RunResult&)>& on_result);
+
+/// How long to wait when nobody says: as long as the longest time-out and some grace; not set when a script may run for
+/// ever.
+std::optional<std::chrono::seconds> DefaultWait(const Policy& policy);
+
+}  // namespace qxpctl

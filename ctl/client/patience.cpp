@@ -1,0 +1,76 @@
+#include "ctl/client/patience.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace qxpctl {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr milliseconds kFirstPause{100};
+constexpr milliseconds kLongestPause{2000};
+constexpr milliseconds kTickInterval{100};
+
+std::optional<Patience::Clock::time_point> DeadlineAfter(std::optional<seconds> limit) {
+    return limit ? std::optional(Patience::Clock::now() + *limit) : std::nullopt;
+}
+
+}  // namespace
+
+Patience::Patience(const Console& console, std::optional<seconds> limit, Tick tick)
+    : console_(console), tick_(std::move(tick)), deadline_(DeadlineAfter(limit)) {
+}
+
+Patience::End Patience::Try(const std::function<bool()>& request) {
+    for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
+        try {
+            if (away_ && on_return_)
+                on_return_();
+            if (!request())
+                return End::GivenUp;
+            if (away_)
+                Say("the agent is back");
+            away_ = false;
+            return End::Done;
+        } catch (const AgentAway&) {
+            if (!away_)
+                Say("the agent has gone away; waiting for it to come back");
+            away_ = true;
+        }
+        if (Expired())
+            return End::TimedOut;
+        if (!Pause(pause))
+            return End::GivenUp;
+    }
+}
+
+seconds Patience::Left(seconds most) const {
+    if (!deadline_)
+        return most;
+    return std::clamp(std::chrono::ceil<seconds>(*deadline_ - Clock::now()), seconds(0), most);
+}
+
+bool Patience::Pause(milliseconds pause) const {
+    Clock::time_point end = Clock::now() + pause;
+    if (deadline_)
+        end = std::min(end, *deadline_);
+    for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
+        if (tick_ && !tick_())
+            return false;
+        std::this_thread::sleep_for(std::min<Clock::duration>(kTickInterval, end - now));
+    }
+    return !tick_ || tick_();
+}
+
+void Patience::Say(const std::string& text) const {
+    if (!console_.Remarks().IsTerminal())
+        return;
+    if (before_remark_)
+        before_remark_();
+    console_.Remark(text);
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+#include "ctl/client/agent_http.h"
+#include "ctl/terminal/console.h"
+
+namespace qxpctl {
+
+/// Keeps a wait going while the agent is away, as when it is restarted: tries again, with growing pauses, until the
+/// request succeeds, the wait ends or the user gives up. Says once on a terminal that the agent is away, and once that
+/// it is back. Belongs to one thread.
+class Patience {
+public:
+    using Clock = std::chrono::steady_clock;
+    enum class End { Done, TimedOut, GivenUp };
+
+    /// @param limit  how long in all; not set means for as long as it takes. Counts from here.
+    /// @param tick   false gives up.
+    Patience(const Console& console, std::optional<std::chrono::seconds> limit, Tick tick);
+
+    /// Runs a request until it is done. What it throws, other than AgentAway, passes through.
+    /// @param request  false when its own tick gave up.
+    End Try(const std::function<bool()>& request);
+
+    /// Called before the request is tried again after the agent was away: the place to look whether what answers now
+    /// still knows what the request is about. May throw what a request may.
+    void OnReturn(std::function<void()> callback) { on_return_ = std::move(callback); }
+    /// Told before something is written to the terminal.
+    void BeforeRemark(std::function<void()> callback) { before_remark_ = std::move(callback); }
+
+    bool Expired() const { return deadline_ && Clock::now() >= *deadline_; }
+    /// Whole seconds that are left, at most the given ones.
+    std::chrono::seconds Left(std::chrono::seconds most) const;
+    /// True while the last try found no agent.
+    bool IsAway() const { return away_; }
+    const Tick& GetTick() const { return tick_; }
+    /// Waits, ticking. False when tick gave up.
+    bool Pause(std::chrono::milliseconds pause) const;
+
+private:
+    void Say(const std::string& text) const;
+
+    const Console& console_;
+    const Tick tick_;
+    const std::optional<Clock::time_point> deadline_;
+    std::function<void()> on_return_;
+    std::function<void()> before_remark_;
+    bool away_ = false;
+};
+
+}  // namespace qxpctl

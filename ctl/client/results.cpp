@@ -1,0 +1,107 @@
+#include "ctl/client/results.h"
+
+#include <algorithm>
+
+namespace qxpctl {
+
+namespace {
+
+// The "msg_type" of a result document, of the plugin's reply to a command that it refused, and of the agent's last word
+// on a command that it could not see through.
+constexpr const char* kResult = "1";
+constexpr const char* kRefusal = "4";
+constexpr const char* kInterruption = "5";
+
+RunResult ReadRun(const Json& run) {
+    RunResult result;
+    result.script_id = TextMember(run, "scriptid");
+    result.succeeded = TextMember(run, "run_result") == "1";
+    result.seconds = TextMember(run, "run_runningtime");
+    result.start_time = TextMember(run, "run_starttime");
+    result.end_time = TextMember(run, "run_endtime");
+    result.timed_out = result.end_time.empty();
+    result.file = TextMember(run, "filepath");
+    result.output = TextMember(run, "run_outdata");
+    return result;
+}
+
+void ReadRuns(const Json& data, ReportContent& content) {
+    const Json* const runs = FindMember(data, "result");
+    if (!runs || !runs->is_array())
+        return;
+    content.kind = ReportContent::Kind::Results;
+    for (const Json& run : *runs) {
+        const Json* const script = FindMember(run, "scriptid");
+        if (script && script->is_string())
+            content.runs.push_back(ReadRun(run));
+    }
+}
+
+void ReadInterruption(const Json& data, ReportContent& content) {
+    content.kind = ReportContent::Kind::Interruption;
+    content.reason = TextMember(data, "reason");
+    const Json* const unreported = FindMember(data, "unreported");
+    if (!unreported || !unreported->is_array())
+        return;
+    for (const Json& script : *unreported) {
+        if (script.is_string())
+            content.unreported.push_back(script.get<std::string>());
+    }
+}
+
+}  // namespace
+
+ReportContent ReadReportContent(const Json& document) {
+    ReportContent content;
+    content.id = TextMember(document, "ID");
+    const std::string type = TextMember(document, "msg_type");
+    const Json* const data = FindMember(document, "data");
+    if (type == kRefusal)
+        content.kind = ReportContent::Kind::Refusal;
+    else if (type == kInterruption)
+        ReadInterruption(data ? *data : Json(), content);
+    else if (type == kResult && data)
+        ReadRuns(*data, content);
+    return content;
+}
+
+ResultCollector::ResultCollector(std::string policy_id, std::vector<std::string> script_ids)
+    : policy_id_(std::move(policy_id)), script_ids_(std::move(script_ids)) {
+}
+
+std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
+    std::vector<const RunResult*> added;
+    if (report.cursor <= last_cursor_)
+        return added;
+    last_cursor_ = report.cursor;
+    ReportContent content = ReadReportContent(report.content);
+    if (content.id != policy_id_ || content.kind == ReportContent::Kind::Unknown)
+        return added;
+    cursors_.push_back(report.cursor);
+    refused_ = refused_ || content.kind == ReportContent::Kind::Refusal;
+    if (content.kind == ReportContent::Kind::Interruption) {
+        interrupted_ = true;
+        reason_ = content.reason;
+    }
+    for (RunResult& result : content.runs) {
+        const std::string id = result.script_id;
+        if (std::find(script_ids_.begin(), script_ids_.end(), id) == script_ids_.end())
+            continue;
+        const auto [place, inserted] = results_.try_emplace(id, std::move(result));
+        if (inserted)
+            added.push_back(&place->second);
+    }
+    return added;
+}
+
+bool ResultCollector::AllSucceeded() const {
+    return Complete() &&
+           std::all_of(results_.begin(), results_.end(), [](const auto& entry) { return entry.second.succeeded; });
+}
+
+const RunResult* ResultCollector::Find(const std::string& script_id) const {
+    const auto found = results_.find(script_id);
+    return found == results_.end() ? nullptr : &found->second;
+}
+
+}  // namespace qxpctl

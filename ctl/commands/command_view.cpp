@@ -1,0 +1,55 @@
+#include "ctl/commands/command_view.h"
+
+#include <algorithm>
+
+#include "ctl/terminal/text.h"
+#include "ctl/terminal/time_text.h"
+
+namespace qxpctl {
+
+namespace {
+
+// How many of the expected results are there.
+std::string Progress(const Command& command) {
+    const uint64_t missing = std::min<uint64_t>(command.unreported.size(), command.expected);
+    return std::to_string(command.expected - missing) + "/" + std::to_string(command.expected);
+}
+
+}  // namespace
+
+Color StateColor(CommandState state) {
+    switch (state) {
+        case CommandState::Received:
+        case CommandState::Delivered:
+            return Color::Yellow;
+        case CommandState::Reported:
+            return Color::Green;
+        case CommandState::Refused:
+        case CommandState::Interrupted:
+            break;
+    }
+    return Color::Red;
+}
+
+Row CommandHeadings() {
+    return {{"RECEIVED", Color::Bold}, {"STATE", Color::Bold}, {"RESULTS", Color::Bold}, {"COMMAND", Color::Bold},
+            {"USER", Color::Bold},     {"ID", Color::Bold},    {"REASON", Color::Bold}};
+}
+
+Row CommandRow(const Command& command) {
+    return {{ShortTime(command.received)},
+            {StateName(command.state), StateColor(command.state)},
+            {Progress(command)},
+            {command.command},
+            {command.submitter},
+            {command.id},
+            {command.reason}};
+}
+
+std::string CommandLine(const Command& command) {
+    const std::string time = command.finished.empty() ? command.received : command.finished;
+    return OneLine(time) + "\t" + OneLine(command.id) + "\t" + StateName(command.state) + "\t" + Progress(command) +
+           "\t" + OneLine(command.reason) + "\n";
+}
+
+}  // namespace qxpctl

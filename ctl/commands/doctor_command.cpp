@@ -1,0 +1,101 @@
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+#include "ctl/commands/commands.h"
+#include "ctl/commands/doctor.h"
+#include "ctl/terminal/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+constexpr const char* kFooter =
+    R"(Looks at the files and their permissions, the trusted keys, the configuration, the room on the disk, the clock, the
+socket, and through it at the agent, its plugin and its store. Prints a line a finding: ok, warn or fail, what was found,
+and what to do. Changes nothing. Some things only root can see.
+
+Examples:
+  sudo qxpctl doctor
+  qxpctl doctor --root /opt/qxpmaint --json | jq -r '.findings[] | select(.level != "ok") | .text'
+
+Exit codes: 0 nothing failed; 1 something did.)";
+
+const char* LevelName(Level level) {
+    switch (level) {
+        case Level::Ok:
+            return "ok";
+        case Level::Warn:
+            return "warn";
+        case Level::Fail:
+            break;
+    }
+    return "fail";
+}
+
+Color LevelColor(Level level) {
+    if (level == Level::Ok)
+        return Color::Green;
+    return level == Level::Warn ? Color::Yellow : Color::Red;
+}
+
+std::string AsText(const Findings& findings, const Stream& output) {
+    std::string text;
+    for (const Finding& finding : findings.All()) {
+        const std::string name = LevelName(finding.level);
+        text += output.Paint(LevelColor(finding.level), name) + std::string(6 - name.size(), ' ') + finding.check +
+                ": " + OneLine(finding.text) + (finding.advice.empty() ? "" : "; " + OneLine(finding.advice)) + "\n";
+    }
+    return text;
+}
+
+std::string AsJson(const std::string& root, const std::string& socket, const Findings& findings) {
+    Json document = {
+        {"installation", root}, {"socket", socket}, {"ok", !findings.Any(Level::Fail)}, {"findings", Json::array()}};
+    for (const Finding& finding : findings.All())
+        document["findings"].push_back({{"level", LevelName(finding.level)},
+                                        {"check", finding.check},
+                                        {"text", finding.text},
+                                        {"advice", finding.advice}});
+    return ToLine(document);
+}
+
+ExitCode Examine(const std::string& root_option, const Console& console, const CommonOptions& common) {
+    const std::filesystem::path root = root_option.empty() ? InstallationRoot() : root_option;
+    const bool own_socket = !root_option.empty() && common.socket.empty() && !std::getenv("QXPAGENT_SOCKET");
+    const std::string socket = own_socket ? (root / "data/qxpagent/agent.sock").string() : FindSocket(common.socket);
+    Findings findings;
+    CheckFiles(root, findings);
+    CheckTrustedKeys(root, findings);
+    CheckConfiguration(root, findings);
+    CheckData(root, findings);
+    CheckClock(root, findings);
+    CheckAgent(root, socket, findings);
+    console.Print(common.json ? AsJson(root.string(), socket, findings) : AsText(findings, console.Output()));
+    return findings.Any(Level::Fail) ? ExitCode::Negative : ExitCode::Success;
+}
+
+}  // namespace
+
+void Findings::OkUnlessFound(const std::string& check, const std::string& text) {
+    if (std::none_of(all_.begin(), all_.end(), [&](const Finding& finding) { return finding.check == check; }))
+        all_.push_back({Level::Ok, check, text, {}});
+}
+
+bool Findings::Any(Level level) const {
+    return std::any_of(all_.begin(), all_.end(), [level](const Finding& finding) { return finding.level == level; });
+}
+
+void AddDoctorCommand(const CommandSetup& program) {
+    const auto root = std::make_shared<std::string>();
+    const CommandSetup command =
+        program.SubCommand("doctor", "Find out what is wrong with an installation, and what to do about it");
+    command.Value("--root", "DIR", *root, "The installation [that of this program]");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(
+        [root](const Console& console, const CommonOptions& common) { return Examine(*root, console, common); });
+}
+
+}  // namespace qxpctl

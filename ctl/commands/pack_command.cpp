@@ -1,0 +1,81 @@
+#include <memory>
+
+#include "ctl/commands/commands.h"
+#include "ctl/policies/pack_options.h"
+#include "ctl/policies/script_type.h"
+#include "ctl/terminal/files.h"
+#include "ctl/terminal/json.h"
+#include "ctl/terminal/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+struct PackCommandOptions {
+    PackOptions pack;
+    std::string output;
+};
+
+constexpr const char* kFooter = R"(Examples:
+  qxpctl pack --key ops.key.pem disk-check.sh >policy.json
+  qxpctl pack --key ops.key.pem --output policy.json \
+      'disk-check.sh,check=DISK CHECKED,timeout=60' collect-logs,id=logs
+  qxpctl pack --key ops.key.pem --timeout 300 --command RunScriptFile nightly/*.sh | qxpctl submit -
+
+A policy for an agent's policy directory or for run-once is the same document in a file named *.json.)";
+
+void WarnOfTypesThatDoNotRun(const Policy& policy, const Console& console) {
+    for (const PackedScript& script : policy.scripts) {
+        const TypeHandling handling = HandlingOf(script.type);
+        if (handling == TypeHandling::Unsupported)
+            console.Warn(script.id + ": the plugin drops scripts of the type " + script.type);
+        if (handling == TypeHandling::NeverRun)
+            console.Warn(script.id + ": the plugin accepts scripts of the type " + script.type + ", but runs none");
+    }
+}
+
+std::string Summary(const PackedPolicy& packed, const std::string& output) {
+    Json summary = {{"id", packed.policy.id},
+                    {"command", packed.policy.command},
+                    {"scheme", SchemeName(packed.scheme)},
+                    {"output", output},
+                    {"scripts", Json::array()}};
+    for (const PackedScript& script : packed.policy.scripts)
+        summary["scripts"].push_back(
+            {{"scriptid", script.id}, {"scripttype", script.type}, {"file", script.file}, {"bytes", script.bytes}});
+    return ToLine(summary);
+}
+
+ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, bool json) {
+    const PackedPolicy packed = Pack(options.pack);
+    WarnOfOpenKeyFile(options.pack.key_file, console);
+    WarnOfTypesThatDoNotRun(packed.policy, console);
+    if (options.output.empty() || options.output == "-") {
+        console.Print(packed.policy.document + "\n");
+        return ExitCode::Success;
+    }
+    WriteOutputFile(options.output, packed.policy.document + "\n");
+    if (json)
+        console.Print(Summary(packed, options.output));
+    else
+        console.Remark(options.output + ": policy " + packed.policy.id + ", " +
+                       std::to_string(packed.policy.scripts.size()) + " signed (" + SchemeName(packed.scheme) + ")");
+    return ExitCode::Success;
+}
+
+}  // namespace
+
+void AddPackCommand(const CommandSetup& program) {
+    const auto options = std::make_shared<PackCommandOptions>();
+    const CommandSetup command = program.SubCommand("pack", "Sign scripts into a policy document");
+    AddPackOptions(command, options->pack);
+    command.Value("--output,-o", "FILE", options->output,
+                  "Where to write the policy, in one step; '-' or not given: the standard output");
+    command.JsonOption();
+    command.Footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return WritePolicy(*options, console, common.json);
+    });
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,159 @@
+#include <limits>
+#include <memory>
+
+#include "ctl/client/agent_client.h"
+#include "ctl/commands/commands.h"
+#include "ctl/terminal/files.h"
+#include "ctl/terminal/table.h"
+#include "ctl/terminal/text.h"
+#include "ctl/terminal/time_text.h"
+
+namespace qxpctl {
+
+namespace {
+
+struct ResultsOptions {
+    std::string id;
+    std::string raw;
+    std::string output;
+    bool pending = false;
+    bool acknowledge = false;
+};
+
+constexpr const char* kFooter =
+    R"(Lists the reports that the agent keeps: what the plugin sent (source plugin), the result files that it wrote (file) and
+the agent's own last words on commands that were interrupted (agent). A report that is acknowledged has arrived where it
+was to go, and is the first to make room.
+
+Examples:
+  qxpctl results                                  all, oldest first
+  qxpctl results nightly --pending --acknowledge  what is new of one command; it is not new afterwards
+  qxpctl results --raw 42 --output result.json    a result file as the plugin wrote it
+  qxpctl results --json | jq -r '.reports[] | select(.document.msg_type == "4") | .id'
+
+Exit codes: 0 done; 2 there is no such result file; 3 the agent cannot be reached; 5 the file or the standard output
+could not be written: nothing is acknowledged then.)";
+
+Row Headings() {
+    Row row;
+    for (const char* const text : {"CURSOR", "RECEIVED", "SOURCE", "BYTES", "ACKNOWLEDGED", "ID", "FILE"})
+        row.push_back({text, Color::Bold});
+    return row;
+}
+
+Row RowOf(const Report& report) {
+    return {{std::to_string(report.cursor)},
+            {ShortTime(report.received)},
+            {report.source},
+            {std::to_string(report.bytes)},
+            report.acknowledged ? Cell{"yes"} : Cell{"no", Color::Yellow},
+            {report.id},
+            {report.file}};
+}
+
+// What is listed, and what of it nobody has acknowledged.
+struct Listing {
+    std::string text;
+    std::vector<uint64_t> pending;
+};
+
+// Everything that is stored now, page by page: of the documents, only those of one page are in the memory as values. A
+// table needs none.
+Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console& console, bool json) {
+    ReportFilter filter;
+    filter.id = options.id;
+    filter.documents = json;
+    if (options.pending)
+        filter.acknowledged = false;
+    Listing listing;
+    std::string& text = listing.text;
+    if (json)
+        text = R"({"reports":[)";
+    const size_t before = text.size();
+    std::vector<Row> rows{Headings()};
+    for (;;) {
+        const ReportPage page = agent.GetReports(filter).value();
+        for (const Report& report : page.reports) {
+            if (!report.acknowledged)
+                listing.pending.push_back(report.cursor);
+            if (json)
+                text.append(text.size() == before ? "" : ",").append(ToText(report.document));
+            else
+                rows.push_back(RowOf(report));
+        }
+        if (page.reports.empty() || page.cursor <= filter.after)
+            break;
+        filter.after = page.cursor;
+    }
+    if (json)
+        text.append(R"(],"cursor":)").append(std::to_string(filter.after)).append("}\n");
+    else
+        text = FormatTable(rows, console.Output());
+    return listing;
+}
+
+void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const Console& console) {
+    if (cursors.empty())
+        return;
+    const uint64_t count = agent.Acknowledge(cursors);
+    console.Remark(Count(count, "report") + " acknowledged");
+}
+
+ExitCode List(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
+    AgentClient agent(FindSocket(common.socket));
+    const Listing listing = Collect(agent, options, console, common.json);
+    if (options.output.empty() || options.output == "-")
+        console.Print(listing.text);
+    else
+        WriteOutputFile(options.output, listing.text);
+    if (options.acknowledge)
+        Acknowledge(agent, listing.pending, console);
+    return ExitCode::Success;
+}
+
+uint64_t ReadCursor(const std::string& text) {
+    const std::optional<uint32_t> cursor = ParseNumber(text, std::numeric_limits<uint32_t>::max());
+    if (!cursor || *cursor == 0)
+        throw BadInput("--raw takes the cursor of a result, as 'qxpctl results' lists it, not '" + text + "'");
+    return *cursor;
+}
+
+ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
+    const uint64_t cursor = ReadCursor(options.raw);
+    AgentClient agent(FindSocket(common.socket));
+    const std::string bytes = agent.GetResultFile(cursor);
+    if (!options.output.empty() && options.output != "-") {
+        WriteOutputFile(options.output, bytes);
+        if (common.json)
+            console.Print(ToLine({{"cursor", cursor}, {"output", options.output}, {"bytes", bytes.size()}}));
+        else
+            console.Remark(options.output + ": " + Count(bytes.size(), "byte"));
+    } else {
+        console.Print(console.Output().Untrusted(bytes));
+    }
+    if (options.acknowledge)
+        Acknowledge(agent, {cursor}, console);
+    return ExitCode::Success;
+}
+
+}  // namespace
+
+void AddResultsCommand(const CommandSetup& program) {
+    const auto options = std::make_shared<ResultsOptions>();
+    const CommandSetup command =
+        program.SubCommand("results", "List the reports and result files that the agent keeps, or fetch one");
+    const OptionSetup id = command.Argument("ID", options->id, "Only those of this command [all]");
+    command.Flag("--pending", options->pending, "Only those that nobody has acknowledged");
+    const OptionSetup raw = command.Value("--raw", "CURSOR", options->raw, "Fetch this result file, as it was written");
+    raw.Excludes(id);
+    command.Value("--output,-o", "FILE", options->output, "Where to write; '-' or not given: the standard output");
+    command.Flag("--acknowledge", options->acknowledge, "Acknowledge what has been listed or written");
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options, raw](const Console& console, const CommonOptions& common) {
+        return raw.Given() ? WriteRaw(*options, console, common) : List(*options, console, common);
+    });
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,80 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "ctl/client/agent_client.h"
+#include "ctl/commands/commands.h"
+#include "ctl/terminal/interrupt.h"
+#include "ctl/terminal/spinner.h"
+#include "ctl/terminal/text.h"
+
+namespace qxpctl {
+
+namespace {
+
+constexpr const char* kFooter =
+    R"(Has the plugin run a policy file of its process directory and waits for the end of its scripts. The file is deleted
+afterwards, accepted or not. Its name serves as the ID of the results.
+
+Examples:
+  qxpctl drop --process nightly.json && qxpctl runonce nightly.json && qxpctl results nightly.json
+
+Exit codes: 0 the policy was accepted; 1 it was not, or there is no such file; 3 the agent cannot be reached;
+130 Ctrl-C: the scripts go on.)";
+
+// Where the file is missing, if it is and this user can see so. Looked for beforehand, since the plugin deletes it.
+std::string MissingFrom(AgentClient& agent, const std::string& name) {
+    const std::string directory = agent.GetStatus().process_directory;
+    struct stat status {};
+    const bool missing = !directory.empty() && access(directory.c_str(), R_OK | X_OK) == 0 &&
+                         lstat((directory + "/" + name).c_str(), &status) != 0 && errno == ENOENT;
+    return missing ? directory : "";
+}
+
+std::string WhyNotAccepted(const std::string& name, const std::string& missing_from) {
+    if (!missing_from.empty())
+        return "there is no such file in " + missing_from + "; put it there with: qxpctl drop --process " +
+               ShellWord(name);
+    return "the plugin refuses it, or there is no such file in the process directory; its log tells which";
+}
+
+ExitCode RunOnce(const std::string& name, const Console& console, const CommonOptions& common) {
+    AgentClient agent(FindSocket(common.socket));
+    const std::string missing_from = MissingFrom(agent, name);
+    const InterruptGuard interrupt;
+    std::optional<bool> accepted;
+    {
+        Spinner spinner(console);
+        accepted = agent.RunOnce(name, [&] {
+            spinner.Tick("waiting for the scripts to end");
+            return !interrupt.Interrupted();
+        });
+    }
+    if (!accepted)
+        throw Error(ExitCode::Interrupted, "interrupted; the scripts go on: see 'qxpctl results'");
+    if (common.json)
+        console.Print(ToLine({{"name", name}, {"accepted", *accepted}}));
+    else if (*accepted)
+        console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
+    else
+        console.Remark(name + " was not accepted: " + WhyNotAccepted(name, missing_from));
+    return *accepted ? ExitCode::Success : ExitCode::Negative;
+}
+
+}  // namespace
+
+void AddRunOnceCommand(const CommandSetup& program) {
+    const auto name = std::make_shared<std::string>();
+    const CommandSetup command =
+        program.SubCommand("runonce", "Have the plugin run a policy file of its process directory");
+    command.Argument("NAME", *name, "The file's name, without a directory").Required();
+    command.SocketOption();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action(
+        [name](const Console& console, const CommonOptions& common) { return RunOnce(*name, console, common); });
+}
+
+}  // namespace qxpctl

@@ -1,0 +1,140 @@
+#include <filesystem>
+#include <memory>
+
+#include "ctl/client/agent_http.h"
+#include "ctl/commands/commands.h"
+#include "ctl/policies/policy.h"
+#include "ctl/policies/policy_check.h"
+#include "ctl/terminal/files.h"
+#include "ctl/terminal/json.h"
+#include "ctl/terminal/text.h"
+#include "policy/admission.h"
+
+namespace qxpctl {
+
+namespace {
+
+struct VerifyOptions {
+    std::vector<std::string> key_files;
+    std::string trust_directory;
+    std::string policy;
+};
+
+constexpr const char* kFooter =
+    R"(Prints a line a script: accepted, accepted but not run (or cut short), or dropped, and why; and a line for each fault of the policy as a
+whole. What the plugin checks, in this order: scriptdata is there; sign is there; the signature is good; scripttype is
+there; the type is supported. What an agent would not take, as a path that means something to a shell, is a fault of
+the policy.
+
+A run-once policy needs no "ID" and no "Command"; a command does, and that is what is checked here.
+
+Examples:
+  qxpctl verify policy.json                               with what this machine trusts, but for the plugin's own key
+  qxpctl verify --key vendor.pub.pem policy.json
+  qxpctl verify --trust-dir /opt/qxpmaint/etc/trusted-keys policy.json
+  qxpctl pack --key ops.key.pem disk-check.sh | qxpctl verify --key ops.pub.pem -)";
+
+TrustedKeys ReadKeys(const VerifyOptions& options) {
+    TrustedKeys keys;
+    for (const std::string& file : options.key_files)
+        keys.AddKeyFile(file);
+    if (!options.trust_directory.empty()) {
+        keys.SetDirectory(options.trust_directory);
+    } else if (options.key_files.empty()) {
+        const std::filesystem::path directory = std::filesystem::path(InstallationRoot()) / "etc/trusted-keys";
+        std::error_code failure;
+        if (!std::filesystem::is_directory(directory, failure))
+            throw BadInput(
+                "name what to check with: --key PUBLIC.pem, --trust-dir DIR, or both; this program is in no "
+                "installation whose keys could be used");
+        keys.SetDirectory(directory.string());
+    }
+    return keys;
+}
+
+const char* VerdictName(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::Accepted:
+            return "accepted";
+        case Verdict::NotRun:
+            return "accepted but not run";
+        case Verdict::CutShort:
+            return "accepted but cut short";
+        case Verdict::Dropped:
+            break;
+    }
+    return "dropped";
+}
+
+Color VerdictColor(Verdict verdict) {
+    if (verdict == Verdict::Accepted)
+        return Color::Green;
+    return verdict == Verdict::Dropped ? Color::Red : Color::Yellow;
+}
+
+std::string AsJson(const PolicyVerdict& verdict) {
+    Json result = {{"accepted", verdict.Good()},
+                   {"id", verdict.id},
+                   {"command", verdict.command},
+                   {"faults", verdict.faults},
+                   {"scripts", Json::array()}};
+    for (const ScriptVerdict& script : verdict.scripts)
+        result["scripts"].push_back({{"scriptid", script.id},
+                                     {"scripttype", script.type},
+                                     {"verdict", VerdictName(script.verdict)},
+                                     {"reason", script.reason}});
+    return ToLine(result);
+}
+
+std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
+    std::string text;
+    for (const std::string& fault : verdict.faults)
+        text += "policy: " + output.Paint(Color::Red, "refused") + ": " + OneLine(fault) + "\n";
+    size_t number = 0;
+    for (const ScriptVerdict& script : verdict.scripts) {
+        text += "script " + std::to_string(++number);
+        if (!script.id.empty())
+            text += " (" + OneLine(script.id) + ")";
+        text += ": " + output.Paint(VerdictColor(script.verdict), VerdictName(script.verdict));
+        if (!script.reason.empty())
+            text += ": " + OneLine(script.reason);
+        text += "\n";
+    }
+    return text;
+}
+
+ExitCode Verify(const VerifyOptions& options, const Console& console, bool json) {
+    const TrustedKeys keys = ReadKeys(options);
+    const std::string document = ReadDocument(options.policy, kMaxPolicyBytes, "policy");
+    PolicyVerdict verdict = CheckPolicy(document, keys);
+    if (!verdict.readable)
+        throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
+                       " is not a JSON document; make a policy with 'qxpctl pack'");
+    qxtools::CPJsonParse reader;
+    if (const std::string reason = qxppolicy::WhyNotAdmitted(document, reader);
+        verdict.faults.empty() && !reason.empty())
+        verdict.faults.push_back("an agent does not take it: " + reason);
+    console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
+    return verdict.Good() ? ExitCode::Success : ExitCode::Negative;
+}
+
+}  // namespace
+
+void AddVerifyCommand(const CommandSetup& program) {
+    const auto options = std::make_shared<VerifyOptions>();
+    const CommandSetup command =
+        program.SubCommand("verify", "Tell which scripts of a policy the plugin would accept, and why not");
+    command.Values("--key,-k", "FILE", options->key_files,
+                   "A public key that the plugin trusts (PEM): the RSA key\n"
+                   "it was built with, or an Ed25519 key; may be repeated");
+    command.Value("--trust-dir", "DIR", options->trust_directory,
+                  "The agent's directory of trusted Ed25519 keys\n[without --key: that of this installation]");
+    command.Argument("POLICY", options->policy, "The policy document; '-' is the standard input").Required();
+    command.JsonOption();
+    command.Footer(kFooter);
+    command.Action([options](const Console& console, const CommonOptions& common) {
+        return Verify(*options, console, common.json);
+    });
+}
+
+}  // namespace qxpctl

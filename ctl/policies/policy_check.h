@@ -1,0 +1,15 @@
+#pragma once
+
+#include "ctl/policies/trusted_keys.h"
+#include "policy/policy_check.h"
+
+// The shared check of a policy, under the names of the tool.
+
+namespace qxpctl {
+
+using qxppolicy::CheckPolicy;
+using qxppolicy::PolicyVerdict;
+using qxppolicy::ScriptVerdict;
+using qxppolicy::Verdict;
+
+}  // namespace qxpctl

@@ -1,0 +1,119 @@
+#include "plugin/adapter/send.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "plugin/adapter/adapter_mgr.h"
+#include "plugin/adapter/adapter_support.h"
+#include "plugin/adapter/guid_text.h"
+
+namespace {
+
+constexpr char ClassName[] = "CqxpmaintMgr";
+
+constexpr unsigned int SendTimeOutMs = 60000;
+
+// The envelope, packed, numbers with the least significant byte first:
+//
+//   0  u32  JSON data type        16  char[64]  first name, NUL-padded
+//   4  s32  caller's value        80  char[64]  second name, NUL-padded
+//   8  s32  second value         144  u32       length L of the text
+//  12  u32  zero                 148  text and one NUL, L + 1 bytes
+constexpr size_t TypeOffset = 0;
+constexpr size_t Value4Offset = 4;
+constexpr size_t Value8Offset = 8;
+constexpr size_t Name1Offset = 16;
+constexpr size_t Name2Offset = 80;
+constexpr size_t NameLimit = 63;
+constexpr size_t LengthOffset = 144;
+constexpr size_t TextOffset = 148;
+
+void PutU32(unsigned char* pTarget, uint32_t uValue) {
+    for (int i = 0; i < 4; ++i)
+        pTarget[i] = static_cast<unsigned char>(uValue >> (8 * i));
+}
+
+void PutText(unsigned char* pTarget, std::string_view text) {
+    memcpy(pTarget, text.data(), text.size());
+}
+
+int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
+                 int value8, std::string_view json) {
+    const size_t uSize = TextOffset + json.size() + 1;
+    if (json.empty() || uSize > std::numeric_limits<uint32_t>::max())
+        return ADAPTER_E_INVALID_ARG;
+    const std::unique_ptr<unsigned char[]> pEnvelope(new (std::nothrow) unsigned char[uSize]());
+    if (!pEnvelope)
+        return ADAPTER_E_OUT_OF_MEMORY;
+
+    unsigned char* pBytes = pEnvelope.get();
+    PutU32(pBytes + TypeOffset, static_cast<uint32_t>(json_data_type));
+    PutU32(pBytes + Value4Offset, static_cast<uint32_t>(value4));
+    PutU32(pBytes + Value8Offset, static_cast<uint32_t>(value8));
+    if (*name1 && *name2) {
+        PutText(pBytes + Name1Offset, {name1, strnlen(name1, NameLimit)});
+        PutText(pBytes + Name2Offset, {name2, strnlen(name2, NameLimit)});
+    }
+    PutU32(pBytes + LengthOffset, static_cast<uint32_t>(json.size()));
+    PutText(pBytes + TextOffset, json);
+
+    // In storage that nothing destroys: the plugin's threads may send while the process exits, and the host answer.
+    alignas(CLogCacheAsynCallback) static unsigned char s_storage[sizeof(CLogCacheAsynCallback)];
+    static CLogCacheAsynCallback* const s_pCompletionSink = new (s_storage) CLogCacheAsynCallback;
+    unsigned long ulOut = 0;
+    // The envelope is freed on return: SendAsync copies it.
+    return endPoint.SendAsync(ParseGuid(MGR_COMPONENT_ID), MSG_TYPE_JSON_COMBO, pBytes,
+                              static_cast<unsigned int>(uSize), s_pCompletionSink, nullptr, &ulOut, SendTimeOutMs);
+}
+
+bool IsJsonDataType(int json_data_type) {
+    return json_data_type == 1 || json_data_type == 2;
+}
+
+}  // namespace
+
+int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
+                             int value8, const char* json) {
+    if (!ep || !name1 || !name2 || !json)
+        return ADAPTER_E_INVALID_ARG;
+    if (!IsJsonDataType(json_data_type))
+        return ADAPTER_E_JSON_DATA_TYPE;
+    return SendEnvelope(*ep, json_data_type, name1, name2, value4, value8, json);
+}
+
+int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
+                                   const unsigned char* data, unsigned int len) try {
+    if (!data || len == 0 || !*data) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", ClassName,
+                    static_cast<const void*>(data), static_cast<int>(len));
+        return -1;
+    }
+    const CqxpmaintMgr* pAdapterMgr = Instance();
+    if (!pAdapterMgr) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", ClassName);
+        return -1;
+    }
+    IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
+    if (!IsJsonDataType(json_data_type)) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName, json_data_type);
+        return -1;
+    }
+    if (!pEndPoint)
+        return ADAPTER_E_INVALID_ARG;
+    // Straight from the caller's bytes: a report can be over a hundred MiB.
+    const auto* pszJson = reinterpret_cast<const char*>(data);
+    return SendEnvelope(*pEndPoint, json_data_type, "", "", value4, 1, {pszJson, strnlen(pszJson, len)});
+} catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+void CqxpmaintMgr::AdapterNotifyToMgr(int, const unsigned char*) {
+}

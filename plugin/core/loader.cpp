@@ -1,0 +1,105 @@
+#include "plugin/core/loader.h"
+
+#include <sys/prctl.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "plugin/core/attempt.h"
+#include "plugin/core/command.h"
+#include "plugin/core/directory_list.h"
+#include "plugin/core/plugin_core.h"
+#include "plugin/core/plugin_state.h"
+#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_mgr.h"
+#include "plugin/manager/thread_gate.h"
+#include "plugin/platform/pause.h"
+#include "qxhost/file.h"
+#include "qxhost/log.h"
+
+namespace qxpmaint_impl {
+
+namespace {
+
+constexpr char LOADER_OPERATION[] = "qxpmaint_loadpolicyfile_thread";
+
+// A loader that a stop gave up, or that a second start has replaced, is no longer the one whose id is stored.
+bool IsLoader() {
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    return g_LoadThreadId == pthread_self();
+}
+
+// True while this thread is the loader and is not told to stop.
+bool GoesOn() {
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    return g_LoadThreadId == pthread_self() && g_iLoadThreadState == 1;
+}
+
+void Leave() {
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread exit threadid[%lu]", pthread_self());
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    if (g_LoadThreadId == pthread_self())
+        g_iLoadThreadState = 2;
+}
+
+void LoadFile(const _FilePathInfo& file) {
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread strFullPath[%s]", file.strFullPath.c_str());
+    std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(file.strFullPath.c_str()), QxReleaseFileData);
+    // What is not taken stays on the disk and is met again on the next scan, of this loader or of the next one.
+    if (!spJsonData || !IsLoader() || !TakePolicyFile(spJsonData.get()))
+        return;
+    spJsonData.reset();
+    remove(file.strFullPath.c_str());
+}
+
+// A scan runs to its end when a stop is requested, but not when a stop has given this thread up: the manager that took
+// its policies then may be gone.
+void Scan() {
+    std::list<_FilePathInfo> listFile;
+    Attempt(LOADER_OPERATION, [&] { GetDirJsonFileList(g_szPolicyFilePath, listFile); });
+    for (auto it = listFile.begin(); it != listFile.end() && IsLoader(); ++it)
+        Attempt(LOADER_OPERATION, [&] { LoadFile(*it); });
+    if (const CMaintMgrUse maintMgr = CMaintMgr::Use())
+        Attempt(LOADER_OPERATION, [&] { maintMgr->ResumeQueued(); });
+}
+
+// Without a positive cycle there is no pause: the scans follow each other.
+void Pause() {
+    for (long lSecond = 0; lSecond < g_lCheckCycle && GoesOn(); ++lSecond)
+        MaintPause(std::chrono::seconds(1));
+}
+
+}  // namespace
+
+void RequestLoaderEnd() {
+    const CMaintLockGuard lock(g_LoadThreadLock);
+    if (g_iLoadThreadState != 2)
+        g_iLoadThreadState = 0;
+}
+
+void* qxpmaint_loadpolicyfile_thread(void* pArgument) {
+    DisableCancellation();
+    std::unique_ptr<CThreadTicket> spCreatorsTicket(static_cast<CThreadTicket*>(pArgument));
+    CThreadTicket ticket;
+    if (spCreatorsTicket)
+        ticket = CThreadTicket::Adopt(*spCreatorsTicket);
+    spCreatorsTicket.reset();
+    pthread_detach(pthread_self());
+    prctl(PR_SET_NAME, "maintloadfile");
+    LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread in threadid[%lu]", pthread_self());
+    try {
+        while (GoesOn()) {
+            Scan();
+            Pause();
+            CancellationPoint();
+        }
+    } catch (...) {
+        Leave();
+        throw;  // the thread was cancelled
+    }
+    Leave();
+    return nullptr;
+}
+
+}  // namespace qxpmaint_impl

@@ -1,0 +1,157 @@
+#include <ctime>
+#include <new>
+#include <stdexcept>
+
+#include "plugin/manager/attempt.h"
+#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_mgr.h"
+#include "plugin/manager/run_control.h"
+#include "plugin/manager/run_thread.h"
+#include "plugin/manager/script_file.h"
+#include "plugin/platform/qx_log_print.h"
+#include "plugin/platform/test_point.h"
+
+CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*strLogPath*/, const CPString& strType,
+                                  CPString& strParam) {
+    CPString strCommand;
+    if (strType.CompareNoCase("sh") == 0)
+        strCommand.Format("bash %s", strPath.c_str());
+    else if (strType.CompareNoCase("exe") == 0)
+        strCommand = strPath;
+    // "bat", "vbs" and every other type do not run on this platform.
+    QXLogPrint(6, MAINT_LOG_SOURCE, "GetRunCommand", __LINE__,
+               "qxpmaint CMaintMgr::GetRunCommand strCommand[%s] strParam[%s]", strCommand.c_str(), strParam.c_str());
+    return strCommand;
+}
+
+// Starts the process of a run. When that fails the run goes on without a stream and is reported with empty output.
+void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam) {
+    unsigned int dwError = 0;
+    m_ProcReader.Replenish();
+    const _LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
+    bool bStarted = false;
+    {
+        const std::lock_guard lock(LaunchLock());
+        bStarted =
+            CMainTTool::MaintCreateProcess(strCommand.c_str(), strParam.c_str(), stRunData.strLogPath.empty() ? 1 : 0,
+                                           stRunData.stProcessInfo, &dwError);
+    }
+    if (bStarted) {
+        stRunData.spControl->Child.Identify(static_cast<FILE*>(stRunData.stProcessInfo.hProcess), stMark);
+        return;
+    }
+    QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+               "*qxpmaint CMaintMgr::CreateRunScript MaintCreateProcess Error[%u] strCommand[%s] strParam[%s]", dwError,
+               strCommand.c_str(), strParam.c_str());
+}
+
+// A run whose thread could not be created: nobody would ever read its output or wait for it, so it ends here, as one
+// that failed, and is reported like any other.
+void CMaintMgr::FinishWithoutThread(_RunScriptData& stRunData, int iError) {
+    Attempt("CreateRunScript", [&] {
+        QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                   "*qxpmaint CMaintMgr::CreateRunScript MaintCreateThread Error[%d] strPath[%s]", iError,
+                   stRunData.strScriptPath.c_str());
+    });
+    CRunControl& control = *stRunData.spControl;
+    control.Ticket.Release();
+    control.bThreadEnding = true;
+    if (stRunData.stProcessInfo.hProcess) {
+        CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
+        CRunThread::EndProcesses(control, std::chrono::milliseconds(0));
+        CRunThread::CloseStream(stRunData.spControl);
+        stRunData.stProcessInfo.hProcess = nullptr;
+    }
+    stRunData.dwRunState = RUN_FINISHED;
+}
+
+int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPath, unsigned int dwSequenceIndex,
+                               const _MaintPolicyDetail& stPolicy) {
+    CPString strParam;
+    const CPString strCommand = GetRunCommand(strPath, strLogPath, stPolicy.strType, strParam);
+    if (strCommand.empty() && strParam.empty()) {
+        QXLogPrint(3, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                   "*qxpmaint CMaintMgr::CreateRunScript GetRunCommand strCommand[%s] strParam[%s]", strCommand.c_str(),
+                   strParam.c_str());
+        return 0;
+    }
+    std::unique_ptr<_RunScriptData> spRunData(new (std::nothrow) _RunScriptData);
+    _RunScriptData* pRunData = spRunData.get();
+    if (!pRunData) {
+        QXLogPrintStr(4, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                      "**qxpmaint CMaintMgr::CreateRunScript pRunData is NULL");
+        CMainTTool::MaintDeleteFile(strPath.c_str());  // no run has it that would delete it
+        return 0;
+    }
+    pRunData->dwPolicyType = stPolicy.dwPolicyType;
+    pRunData->dwTimeOut = stPolicy.dwTimeOut;
+    pRunData->dwTimeOutAction = stPolicy.dwTimeOutAction;
+    pRunData->strID = stPolicy.strID;
+    pRunData->strScriptId = stPolicy.strScriptId;
+    pRunData->strCheckRet = stPolicy.strCheckRet;
+    pRunData->strScriptPath = strPath;
+    pRunData->dwSequenceIndex = dwSequenceIndex;
+    pRunData->dwStartTime = static_cast<uint32_t>(time(nullptr));
+    pRunData->strLogPath = strLogPath;
+    pRunData->hRunEvent = m_hWorkEvent;
+    pRunData->spControl = std::make_shared<CRunControl>(*this, m_ProcReader);
+    const std::shared_ptr<CRunControl> spControl = pRunData->spControl;
+    spControl->Ticket = CThreadTicket::ForNewThread(m_spGate);
+    pRunData->listCopyRoom.emplace_back();
+    std::list<_RunScriptData*> listEntry{pRunData};
+
+    if (m_bClosing)
+        throw std::runtime_error("closing");  // nobody would end this run
+
+    // From here on nothing may fail: a process that is not listed could be neither ended nor reported.
+    Attempt("CreateRunScript", [&] { StartProcess(*pRunData, strCommand, strParam); });
+
+    unsigned long long u64ThreadId = 0;
+    if (const int iError = CMainTTool::MaintCreateThread(RunScriptThread, pRunData, u64ThreadId); iError == 0) {
+        spControl->Attached.acquire();
+    } else {
+        u64ThreadId = 0;
+        FinishWithoutThread(*pRunData, iError);
+    }
+    Attempt("CreateRunScript", [&] {
+        QXLogPrint(6, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
+                   "qxpmaint CMaintMgr::CreateRunScript Create RunScriptThread u64ThreadId[%llu] strPath[%s]",
+                   u64ThreadId, strPath.c_str());
+    });
+    TestPoint("launch listing");
+    bool bFinished = false;
+    {
+        const CMaintLockGuard lock(m_csRunScriptList);
+        pRunData->u64ThreadId = u64ThreadId;
+        bFinished = pRunData->dwRunState == RUN_FINISHED;
+        m_PRunScriptList.splice(m_PRunScriptList.end(), listEntry);
+        static_cast<void>(spRunData.release());  // the list owns it now
+    }
+    // The signal of a run that was over before it was listed may have been taken by a pass that could not see it.
+    if (bFinished)
+        CMainTTool::MaintSetEvent(m_hWorkEvent);
+    return 0;
+}
+
+int CMaintMgr::CleanRunData(_RunScriptData* pRunData, int bKill) {
+    if (!pRunData)
+        return 0;
+    if (bKill) {
+        const CMaintLockGuard lock(m_csRunScriptList);
+        CRunControl& control = *pRunData->spControl;
+        control.iStopFlag = 1;  // what piStopFlag points at, also before the thread has set that
+        for (void** phHandle : {&pRunData->stProcessInfo.hThread, &pRunData->stProcessInfo.hReadPipe,
+                                &pRunData->stProcessInfo.hWritePipe}) {
+            CMainTTool::CleanHandle(*phHandle);
+            *phHandle = nullptr;
+        }
+        // The stream is left to the run thread, which may be reading from it: woken here, it takes the read end away
+        // from the script, ends the processes and closes the stream, once.
+        pRunData->stProcessInfo.hProcess = nullptr;
+        control.Wake();
+        if (pRunData->u64ThreadId != 0 && !control.bThreadEnding)
+            CancelThread(pRunData->u64ThreadId);
+    }
+    delete pRunData;
+    return 1;
+}

@@ -1,0 +1,193 @@
+// Policies: what pack signs, verify accepts, and the two agree with the form that a plugin checks.
+
+#include "ctl/policies/policy.h"
+#include "ctl/policies/policy_check.h"
+#include "ctl/policies/signer.h"
+#include "ctl/terminal/error.h"
+#include "ctl/terminal/text.h"
+#include "qxhost/base64.h"
+#include "tests/unit/ctl/support.h"
+
+namespace qxpctl {
+namespace {
+
+class PolicyTest : public testing::TestWithParam<const char*> {
+protected:
+    void MakeKeys(const std::string& scheme, const std::string& prefix) {
+        ASSERT_EQ(RunTool({"keygen", "--scheme", scheme, "--out", directory_ / prefix}).code, 0);
+    }
+    Json PackJson(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"pack", "--key", directory_ / "k.key.pem"});
+        const ToolResult result = RunTool(arguments);
+        EXPECT_EQ(result.code, 0) << result.remarks;
+        return Json::parse(result.output);
+    }
+    PolicyVerdict Check(const std::string& document, const std::string& prefix = "k") {
+        TrustedKeys keys;
+        keys.AddKeyFile(directory_ / (prefix + ".pub.pem"));
+        return CheckPolicy(document, keys);
+    }
+    // A policy of one script, ready to be spoiled.
+    Json OneScript() { return PackJson({directory_.Write("a.sh", "echo a\n")}); }
+
+    const TempDir directory_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Schemes, PolicyTest, testing::Values("plugin", "ed25519"));
+
+TEST_P(PolicyTest, WhatIsPackedIsAcceptedAndOneChangedByteIsNot) {
+    MakeKeys(GetParam(), "k");
+    MakeKeys(GetParam(), "other");
+    // Every length of the last Base64 group, and a body that is encoded in several steps.
+    std::string large(150001, '\0');
+    for (size_t at = 0; at < large.size(); ++at)
+        large[at] = static_cast<char>(at * 7);
+    const Json policy = PackJson({directory_.Write("1.sh", "a"), directory_.Write("2.sh", "ab"),
+                                  directory_.Write("3.sh", "abc"), directory_.Write("4", large) + ",type=exe"});
+    const PolicyVerdict verdict = Check(policy.dump());
+    EXPECT_TRUE(verdict.Good());
+    ASSERT_EQ(verdict.scripts.size(), 4U);
+    EXPECT_EQ(verdict.scripts[3].id, "4");
+
+    const auto& data = policy["param"]["scriptinfo"][3]["scriptdata"].get_ref<const std::string&>();
+    int size = 0;
+    const std::unique_ptr<unsigned char, decltype(&free)> decoded(base64Decode2(data.c_str(), data.size(), &size),
+                                                                  free);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(decoded.get()), static_cast<size_t>(size)), large);
+
+    EXPECT_FALSE(Check(policy.dump(), "other").Good());
+    for (const char* const member : {"sign", "scriptdata"}) {
+        Json changed = policy;
+        std::string text = changed["param"]["scriptinfo"][1][member];
+        text[text.size() / 2] = text[text.size() / 2] == '1' ? '2' : '1';
+        changed["param"]["scriptinfo"][1][member] = text;
+        const PolicyVerdict spoiled = Check(changed.dump());
+        EXPECT_EQ(spoiled.scripts[0].verdict, Verdict::Accepted);
+        EXPECT_EQ(spoiled.scripts[1].verdict, Verdict::Dropped) << member;
+        EXPECT_THAT(spoiled.scripts[1].reason, HasSubstr("bad signature"));
+        EXPECT_EQ(spoiled.scripts[2].verdict, Verdict::Accepted);
+        EXPECT_FALSE(spoiled.Good());
+    }
+}
+
+TEST_P(PolicyTest, ATrustDirectoryServesAsTheHostUsesIt) {
+    MakeKeys(GetParam(), "k");
+    MakeKeys("ed25519", "other");
+    std::filesystem::create_directory(directory_ / "trust");
+    std::filesystem::copy(directory_ / "other.pub.pem", directory_ / "trust/b.pem");
+    const std::string policy = directory_.Write("p.json", OneScript().dump());
+    const std::vector<std::string> verify{"verify", "--trust-dir", directory_ / "trust", policy};
+    EXPECT_EQ(RunTool(verify).code, 1);
+    std::filesystem::copy(directory_ / "k.pub.pem", directory_ / "trust/a.pem");
+    EXPECT_EQ(RunTool(verify).code, std::string(GetParam()) == "ed25519" ? 0 : 1);
+}
+
+TEST_F(PolicyTest, EveryReasonToDropAScriptIsTold) {
+    MakeKeys("plugin", "k");
+    const Json good = OneScript();
+    const std::tuple<std::function<void(Json&)>, Verdict, const char*> cases[] = {
+        // What comes first in the plugin's order is what is told, however much else is missing.
+        {[](Json& script) { script = Json::object(); }, Verdict::Dropped, "no \"scriptdata\""},
+        {[](Json& script) { script = 7; }, Verdict::Dropped, "no \"scriptdata\""},
+        {[](Json& script) { script.erase("sign"), script.erase("scripttype"); }, Verdict::Dropped, "no \"sign\""},
+        {[](Json& script) { script["sign"] = "", script.erase("scripttype"); }, Verdict::Dropped, "\"sign\" is empty"},
+        {[](Json& script) { script["sign"] = "01100000"; }, Verdict::Dropped, "too short"},
+        {[](Json& script) { script["sign"] = "0110000x1"; }, Verdict::Dropped, "hexadecimal"},
+        {[](Json& script) { script["sign"].get_ref<std::string&>().pop_back(); }, Verdict::Dropped, "263 characters"},
+        {[](Json& script) { script["sign"].get_ref<std::string&>()[263] = 'g'; }, Verdict::Dropped, "hexadecimal"},
+        {[](Json& script) { script["sign"] = "01300000" + std::string(256, 'a'); }, Verdict::Dropped, "no known form"},
+        {[](Json& script) { script["sign"] = "01200000" + std::string(128, 'a'); }, Verdict::Dropped, "no key in"},
+        {[](Json& script) { script["sign"] = "01100000" + std::string(256, 'f'); }, Verdict::Dropped, "this key"},
+        {[](Json& script) { script["scriptdata"] = ""; }, Verdict::Dropped, "\"scriptdata\" is empty"},
+        {[](Json& script) { script.erase("scripttype"); }, Verdict::Dropped, "no \"scripttype\""},
+        {[](Json& script) { script["scripttype"] = "Bat"; }, Verdict::Dropped, "not supported"},
+        {[](Json& script) { script["scripttype"] = "vbs"; }, Verdict::Dropped, "not supported"},
+        {[](Json& script) { script["scripttype"] = "zip"; }, Verdict::NotRun, "are never run"},
+        {[](Json& script) { script["scripttype"] = "py"; }, Verdict::NotRun, "are never run"},
+        {[](Json& script) { script["scripttype"] = "SH"; }, Verdict::Accepted, ""},
+        // What follows the 264 digits is not read.
+        {[](Json& script) { script["sign"].get_ref<std::string&>() += "zz"; }, Verdict::Accepted, ""},
+    };
+    for (const auto& [spoil, expected, reason] : cases) {
+        Json policy = good;
+        spoil(policy["param"]["scriptinfo"][0]);
+        const PolicyVerdict verdict = Check(policy.dump());
+        EXPECT_EQ(verdict.Good(), expected == Verdict::Accepted) << reason;
+        EXPECT_EQ(verdict.scripts.at(0).verdict, expected) << reason;
+        EXPECT_THAT(verdict.scripts.at(0).reason, HasSubstr(reason));
+    }
+
+    const Key key = ReadPrivateKey(directory_ / "k.key.pem");
+    for (const auto& [text, verdict] : {std::pair{"not base64!", Verdict::NotRun},
+                                        {"AGE=", Verdict::NotRun},
+                                        {"YQBh", Verdict::CutShort},
+                                        {"YWFh", Verdict::Accepted}}) {
+        Json signed_text = good;
+        signed_text["param"]["scriptinfo"][0]["scriptdata"] = text;
+        signed_text["param"]["scriptinfo"][0]["sign"] = Sign(key, text);
+        EXPECT_EQ(Check(signed_text.dump()).scripts.at(0).verdict, verdict) << text;
+    }
+}
+
+TEST_F(PolicyTest, FaultsOfTheWholeDocumentAreNamed) {
+    MakeKeys("plugin", "k");
+    const Json good = OneScript();
+    const std::pair<std::function<void(Json&)>, const char*> cases[] = {
+        {[](Json& policy) { policy.erase("ID"); }, "no \"ID\""},
+        {[](Json& policy) { policy["ID"] = ""; }, "\"ID\" is empty"},
+        {[](Json& policy) { policy.erase("Command"); }, "no \"Command\""},
+        {[](Json& policy) { policy["Command"] = "runscriptnormal"; }, "none of RunScriptNormal"},
+        {[](Json& policy) { policy["Param"] = policy["param"], policy.erase("param"); }, "no \"param\""},
+        {[](Json& policy) { policy["param"].erase("scriptinfo"); }, "no \"scriptinfo\""},
+        {[](Json& policy) { policy["param"]["scriptinfo"] = "x"; }, "not a list"},
+        {[](Json& policy) { policy["param"]["scriptinfo"] = Json::array(); }, "no script is left"},
+        {[](Json& policy) {
+             auto& scripts = policy["param"]["scriptinfo"];
+             const Json script = scripts[0];
+             while (scripts.size() < 64)
+                 scripts.push_back(script);
+         },
+         "64 scripts are more"},
+    };
+    for (const auto& [spoil, fault] : cases) {
+        Json policy = good;
+        spoil(policy);
+        const PolicyVerdict verdict = Check(policy.dump());
+        EXPECT_FALSE(verdict.Good()) << fault;
+        EXPECT_THAT(verdict.faults, testing::Contains(HasSubstr(fault)));
+    }
+    // Children of an object are scripts too.
+    Json named = good;
+    named["param"]["scriptinfo"] = {{"first", good["param"]["scriptinfo"][0]}};
+    EXPECT_TRUE(Check(named.dump()).Good());
+
+    EXPECT_THAT(
+        RunTool({"verify", "--key", directory_ / "k.pub.pem", directory_.Write("broken.json", good.dump() + "x")}),
+        Ends(2, HasSubstr("broken.json is not a JSON document")));
+}
+
+TEST_F(PolicyTest, AttributesBecomeTextMembersAndOwnOnesOverrideGeneralOnes) {
+    MakeKeys("ed25519", "k");
+    const std::string first = directory_.Write("a,b.sh", "echo\n");
+    const std::string second = directory_.Write("tool", "\177ELF");
+    std::string escaped = first;
+    escaped.replace(escaped.find(','), 1, "\\,");
+    const Json policy = PackJson({"--id", "nightly \xC3\xA9", "--command", "RunScriptFile", "--timeout", "30",
+                                  "--check", "general", "--path", "/opt/x", escaped + ",check=a\\,b,id=one,action=2",
+                                  second + ",timeout=4294967,check=,path="});
+    EXPECT_EQ(policy["ID"], "nightly \xC3\xA9");
+    EXPECT_EQ(policy["Command"], "RunScriptFile");
+    Json scripts = policy["param"]["scriptinfo"];
+    for (Json& script : scripts) {
+        EXPECT_EQ(script["sign"].get<std::string>().substr(0, 8), "01200000");
+        EXPECT_EQ(script["sign"].get<std::string>().size(), 136U);
+        script.erase("sign"), script.erase("scriptdata");
+    }
+    EXPECT_EQ(scripts[0], Json::parse(R"({"scriptid": "one", "scripttype": "sh", "scriptpath": "/opt/x",
+                                          "checkret": "a,b", "timeout": "30", "timeoutaction": "2"})"));
+    EXPECT_EQ(scripts[1], Json({{"scriptid", "tool"}, {"scripttype", "exe"}, {"timeout", "4294967"}}));
+    EXPECT_NE(OneScript()["ID"], OneScript()["ID"]);
+}
+
+}  // namespace
+}  // namespace qxpctl

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "agent/reports/report_document.h"
-#include "agent/reports/report_envelope.h"
+#include "agent/records/report_document.h"
+#include "agent/records/report_envelope.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);

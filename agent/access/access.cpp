@@ -12,7 +12,7 @@
 
 #include "agent/access/peer.h"
 #include "agent/access/way.h"
-#include "agent/service/plugin_module.h"
+#include "agent/config/init_param.h"
 #include "agent/startup_error.h"
 #include "agent/whole_number.h"
 #include "qxhost/log.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/access/installation.h"
+#include "agent/config/installation.h"
 #include "agent/config/options.h"
 
 namespace qxpagent {

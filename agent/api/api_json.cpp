@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/reports/report_document.h"
+#include "agent/records/report_document.h"
 #include "agent/time_text.h"
 
 namespace qxpagent {

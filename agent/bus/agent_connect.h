@@ -2,20 +2,11 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "agent/bus/message_bus.h"
+#include "agent/config/server_address.h"
 
 namespace qxpagent {
-
-/// Where the management server is.
-struct ServerAddress {
-    std::string ip;
-    std::string port;  // decimal, 1 to 65535
-};
-
-/// Reads "ADDRESS:PORT" or, for an IPv6 address, "[ADDRESS]:PORT". Nothing when it is neither.
-std::optional<ServerAddress> ParseServerAddress(std::string_view text);
 
 /// The agent connect component: answers the plugin's question whether, and where, the agent is connected to its server.
 class AgentConnect final : private IMRReceiveComplete {

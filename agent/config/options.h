@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/bus/agent_connect.h"
+#include "agent/config/server_address.h"
 
 namespace qxpagent {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "agent/log.h"
-#include "agent/reports/report_envelope.h"
+#include "agent/records/report_envelope.h"
 
 namespace qxpagent {
 

@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "agent/agent_control.h"
-#include "agent/reports/report_document.h"
+#include "agent/records/report_document.h"
 
 namespace qxpagent {
 

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <csignal>
@@ -84,27 +83,6 @@ std::filesystem::path PluginDirectory(const PluginEntryPoints& entry_points) {
     const bool known = QxGetModuleFilePath(reinterpret_cast<const void*>(entry_points.create_object), directory.data(),
                                            directory.size() - 1);
     return known ? std::filesystem::path(directory.data()) : std::filesystem::path();
-}
-
-// Items are separated by ':', an empty item ends the list, the last conf_path counts.
-std::filesystem::path PluginConfigurationFile(std::string_view init_param) {
-    constexpr char kDefault[] = "../etc/plugins/qxpmaint/qxpmaint.conf";
-    if (init_param.empty()) {
-        return kDefault;
-    }
-    constexpr std::string_view kKey = "conf_path=";
-    std::string file;
-    while (!init_param.empty()) {
-        const std::string_view item = init_param.substr(0, init_param.find(':'));
-        if (item.empty()) {
-            break;
-        }
-        if (item.starts_with(kKey) && item.size() > kKey.size()) {
-            file = item.substr(kKey.size());
-        }
-        init_param.remove_prefix(std::min(item.size() + 1, init_param.size()));
-    }
-    return file;
 }
 
 PluginModule::~PluginModule() {

@@ -7,7 +7,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "plugin/adapter/entry_points.h"
 #include "qxhost/bus.h"
@@ -31,10 +30,6 @@ PluginEntryPoints LoadPlugin(const std::filesystem::path& path);
 
 /// The directory that the plugin's library was loaded from, absolute; empty when it cannot be found out.
 std::filesystem::path PluginDirectory(const PluginEntryPoints& entry_points);
-
-/// The configuration file that the plugin will read when it is given this parameter string: as it is named there, so
-/// relative to the working directory, or the plugin's default. Empty when none.
-std::filesystem::path PluginConfigurationFile(std::string_view init_param);
 
 /// The one plugin of this process, taken through its life in the only order that it allows. A step is undone only when
 /// it was done, and in reverse.

@@ -12,7 +12,7 @@
 
 #include "agent/agent_control.h"
 #include "agent/config/options.h"
-#include "agent/reports/report_document.h"
+#include "agent/records/report_document.h"
 #include "agent/unique_fd.h"
 
 namespace SQLite {

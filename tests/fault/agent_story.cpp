@@ -9,10 +9,10 @@
 #include <iostream>
 
 #include "agent/bus/endpoint.h"
-#include "agent/bus/manager.h"
 #include "agent/bus/server_data.h"
 #include "agent/commands/command_desk.h"
-#include "agent/reports/report_envelope.h"
+#include "agent/records/report_envelope.h"
+#include "agent/reports/manager.h"
 #include "ctl/policies/trusted_keys.h"
 #include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"

@@ -4,7 +4,7 @@
 
 #include "agent/bus/component_ids.h"
 #include "agent/bus/endpoint.h"
-#include "agent/bus/manager.h"
+#include "agent/reports/manager.h"
 #include "agent/reports/report_intake.h"
 #include "plugin/adapter/adapter_mgr.h"
 #include "plugin/manager/output_capture.h"

@@ -3,8 +3,8 @@
 #include <thread>
 
 #include "agent/bus/endpoint.h"
-#include "agent/bus/manager.h"
 #include "agent/bus/message_bus.h"
+#include "agent/reports/manager.h"
 #include "agent/time_text.h"
 #include "tests/unit/agent/store_fixture.h"
 

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <future>
 
-#include "agent/access/environment.h"
+#include "agent/service/environment.h"
 #include "agent/service/log_setup.h"
 #include "agent/service/service.h"
 #include "agent/service/service_notify.h"

@@ -1,4 +1,4 @@
-#include "agent/access/installation.h"
+#include "agent/config/installation.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

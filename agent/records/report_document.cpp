@@ -1,4 +1,4 @@
-#include "agent/reports/report_document.h"
+#include "agent/records/report_document.h"
 
 #include <algorithm>
 #include <charconv>

@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "agent/access/access.h"
-#include "agent/access/environment.h"
-#include "agent/access/installation.h"
-#include "agent/agent.h"
 #include "agent/config/command_line.h"
+#include "agent/config/installation.h"
 #include "agent/log.h"
+#include "agent/service/agent.h"
+#include "agent/service/environment.h"
 #include "agent/service/log_setup.h"
 #include "agent/service/service.h"
 #include "agent/service/service_notify.h"

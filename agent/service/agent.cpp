@@ -1,4 +1,4 @@
-#include "agent/agent.h"
+#include "agent/service/agent.h"
 
 #include <unistd.h>
 
@@ -6,9 +6,10 @@
 #include <utility>
 
 #include "agent/access/access.h"
-#include "agent/access/environment.h"
 #include "agent/access/script_directory.h"
+#include "agent/config/init_param.h"
 #include "agent/log.h"
+#include "agent/service/environment.h"
 #include "agent/startup_error.h"
 
 namespace qxpagent {

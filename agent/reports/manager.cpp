@@ -1,4 +1,4 @@
-#include "agent/bus/manager.h"
+#include "agent/reports/manager.h"
 
 #include "agent/bus/component_ids.h"
 #include "agent/startup_error.h"

@@ -1,4 +1,4 @@
-#include "agent/reports/report_envelope.h"
+#include "agent/records/report_envelope.h"
 
 namespace qxpagent {
 

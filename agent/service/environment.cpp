@@ -1,4 +1,4 @@
-#include "agent/access/environment.h"
+#include "agent/service/environment.h"
 
 #include <sys/resource.h>
 #include <unistd.h>

@@ -9,7 +9,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "policy/hex.h"
+#include "base/hex.h"
 #include "policy/signature_format.h"
 #include "qxhost/signature.h"
 
@@ -88,7 +88,7 @@ std::string TrustedKeys::WhyInvalid(const std::string& sign, const std::string& 
         return "\"scriptdata\" is empty";
     if (sign.size() <= kMarkDigits)
         return "\"sign\" is too short to be a signature";
-    const auto mark = HexDecode(std::string_view(sign).substr(0, kMarkDigits));
+    const auto mark = qxpbase::HexDecode(std::string_view(sign).substr(0, kMarkDigits));
     if (!mark)
         return "\"sign\" does not begin with hexadecimal digits";
     if (MarkValue(*mark) == kPluginMarkValue)
@@ -104,7 +104,7 @@ std::string TrustedKeys::WhyInvalidForPlugin(std::string_view sign, std::string_
                std::to_string(kPluginSignatureDigits);
     if (sign.size() > kMaxSignedBytes || data.size() > kMaxSignedBytes)
         return "\"sign\" or \"scriptdata\" is longer than " + std::to_string(kMaxSignedBytes) + " bytes";
-    const auto signature = HexDecode(sign.substr(0, kPluginSignatureDigits));
+    const auto signature = qxpbase::HexDecode(sign.substr(0, kPluginSignatureDigits));
     if (!signature)
         return "\"sign\" holds characters that are not hexadecimal digits";
     std::array<unsigned char, kPluginBlockBytes> message{};
@@ -130,7 +130,7 @@ std::string TrustedKeys::WhyInvalidForHost(const std::string& sign, const std::s
     if (sign.size() != kEd25519SignatureDigits)
         return "\"sign\" has " + std::to_string(sign.size()) + " characters, an Ed25519 signature has " +
                std::to_string(kEd25519SignatureDigits);
-    const auto signature = HexDecode(sign);
+    const auto signature = qxpbase::HexDecode(sign);
     if (!signature)
         return "\"sign\" holds characters that are not hexadecimal digits";
     for (const KeyPtr& key : ed25519_keys_) {

@@ -14,16 +14,14 @@
 #include "agent/access/way.h"
 #include "agent/config/init_param.h"
 #include "agent/startup_error.h"
-#include "agent/whole_number.h"
+#include "base/errno_text.h"
+#include "base/names.h"
+#include "base/whole_number.h"
 #include "qxhost/log.h"
 
 namespace qxpagent {
 
 namespace {
-
-std::string Reason(int error) {
-    return std::generic_category().message(error);
-}
 
 std::optional<struct stat> Examine(const std::filesystem::path& path) {
     struct stat status {};
@@ -32,7 +30,8 @@ std::optional<struct stat> Examine(const std::filesystem::path& path) {
     }
     const int error = errno;
     if (error != ENOENT && error != ENOTDIR) {
-        throw StartupError("The access to " + path.string() + " cannot be examined: " + Reason(error) + ".");
+        throw StartupError("The access to " + path.string() + " cannot be examined: " + qxpbase::ErrnoText(error) +
+                           ".");
     }
     return std::nullopt;
 }
@@ -45,7 +44,7 @@ bool IsTrustedGroup(gid_t group) {
 std::string Mend(const struct stat& status, const std::filesystem::path& path) {
     if (status.st_uid != 0 && status.st_uid != geteuid()) {
         const bool is_link = status.st_mode == 0;
-        return (is_link ? "chown -h " : "chown ") + UserName(geteuid()) + " " + path.string();
+        return (is_link ? "chown -h " : "chown ") + qxpbase::UserName(geteuid()) + " " + path.string();
     }
     const bool by_all = (status.st_mode & S_IWOTH) != 0;
     const bool by_group = (status.st_mode & S_IWGRP) != 0 && !IsTrustedGroup(status.st_gid);
@@ -89,7 +88,7 @@ void GiveToGroup(const std::filesystem::path& directory, const struct stat& stat
         (!(is_given && is_open) && chmod(directory.c_str(), mode) != 0)) {
         const int error = errno;
         throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
-                           Reason(error) + ". Start the agent as root, or name a group of its user.");
+                           qxpbase::ErrnoText(error) + ". Start the agent as root, or name a group of its user.");
     }
 }
 
@@ -110,7 +109,7 @@ std::filesystem::path HostLibrary() {
 
 gid_t FindGroup(const std::string& group) {
     // The largest number means "no group" to the kernel.
-    const std::optional<uint64_t> number = WholeNumber(group);
+    const std::optional<uint64_t> number = qxpbase::WholeNumber(group);
     if (number.has_value() && *number < UINT32_MAX) {
         return static_cast<gid_t>(*number);
     }

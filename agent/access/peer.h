@@ -10,7 +10,4 @@ Peer PeerOf(int socket);
 /// Its user alone, without a look at the names of users. Throws std::system_error.
 uid_t UserOf(int socket);
 
-/// The name of a user, or the number where the user has no name.
-std::string UserName(uid_t uid);
-
 }  // namespace qxpagent

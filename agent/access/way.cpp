@@ -5,6 +5,8 @@
 #include <deque>
 #include <system_error>
 
+#include "base/errno_text.h"
+
 namespace qxpagent {
 
 namespace {
@@ -40,9 +42,7 @@ private:
         struct stat status {};
         if (lstat(next.c_str(), &status) != 0) {
             place_ = next;  // below what is not there, nothing is
-            return errno == ENOENT || errno == ENOTDIR
-                       ? ""
-                       : "cannot be examined: " + std::generic_category().message(errno);
+            return errno == ENOENT || errno == ENOTDIR ? "" : "cannot be examined: " + qxpbase::ErrnoText(errno);
         }
         if (S_ISLNK(status.st_mode)) {
             return FollowLink(next, status);

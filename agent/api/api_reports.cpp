@@ -8,7 +8,7 @@
 #include "agent/api/api_json.h"
 #include "agent/api/api_request.h"
 #include "agent/log.h"
-#include "agent/whole_number.h"
+#include "base/whole_number.h"
 
 namespace qxpagent {
 
@@ -99,7 +99,7 @@ HttpResponse Api::ListResults(HttpRequest& request, const std::string& /*name*/)
 }
 
 HttpResponse Api::ShowResult(HttpRequest& /*request*/, const std::string& name) {
-    const std::optional<uint64_t> cursor = WholeNumber(name);
+    const std::optional<uint64_t> cursor = qxpbase::WholeNumber(name);
     std::optional<Report> report = cursor.has_value() ? agent_.FindReport(*cursor) : std::nullopt;
     if (!report.has_value() || report->source != ReportSource::kFile) {
         return Problem(404, "There is no result file with the cursor \"" + name + "\".");

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <set>
 
-#include "agent/whole_number.h"
+#include "base/whole_number.h"
 
 namespace qxpagent {
 
@@ -32,7 +32,7 @@ uint64_t QueryParameters::Number(std::string_view name, uint64_t least, uint64_t
     if (!text.has_value()) {
         return otherwise;
     }
-    const std::optional<uint64_t> number = WholeNumber(*text);
+    const std::optional<uint64_t> number = qxpbase::WholeNumber(*text);
     if (!number.has_value() || *number < least || *number > most) {
         throw BadRequest("The parameter " + Quoted(name) + " must be a whole number from " + std::to_string(least) +
                          " to " + std::to_string(most) + ".");

@@ -22,7 +22,7 @@
 #include "agent/access/peer.h"
 #include "agent/log.h"
 #include "agent/startup_error.h"
-#include "agent/whole_number.h"
+#include "base/whole_number.h"
 
 namespace qxpagent {
 
@@ -86,7 +86,7 @@ BodyFrame FrameOf(MHD_Connection* connection) {
     }
     BodyFrame frame;
     if (!lengths.empty()) {
-        const std::optional<uint64_t> length = WholeNumber(lengths[0]);
+        const std::optional<uint64_t> length = qxpbase::WholeNumber(lengths[0]);
         if (!length.has_value()) {
             return {0, Unframed(400, "Content-Length must be a whole number.")};
         }
@@ -286,7 +286,7 @@ void HttpServer::Stop() {
         return;
     }
     listener_.RemoveName();
-    const UniqueFd listening(MHD_quiesce_daemon(daemon_));  // still polled until the daemon has been stopped
+    const qxpbase::UniqueFd listening(MHD_quiesce_daemon(daemon_));  // still polled until the daemon has been stopped
     door_.AwaitRequests(limits_.drain);
     // Without any connection: the library follows a null pointer when it is stopped while it answers a wrong length.
     door_.ShutAll(limits_.drain);

@@ -14,8 +14,9 @@
 #include <utility>
 
 #include "agent/access/access.h"
-#include "agent/lock_file.h"
 #include "agent/startup_error.h"
+#include "base/errno_text.h"
+#include "base/lock_file.h"
 
 namespace qxpagent {
 
@@ -23,29 +24,25 @@ namespace {
 
 constexpr int kBacklog = 64;
 
-std::string Reason(int error) {
-    return std::generic_category().message(error);
-}
-
-UniqueFd TakeLock(const std::filesystem::path& socket_path) {
+qxpbase::UniqueFd TakeLock(const std::filesystem::path& socket_path) {
     const std::string path = socket_path.string() + ".lock";
     try {
-        std::optional<UniqueFd> lock = TakeLockFile(path);
+        std::optional<qxpbase::UniqueFd> lock = qxpbase::TakeLockFile(path);
         if (lock.has_value()) {
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw StartupError("The lock file " + path + " cannot be opened: " + Reason(error.code().value()) +
+        throw StartupError("The lock file " + path + " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
                            ". Create its directory, or name another socket with --socket.");
     }
     throw StartupError("Another agent is running, or still stopping, on " + socket_path.string() +
                        ": stop it, or name another socket with --socket.");
 }
 
-UniqueFd NewSocket() {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+qxpbase::UniqueFd NewSocket() {
+    qxpbase::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.IsOpen()) {
-        throw StartupError("No socket can be made: " + Reason(errno) + ".");
+        throw StartupError("No socket can be made: " + qxpbase::ErrnoText(errno) + ".");
     }
     return fd;
 }
@@ -69,12 +66,12 @@ void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& add
             return;
         }
         const int error = errno;
-        throw StartupError("The socket " + path.string() + " cannot be examined: " + Reason(error) + ".");
+        throw StartupError("The socket " + path.string() + " cannot be examined: " + qxpbase::ErrnoText(error) + ".");
     }
     if (!S_ISSOCK(status.st_mode)) {
         throw StartupError(path.string() + " exists and is not a socket: remove it, or name another with --socket.");
     }
-    const UniqueFd probe = NewSocket();
+    const qxpbase::UniqueFd probe = NewSocket();
     if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
         errno != ECONNREFUSED) {
         throw StartupError("Another process is serving " + path.string() +
@@ -82,7 +79,8 @@ void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& add
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         const int error = errno;
-        throw StartupError("The stale socket " + path.string() + " cannot be removed: " + Reason(error) + ".");
+        throw StartupError("The stale socket " + path.string() + " cannot be removed: " + qxpbase::ErrnoText(error) +
+                           ".");
     }
 }
 
@@ -100,7 +98,7 @@ UnixListener::UnixListener(const std::filesystem::path& path, const std::string&
         bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         lstat(path_.c_str(), &status) != 0) {
         const int error = errno;
-        throw StartupError("The socket " + path_.string() + " cannot be made: " + Reason(error) + ".");
+        throw StartupError("The socket " + path_.string() + " cannot be made: " + qxpbase::ErrnoText(error) + ".");
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -115,7 +113,7 @@ UnixListener::UnixListener(const std::filesystem::path& path, const std::string&
 // Nobody can connect before listen. The name is changed through a descriptor of itself, so that nothing else is changed
 // that may have taken its place.
 void UnixListener::SetAccess(gid_t group) {
-    const UniqueFd name(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const qxpbase::UniqueFd name(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const std::string name_path = "/proc/self/fd/" + std::to_string(name.Get());
     struct stat status {};
     const bool is_ours =
@@ -124,7 +122,8 @@ void UnixListener::SetAccess(gid_t group) {
         (status.st_gid != group && fchownat(name.Get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0) ||
         chmod(name_path.c_str(), 0660) != 0 || listen(socket_.Get(), kBacklog) != 0) {
         const int error = errno;
-        throw StartupError("The socket " + path_.string() + " cannot be given to its group: " + Reason(error) +
+        throw StartupError("The socket " + path_.string() +
+                           " cannot be given to its group: " + qxpbase::ErrnoText(error) +
                            ". Start the agent as root, or name a group of its user with --socket-group.");
     }
 }

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace qxpagent {
 
@@ -35,8 +35,8 @@ private:
 
     // Constant after construction, but for what Release and RemoveName take away.
     const std::filesystem::path path_;
-    UniqueFd lock_;
-    UniqueFd socket_;
+    qxpbase::UniqueFd lock_;
+    qxpbase::UniqueFd socket_;
     dev_t device_ = 0;
     ino_t inode_ = 0;  // 0: no name of ours is left
 };

@@ -1,14 +1,12 @@
 #include "agent/commands/command_desk.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <utility>
 
 #include "agent/bus/message_bus.h"
 #include "agent/log.h"
-#include "policy/hex.h"
+#include "base/sha256.h"
 #include "policy/policy_check.h"
 
 namespace qxpagent {
@@ -17,15 +15,6 @@ namespace {
 
 constexpr char kAgentEnded[] = "The agent ended before every result was there; what was running may have been cut off.";
 constexpr char kReportLost[] = "The store took nothing for too long, and a report was lost: the scripts may have run.";
-
-std::string Sha256(const std::string& text) {
-    std::array<unsigned char, 32> digest{};
-    size_t size = 0;
-    if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest.data(), &size) != 1) {
-        throw StoreError("SHA-256 cannot be computed.");
-    }
-    return qxppolicy::HexEncode(digest);
-}
 
 const char* StateName(CommandState state) {
     constexpr const char* kNames[] = {"received", "delivered", "refused", "reported", "interrupted"};
@@ -118,7 +107,7 @@ SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewComma
     command.submitter = peer;
     command.received = std::chrono::system_clock::now();
     command.text = std::move(document);
-    command.sha256 = Sha256(command.text);
+    command.sha256 = qxpbase::Sha256Hex(command.text);
     Forecast forecast;
     {
         qxtools::CPJsonParse json;

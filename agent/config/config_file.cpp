@@ -9,6 +9,7 @@
 
 #include "agent/config/options.h"
 #include "agent/config/settings.h"
+#include "base/errno_text.h"
 
 namespace qxpagent {
 
@@ -141,7 +142,7 @@ ConfigFile ReadConfigFile(const std::filesystem::path& file, const std::filesyst
         reader.Take(line);
     }
     if (!stream.eof()) {
-        unreadable.mistakes.push_back({0, "cannot be read: " + std::generic_category().message(errno)});
+        unreadable.mistakes.push_back({0, "cannot be read: " + qxpbase::ErrnoText(errno)});
         return unreadable;
     }
     return std::move(reader).Result();

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "agent/startup_error.h"
+#include "base/errno_text.h"
 
 namespace qxpagent {
 
@@ -19,8 +20,7 @@ void CreateDirectory(const std::filesystem::path& directory, mode_t mode) {
     const int error = errno;
     struct stat status {};
     if (error != EEXIST || stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        throw StartupError("The directory " + directory.string() +
-                           " cannot be created: " + std::generic_category().message(error) +
+        throw StartupError("The directory " + directory.string() + " cannot be created: " + qxpbase::ErrnoText(error) +
                            ". Create it, or start the agent as a user who may.");
     }
 }
@@ -49,7 +49,7 @@ void EnterInstallation(const Installation& installation) {
     if (chdir(installation.bin.c_str()) != 0) {
         const int error = errno;
         throw StartupError("The working directory cannot be changed to " + installation.bin.string() + ": " +
-                           std::generic_category().message(error) + ".");
+                           qxpbase::ErrnoText(error) + ".");
     }
 }
 

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <utility>
 
-#include "agent/whole_number.h"
+#include "base/whole_number.h"
 #include "policy/rules.h"
 
 namespace qxpagent {
@@ -27,7 +27,7 @@ Mistake ApplyPath(std::filesystem::path& path, const std::string& value) {
 
 Mistake ApplyDays(std::chrono::hours& age, const std::string& value) {
     constexpr uint64_t kMostDays = 36500;
-    const std::optional<uint64_t> days = WholeNumber(value);
+    const std::optional<uint64_t> days = qxpbase::WholeNumber(value);
     if (!days.has_value() || *days == 0 || *days > kMostDays) {
         return "must be a whole number of days from 1 to 36500";
     }
@@ -42,7 +42,7 @@ Mistake ApplyBytes(uint64_t& bytes, const std::string& value) {
         std::find_if(kUnits.begin(), kUnits.end(), [&](const auto& each) { return value.ends_with(each.first); });
     std::string_view digits = std::string_view(value).substr(0, value.size() - unit->first.size());
     digits = digits.substr(0, digits.find_last_not_of(' ') + 1);
-    const std::optional<uint64_t> number = WholeNumber(digits);
+    const std::optional<uint64_t> number = qxpbase::WholeNumber(digits);
     constexpr uint64_t kMost = uint64_t{INT64_MAX};
     if (!number.has_value() || *number == 0 || *number > kMost >> unit->second) {
         return "must be a number of bytes from 1, or of KiB, MiB or GiB, as in 512MiB";

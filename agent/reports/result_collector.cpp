@@ -1,7 +1,6 @@
 #include "agent/reports/result_collector.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -17,10 +16,11 @@
 #include <system_error>
 #include <utility>
 
-#include "agent/entry_names.h"
 #include "agent/log.h"
 #include "agent/startup_error.h"
-#include "policy/hex.h"
+#include "base/entry_names.h"
+#include "base/errno_text.h"
+#include "base/sha256.h"
 
 namespace qxpagent {
 
@@ -30,13 +30,9 @@ constexpr off_t kMaxFileBytes = off_t{256} << 20;
 constexpr uint64_t kMostWarnings = 20;  // about files of one scan
 constexpr uint32_t kWatched = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
-std::string Reason(int error) {
-    return std::generic_category().message(error);
-}
-
 // Not kept open: a directory that somebody has open is never told to be gone.
-UniqueFd OpenDirectory(const std::filesystem::path& path) {
-    return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+qxpbase::UniqueFd OpenDirectory(const std::filesystem::path& path) {
+    return qxpbase::UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 bool IsResultName(const std::string& name) {
@@ -63,17 +59,11 @@ bool ReadAll(int file, std::string& text, size_t size) {
     return true;
 }
 
-std::string Sha256(const std::string& text) {
-    std::array<unsigned char, 32> digest{};
-    size_t size = 0;
-    EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest.data(), &size);
-    return qxppolicy::HexEncode(digest);
-}
-
 }  // namespace
 
 std::optional<ResultFile> ReadResultFile(int directory, const std::string& name) {
-    const UniqueFd file(openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const qxpbase::UniqueFd file(
+        openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat before {};
     struct stat after {};
     if (!file.IsOpen() || fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) ||
@@ -85,7 +75,7 @@ std::optional<ResultFile> ReadResultFile(int directory, const std::string& name)
         after.st_size != before.st_size || Nanoseconds(after.st_mtim) != Nanoseconds(before.st_mtim)) {
         return std::nullopt;
     }
-    result.mark = {name, Nanoseconds(after.st_mtim), result.text.size(), Sha256(result.text)};
+    result.mark = {name, Nanoseconds(after.st_mtim), result.text.size(), qxpbase::Sha256Hex(result.text)};
     return result;
 }
 
@@ -102,8 +92,8 @@ ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportI
         Watch();
     }
     if (!watching_) {
-        throw StartupError("The result directory " + directory_.string() + " cannot be watched: " + Reason(errno) +
-                           ".");
+        throw StartupError("The result directory " + directory_.string() +
+                           " cannot be watched: " + qxpbase::ErrnoText(errno) + ".");
     }
     Scan();
     TakeBacklog(times_.start);
@@ -141,9 +131,9 @@ void ResultCollector::Watch() {
 // Everything that is there: at the start, and whenever events may have been lost. The newest come first, since they may
 // be the last words of commands. Throws StoreError.
 void ResultCollector::Scan() {
-    const UniqueFd directory = OpenDirectory(directory_);
+    const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     std::vector<std::pair<int64_t, std::string>> found;
-    for (std::string& name : EntryNames(directory.Get())) {
+    for (std::string& name : qxpbase::EntryNames(directory.Get())) {
         struct stat status {};
         if (IsResultName(name) && fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             !IsStored(name, status)) {
@@ -224,7 +214,7 @@ bool ResultCollector::TakeEvents() {
 }
 
 bool ResultCollector::TakePending() {
-    const UniqueFd directory = OpenDirectory(directory_);
+    const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     while (!pending_.empty()) {
         if (!TakeOne(directory.Get(), *pending_.begin())) {
             return false;
@@ -236,7 +226,7 @@ bool ResultCollector::TakePending() {
 
 bool ResultCollector::TakeBacklog(std::chrono::milliseconds time) {
     const auto deadline = std::chrono::steady_clock::now() + time;
-    const UniqueFd directory = OpenDirectory(directory_);
+    const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     while (!backlog_.empty() && std::chrono::steady_clock::now() < deadline) {
         if (!TakeOne(directory.Get(), backlog_.back())) {
             return false;

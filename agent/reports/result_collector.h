@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "agent/reports/report_intake.h"
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace qxpagent {
 
@@ -65,10 +65,10 @@ private:
     const std::filesystem::path directory_;
     ReportIntake& intake_;
     const CollectorTimes times_;
-    UniqueFd stop_event_;
+    qxpbase::UniqueFd stop_event_;
 
     // Used by the thread, and by the constructor and Stop while there is none.
-    UniqueFd watch_;
+    qxpbase::UniqueFd watch_;
     std::set<std::string> pending_;     // names of files that have come
     std::vector<std::string> backlog_;  // names of files that a scan has found, newest last
     uint64_t left_alone_ = 0;           // since the last scan

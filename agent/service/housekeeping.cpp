@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/entry_names.h"
 #include "agent/log.h"
 #include "agent/reports/result_collector.h"
-#include "agent/unique_fd.h"
+#include "base/entry_names.h"
+#include "base/unique_fd.h"
 #include "policy/policy_check.h"
 
 namespace qxpagent {
@@ -37,8 +37,8 @@ int64_t Nanoseconds(WallTime time) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
 }
 
-UniqueFd OpenDirectory(const std::filesystem::path& path) {
-    return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+qxpbase::UniqueFd OpenDirectory(const std::filesystem::path& path) {
+    return qxpbase::UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // Removes the files that `may_go` names, if they are regular and old.
@@ -92,22 +92,22 @@ bool IsResultFileName(const std::string& name) {
 
 Tidied RemoveLeftovers(Store& store, const Places& places, WallTime before) {
     Tidied tidied;
-    if (const UniqueFd directory = OpenDirectory(places.scripts); directory.IsOpen()) {
+    if (const qxpbase::UniqueFd directory = OpenDirectory(places.scripts); directory.IsOpen()) {
         tidied.scripts =
-            RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
+            RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
                         [](const std::string& name, const struct stat&) { return IsScriptFileName(name); });
     }
-    if (const UniqueFd directory = OpenDirectory(places.results); directory.IsOpen()) {
+    if (const qxpbase::UniqueFd directory = OpenDirectory(places.results); directory.IsOpen()) {
         tidied.results =
-            RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
+            RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
                         [&](const std::string& name, const struct stat& status) {
                             return IsResultFileName(name) && store.HasFile(name, Nanoseconds(status.st_mtim),
                                                                            static_cast<uint64_t>(status.st_size));
                         });
-        store.ForgetFiles(before, EntryNames(directory.Get()));
+        store.ForgetFiles(before, qxpbase::EntryNames(directory.Get()));
     }
-    if (const UniqueFd directory = OpenDirectory(places.aside); directory.IsOpen()) {
-        tidied.policies = RemoveFiles(directory.Get(), EntryNames(directory.Get()), before,
+    if (const qxpbase::UniqueFd directory = OpenDirectory(places.aside); directory.IsOpen()) {
+        tidied.policies = RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
                                       [](const std::string&, const struct stat&) { return true; });
     }
     if (tidied.scripts + tidied.results + tidied.policies > 0) {
@@ -121,14 +121,14 @@ Tidied RemoveLeftovers(Store& store, const Places& places, WallTime before) {
 
 uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys& keys) {
     const auto deadline = std::chrono::steady_clock::now() + kMoveTime;
-    const UniqueFd directory = OpenDirectory(places.policies);
-    std::vector<std::string> names = EntryNames(directory.Get());
+    const qxpbase::UniqueFd directory = OpenDirectory(places.policies);
+    std::vector<std::string> names = qxpbase::EntryNames(directory.Get());
     std::erase_if(names, [](const std::string& name) { return !name.ends_with(".json"); });
     if (names.size() <= kFewPolicies) {
         return 0;
     }
     mkdir(places.aside.c_str(), 0700);
-    const UniqueFd aside = OpenDirectory(places.aside);
+    const qxpbase::UniqueFd aside = OpenDirectory(places.aside);
     uint64_t moved = 0;
     std::string example;
     for (const std::string& name : names) {

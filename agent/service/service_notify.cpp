@@ -13,11 +13,11 @@
 #include <ctime>
 #include <exception>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "agent/log.h"
-#include "agent/unique_fd.h"
+#include "base/errno_text.h"
+#include "base/unique_fd.h"
 
 namespace qxpagent {
 
@@ -41,11 +41,10 @@ void Notify(const std::string& state) {
     if (manager.address_size == 0) {
         return;
     }
-    const UniqueFd out(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const qxpbase::UniqueFd out(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!out.IsOpen() || sendto(out.Get(), state.data(), state.size(), MSG_NOSIGNAL,
                                 reinterpret_cast<const sockaddr*>(&manager.address), manager.address_size) < 0) {
-        QXPAGENT_LOG(kLogWarn, "the service manager cannot be told: %s",
-                     std::generic_category().message(errno).c_str());
+        QXPAGENT_LOG(kLogWarn, "the service manager cannot be told: %s", qxpbase::ErrnoText(errno).c_str());
     }
 }
 

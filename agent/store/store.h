@@ -13,7 +13,7 @@
 #include "agent/agent_control.h"
 #include "agent/config/options.h"
 #include "agent/records/report_document.h"
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace SQLite {
 class Database;
@@ -164,7 +164,7 @@ private:
 
     // Constant after construction.
     const StoreOptions options_;
-    UniqueFd lock_;
+    qxpbase::UniqueFd lock_;
 
     std::mutex write_mutex_;
     std::unique_ptr<SQLite::Database> writer_;  // guarded by write_mutex_

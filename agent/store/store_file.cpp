@@ -15,11 +15,12 @@
 #include <system_error>
 #include <thread>
 
-#include "agent/lock_file.h"
 #include "agent/log.h"
 #include "agent/startup_error.h"
 #include "agent/store/store_schema.h"
 #include "agent/store/store_sql.h"
+#include "base/errno_text.h"
+#include "base/lock_file.h"
 
 namespace qxpagent {
 
@@ -32,10 +33,6 @@ class Damaged : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
-
-std::string Reason(int error) {
-    return std::generic_category().message(error);
-}
 
 std::string SuspectPath(const std::filesystem::path& path) {
     return path.string() + ".suspect";
@@ -122,10 +119,10 @@ std::unique_ptr<SQLite::Database> OpenAndCheck(const StoreOptions& options) {
 
 // Made by us and not by the library, for its mode.
 void MakeFile(const std::filesystem::path& path) {
-    const UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
+    const qxpbase::UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        throw StartupError("The store " + path.string() + " cannot be opened: " + Reason(errno) +
+        throw StartupError("The store " + path.string() + " cannot be opened: " + qxpbase::ErrnoText(errno) +
                            ". Create its directory, or name another file with --store.");
     }
     if (!S_ISREG(status.st_mode)) {
@@ -154,7 +151,7 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
     for (const char* const part : {"-wal", "-shm", ""}) {
         if (rename((path.string() + part).c_str(), (aside + part).c_str()) != 0 && errno != ENOENT) {
             throw StartupError("The store " + path.string() + " is damaged (" + reason +
-                               ") and cannot be renamed: " + Reason(errno) + ". Move it away.");
+                               ") and cannot be renamed: " + qxpbase::ErrnoText(errno) + ". Move it away.");
         }
     }
     unlink(SuspectPath(path).c_str());
@@ -171,15 +168,15 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
 
 }  // namespace
 
-UniqueFd LockStore(const std::filesystem::path& path) {
+qxpbase::UniqueFd LockStore(const std::filesystem::path& path) {
     const std::string name = path.string() + ".lock";
     try {
-        std::optional<UniqueFd> lock = TakeLockFile(name);
+        std::optional<qxpbase::UniqueFd> lock = qxpbase::TakeLockFile(name);
         if (lock.has_value()) {
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw StartupError("The lock file " + name + " cannot be opened: " + Reason(error.code().value()) +
+        throw StartupError("The lock file " + name + " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
                            ". Create its directory, or name another file with --store.");
     }
     throw StartupError("Another agent uses the store " + path.string() +
@@ -218,7 +215,8 @@ std::unique_ptr<SQLite::Database> OpenReader(const StoreOptions& options) {
 }
 
 void MarkSuspect(const std::filesystem::path& path) {
-    const UniqueFd mark(open(SuspectPath(path).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
+    const qxpbase::UniqueFd mark(
+        open(SuspectPath(path).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
 }
 
 }  // namespace qxpagent

@@ -9,7 +9,7 @@
 namespace qxpagent {
 
 /// Takes the lock beside the database (PATH.lock, which stays in place). Throws StartupError when another agent has it.
-UniqueFd LockStore(const std::filesystem::path& path);
+qxpbase::UniqueFd LockStore(const std::filesystem::path& path);
 
 /// Opens the database for writing, with the schema in place; see Store. The lock must be held. Throws StartupError.
 std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options);

@@ -8,8 +8,4 @@ namespace qxpctl {
 /// the way that cannot be entered.
 std::string WhoMayUse(const std::string& socket_path);
 
-/// The name of a group or a user, or its number when it has none.
-std::string GroupName(unsigned int gid);
-std::string UserName(unsigned int uid);
-
 }  // namespace qxpctl

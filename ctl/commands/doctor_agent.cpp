@@ -6,6 +6,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "base/errno_text.h"
 #include "ctl/client/plugin_state.h"
 #include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
@@ -34,10 +35,6 @@ constexpr seconds kAgentDeadline{15};
 constexpr seconds kOldReport{86400};
 constexpr size_t kMaxMistakes = 20;
 
-std::string ErrnoText(int number) {
-    return std::generic_category().message(number);
-}
-
 // Each line that the agent writes about its configuration is a mistake of its own.
 void AddMistakes(const std::string& output, const std::string& advice, Findings& findings) {
     std::istringstream lines(output);
@@ -64,7 +61,8 @@ bool CheckSocketFile(const std::string& socket, Findings& findings) {
     }
     if (access(socket.c_str(), R_OK | W_OK) != 0) {
         const int error = errno;
-        findings.Fail(kSocketCheck, "no permission to use " + socket + ": " + ErrnoText(error), WhoMayUse(socket));
+        findings.Fail(kSocketCheck, "no permission to use " + socket + ": " + qxpbase::ErrnoText(error),
+                      WhoMayUse(socket));
         return false;
     }
     if (!S_ISSOCK(status.st_mode)) {
@@ -127,7 +125,7 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
     const std::string advice = "mend it; '" + program + " --check-config' tells when it is good";
     switch (result.end) {
         case ChildResult::End::NotStarted:
-            findings.Fail(kConfigurationCheck, program + " cannot be run: " + ErrnoText(result.code),
+            findings.Fail(kConfigurationCheck, program + " cannot be run: " + qxpbase::ErrnoText(result.code),
                           "install it again");
             break;
         case ChildResult::End::TimedOut:

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "base/errno_text.h"
+#include "base/names.h"
 #include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
 #include "ctl/policies/key_file.h"
@@ -53,10 +55,6 @@ constexpr Wanted kWanted[] = {
     {"data/qxpagent", true, X_OK, kMade},
 };
 
-std::string ErrnoText(int number) {
-    return std::generic_category().message(number);
-}
-
 // Who can change an entry can have anything run as the agent's user.
 void CheckOwnerAndMode(const fs::path& path, uid_t owner, const char* check, Findings& findings) {
     struct stat status {};
@@ -67,11 +65,11 @@ void CheckOwnerAndMode(const fs::path& path, uid_t owner, const char* check, Fin
     if ((status.st_mode & S_IWOTH) != 0)
         findings.Fail(check, path.string() + " can be changed by everybody", "chmod o-w " + word);
     else if ((status.st_mode & S_IWGRP) != 0 && !group_of_root)
-        findings.Warn(check, path.string() + " can be changed by the group " + GroupName(status.st_gid),
+        findings.Warn(check, path.string() + " can be changed by the group " + qxpbase::GroupName(status.st_gid),
                       "chmod g-w " + word);
     if (status.st_uid != 0 && status.st_uid != owner)
-        findings.Fail(check, path.string() + " belongs to the user " + UserName(status.st_uid),
-                      "chown " + UserName(owner) + " " + word);
+        findings.Fail(check, path.string() + " belongs to the user " + qxpbase::UserName(status.st_uid),
+                      "chown " + qxpbase::UserName(owner) + " " + word);
 }
 
 void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findings& findings) {
@@ -79,7 +77,7 @@ void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findin
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         const int error = errno;
-        findings.Fail(kFilesCheck, path.string() + ": " + ErrnoText(error),
+        findings.Fail(kFilesCheck, path.string() + ": " + qxpbase::ErrnoText(error),
                       error == EACCES ? "try again as root" : wanted.advice);
     } else if (S_ISDIR(status.st_mode) != wanted.directory) {
         findings.Fail(kFilesCheck, path.string() + (wanted.directory ? " is not a directory" : " is not a file"),
@@ -88,7 +86,7 @@ void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findin
         const int error = errno;
         const char* const what = (wanted.access & R_OK) != 0 ? " cannot be read" : " cannot be used";
         findings.Fail(
-            kFilesCheck, path.string() + what + ": " + ErrnoText(error),
+            kFilesCheck, path.string() + what + ": " + qxpbase::ErrnoText(error),
             geteuid() != 0 && error == EACCES ? "try again as root" : "chmod u+rX " + ShellWord(path.string()));
     }
     CheckOwnerAndMode(path, owner, kFilesCheck, findings);
@@ -124,7 +122,7 @@ void CheckFiles(const fs::path& root, Findings& findings) {
     const uid_t owner = OwnerOf(root);
     if (owner != 0)
         findings.Warn(kFilesCheck,
-                      root.string() + " belongs to the user " + UserName(owner) +
+                      root.string() + " belongs to the user " + qxpbase::UserName(owner) +
                           ", who can have anything run as the agent's user",
                       "as it should be in a development tree alone: chown -R root " + ShellWord(root.string()));
     for (const char* const directory : {".", "bin", "lib", "etc", "etc/plugins/qxpmaint", "data"})
@@ -146,7 +144,8 @@ void CheckTrustedKeys(const fs::path& root, Findings& findings) {
         return;
     }
     if (access(directory.c_str(), R_OK | X_OK) != 0) {
-        findings.Fail(kKeysCheck, directory.string() + " cannot be read: " + ErrnoText(errno), "try again as root");
+        findings.Fail(kKeysCheck, directory.string() + " cannot be read: " + qxpbase::ErrnoText(errno),
+                      "try again as root");
         return;
     }
     const uid_t owner = OwnerOf(root);
@@ -166,7 +165,7 @@ void CheckData(const fs::path& root, Findings& findings) {
     const fs::path data = root / "data";
     struct statvfs room {};
     if (statvfs(data.c_str(), &room) != 0) {
-        findings.Fail(kDiskCheck, data.string() + ": " + ErrnoText(errno), "see 'files' above");
+        findings.Fail(kDiskCheck, data.string() + ": " + qxpbase::ErrnoText(errno), "see 'files' above");
     } else {
         const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
         const std::string text = SizeText(free) + " free for " + data.string();

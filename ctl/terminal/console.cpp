@@ -5,8 +5,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
 
+#include "base/errno_text.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/text.h"
 
@@ -73,7 +73,7 @@ int Stream::Write(std::string_view text) const {
 
 void Console::Print(std::string_view text) const {
     if (const int failure = output_.Write(text); failure != 0)
-        throw LocalFailure("cannot write to the standard output: " + std::generic_category().message(failure));
+        throw LocalFailure("cannot write to the standard output: " + qxpbase::ErrnoText(failure));
 }
 
 void Console::Remark(std::string_view text) const {

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/errno_text.h"
+#include "base/unique_fd.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/text.h"
 
@@ -20,31 +22,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string ErrnoText(int number) {
-    return std::generic_category().message(number);
-}
-
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    ~Descriptor() {
-        // Descriptor 0 belongs to the process.
-        if (descriptor_ > STDIN_FILENO)
-            close(descriptor_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Get() const { return descriptor_; }
-
-private:
-    int descriptor_;
-};
-
 struct stat Examine(int descriptor, const std::string& path) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0)
-        throw BadInput("cannot examine " + path + ": " + ErrnoText(errno));
+        throw BadInput("cannot examine " + path + ": " + qxpbase::ErrnoText(errno));
     if (S_ISDIR(status.st_mode))
         throw BadInput(path + " is a directory; name a file");
     return status;
@@ -53,7 +34,7 @@ struct stat Examine(int descriptor, const std::string& path) {
 int OpenForReading(const std::string& path, int flags) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | flags);
     if (descriptor < 0)
-        throw BadInput("cannot read " + path + ": " + ErrnoText(errno));
+        throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
     return descriptor;
 }
 
@@ -67,7 +48,7 @@ std::string ReadAll(int descriptor, size_t limit, size_t expected, const std::st
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            throw BadInput("cannot read " + path + ": " + ErrnoText(errno));
+            throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
         if (count == 0)
             break;
         bytes.append(buffer.data(), static_cast<size_t>(count));
@@ -120,7 +101,7 @@ void SyncDirectoryOf(const std::string& path) {
 
 ScriptFile ReadScriptFile(const std::string& path, size_t limit) {
     // Not blocking: a FIFO without a writer would hang the open.
-    const Descriptor file(OpenForReading(path, O_NONBLOCK));
+    const qxpbase::UniqueFd file(OpenForReading(path, O_NONBLOCK));
     const struct stat status = Examine(file.Get(), path);
     if (!S_ISREG(status.st_mode))
         throw BadInput(path + " is not a regular file; save the script in one");
@@ -136,9 +117,10 @@ ScriptFile ReadScriptFile(const std::string& path, size_t limit) {
 std::string ReadDocument(const std::string& path, size_t limit, std::string_view what) {
     const bool standard_input = path == "-";
     const std::string name = standard_input ? "the standard input" : path;
-    const Descriptor file(standard_input ? STDIN_FILENO : OpenForReading(path, 0));
-    const struct stat status = Examine(file.Get(), name);
-    std::string text = ReadAll(file.Get(), limit, static_cast<size_t>(status.st_size), name);
+    const qxpbase::UniqueFd opened(standard_input ? -1 : OpenForReading(path, 0));
+    const int file = standard_input ? STDIN_FILENO : opened.Get();
+    const struct stat status = Examine(file, name);
+    std::string text = ReadAll(file, limit, static_cast<size_t>(status.st_size), name);
     if (text.empty())
         throw BadInput(name + " is empty; a " + std::string(what) + " is expected");
     if (text.size() > limit)
@@ -160,7 +142,7 @@ StagedFile::StagedFile(const std::string& destination, mode_t mode) : destinatio
     temporary_ = (path.parent_path() / ("." + path.filename().string() + "." + RandomSuffix())).string();
     descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
     if (descriptor_ < 0)
-        throw BadInput("cannot write " + destination + ": " + ErrnoText(errno));
+        throw BadInput("cannot write " + destination + ": " + qxpbase::ErrnoText(errno));
 }
 
 StagedFile::~StagedFile() {
@@ -178,7 +160,7 @@ void StagedFile::Write(std::string_view content) {
         failure = errno;
     descriptor_ = -1;
     if (failure != 0)
-        throw LocalFailure("cannot write " + destination_ + ": " + ErrnoText(failure));
+        throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
 }
 
 void StagedFile::Commit(bool overwrite) {
@@ -190,7 +172,7 @@ void StagedFile::Commit(bool overwrite) {
     if (failure == EEXIST)
         throw BadInput(destination_ + " exists already; name another file, or use --force to replace it");
     if (failure != 0)
-        throw LocalFailure("cannot write " + destination_ + ": " + ErrnoText(failure));
+        throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
     temporary_.clear();
     SyncDirectoryOf(destination_);
 }
@@ -209,10 +191,10 @@ void StagedFile::CommitBoth(StagedFile& first, StagedFile& second, bool overwrit
 void WriteOutputFile(const std::string& path, std::string_view content) {
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        const Descriptor special(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+        const qxpbase::UniqueFd special(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
         const int failure = special.Get() < 0 ? errno : WriteAll(special.Get(), content);
         if (failure != 0)
-            throw LocalFailure("cannot write " + path + ": " + ErrnoText(failure));
+            throw LocalFailure("cannot write " + path + ": " + qxpbase::ErrnoText(failure));
         return;
     }
     StagedFile file(path, 0666);

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "policy/hex.h"
+#include "base/hex.h"
 #include "policy/text.h"
 
 namespace qxpctl {
@@ -23,8 +23,8 @@ std::string OneLine(std::string_view text);
 /// A word for a POSIX shell, quoted only when it must be.
 std::string ShellWord(std::string_view text);
 
-using qxppolicy::HexDecode;
-using qxppolicy::HexEncode;
+using qxpbase::HexDecode;
+using qxpbase::HexEncode;
 
 /// Base64 in the standard alphabet with padding, without line breaks (RFC 4648 section 4).
 std::string Base64Encode(std::string_view bytes);

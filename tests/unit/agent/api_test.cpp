@@ -3,6 +3,7 @@
 #include <regex>
 
 #include "agent/access/peer.h"
+#include "base/names.h"
 #include "tests/unit/agent/http_fixture.h"
 
 namespace qxpagent {
@@ -52,9 +53,9 @@ TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
               R"("delivered":"time","finished":null})",
               WithoutTimes(taken.Body()));
     EXPECT_EQ(document, agent_.submitted) << "not a byte differs";
-    EXPECT_THAT(agent_.submitter, FieldsAre(getuid(), getgid(), getpid(), UserName(getuid())));
-    EXPECT_EQ("root", UserName(0));
-    EXPECT_EQ("4000000000", UserName(4000000000U)) << "a user without a name";
+    EXPECT_THAT(agent_.submitter, FieldsAre(getuid(), getgid(), getpid(), qxpbase::UserName(getuid())));
+    EXPECT_EQ("root", qxpbase::UserName(0));
+    EXPECT_EQ("4000000000", qxpbase::UserName(4000000000U)) << "a user without a name";
 
     agent_.submit_outcome.status = SubmitStatus::kKnown;
     EXPECT_EQ(200, Post("/v1/commands", document).status);

@@ -12,7 +12,7 @@
 #include "agent/service/log_setup.h"
 #include "agent/service/service.h"
 #include "agent/service/service_notify.h"
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 #include "tests/unit/agent/test_support.h"
@@ -55,7 +55,7 @@ public:
     }
 
 private:
-    UniqueFd socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    qxpbase::UniqueFd socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
 struct FakeServiceAgent final : ServiceAgent {

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include "base/names.h"
 #include "ctl/client/socket_access.h"
 #include "tests/unit/ctl/fake_journal.h"
 
@@ -135,7 +136,7 @@ TEST_F(DoctorTest, TheSocketSaysWhyItCannotBeUsed) {
         ASSERT_EQ(chown(Socket().c_str(), 0, 1), 0);
         Mode("agent.sock", 0660);
         EXPECT_EQ(WhoMayUse(Socket()),
-                  "it is for the user root and the group " + GroupName(1) + ": join that group, or try again as root");
+                  "it is for the user root and the group " + qxpbase::GroupName(1) + ": join that group, or try again as root");
         Mode("agent.sock", 0600);
         EXPECT_THAT(WhoMayUse(Socket()), HasSubstr("it is for the user root alone"));
     }

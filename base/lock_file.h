@@ -4,9 +4,9 @@
 #include <optional>
 #include <string>
 
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 
-namespace qxpagent {
+namespace qxpbase {
 
 /// Takes the lock of a lock file, which is made if need be (mode 0600) and stays in place; the descriptor that is
 /// returned holds it. Waits a moment for it: a process that was killed holds its locks on until each child that it was
@@ -14,4 +14,4 @@ namespace qxpagent {
 /// cannot be opened.
 std::optional<UniqueFd> TakeLockFile(const std::string& path, std::chrono::milliseconds wait = std::chrono::seconds(3));
 
-}  // namespace qxpagent
+}  // namespace qxpbase

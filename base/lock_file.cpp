@@ -1,4 +1,4 @@
-#include "agent/lock_file.h"
+#include "base/lock_file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -7,7 +7,7 @@
 #include <system_error>
 #include <thread>
 
-namespace qxpagent {
+namespace qxpbase {
 
 std::optional<UniqueFd> TakeLockFile(const std::string& path, std::chrono::milliseconds wait) {
     UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
@@ -24,4 +24,4 @@ std::optional<UniqueFd> TakeLockFile(const std::string& path, std::chrono::milli
     return lock;
 }
 
-}  // namespace qxpagent
+}  // namespace qxpbase

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace qxpagent {
+namespace qxpbase {
 
 /// Owns one file descriptor.
 class UniqueFd {
@@ -35,4 +35,4 @@ private:
     int fd_ = -1;
 };
 
-}  // namespace qxpagent
+}  // namespace qxpbase

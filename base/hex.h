@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace qxppolicy {
+namespace qxpbase {
 
 /// Two lower-case digits a byte.
 std::string HexEncode(std::span<const unsigned char> bytes);
@@ -14,4 +14,4 @@ std::string HexEncode(std::span<const unsigned char> bytes);
 /// Reads an even number of hexadecimal digits of either case; nothing for any other text.
 std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits);
 
-}  // namespace qxppolicy
+}  // namespace qxpbase

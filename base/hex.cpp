@@ -1,6 +1,6 @@
-#include "policy/hex.h"
+#include "base/hex.h"
 
-namespace qxppolicy {
+namespace qxpbase {
 
 namespace {
 
@@ -42,4 +42,4 @@ std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits) {
     return bytes;
 }
 
-}  // namespace qxppolicy
+}  // namespace qxpbase

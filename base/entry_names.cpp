@@ -1,13 +1,13 @@
-#include "agent/entry_names.h"
+#include "base/entry_names.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 
 #include <memory>
 
-#include "agent/unique_fd.h"
+#include "base/unique_fd.h"
 
-namespace qxpagent {
+namespace qxpbase {
 
 namespace {
 
@@ -30,4 +30,4 @@ std::vector<std::string> EntryNames(int directory) {
     return names;
 }
 
-}  // namespace qxpagent
+}  // namespace qxpbase

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-namespace qxpagent {
+namespace qxpbase {
 
 /// A whole number in decimal digits, nothing when the text is anything else or the number does not fit.
 inline std::optional<uint64_t> WholeNumber(std::string_view text) {
@@ -15,4 +15,4 @@ inline std::optional<uint64_t> WholeNumber(std::string_view text) {
     return error == std::errc() && parsed == end ? std::optional(number) : std::nullopt;
 }
 
-}  // namespace qxpagent
+}  // namespace qxpbase

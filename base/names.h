@@ -1,0 +1,13 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace qxpbase {
+
+/// The name of a user or a group, or the number where it has none. Any thread.
+std::string UserName(uid_t user);
+std::string GroupName(gid_t group);
+
+}  // namespace qxpbase

@@ -135,8 +135,8 @@ TEST_F(DoctorTest, TheSocketSaysWhyItCannotBeUsed) {
     if (geteuid() == 0) {
         ASSERT_EQ(chown(Socket().c_str(), 0, 1), 0);
         Mode("agent.sock", 0660);
-        EXPECT_EQ(WhoMayUse(Socket()),
-                  "it is for the user root and the group " + qxpbase::GroupName(1) + ": join that group, or try again as root");
+        EXPECT_EQ(WhoMayUse(Socket()), "it is for the user root and the group " + qxpbase::GroupName(1) +
+                                           ": join that group, or try again as root");
         Mode("agent.sock", 0600);
         EXPECT_THAT(WhoMayUse(Socket()), HasSubstr("it is for the user root alone"));
     }

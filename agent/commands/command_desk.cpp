@@ -1,7 +1,6 @@
 #include "agent/commands/command_desk.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "agent/bus/message_bus.h"

@@ -106,8 +106,8 @@ void Upkeep::Retain(const Retention& retention) {
     counters_.RemovedUndelivered(removed.unacknowledged);
     if (removed.unacknowledged > 0) {
         QXPAGENT_LOG(kLogError,
-                     "%llu reports were removed from the store before anybody acknowledged them: they were too old or "
-                     "too large together",
+                     "%llu reports were removed from the store before anybody acknowledged them: all texts together "
+                     "were too large",
                      static_cast<unsigned long long>(removed.unacknowledged));
     }
     if (removed.commands + removed.reports > removed.unacknowledged) {

@@ -9,7 +9,7 @@
 
 namespace qxpbase {
 
-std::optional<UniqueFd> TakeLockFile(const std::string& path, std::chrono::milliseconds wait) {
+std::optional<UniqueFd> AcquireLockFile(const std::string& path, std::chrono::milliseconds wait) {
     UniqueFd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600));
     if (!lock.IsOpen()) {
         throw std::system_error(errno, std::generic_category());

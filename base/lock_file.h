@@ -12,6 +12,7 @@ namespace qxpbase {
 /// returned holds it. Waits a moment for it: a process that was killed holds its locks on until each child that it was
 /// about to start has begun its program. Nothing when another process keeps it. Throws std::system_error when the file
 /// cannot be opened.
-std::optional<UniqueFd> TakeLockFile(const std::string& path, std::chrono::milliseconds wait = std::chrono::seconds(3));
+std::optional<UniqueFd> AcquireLockFile(const std::string& path,
+                                        std::chrono::milliseconds wait = std::chrono::seconds(3));
 
 }  // namespace qxpbase

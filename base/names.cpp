@@ -4,7 +4,12 @@
 #include <pwd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <optional>
 #include <vector>
+
+#include "base/startup_error.h"
+#include "base/whole_number.h"
 
 namespace qxpbase {
 
@@ -34,6 +39,21 @@ std::string GroupName(gid_t number) {
     std::vector<char> buffer(4096);
     struct group entry {};
     return Find(number, getgrgid_r, buffer, entry) ? entry.gr_name : std::to_string(number);
+}
+
+gid_t FindGroup(const std::string& group) {
+    // The largest number means "no group" to the kernel.
+    const std::optional<uint64_t> number = WholeNumber(group);
+    if (number.has_value() && *number < UINT32_MAX) {
+        return static_cast<gid_t>(*number);
+    }
+    std::vector<char> buffer(4096);
+    struct group entry {};
+    if (!Find(group.c_str(), getgrnam_r, buffer, entry)) {
+        throw StartupError("There is no group \"" + group + "\": create it (groupadd --system " + group +
+                           "), or name another with --socket-group.");
+    }
+    return entry.gr_gid;
 }
 
 }  // namespace qxpbase

@@ -10,4 +10,7 @@ namespace qxpbase {
 std::string UserName(uid_t user);
 std::string GroupName(gid_t group);
 
+/// The number of a group that is given by its name or its number. Throws StartupError when there is none. Any thread.
+gid_t FindGroup(const std::string& group);
+
 }  // namespace qxpbase

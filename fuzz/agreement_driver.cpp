@@ -13,9 +13,9 @@
 
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
+#include "ctl/policies/installed_keys.h"
 #include "ctl/policies/key_file.h"
 #include "ctl/policies/signer.h"
-#include "ctl/policies/trusted_keys.h"
 #include "ctl/terminal/error.h"
 #include "policy/admission.h"
 #include "policy/policy_check.h"
@@ -130,7 +130,7 @@ private:
 };
 
 struct Fate {
-    std::string refusal;                 // by the check at the door
+    std::string refusal;                 // by the admission check
     bool refused = false;                // by the plugin
     std::multiset<std::string> results;  // scripts that have one
 
@@ -147,7 +147,7 @@ std::ostream& operator<<(std::ostream& out, const Fate& fate) {
 Fate Foretell(const std::string& document, const qxppolicy::TrustedKeys& keys, std::string& id) {
     qxtools::CPJsonParse json;
     Fate fate;
-    fate.refusal = qxppolicy::WhyNotAdmitted(
+    fate.refusal = qxppolicy::ValidateForAdmission(
         document, json, [](const std::string&) { return "lies in none of the agent's script-directories"; });
     if (!fate.refusal.empty())
         return fate;

@@ -14,7 +14,7 @@ using namespace qxpagent;
 
 class Echo : public AgentControl {
 public:
-    SubmitOutcome Submit(std::string document, const Peer& peer) override {
+    SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer) override {
         CommandRecord command;
         command.id = command.reason = std::move(document);
         command.submitter = peer;
@@ -40,7 +40,7 @@ public:
     }
     uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override { return cursors.size(); }
     uint64_t AcknowledgeUpTo(uint64_t cursor) override { return cursor; }
-    std::optional<bool> RunOnce(const std::string& name, const Peer& /*peer*/) override {
+    std::optional<bool> RunOnce(const std::string& name, const qxpbase::Peer& /*peer*/) override {
         if (name.empty() || name.find('/') != std::string::npos)
             abort();
         return true;
@@ -55,21 +55,21 @@ public:
     std::string text;
 };
 
-std::string Joined(const HttpBody& body) {
+std::string Joined(const qxphttp::Body& body) {
     std::string text;
     for (const std::string& piece : body.Pieces())
         text += piece;
     return text;
 }
 
-HttpRequest ReadRequest(std::string text) {
+qxphttp::Request ReadRequest(std::string text) {
     const auto cut = [&text](char end) {
         const size_t at = std::min(text.find(end), text.size());
         std::string head = text.substr(0, at);
         text.erase(0, at + 1);
         return head;
     };
-    HttpRequest request;
+    qxphttp::Request request;
     std::string line = cut('\n');
     std::swap(line, text);
     request.body = std::move(line);
@@ -88,10 +88,10 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static Echo echo;
     static Api api(echo);
     setenv("QXHOST_LOG_LEVEL", "off", 1);
-    HttpRequest request = ReadRequest(std::string(reinterpret_cast<const char*>(data), size));
+    qxphttp::Request request = ReadRequest(std::string(reinterpret_cast<const char*>(data), size));
     echo.text = request.body;
     const bool is_file = request.path.starts_with("/v1/results/");
-    const HttpResponse response = api.Handle(std::move(request));
+    const qxphttp::Response response = api.Handle(std::move(request));
     // Whatever it is made of, an answer can be read.
     const bool is_json = response.content_type.find("json") != std::string::npos;
     if (response.status < 200 || response.status > 599 ||

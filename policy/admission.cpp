@@ -29,9 +29,9 @@ bool IsKnownType(const std::string& type) {
     return std::any_of(kTypes.begin(), kTypes.end(), [&](const char* known) { return text.CompareNoCase(known) == 0; });
 }
 
-std::string WhyBadScript(const CPJsonParse& json, void* script, const DirectoryRule& directory_rule) {
+std::string ValidateScript(const CPJsonParse& json, void* script, const DirectoryRule& directory_rule) {
     const std::string path = Member(json, script, "scriptpath");
-    std::string reason = WhyBadScriptDirectory(path);
+    std::string reason = ValidateScriptDirectory(path);
     if (reason.empty() && !path.empty() && directory_rule)
         reason = directory_rule(path);
     if (!reason.empty())
@@ -49,7 +49,7 @@ std::string NameOf(const CPJsonParse& json, void* script, size_t number) {
     return "script " + std::to_string(number) + (shown ? " (" + id + ")" : "");
 }
 
-std::string WhyUnreadable(const std::string& text, CPJsonParse& document) {
+std::string ParseDocument(const std::string& text, CPJsonParse& document) {
     if (text.empty())
         return "The document is empty; it must be one JSON object.";
     if (text.find('\0') != std::string::npos)
@@ -61,13 +61,13 @@ std::string WhyUnreadable(const std::string& text, CPJsonParse& document) {
     return {};
 }
 
-std::string WhyBadCommand(const CPJsonParse& document) {
+std::string ValidateCommand(const CPJsonParse& document) {
     void* const id = document.GetNode(nullptr, "ID");
     if (!id)
         return "The document is not a JSON object with the string member \"ID\".";
     if (!document.IsString(id))
         return "The member \"ID\" must be a string.";
-    if (const std::string reason = WhyBadId(document.GetValue(id).c_str()); !reason.empty())
+    if (const std::string reason = ValidateId(document.GetValue(id).c_str()); !reason.empty())
         return "The member \"ID\" " + reason + ".";
     const std::string command = Member(document, nullptr, "Command");
     if (command.find_first_of("\"\\") != std::string::npos || !IsValidUtf8(command) || HasControlCharacter(command))
@@ -77,10 +77,10 @@ std::string WhyBadCommand(const CPJsonParse& document) {
 
 }  // namespace
 
-std::string WhyNotAdmitted(const std::string& text, CPJsonParse& document, const DirectoryRule& directory_rule) {
-    if (std::string reason = WhyUnreadable(text, document); !reason.empty())
+std::string ValidateForAdmission(const std::string& text, CPJsonParse& document, const DirectoryRule& directory_rule) {
+    if (std::string reason = ParseDocument(text, document); !reason.empty())
         return reason;
-    if (std::string reason = WhyBadCommand(document); !reason.empty())
+    if (std::string reason = ValidateCommand(document); !reason.empty())
         return reason;
     void* const param = document.GetNode(nullptr, "param");
     void* const list = param ? document.GetNode(param, "scriptinfo") : nullptr;
@@ -93,7 +93,7 @@ std::string WhyNotAdmitted(const std::string& text, CPJsonParse& document, const
     size_t number = 0;
     for (void* const script : scripts) {
         ++number;
-        if (const std::string reason = WhyBadScript(document, script, directory_rule); !reason.empty())
+        if (const std::string reason = ValidateScript(document, script, directory_rule); !reason.empty())
             return "In " + NameOf(document, script, number) + " " + reason + ".";
     }
     return {};

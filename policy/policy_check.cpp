@@ -68,7 +68,7 @@ ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys
     const std::optional<std::string> sign = Member(json, node, "sign");
     if (!sign)
         return Judge(script, Verdict::Dropped, "there is no \"sign\"");
-    if (const std::string reason = keys.WhyInvalid(*sign, *data); !reason.empty())
+    if (const std::string reason = keys.ValidateSignature(*sign, *data); !reason.empty())
         return Judge(script, Verdict::Dropped, "bad signature: " + reason);
     if (!type)
         return Judge(script, Verdict::Dropped, "there is no \"scripttype\"");

@@ -4,7 +4,7 @@
 
 namespace qxppolicy {
 
-std::string WhyBadId(std::string_view id) {
+std::string ValidateId(std::string_view id) {
     if (id.empty())
         return "is empty";
     if (id.size() > kMaxIdBytes)
@@ -16,7 +16,7 @@ std::string WhyBadId(std::string_view id) {
     return {};
 }
 
-std::string WhyBadScriptDirectory(std::string_view path) {
+std::string ValidateScriptDirectory(std::string_view path) {
     constexpr std::string_view kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+@=,-";
     if (path.empty())
         return {};

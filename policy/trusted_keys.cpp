@@ -81,7 +81,7 @@ bool TrustedKeys::SetPluginKey(const char* modulus, const char* exponent) {
     return SetPluginKey(MakeRsaKey(modulus, exponent));
 }
 
-std::string TrustedKeys::WhyInvalid(const std::string& sign, const std::string& data) const {
+std::string TrustedKeys::ValidateSignature(const std::string& sign, const std::string& data) const {
     if (sign.empty())
         return "\"sign\" is empty";
     if (data.empty())
@@ -92,11 +92,11 @@ std::string TrustedKeys::WhyInvalid(const std::string& sign, const std::string& 
     if (!mark)
         return "\"sign\" does not begin with hexadecimal digits";
     if (MarkValue(*mark) == kPluginMarkValue)
-        return WhyInvalidForPlugin(sign, data);
-    return WhyInvalidForHost(sign, data, MarkValue(*mark));
+        return ValidatePluginSignature(sign, data);
+    return ValidateHostSignature(sign, data, MarkValue(*mark));
 }
 
-std::string TrustedKeys::WhyInvalidForPlugin(std::string_view sign, std::string_view data) const {
+std::string TrustedKeys::ValidatePluginSignature(std::string_view sign, std::string_view data) const {
     if (!plugin_key_)
         return "it is signed for the plugin's own key, and no --key names an RSA key";
     if (sign.size() < kPluginSignatureDigits)
@@ -119,7 +119,7 @@ std::string TrustedKeys::WhyInvalidForPlugin(std::string_view sign, std::string_
     return {};
 }
 
-std::string TrustedKeys::WhyInvalidForHost(const std::string& sign, const std::string& data, uint32_t mark) const {
+std::string TrustedKeys::ValidateHostSignature(const std::string& sign, const std::string& data, uint32_t mark) const {
     // The plugin gives lengths as 32 bits.
     const auto size = static_cast<unsigned int>(data.size());
     if (data.size() == size &&

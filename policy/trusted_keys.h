@@ -26,11 +26,11 @@ public:
 
     /// Checks the signature of a text as the plugin does. Returns an empty text when it is valid, else the reason in
     /// plain words.
-    std::string WhyInvalid(const std::string& sign, const std::string& data) const;
+    std::string ValidateSignature(const std::string& sign, const std::string& data) const;
 
 private:
-    std::string WhyInvalidForPlugin(std::string_view sign, std::string_view data) const;
-    std::string WhyInvalidForHost(const std::string& sign, const std::string& data, uint32_t mark) const;
+    std::string ValidatePluginSignature(std::string_view sign, std::string_view data) const;
+    std::string ValidateHostSignature(const std::string& sign, const std::string& data, uint32_t mark) const;
 
     KeyPtr plugin_key_;
     std::vector<KeyPtr> ed25519_keys_;

@@ -1,7 +1,6 @@
 #include "agent/access/access.h"
 
 #include <dlfcn.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,13 +9,11 @@
 #include <optional>
 #include <system_error>
 
-#include "agent/access/peer.h"
 #include "agent/access/way.h"
 #include "agent/config/init_param.h"
-#include "agent/startup_error.h"
 #include "base/errno_text.h"
 #include "base/names.h"
-#include "base/whole_number.h"
+#include "base/startup_error.h"
 #include "qxhost/log.h"
 
 namespace qxpagent {
@@ -30,8 +27,8 @@ std::optional<struct stat> Examine(const std::filesystem::path& path) {
     }
     const int error = errno;
     if (error != ENOENT && error != ENOTDIR) {
-        throw StartupError("The access to " + path.string() + " cannot be examined: " + qxpbase::ErrnoText(error) +
-                           ".");
+        throw qxpbase::StartupError("The access to " + path.string() +
+                                    " cannot be examined: " + qxpbase::ErrnoText(error) + ".");
     }
     return std::nullopt;
 }
@@ -56,7 +53,7 @@ std::string Mend(const struct stat& status, const std::filesystem::path& path) {
 
 // Whether somebody else can put another thing in the place of a part of a way. Where it ends, others could add to it;
 // further up, the sticky bit of a directory such as /tmp keeps them from what is not theirs.
-std::string WhyBadPart(const std::filesystem::path& part, const struct stat& status, bool is_last) {
+std::string ValidatePart(const std::filesystem::path& part, const struct stat& status, bool is_last) {
     struct stat relevant = status;
     if (!is_last && S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0) {
         relevant.st_mode &= ~static_cast<mode_t>(S_IWGRP | S_IWOTH);
@@ -87,8 +84,9 @@ void GiveToGroup(const std::filesystem::path& directory, const struct stat& stat
     if ((!is_given && chown(directory.c_str(), static_cast<uid_t>(-1), group) != 0) ||
         (!(is_given && is_open) && chmod(directory.c_str(), mode) != 0)) {
         const int error = errno;
-        throw StartupError("The directory " + directory.string() + " cannot be given to the socket's group: " +
-                           qxpbase::ErrnoText(error) + ". Start the agent as root, or name a group of its user.");
+        throw qxpbase::StartupError("The directory " + directory.string() +
+                                    " cannot be given to the socket's group: " + qxpbase::ErrnoText(error) +
+                                    ". Start the agent as root, or name a group of its user.");
     }
 }
 
@@ -107,36 +105,15 @@ std::filesystem::path HostLibrary() {
 
 }  // namespace
 
-gid_t FindGroup(const std::string& group) {
-    // The largest number means "no group" to the kernel.
-    const std::optional<uint64_t> number = qxpbase::WholeNumber(group);
-    if (number.has_value() && *number < UINT32_MAX) {
-        return static_cast<gid_t>(*number);
-    }
-    constexpr size_t kMostBytes = size_t{1} << 24;  // a group with very many members
-    std::vector<char> buffer(4096);
-    struct group entry {};
-    struct group* found = nullptr;
-    while (getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
-           buffer.size() < kMostBytes) {
-        buffer.resize(buffer.size() * 2);
-    }
-    if (found == nullptr) {
-        throw StartupError("There is no group \"" + group + "\": create it (groupadd --system " + group +
-                           "), or name another with --socket-group.");
-    }
-    return found->gr_gid;
-}
-
 bool CanBeChangedByOthers(const struct stat& status) {
     return !Mend(status, {}).empty();
 }
 
 void RequireUnwritableByOthers(const std::filesystem::path& path) {
     const std::filesystem::path whole = std::filesystem::absolute(path);
-    const WayEnd way = FollowWay(whole, whole.parent_path(), WhyBadPart);
+    const WayEnd way = FollowWay(whole, whole.parent_path(), ValidatePart);
     if (!way.fault.empty()) {
-        throw StartupError(path.string() + " " + way.fault);
+        throw qxpbase::StartupError(path.string() + " " + way.fault);
     }
 }
 
@@ -197,7 +174,7 @@ void PrepareSocketDirectory(const Options& options, const Installation& installa
     if (!std::filesystem::equivalent(directory, installation.agent_data, error)) {
         return RequireEntriesSafe(directory);
     }
-    const gid_t group = options.socket_group.empty() ? getegid() : FindGroup(options.socket_group);
+    const gid_t group = options.socket_group.empty() ? getegid() : qxpbase::FindGroup(options.socket_group);
     GiveToGroup(directory, *status, group, 0750);
     const std::filesystem::path data = installation.agent_data.parent_path();
     const auto above = Examine(data);

@@ -13,11 +13,8 @@
 namespace qxpagent {
 
 // Who may change what the agent trusts, and who may reach its socket. What is not there is passed over: whoever needs
-// it says so. All but FindGroup look at what is there and throw StartupError, which names the path and the command that
+// it says so. All look at what is there and throw StartupError, which names the path and the command that
 // mends it.
-
-/// The number of a group that is given by its name or its number. Throws StartupError when there is none.
-gid_t FindGroup(const std::string& group);
 
 /// True when somebody else can change a file or directory: it belongs to a user other than root and the agent's own,
 /// everybody may write it, or a group may that is neither root's nor the agent's own.

@@ -11,7 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string WhyBadPart(const fs::path& part, const struct stat& status, bool /*is_last*/) {
+std::string ValidatePart(const fs::path& part, const struct stat& status, bool /*is_last*/) {
     const bool is_link = status.st_mode == 0;
     if (!is_link && !S_ISDIR(status.st_mode)) {
         return "leads to " + part.string() + ", which is no directory";
@@ -25,14 +25,14 @@ std::string WhyBadPart(const fs::path& part, const struct stat& status, bool /*i
 
 }  // namespace
 
-std::string WhyBadScriptDirectory(const fs::path& directory, const std::vector<fs::path>& allowed,
-                                  const fs::path& base) {
-    const WayEnd way = FollowWay(directory, base, WhyBadPart);
+std::string ValidateScriptDirectory(const fs::path& directory, const std::vector<fs::path>& allowed,
+                                    const fs::path& base) {
+    const WayEnd way = FollowWay(directory, base, ValidatePart);
     if (!way.fault.empty()) {
         return way.fault;
     }
     const bool is_allowed = std::any_of(allowed.begin(), allowed.end(), [&](const fs::path& each) {
-        const WayEnd root = FollowWay(each, base, WhyBadPart);
+        const WayEnd root = FollowWay(each, base, ValidatePart);
         return root.fault.empty() && IsAtOrBelow(way.place, root.place);
     });
     return is_allowed ? "" : "lies in none of the agent's script-directories";

@@ -11,8 +11,8 @@ namespace qxpagent {
 /// and the agent's own user may be able to change any part of the way, from / on: whoever could would put a file of
 /// theirs in the place of the script, or lead the script into a file of somebody else's. What is not there yet is made
 /// by the plugin, and passes. `base` and what is above it are not looked at.
-std::string WhyBadScriptDirectory(const std::filesystem::path& directory,
-                                  const std::vector<std::filesystem::path>& allowed,
-                                  const std::filesystem::path& base = {});
+std::string ValidateScriptDirectory(const std::filesystem::path& directory,
+                                    const std::vector<std::filesystem::path>& allowed,
+                                    const std::filesystem::path& base = {});
 
 }  // namespace qxpagent

@@ -20,7 +20,7 @@ std::string_view Match(std::string_view route, std::string_view path) {
 }
 
 // Names the first parameter that is unknown or given twice; empty when all is well.
-std::string BadParameter(const HttpRequest& request, const Api::Route& route) {
+std::string BadParameter(const qxphttp::Request& request, const Api::Route& route) {
     std::vector<std::string_view> seen;
     for (const auto& [name, value] : request.query) {
         if (std::find(route.parameters.begin(), route.parameters.end(), name) == route.parameters.end()) {
@@ -56,7 +56,7 @@ std::span<const Api::Route> Api::Routes() {
     return kRoutes;
 }
 
-size_t Api::MaxBodyBytes(const HttpRequest& head) const {
+size_t Api::MaxBodyBytes(const qxphttp::Request& head) const {
     for (const Route& route : Routes()) {
         if (route.method == head.method && !Match(route.path, head.path).empty()) {
             return route.max_body;
@@ -65,7 +65,7 @@ size_t Api::MaxBodyBytes(const HttpRequest& head) const {
     return kMaxSmallBodyBytes;
 }
 
-HttpResponse Api::Handle(HttpRequest request) {
+qxphttp::Response Api::Handle(qxphttp::Request request) {
     std::string allowed;
     for (const Route& route : Routes()) {
         const std::string name(Match(route.path, request.path));
@@ -77,21 +77,21 @@ HttpResponse Api::Handle(HttpRequest request) {
             continue;
         }
         if (const std::string bad = BadParameter(request, route); !bad.empty()) {
-            return Problem(400, bad);
+            return qxphttp::Problem(400, bad);
         }
         try {
             return (this->*route.handle)(request, name);
         } catch (const BadRequest& error) {
-            return Problem(400, error.what());
+            return qxphttp::Problem(400, error.what());
         } catch (const StoreError& error) {
             QXPAGENT_LOG(kLogError, "%s %s: %s", request.method.c_str(), request.path.c_str(), error.what());
-            return Problem(503, std::string("The agent's store cannot be used: ") + error.what());
+            return qxphttp::Problem(503, std::string("The agent's store cannot be used: ") + error.what());
         }
     }
     if (allowed.empty()) {
-        return Problem(404, "There is no path " + request.path + ".");
+        return qxphttp::Problem(404, "There is no path " + request.path + ".");
     }
-    HttpResponse response = Problem(405, "The path " + request.path + " takes " + allowed + " only.");
+    qxphttp::Response response = qxphttp::Problem(405, "The path " + request.path + " takes " + allowed + " only.");
     response.headers.emplace_back("Allow", allowed);
     return response;
 }

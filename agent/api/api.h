@@ -5,20 +5,20 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/agent_control.h"
-#include "agent/api/http_message.h"
+#include "agent/api/agent_control.h"
+#include "http/message.h"
 
 namespace qxpagent {
 
 /// The agent's HTTP API: finds the handler for a request, checks what it was given, answers in JSON. docs/openapi.yaml
 /// describes it to its clients.
-class Api final : public HttpHandler {
+class Api final : public qxphttp::Handler {
 public:
     /// The agent must outlive it.
     explicit Api(AgentControl& agent) : agent_(agent) {}
 
-    size_t MaxBodyBytes(const HttpRequest& head) const override;
-    HttpResponse Handle(HttpRequest request) override;
+    size_t MaxBodyBytes(const qxphttp::Request& head) const override;
+    qxphttp::Response Handle(qxphttp::Request request) override;
 
     static constexpr size_t kMaxCommandBytes = size_t{100} << 20;
     static constexpr size_t kMaxSmallBodyBytes = size_t{64} << 10;
@@ -29,27 +29,27 @@ public:
         std::string_view method;
         size_t max_body;
         std::vector<std::string_view> parameters;
-        HttpResponse (Api::*handle)(HttpRequest&, const std::string& name);  // name: what stood for the '{…}'
+        qxphttp::Response (Api::*handle)(qxphttp::Request&, const std::string& name);  // name: what stood for the '{…}'
     };
     static std::span<const Route> Routes();
 
 private:
     // api_commands.cpp
-    HttpResponse SubmitCommand(HttpRequest& request, const std::string& name);
-    HttpResponse ListCommands(HttpRequest& request, const std::string& name);
-    HttpResponse ShowCommand(HttpRequest& request, const std::string& name);
-    HttpResponse RunOnce(HttpRequest& request, const std::string& name);
+    qxphttp::Response SubmitCommand(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ListCommands(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ShowCommand(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response RunOnce(qxphttp::Request& request, const std::string& name);
 
     // api_reports.cpp
-    HttpResponse ListReports(HttpRequest& request, const std::string& name);
-    HttpResponse AcknowledgeReports(HttpRequest& request, const std::string& name);
-    HttpResponse ListResults(HttpRequest& request, const std::string& name);
-    HttpResponse ShowResult(HttpRequest& request, const std::string& name);
+    qxphttp::Response ListReports(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response AcknowledgeReports(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ListResults(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ShowResult(qxphttp::Request& request, const std::string& name);
 
     // api_status.cpp
-    HttpResponse ShowStatus(HttpRequest& request, const std::string& name);
-    HttpResponse ShowHealth(HttpRequest& request, const std::string& name);
-    HttpResponse ShowMetrics(HttpRequest& request, const std::string& name);
+    qxphttp::Response ShowStatus(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ShowHealth(qxphttp::Request& request, const std::string& name);
+    qxphttp::Response ShowMetrics(qxphttp::Request& request, const std::string& name);
 
     AgentControl& agent_;
 };

@@ -29,8 +29,8 @@ std::string PercentEncoded(std::string_view text) {
     return encoded;
 }
 
-HttpResponse CommandResponse(int status, const CommandRecord& command) {
-    HttpResponse response = JsonResponse(status, CommandToJson(command));
+qxphttp::Response CommandResponse(int status, const CommandRecord& command) {
+    qxphttp::Response response = JsonResponse(status, CommandToJson(command));
     response.headers.emplace_back("Location", "/v1/commands/" + PercentEncoded(command.id));
     return response;
 }
@@ -58,16 +58,16 @@ bool IsFileName(const std::string& name) {
 
 }  // namespace
 
-HttpResponse Api::SubmitCommand(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::SubmitCommand(qxphttp::Request& request, const std::string& /*name*/) {
     const SubmitOutcome outcome = agent_.Submit(std::move(request.body), request.peer);
     const bool taken = outcome.status == SubmitStatus::kTaken;
     if ((taken || outcome.status == SubmitStatus::kKnown) && outcome.command.has_value()) {
         return CommandResponse(taken ? 202 : 200, *outcome.command);
     }
-    return Problem(ProblemStatus(outcome.status), outcome.detail);
+    return qxphttp::Problem(ProblemStatus(outcome.status), outcome.detail);
 }
 
-HttpResponse Api::ListCommands(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::ListCommands(qxphttp::Request& request, const std::string& /*name*/) {
     static constexpr CommandState kStates[] = {CommandState::kReceived, CommandState::kDelivered,
                                                CommandState::kRefused, CommandState::kReported,
                                                CommandState::kInterrupted};
@@ -92,10 +92,10 @@ HttpResponse Api::ListCommands(HttpRequest& request, const std::string& /*name*/
     return JsonResponse(200, body);
 }
 
-HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name) {
+qxphttp::Response Api::ShowCommand(qxphttp::Request& /*request*/, const std::string& name) {
     const std::optional<CommandRecord> command = agent_.FindCommand(name);
     if (!command.has_value()) {
-        return Problem(404, "There is no command \"" + name + "\".");
+        return qxphttp::Problem(404, "There is no command \"" + name + "\".");
     }
     ReportQuery query;
     query.id = name;
@@ -107,14 +107,14 @@ HttpResponse Api::ShowCommand(HttpRequest& /*request*/, const std::string& name)
         query.with_text = false;
         has_more = !agent_.ListReports(query).empty();
     }
-    HttpResponse response;
+    qxphttp::Response response;
     response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
     AppendReports(response.body, std::move(reports));
     response.body.Append(has_more ? ",\"more\":true}" : "}");
     return response;
 }
 
-HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::RunOnce(qxphttp::Request& request, const std::string& /*name*/) {
     const nlohmann::json body = ReadObject(request.body, {"name"});
     const auto name = body.find("name");
     if (name == body.end() || !name->is_string() || !IsFileName(name->get_ref<const std::string&>())) {
@@ -123,7 +123,7 @@ HttpResponse Api::RunOnce(HttpRequest& request, const std::string& /*name*/) {
     const auto& file = name->get_ref<const std::string&>();
     const std::optional<bool> accepted = agent_.RunOnce(file, request.peer);
     if (!accepted.has_value()) {
-        return Problem(503, "The agent is stopping, or its plugin is not started.");
+        return qxphttp::Problem(503, "The agent is stopping, or its plugin is not started.");
     }
     Json answer;
     answer["name"] = file;

@@ -4,21 +4,21 @@
 #include <utility>
 
 #include "agent/records/report_document.h"
-#include "agent/time_text.h"
+#include "base/time_text.h"
 
 namespace qxpagent {
 
 namespace {
 
 Json TimeOrNull(const std::optional<WallTime>& time) {
-    return time.has_value() ? Json(LocalTimeText(*time)) : Json(nullptr);
+    return time.has_value() ? Json(qxpbase::LocalTimeText(*time)) : Json(nullptr);
 }
 
 Json TextOrNull(const std::string& text) {
     return text.empty() ? Json(nullptr) : Json(text);
 }
 
-Json PeerToJson(const Peer& peer) {
+Json PeerToJson(const qxpbase::Peer& peer) {
     Json json;
     json["uid"] = peer.uid;
     json["gid"] = peer.gid;
@@ -35,7 +35,7 @@ bool ContinuesCharacter(char byte) {
 }
 
 // A text as a JSON string, slice by slice, so that it is not in memory a third time.
-void AppendQuoted(HttpBody& body, std::string_view text) {
+void AppendQuoted(qxphttp::Body& body, std::string_view text) {
     body.Append("\"");
     while (!text.empty()) {
         size_t size = std::min(text.size(), kSliceBytes);
@@ -56,7 +56,7 @@ Json ReportHead(const Report& report) {
     json["id"] = report.id;
     json["source"] = Word(report.source);
     json["file"] = TextOrNull(report.file);
-    json["received"] = LocalTimeText(report.received);
+    json["received"] = qxpbase::LocalTimeText(report.received);
     json["acknowledged"] = TimeOrNull(report.acknowledged);
     json["json_data_type"] = report.json_data_type;
     json["value"] = report.value;
@@ -64,7 +64,7 @@ Json ReportHead(const Report& report) {
     return json;
 }
 
-void AppendReport(HttpBody& body, Report report) {
+void AppendReport(qxphttp::Body& body, Report report) {
     std::string head = ToText(ReportHead(report));
     head.pop_back();  // its '}' comes last
     body.Append(head);
@@ -125,13 +125,13 @@ Json CommandToJson(const CommandRecord& command) {
     json["bytes"] = command.bytes;
     json["sha256"] = command.sha256;
     json["submitter"] = PeerToJson(command.submitter);
-    json["received"] = LocalTimeText(command.received);
+    json["received"] = qxpbase::LocalTimeText(command.received);
     json["delivered"] = TimeOrNull(command.delivered);
     json["finished"] = TimeOrNull(command.finished);
     return json;
 }
 
-void AppendReports(HttpBody& body, std::vector<Report> reports, bool with_text) {
+void AppendReports(qxphttp::Body& body, std::vector<Report> reports, bool with_text) {
     body.Append("[");
     for (Report& report : reports) {
         body.Append(&report == reports.data() ? "" : ",");
@@ -150,7 +150,7 @@ Json ResultToJson(const Report& report) {
     json["id"] = report.id;
     json["file"] = report.file;
     json["bytes"] = report.bytes;
-    json["received"] = LocalTimeText(report.received);
+    json["received"] = qxpbase::LocalTimeText(report.received);
     json["acknowledged"] = TimeOrNull(report.acknowledged);
     return json;
 }
@@ -187,8 +187,8 @@ std::string ToText(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-HttpResponse JsonResponse(int status, const Json& body) {
-    HttpResponse response;
+qxphttp::Response JsonResponse(int status, const Json& body) {
+    qxphttp::Response response;
     response.status = status;
     response.body = ToText(body);
     return response;

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/agent_control.h"
-#include "agent/api/http_message.h"
+#include "agent/api/agent_control.h"
+#include "http/message.h"
 
 namespace qxpagent {
 
@@ -28,10 +28,10 @@ Json StatusToJson(const AgentStatus& status);
 
 /// Adds a list of reports, each with its text: as "document" just as it is stored, or as "text" when it is no JSON that
 /// ReadReport reads. A document is not copied.
-void AppendReports(HttpBody& body, std::vector<Report> reports, bool with_text = true);
+void AppendReports(qxphttp::Body& body, std::vector<Report> reports, bool with_text = true);
 
 /// Bytes that are no UTF-8 are replaced by U+FFFD.
 std::string ToText(const Json& json);
-HttpResponse JsonResponse(int status, const Json& body);
+qxphttp::Response JsonResponse(int status, const Json& body);
 
 }  // namespace qxpagent

@@ -49,7 +49,7 @@ uint64_t AcknowledgeUpTo(AgentControl& agent, const nlohmann::json& cursor) {
 
 }  // namespace
 
-HttpResponse Api::ListReports(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::ListReports(qxphttp::Request& request, const std::string& /*name*/) {
     static constexpr ReportSource kSources[] = {ReportSource::kPlugin, ReportSource::kFile, ReportSource::kAgent};
     const QueryParameters parameters(request);
     ReportQuery query = CommonQuery(parameters);
@@ -62,28 +62,28 @@ HttpResponse Api::ListReports(HttpRequest& request, const std::string& /*name*/)
     query.with_text = parameters.OneOf("documents", {"true", "false"}) != 1;
     std::vector<Report> reports = agent_.ListReports(query);
     const uint64_t cursor = LastCursor(reports, query.after);
-    HttpResponse response;
+    qxphttp::Response response;
     response.body.Append("{\"reports\":");
     AppendReports(response.body, std::move(reports), query.with_text);
     response.body.Append(",\"cursor\":" + std::to_string(cursor) + "}");
     return response;
 }
 
-HttpResponse Api::AcknowledgeReports(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::AcknowledgeReports(qxphttp::Request& request, const std::string& /*name*/) {
     const nlohmann::json body = ReadObject(request.body, {"cursors", "up_to"});
     if (body.size() != 1) {
         throw BadRequest("The body must have either the member \"cursors\" or the member \"up_to\".");
     }
     const uint64_t acknowledged =
         body.contains("up_to") ? AcknowledgeUpTo(agent_, body["up_to"]) : AcknowledgeThose(agent_, body["cursors"]);
-    const Peer& peer = request.peer;
+    const qxpbase::Peer& peer = request.peer;
     QXPAGENT_LOG(kLogInfo, "%llu reports acknowledged by %s (uid %u, pid %d): %.200s",
                  static_cast<unsigned long long>(acknowledged), peer.user.c_str(), peer.uid, peer.pid,
                  body.dump().c_str());
     return JsonResponse(200, Json{{"acknowledged", acknowledged}});
 }
 
-HttpResponse Api::ListResults(HttpRequest& request, const std::string& /*name*/) {
+qxphttp::Response Api::ListResults(qxphttp::Request& request, const std::string& /*name*/) {
     ReportQuery query = CommonQuery(QueryParameters(request));
     query.source = ReportSource::kFile;
     query.with_text = false;
@@ -98,13 +98,13 @@ HttpResponse Api::ListResults(HttpRequest& request, const std::string& /*name*/)
     return JsonResponse(200, body);
 }
 
-HttpResponse Api::ShowResult(HttpRequest& /*request*/, const std::string& name) {
+qxphttp::Response Api::ShowResult(qxphttp::Request& /*request*/, const std::string& name) {
     const std::optional<uint64_t> cursor = qxpbase::WholeNumber(name);
     std::optional<Report> report = cursor.has_value() ? agent_.FindReport(*cursor) : std::nullopt;
     if (!report.has_value() || report->source != ReportSource::kFile) {
-        return Problem(404, "There is no result file with the cursor \"" + name + "\".");
+        return qxphttp::Problem(404, "There is no result file with the cursor \"" + name + "\".");
     }
-    HttpResponse response;
+    qxphttp::Response response;
     response.body = std::move(report->text);
     return response;
 }

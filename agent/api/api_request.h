@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/api/http_message.h"
+#include "http/message.h"
 
 namespace qxpagent {
 
@@ -23,7 +23,7 @@ public:
 class QueryParameters {
 public:
     /// The request must outlive it.
-    explicit QueryParameters(const HttpRequest& request) : request_(request) {}
+    explicit QueryParameters(const qxphttp::Request& request) : request_(request) {}
 
     std::optional<std::string> Text(std::string_view name) const;
     uint64_t Number(std::string_view name, uint64_t least, uint64_t most, uint64_t otherwise) const;
@@ -35,7 +35,7 @@ public:
     std::chrono::seconds Wait() const;     // 0 to 60
 
 private:
-    const HttpRequest& request_;
+    const qxphttp::Request& request_;
 };
 
 /// Reads a body that is to be one JSON object with no other members than these, each at most once. Throws BadRequest.

@@ -29,11 +29,11 @@ std::vector<std::string> Problems(AgentControl& agent) {
 
 }  // namespace
 
-HttpResponse Api::ShowStatus(HttpRequest& /*request*/, const std::string& /*name*/) {
+qxphttp::Response Api::ShowStatus(qxphttp::Request& /*request*/, const std::string& /*name*/) {
     return JsonResponse(200, StatusToJson(agent_.Status()));
 }
 
-HttpResponse Api::ShowHealth(HttpRequest& /*request*/, const std::string& /*name*/) {
+qxphttp::Response Api::ShowHealth(qxphttp::Request& /*request*/, const std::string& /*name*/) {
     const std::vector<std::string> problems = Problems(agent_);
     if (problems.empty()) {
         return JsonResponse(200, Json{{"status", "ok"}});
@@ -44,8 +44,8 @@ HttpResponse Api::ShowHealth(HttpRequest& /*request*/, const std::string& /*name
     return JsonResponse(503, body);
 }
 
-HttpResponse Api::ShowMetrics(HttpRequest& /*request*/, const std::string& /*name*/) {
-    HttpResponse response;
+qxphttp::Response Api::ShowMetrics(qxphttp::Request& /*request*/, const std::string& /*name*/) {
+    qxphttp::Response response;
     response.content_type = kMetricsContentType;
     response.body = MetricsText(agent_.Status());
     return response;

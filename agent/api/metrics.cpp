@@ -107,22 +107,22 @@ std::vector<MetricFamily> OfTheAgent(const AgentStatus& status) {
 }
 
 std::vector<MetricFamily> OfTheWork(const AgentCounters& counters) {
-    return {
-        Counter("qxpagent_commands_taken_total", "Commands that were journalled.",
-                {{ToDouble(counters.commands_taken), {}}}),
-        Counter("qxpagent_commands_refused_total",
-                "Commands that were refused: at the door, before they were journalled, or by the plugin, at once or "
-                "later.",
-                {{ToDouble(counters.commands_refused_at_door), {{"by", "door"}}},
-                 {ToDouble(counters.commands_refused_by_plugin), {{"by", "plugin"}}}}),
-        Counter("qxpagent_runs_total", "Scripts that were run, by outcome.",
-                {{ToDouble(counters.runs_succeeded), {{"outcome", "succeeded"}}},
-                 {ToDouble(counters.runs_failed), {{"outcome", "failed"}}},
-                 {ToDouble(counters.runs_timed_out), {{"outcome", "timed_out"}}},
-                 {ToDouble(counters.runs_interrupted), {{"outcome", "interrupted"}}}}),
-        RunSeconds(counters),
-        Counter("qxpagent_run_output_bytes_total", "Output of scripts that was reported.",
-                {{ToDouble(counters.output_bytes), {}}})};
+    return {Counter("qxpagent_commands_taken_total", "Commands that were journalled.",
+                    {{ToDouble(counters.commands_taken), {}}}),
+            Counter("qxpagent_commands_refused_total",
+                    "Commands that were refused: by the admission check, before they were journalled, or by the "
+                    "plugin, at once or "
+                    "later.",
+                    {{ToDouble(counters.commands_refused_at_admission), {{"stage", "admission"}}},
+                     {ToDouble(counters.commands_refused_by_plugin), {{"stage", "plugin"}}}}),
+            Counter("qxpagent_runs_total", "Scripts that were run, by outcome.",
+                    {{ToDouble(counters.runs_succeeded), {{"outcome", "succeeded"}}},
+                     {ToDouble(counters.runs_failed), {{"outcome", "failed"}}},
+                     {ToDouble(counters.runs_timed_out), {{"outcome", "timed_out"}}},
+                     {ToDouble(counters.runs_interrupted), {{"outcome", "interrupted"}}}}),
+            RunSeconds(counters),
+            Counter("qxpagent_run_output_bytes_total", "Output of scripts that was reported.",
+                    {{ToDouble(counters.output_bytes), {}}})};
 }
 
 std::vector<MetricFamily> OfTheStore(const AgentStatus& status) {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "agent/agent_control.h"
+#include "agent/api/agent_control.h"
 
 namespace qxpagent {
 

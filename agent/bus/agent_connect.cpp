@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "agent/bus/component_ids.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -12,7 +12,8 @@ AgentConnect::AgentConnect(MessageBus& bus, std::optional<ServerAddress> server)
     : bus_(bus), server_(std::move(server)) {
     if (bus_.Attach(kAgentConnectId) != kBusOk ||
         bus_.Register(kAgentConnectId, kConnectQueryMessage, this, nullptr) != kBusOk) {
-        throw StartupError("The agent connect component cannot be attached to the message bus: its name is taken.");
+        throw qxpbase::StartupError(
+            "The agent connect component cannot be attached to the message bus: its name is taken.");
     }
 }
 

@@ -128,7 +128,7 @@ void MessageBus::WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& l
     settled_.wait(lock, [&] { return channel.in_flight == (within ? channel.leaving : 0); });
 }
 
-int MessageBus::WhyRefused(const GUID& sender, size_t bytes) {
+int MessageBus::AdmissionStatus(const GUID& sender, size_t bytes) {
     if (stopping_) {
         return kBusShutDown;
     }
@@ -140,7 +140,7 @@ int MessageBus::WhyRefused(const GUID& sender, size_t bytes) {
 }
 
 int MessageBus::Enqueue(Message message) {
-    if (const int refused = WhyRefused(message.sender, message.body.size())) {
+    if (const int refused = AdmissionStatus(message.sender, message.body.size())) {
         return refused;
     }
     // What needs memory comes first: it fails the sender here, and nothing at the delivery.

@@ -157,7 +157,7 @@ private:
 
     Component* FindAttached(const GUID& component);
     int Enqueue(Message message);
-    int WhyRefused(const GUID& sender, size_t bytes);
+    int AdmissionStatus(const GUID& sender, size_t bytes);
     int GiveDirectly(Message message, std::string_view body, Channel& channel, std::unique_lock<std::mutex>& lock);
     int FindFreeChannel(const GUID& component, long type, Channel*& channel);
     Channel* FindDirect(const GUID& target, long type);

@@ -32,7 +32,7 @@ bool Guarded(const char* what, long type, const Call& call) {
 // The place of the completion is reserved first: once the receiver has taken the message, nothing may fail.
 int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& channel,
                              std::unique_lock<std::mutex>& lock) {
-    if (const int refused = WhyRefused(message.sender, 0)) {
+    if (const int refused = AdmissionStatus(message.sender, 0)) {
         return refused;
     }
     std::list<Message> completion;

@@ -3,13 +3,14 @@
 #include <utility>
 
 #include "agent/bus/component_ids.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
 ServerData::ServerData(MessageBus& bus) : bus_(bus) {
     if (bus_.Attach(kServerDataId) != kBusOk) {
-        throw StartupError("The server data component cannot be attached to the message bus: its name is taken.");
+        throw qxpbase::StartupError(
+            "The server data component cannot be attached to the message bus: its name is taken.");
     }
 }
 

@@ -76,7 +76,7 @@ public:
         if (!text.empty() && text.front() == '[') {
             EnterSection(line.section);
         } else if (line.has_key) {
-            TakeKey(line.key, line.value);
+            AcceptKey(line.key, line.value);
         }
     }
 
@@ -92,7 +92,7 @@ private:
         }
     }
 
-    void TakeKey(const std::string& key, const std::string& value) {
+    void AcceptKey(const std::string& key, const std::string& value) {
         if (section_.empty()) {
             return Mistake(std::string("\"") + key + "\" stands before the section [" + kSection + "]");
         }

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <system_error>
 
-#include "agent/startup_error.h"
 #include "base/errno_text.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -20,8 +20,8 @@ void CreateDirectory(const std::filesystem::path& directory, mode_t mode) {
     const int error = errno;
     struct stat status {};
     if (error != EEXIST || stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        throw StartupError("The directory " + directory.string() + " cannot be created: " + qxpbase::ErrnoText(error) +
-                           ". Create it, or start the agent as a user who may.");
+        throw qxpbase::StartupError("The directory " + directory.string() + " cannot be created: " +
+                                    qxpbase::ErrnoText(error) + ". Create it, or start the agent as a user who may.");
     }
 }
 
@@ -31,7 +31,7 @@ Installation FindInstallation() {
     std::error_code error;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
     if (error) {
-        throw StartupError("/proc/self/exe cannot be read (" + error.message() + "): mount /proc.");
+        throw qxpbase::StartupError("/proc/self/exe cannot be read (" + error.message() + "): mount /proc.");
     }
     Installation installation;
     installation.bin = program.parent_path();
@@ -48,8 +48,8 @@ void EnterInstallation(const Installation& installation) {
     CreateDirectory(installation.agent_data, 0750);
     if (chdir(installation.bin.c_str()) != 0) {
         const int error = errno;
-        throw StartupError("The working directory cannot be changed to " + installation.bin.string() + ": " +
-                           qxpbase::ErrnoText(error) + ".");
+        throw qxpbase::StartupError("The working directory cannot be changed to " + installation.bin.string() + ": " +
+                                    qxpbase::ErrnoText(error) + ".");
     }
 }
 

@@ -14,7 +14,7 @@ constexpr char kOthersWait[] = "others wait before it";
 
 }  // namespace
 
-bool ReportIntake::TakeMessage(std::string_view envelope) {
+bool ReportIntake::AcceptMessage(std::string_view envelope) {
     const auto decoded = DecodeReportEnvelope(envelope);
     if (!decoded.has_value()) {
         QXPAGENT_LOG(kLogWarn, "a report of %zu bytes was refused: its envelope is malformed", envelope.size());
@@ -93,12 +93,12 @@ size_t ReportIntake::Waiting() const {
     return waiting_.size();
 }
 
-std::vector<ReportContent> ReportIntake::TakeLost() {
+std::vector<ReportContent> ReportIntake::ExtractLost() {
     const std::lock_guard lock(mutex_);
     return std::exchange(lost_, {});
 }
 
-void ReportIntake::TakeFile(const FileMark& mark, std::string_view text, const ReportContent& content) {
+void ReportIntake::AcceptFile(const FileMark& mark, std::string_view text, const ReportContent& content) {
     Report report;
     report.source = ReportSource::kFile;
     report.file = mark.name;

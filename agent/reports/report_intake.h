@@ -26,7 +26,7 @@ class ReportIntake {
 public:
     using MayBeRefused = std::function<bool(const std::string& id)>;
 
-    /// `may_be_refused`: see CommandDesk. `stored` is called after each report that was stored. All must outlive it.
+    /// `may_be_refused`: see CommandService. `stored` is called after each report that was stored. All must outlive it.
     ReportIntake(Store& store, RunCounters& counters, MayBeRefused may_be_refused, std::function<void()> stored,
                  const WaitingLimits& limits = {})
         : store_(store),
@@ -38,9 +38,9 @@ public:
     /// Stores a message of the plugin, which has no other copy of it: what the store does not take, and all that comes
     /// behind it, waits in memory for StoreWaiting. False when there is no room for that either; the report is then
     /// among the lost. What is malformed is refused, which is no loss. Both are logged.
-    bool TakeMessage(std::string_view envelope);
+    bool AcceptMessage(std::string_view envelope);
     /// Stores a result file, unless this state of it was stored before. Throws StoreError.
-    void TakeFile(const FileMark& mark, std::string_view text, const ReportContent& content);
+    void AcceptFile(const FileMark& mark, std::string_view text, const ReportContent& content);
 
     /// True when a file of this name, time and size was stored. Throws StoreError.
     bool HasFile(const std::string& name, int64_t modified_ns, uint64_t size) {
@@ -51,7 +51,7 @@ public:
     size_t StoreWaiting();
     size_t Waiting() const;
     /// What the reports said that were lost since the last call: nobody else will tell their commands.
-    std::vector<ReportContent> TakeLost();
+    std::vector<ReportContent> ExtractLost();
 
 private:
     struct Message {

@@ -17,10 +17,10 @@
 #include <utility>
 
 #include "agent/log.h"
-#include "agent/startup_error.h"
 #include "base/entry_names.h"
 #include "base/errno_text.h"
 #include "base/sha256.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -92,11 +92,11 @@ ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportI
         Watch();
     }
     if (!watching_) {
-        throw StartupError("The result directory " + directory_.string() +
-                           " cannot be watched: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError("The result directory " + directory_.string() +
+                                    " cannot be watched: " + qxpbase::ErrnoText(errno) + ".");
     }
     Scan();
-    TakeBacklog(times_.start);
+    StoreBacklog(times_.start);
     thread_ = std::thread([this] { Loop(); });
     pthread_setname_np(thread_.native_handle(), "qxpresults");
 }
@@ -113,11 +113,11 @@ void ResultCollector::Stop() {
     [[maybe_unused]] const ssize_t written = write(stop_event_.Get(), &one, sizeof(one));
     thread_.join();
     try {
-        if (watching_ && TakeEvents()) {
-            TakePending();
+        if (watching_ && ReadEvents()) {
+            StorePending();
         } else {
             Scan();
-            TakeBacklog(times_.start);
+            StoreBacklog(times_.start);
         }
     } catch (const std::exception& error) {
         QXPAGENT_LOG(kLogError, "the last result files are left for the next start: %s", error.what());
@@ -178,7 +178,7 @@ void ResultCollector::Loop() {
 // What has come, then a little of what was there. False when the store does not take it.
 bool ResultCollector::Round() {
     constexpr std::chrono::milliseconds kSlice{100};
-    bool complete = TakeEvents();
+    bool complete = ReadEvents();
     if (!watching_) {
         Watch();
         complete = !watching_;
@@ -186,11 +186,11 @@ bool ResultCollector::Round() {
     if (!complete) {
         Scan();
     }
-    return TakePending() && TakeBacklog(kSlice);
+    return StorePending() && StoreBacklog(kSlice);
 }
 
 // False when events were lost, or the directory was.
-bool ResultCollector::TakeEvents() {
+bool ResultCollector::ReadEvents() {
     alignas(inotify_event) std::array<char, 65536> buffer;
     bool complete = true;
     for (;;) {
@@ -213,10 +213,10 @@ bool ResultCollector::TakeEvents() {
     }
 }
 
-bool ResultCollector::TakePending() {
+bool ResultCollector::StorePending() {
     const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     while (!pending_.empty()) {
-        if (!TakeOne(directory.Get(), *pending_.begin())) {
+        if (!StoreOne(directory.Get(), *pending_.begin())) {
             return false;
         }
         pending_.erase(pending_.begin());
@@ -224,11 +224,11 @@ bool ResultCollector::TakePending() {
     return true;
 }
 
-bool ResultCollector::TakeBacklog(std::chrono::milliseconds time) {
+bool ResultCollector::StoreBacklog(std::chrono::milliseconds time) {
     const auto deadline = std::chrono::steady_clock::now() + time;
     const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     while (!backlog_.empty() && std::chrono::steady_clock::now() < deadline) {
-        if (!TakeOne(directory.Get(), backlog_.back())) {
+        if (!StoreOne(directory.Get(), backlog_.back())) {
             return false;
         }
         backlog_.pop_back();
@@ -247,7 +247,7 @@ void ResultCollector::LeaveAlone(const std::string& name, const char* reason) {
 }
 
 // False when the store did not take it.
-bool ResultCollector::TakeOne(int directory, const std::string& name) {
+bool ResultCollector::StoreOne(int directory, const std::string& name) {
     std::optional<ResultFile> file = ReadResultFile(directory, name);
     if (!file.has_value()) {
         LeaveAlone(name, "it is gone, changing or no regular file");
@@ -259,7 +259,7 @@ bool ResultCollector::TakeOne(int directory, const std::string& name) {
         return true;
     }
     try {
-        intake_.TakeFile(file->mark, file->text, content);
+        intake_.AcceptFile(file->mark, file->text, content);
         return true;
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "the result file [%s] is not stored yet: %s", name.c_str(), error.what());

@@ -54,10 +54,10 @@ private:
     void Scan();
     void Loop();
     bool Round();
-    bool TakeEvents();
-    bool TakePending();
-    bool TakeBacklog(std::chrono::milliseconds time);
-    bool TakeOne(int directory, const std::string& name);
+    bool ReadEvents();
+    bool StorePending();
+    bool StoreBacklog(std::chrono::milliseconds time);
+    bool StoreOne(int directory, const std::string& name);
     bool IsStored(const std::string& name, const struct stat& status);
     void LeaveAlone(const std::string& name, const char* reason);
 

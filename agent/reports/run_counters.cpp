@@ -23,9 +23,9 @@ void RunCounters::CommandTaken() {
     ++counters_.commands_taken;
 }
 
-void RunCounters::RefusedAtDoor() {
+void RunCounters::RefusedAtAdmission() {
     const std::lock_guard lock(mutex_);
-    ++counters_.commands_refused_at_door;
+    ++counters_.commands_refused_at_admission;
 }
 
 void RunCounters::RefusedByPlugin() {

@@ -10,7 +10,7 @@
 #include "agent/config/init_param.h"
 #include "agent/log.h"
 #include "agent/service/environment.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -19,13 +19,20 @@ namespace {
 constexpr size_t kDescriptorsPerRun = 6;  // while it is begun and ended; in between two
 constexpr size_t kSpareDescriptors = 8;
 
+void LogHttp(qxphttp::Severity severity, const std::string& text) {
+    const int level = severity == qxphttp::Severity::kError     ? kLogError
+                      : severity == qxphttp::Severity::kWarning ? kLogWarn
+                                                                : kLogInfo;
+    QXPAGENT_LOG(level, "%s", text.c_str());
+}
+
 void CheckConfigurationFile(const std::string& init_param) {
     const std::filesystem::path file = PluginConfigurationFile(init_param);
     if (!file.empty() && access(file.c_str(), R_OK) != 0) {
-        throw StartupError("The plugin's configuration file " +
-                           std::filesystem::absolute(file).lexically_normal().string() +
-                           " is missing or cannot be read: install it, or name another with "
-                           "--init-param agent_type=KSTL:conf_path=FILE.");
+        throw qxpbase::StartupError("The plugin's configuration file " +
+                                    std::filesystem::absolute(file).lexically_normal().string() +
+                                    " is missing or cannot be read: install it, or name another with "
+                                    "--init-param agent_type=KSTL:conf_path=FILE.");
     }
 }
 
@@ -41,17 +48,17 @@ Agent::~Agent() {
 void Agent::Start() {
     // The socket first: its lock keeps a second agent from starting a second plugin. Clients that connect before the
     // plugin runs wait to be accepted.
-    listener_ = std::make_unique<UnixListener>(options_.socket, options_.socket_group);
+    listener_ = std::make_unique<qxphttp::UnixListener>(options_.socket, "agent", options_.socket_group);
     CheckConfigurationFile(options_.init_param);
     OpenStore();
     LoadPluginLibrary();
     // What an earlier agent has left: its result files first, since they may be the last words that are missing, and
     // before the plugin writes over them.
     try {
-        desk_->TakeStock();
+        commands_->LoadOrphans();
         collector_ = std::make_unique<ResultCollector>(plugin_data_ / "result", *intake_);
     } catch (const StoreError& error) {
-        throw StartupError(error.what());
+        throw qxpbase::StartupError(error.what());
     }
     const Places places{plugin_data_, plugin_data_ / "result", plugin_data_ / "policyfile",
                         plugin_data_ / "policyfile-unusable"};
@@ -62,10 +69,10 @@ void Agent::Start() {
     for (const char* const directory : {"", "policyfile", "policyprocess", "result"}) {
         RequireUnwritableByOthers(plugin_data_ / directory);
     }
-    desk_->Settle();
-    upkeep_->Start(places);
+    commands_->RetryPending();
+    maintenance_->Start(places);
     accepting_ = true;
-    http_ = std::make_unique<HttpServer>(*listener_, api_);
+    http_ = std::make_unique<qxphttp::Server>(*listener_, api_, &LogHttp);
     QXPAGENT_LOG(kLogInfo, "qxpagent %s started: plugin %s %s, socket %s", QXPAGENT_VERSION, options_.plugin.c_str(),
                  plugin_->Version().c_str(), options_.socket.c_str());
 }
@@ -74,13 +81,13 @@ void Agent::OpenStore() {
     StoreOptions options;
     options.path = options_.store;
     store_ = std::make_unique<Store>(options);
-    desk_ = std::make_unique<CommandDesk>(
-        *store_, counters_, keys_, [this](const std::string& directory) { return WhyBadDirectory(directory); },
+    commands_ = std::make_unique<CommandService>(
+        *store_, counters_, keys_, [this](const std::string& directory) { return ValidateDirectory(directory); },
         [this](std::string document, uint32_t scripts) { return HandOver(std::move(document), scripts); });
     intake_ = std::make_unique<ReportIntake>(
-        *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); },
-        [this] { upkeep_->StoreHasGrown(); });
-    upkeep_ = std::make_unique<Upkeep>(*store_, *desk_, *intake_, counters_, keys_, options_.retention);
+        *store_, counters_, [this](const std::string& id) { return commands_->MayBeRefused(id); },
+        [this] { maintenance_->StoreHasGrown(); });
+    maintenance_ = std::make_unique<Maintenance>(*store_, *commands_, *intake_, counters_, keys_, options_.retention);
     manager_ = std::make_unique<Manager>(bus_, *intake_);
 }
 
@@ -97,17 +104,18 @@ int Agent::HandOver(std::string document, uint32_t scripts) {
     return server_data_.Send(std::move(document));
 }
 
-std::string Agent::WhyBadDirectory(const std::string& directory) const {
+std::string Agent::ValidateDirectory(const std::string& directory) const {
     std::vector<std::filesystem::path> allowed = options_.script_directories;
     allowed.push_back(plugin_data_);
-    return WhyBadScriptDirectory(directory, allowed);
+    return ValidateScriptDirectory(directory, allowed);
 }
 
 void Agent::LoadPluginLibrary() {
     entry_points_ = LoadPlugin(options_.plugin);
     plugin_data_ = std::filesystem::weakly_canonical(PluginDirectory(entry_points_) / ".." / "data" / "qxpmaint");
     if (!keys_.SetPluginKey(entry_points_.rsa_modulus, entry_points_.rsa_exponent)) {
-        throw StartupError("The plugin " + options_.plugin.string() + " was built with a key of another kind.");
+        throw qxpbase::StartupError("The plugin " + options_.plugin.string() +
+                                    " was built with a key of another kind.");
     }
 }
 
@@ -118,8 +126,8 @@ bool Agent::Stop() {
         plugin_->Stop();
         ended = plugin_->Finish();
     }
-    if (upkeep_ != nullptr) {
-        upkeep_->Stop();
+    if (maintenance_ != nullptr) {
+        maintenance_->Stop();
     }
     GiveFinalWords();
     if (!ended) {
@@ -150,17 +158,17 @@ void Agent::GiveFinalWords() {
         QXPAGENT_LOG(kLogError, "%zu reports that waited in memory are lost: the store has not taken them", lost);
     }
     try {
-        desk_->InterruptAll("The agent was stopped before every result was there; what was running was ended.");
+        commands_->InterruptAll("The agent was stopped before every result was there; what was running was ended.");
     } catch (const StoreError& error) {
         QXPAGENT_LOG(kLogError, "commands have no final word yet, the next start gives it: %s", error.what());
     }
 }
 
-SubmitOutcome Agent::Submit(std::string document, const Peer& peer) {
+SubmitOutcome Agent::Submit(std::string document, const qxpbase::Peer& peer) {
     if (!accepting_) {
         return {SubmitStatus::kNotRunning, "The agent is stopping, or its plugin is not started.", std::nullopt};
     }
-    return desk_->Submit(std::move(document), peer);
+    return commands_->Submit(std::move(document), peer);
 }
 
 std::optional<CommandRecord> Agent::FindCommand(const std::string& id) {
@@ -187,7 +195,7 @@ uint64_t Agent::AcknowledgeUpTo(uint64_t cursor) {
     return store_->AcknowledgeUpTo(cursor);
 }
 
-std::optional<bool> Agent::RunOnce(const std::string& name, const Peer& peer) {
+std::optional<bool> Agent::RunOnce(const std::string& name, const qxpbase::Peer& peer) {
     // Before it runs: a script that takes the machine down leaves who asked for it behind.
     QXPAGENT_LOG(kLogInfo, "run-once of [%s] from user [%s] uid %u pid %d", name.c_str(), peer.user.c_str(), peer.uid,
                  peer.pid);
@@ -204,7 +212,7 @@ bool Agent::IsAlive() {
 }
 
 void Agent::SetRetention(const Retention& retention) {
-    upkeep_->SetRetention(retention);
+    maintenance_->SetRetention(retention);
 }
 
 AgentStatus Agent::Status() {

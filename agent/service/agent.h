@@ -8,22 +8,22 @@
 #include <string>
 
 #include "agent/api/api.h"
-#include "agent/api/http_server.h"
-#include "agent/api/unix_listener.h"
 #include "agent/bus/agent_connect.h"
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
 #include "agent/bus/server_data.h"
-#include "agent/commands/command_desk.h"
+#include "agent/commands/command_service.h"
 #include "agent/config/options.h"
 #include "agent/reports/manager.h"
 #include "agent/reports/report_intake.h"
 #include "agent/reports/result_collector.h"
 #include "agent/reports/run_counters.h"
+#include "agent/service/maintenance.h"
 #include "agent/service/plugin_module.h"
 #include "agent/service/service.h"
-#include "agent/service/upkeep.h"
 #include "agent/store/store.h"
+#include "http/server.h"
+#include "http/unix_listener.h"
 #include "policy/trusted_keys.h"
 
 namespace qxpagent {
@@ -49,20 +49,20 @@ public:
     void SetRetention(const Retention& retention) override;
 
 private:
-    SubmitOutcome Submit(std::string document, const Peer& peer) override;
+    SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer) override;
     std::optional<CommandRecord> FindCommand(const std::string& id) override;
     std::vector<CommandRecord> ListCommands(const CommandQuery& query) override;
     std::vector<Report> ListReports(const ReportQuery& query) override;
     std::optional<Report> FindReport(uint64_t cursor) override;
     uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override;
     uint64_t AcknowledgeUpTo(uint64_t cursor) override;
-    std::optional<bool> RunOnce(const std::string& name, const Peer& peer) override;
+    std::optional<bool> RunOnce(const std::string& name, const qxpbase::Peer& peer) override;
     AgentStatus Status() override;
 
     void OpenStore();
     void LoadPluginLibrary();
     int HandOver(std::string document, uint32_t scripts);
-    std::string WhyBadDirectory(const std::string& directory) const;
+    std::string ValidateDirectory(const std::string& directory) const;
     void GiveFinalWords();
 
     // Constant after construction.
@@ -77,9 +77,9 @@ private:
     MessageBus bus_;
     ServerData server_data_{bus_};
     AgentConnect agent_connect_;
-    std::unique_ptr<CommandDesk> desk_;
+    std::unique_ptr<CommandService> commands_;
     std::unique_ptr<ReportIntake> intake_;
-    std::unique_ptr<Upkeep> upkeep_;
+    std::unique_ptr<Maintenance> maintenance_;
     std::unique_ptr<Manager> manager_;
     Endpoint plugin_endpoint_{bus_};
     std::unique_ptr<ResultCollector> collector_;
@@ -88,9 +88,9 @@ private:
     // Set by Start before the API is served, constant until the API has ended.
     std::filesystem::path plugin_data_;
     PluginEntryPoints entry_points_;
-    std::unique_ptr<UnixListener> listener_;
+    std::unique_ptr<qxphttp::UnixListener> listener_;
     std::unique_ptr<PluginModule> plugin_;
-    std::unique_ptr<HttpServer> http_;
+    std::unique_ptr<qxphttp::Server> http_;
 
     // Atomic.
     std::atomic<bool> accepting_{false};

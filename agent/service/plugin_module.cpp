@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "agent/log.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 #include "qxhost/init_block.h"
 #include "qxhost/module.h"
 
@@ -23,8 +23,8 @@ template <typename Function>
 void LookUp(void* library, const std::filesystem::path& path, const char* name, Function& function) {
     function = reinterpret_cast<Function>(dlsym(library, name));
     if (function == nullptr) {
-        throw StartupError("The plugin " + path.string() + " does not export " + name +
-                           ": name a libqxpmaint.so with --plugin.");
+        throw qxpbase::StartupError("The plugin " + path.string() + " does not export " + name +
+                                    ": name a libqxpmaint.so with --plugin.");
     }
 }
 
@@ -55,15 +55,15 @@ std::string Hexadecimal(int result) {
 PluginEntryPoints LoadPlugin(const std::filesystem::path& path) {
     std::error_code error;
     if (!std::filesystem::exists(path, error)) {
-        throw StartupError("The plugin " + path.string() +
-                           " is missing: install it, or name another library with --plugin.");
+        throw qxpbase::StartupError("The plugin " + path.string() +
+                                    " is missing: install it, or name another library with --plugin.");
     }
     void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         const char* const reason = dlerror();
-        throw StartupError("The plugin " + path.string() +
-                           " cannot be loaded: " + (reason != nullptr ? reason : "no reason given") +
-                           ". Install what it needs, or name another library with --plugin.");
+        throw qxpbase::StartupError("The plugin " + path.string() +
+                                    " cannot be loaded: " + (reason != nullptr ? reason : "no reason given") +
+                                    ". Install what it needs, or name another library with --plugin.");
     }
     PluginEntryPoints entry_points;
     LookUp(library, path, "create_plugin", entry_points.create_plugin);
@@ -93,7 +93,7 @@ PluginModule::~PluginModule() {
 void PluginModule::Start(IXBusMREndPoint4& endpoint, const std::string& init_param) {
     object_ = static_cast<PluginObjInterface*>(entry_points_.create_object(PLUGIN_CLSID));
     if (object_ == nullptr) {
-        throw StartupError("The plugin refused to be created: the log says why.");
+        throw qxpbase::StartupError("The plugin refused to be created: the log says why.");
     }
     step_ = Step::kCreated;
     // Slot 0 of the plugin's function table tells its version.
@@ -107,8 +107,8 @@ void PluginModule::Start(IXBusMREndPoint4& endpoint, const std::string& init_par
     QxInitBlock init_block{init_param.empty() ? nullptr : init_param.c_str()};
     if (const int result = object_->Initialize(&init_block); result != 0) {
         UndoFrom(step_);
-        throw StartupError("The plugin cannot be initialised (" + Hexadecimal(result) +
-                           "): check its configuration file and --init-param; the log says more.");
+        throw qxpbase::StartupError("The plugin cannot be initialised (" + Hexadecimal(result) +
+                                    "): check its configuration file and --init-param; the log says more.");
     }
     step_ = Step::kInitialized;
     const int result = object_->Start();
@@ -116,7 +116,7 @@ void PluginModule::Start(IXBusMREndPoint4& endpoint, const std::string& init_par
     status_ = object_->GetStatus();
     if (result != 0) {
         UndoFrom(step_);
-        throw StartupError("The plugin cannot be started (" + Hexadecimal(result) + "): the log says why.");
+        throw qxpbase::StartupError("The plugin cannot be started (" + Hexadecimal(result) + "): the log says why.");
     }
     std::lock_guard lock(mutex_);
     run_once_open_ = true;

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <string>
 
-#include "agent/startup_error.h"
 #include "base/errno_text.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -43,8 +43,8 @@ void Catch(int number, void (*handler)(int)) {
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     if (sigaction(number, &action, nullptr) != 0) {
-        throw StartupError("Signal " + std::to_string(number) + " cannot be caught: " + qxpbase::ErrnoText(errno) +
-                           ".");
+        throw qxpbase::StartupError("Signal " + std::to_string(number) +
+                                    " cannot be caught: " + qxpbase::ErrnoText(errno) + ".");
     }
 }
 
@@ -53,7 +53,7 @@ void Catch(int number, void (*handler)(int)) {
 ServiceSignals::ServiceSignals() {
     g_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (g_event < 0) {
-        throw StartupError("No event descriptor can be made: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError("No event descriptor can be made: " + qxpbase::ErrnoText(errno) + ".");
     }
     Catch(SIGTERM, OnSignal);
     Catch(SIGINT, OnSignal);

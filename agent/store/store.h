@@ -10,9 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "agent/agent_control.h"
 #include "agent/config/options.h"
+#include "agent/records/command_record.h"
+#include "agent/records/report.h"
 #include "agent/records/report_document.h"
+#include "agent/store/store_figures.h"
 #include "base/unique_fd.h"
 
 namespace SQLite {
@@ -44,7 +46,7 @@ struct NewCommand {
     std::string refusal_reason;  // what to say should the plugin refuse it
     uint32_t scripts = 0;
     std::vector<std::string> expected;  // script ids that are to have a result, with repetitions
-    Peer submitter;
+    qxpbase::Peer submitter;
     WallTime received;
 };
 
@@ -101,7 +103,7 @@ public:
     /// delivered → received: the plugin certainly has it not.
     void MarkReceived(const std::string& id);
     /// Takes a command that is received or delivered out of the journal, as if it had never been there.
-    void TakeBack(const std::string& id);
+    void Withdraw(const std::string& id);
     /// delivered → refused, for a refusal that came without a report. False when it is in another state.
     bool Refuse(const std::string& id, const std::string& reason);
     /// delivered → reported when no result is missing, as of a command that runs nothing.
@@ -131,7 +133,7 @@ public:
     bool HasFile(const std::string& name, int64_t modified_ns, uint64_t size);
     static constexpr uint64_t kMostBytes = uint64_t{16} << 20;  // of text in one answer of ListReports
 
-    // Upkeep.
+    // Maintenance.
 
     StoreFigures Figures();
     OpenScripts ScriptsWithoutResult();

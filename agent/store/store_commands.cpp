@@ -124,7 +124,7 @@ void Store::MarkReceived(const std::string& id) {
     });
 }
 
-void Store::TakeBack(const std::string& id) {
+void Store::Withdraw(const std::string& id) {
     Write([&](SQLite::Database& database) {
         const auto number = Number(database, "SELECT number FROM commands WHERE id = ? AND finished IS NULL", id);
         if (number.has_value()) {

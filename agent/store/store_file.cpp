@@ -16,11 +16,11 @@
 #include <thread>
 
 #include "agent/log.h"
-#include "agent/startup_error.h"
 #include "agent/store/store_schema.h"
 #include "agent/store/store_sql.h"
 #include "base/errno_text.h"
 #include "base/lock_file.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -122,11 +122,11 @@ void MakeFile(const std::filesystem::path& path) {
     const qxpbase::UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        throw StartupError("The store " + path.string() + " cannot be opened: " + qxpbase::ErrnoText(errno) +
-                           ". Create its directory, or name another file with --store.");
+        throw qxpbase::StartupError("The store " + path.string() + " cannot be opened: " + qxpbase::ErrnoText(errno) +
+                                    ". Create its directory, or name another file with --store.");
     }
     if (!S_ISREG(status.st_mode)) {
-        throw StartupError("The store " + path.string() + " is no regular file: name another with --store.");
+        throw qxpbase::StartupError("The store " + path.string() + " is no regular file: name another with --store.");
     }
     if ((status.st_mode & 077) != 0) {
         fchmod(file.Get(), 0600);
@@ -150,8 +150,8 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
     }
     for (const char* const part : {"-wal", "-shm", ""}) {
         if (rename((path.string() + part).c_str(), (aside + part).c_str()) != 0 && errno != ENOENT) {
-            throw StartupError("The store " + path.string() + " is damaged (" + reason +
-                               ") and cannot be renamed: " + qxpbase::ErrnoText(errno) + ". Move it away.");
+            throw qxpbase::StartupError("The store " + path.string() + " is damaged (" + reason +
+                                        ") and cannot be renamed: " + qxpbase::ErrnoText(errno) + ". Move it away.");
         }
     }
     unlink(SuspectPath(path).c_str());
@@ -161,9 +161,9 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
 
 [[noreturn]] void RefuseToStart(const std::filesystem::path& path, const SQLite::Exception& error) {
     const bool locked = error.getErrorCode() == SQLITE_BUSY || error.getErrorCode() == SQLITE_LOCKED;
-    throw StartupError("The store " + path.string() +
-                       (locked ? " is locked by another process: end that, or name another file with --store."
-                               : " cannot be opened: " + std::string(error.what()) + "."));
+    throw qxpbase::StartupError("The store " + path.string() +
+                                (locked ? " is locked by another process: end that, or name another file with --store."
+                                        : " cannot be opened: " + std::string(error.what()) + "."));
 }
 
 }  // namespace
@@ -171,16 +171,17 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
 qxpbase::UniqueFd LockStore(const std::filesystem::path& path) {
     const std::string name = path.string() + ".lock";
     try {
-        std::optional<qxpbase::UniqueFd> lock = qxpbase::TakeLockFile(name);
+        std::optional<qxpbase::UniqueFd> lock = qxpbase::AcquireLockFile(name);
         if (lock.has_value()) {
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw StartupError("The lock file " + name + " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
-                           ". Create its directory, or name another file with --store.");
+        throw qxpbase::StartupError("The lock file " + name +
+                                    " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
+                                    ". Create its directory, or name another file with --store.");
     }
-    throw StartupError("Another agent uses the store " + path.string() +
-                       ": stop it, or name another file with --store.");
+    throw qxpbase::StartupError("Another agent uses the store " + path.string() +
+                                ": stop it, or name another file with --store.");
 }
 
 std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options) {
@@ -198,7 +199,7 @@ std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options) {
             damage = error.what();
         }
         if (again) {
-            throw StartupError("The store " + options.path.string() + " cannot be made: " + damage + ".");
+            throw qxpbase::StartupError("The store " + options.path.string() + " cannot be made: " + damage + ".");
         }
         SetAside(options.path, damage);
     }

@@ -1,7 +1,7 @@
 #include "agent/store/store_schema.h"
 
-#include "agent/startup_error.h"
 #include "agent/store/store_sql.h"
+#include "base/startup_error.h"
 
 namespace qxpagent {
 
@@ -74,13 +74,15 @@ END;
 void CheckOwner(SQLite::Database& database, const std::string& name) {
     const int64_t tables = Number(database, "SELECT count(*) FROM sqlite_schema").value_or(0);
     if (tables != 0 && Number(database, "PRAGMA application_id") != kApplicationId) {
-        throw StartupError("The store " + name + " is another program's database: name another file with --store.");
+        throw qxpbase::StartupError("The store " + name +
+                                    " is another program's database: name another file with --store.");
     }
     const int64_t version = Number(database, "PRAGMA user_version").value_or(0);
     if (version > kVersion) {
-        throw StartupError("The store " + name + " was made by a newer agent (version " + std::to_string(version) +
-                           " of the store, this agent knows " + std::to_string(kVersion) +
-                           "): install that agent again, or name another file with --store.");
+        throw qxpbase::StartupError("The store " + name + " was made by a newer agent (version " +
+                                    std::to_string(version) + " of the store, this agent knows " +
+                                    std::to_string(kVersion) +
+                                    "): install that agent again, or name another file with --store.");
     }
 }
 

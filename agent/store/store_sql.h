@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/agent_control.h"
+#include "agent/store/store_figures.h"
 
 // Statements with their values, for the source files of the store.
 

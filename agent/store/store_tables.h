@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "agent/agent_control.h"
+#include "agent/records/command_record.h"
+#include "agent/records/report.h"
 
 // Changes that several functions of the store make within their transactions.
 

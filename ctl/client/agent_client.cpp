@@ -15,17 +15,17 @@ constexpr milliseconds kDefaultTimeout{120000};
 constexpr milliseconds kNoTimeout{0};
 
 constexpr long kConflict = 409;
-constexpr long kRefusedAtTheDoor = 422;
+constexpr long kRefusedAtAdmission = 422;
 constexpr long kUnavailable = 503;
 constexpr long kNotAcknowledged = 504;
 constexpr long kStorageFull = 507;
 
-bool Succeeded(const HttpAnswer& answer) {
+bool Succeeded(const Answer& answer) {
     return answer.status >= 200 && answer.status < 300;
 }
 
 // The agent's own words for what went wrong.
-std::string DetailOf(const HttpAnswer& answer) {
+std::string DetailOf(const Answer& answer) {
     const Json body = Json::parse(answer.body, nullptr, false);
     return TextMember(body, "detail", TextMember(body, "title", "status " + std::to_string(answer.status)));
 }
@@ -37,7 +37,7 @@ std::string Clause(std::string text) {
     return text;
 }
 
-std::string WhenToTryAgain(const HttpAnswer& answer) {
+std::string WhenToTryAgain(const Answer& answer) {
     if (!answer.retry_after)
         return "see its log and try again";
     return "try again in " + std::to_string(answer.retry_after->count()) + " s";
@@ -70,7 +70,7 @@ AgentStatus AgentClient::GetStatus(const Tick& tick) {
 }
 
 Health AgentClient::GetHealth() {
-    const HttpAnswer answer = http_.Perform("/v1/health", nullptr, timeout_, {}).value();
+    const Answer answer = http_.Perform("/v1/health", nullptr, timeout_, {}).value();
     const Json body = Json::parse(answer.body, nullptr, false);
     if (TextMember(body, "status").empty())
         FailRefused(answer);
@@ -83,10 +83,10 @@ Health AgentClient::GetHealth() {
 }
 
 std::optional<Submission> AgentClient::Submit(const std::string& document, const Tick& tick) {
-    const std::optional<HttpAnswer> answer = http_.Perform("/v1/commands", &document, timeout_, tick);
+    const std::optional<Answer> answer = http_.Perform("/v1/commands", &document, timeout_, tick);
     if (!answer)
         return std::nullopt;
-    if (answer->status == kRefusedAtTheDoor)
+    if (answer->status == kRefusedAtAdmission)
         throw CommandRefused(DetailOf(*answer));
     if (answer->status == kConflict)
         throw BadInput("the agent refuses: " + Clause(DetailOf(*answer)) +
@@ -109,7 +109,7 @@ std::optional<CommandPage> AgentClient::ListCommands(const CommandFilter& filter
 }
 
 CommandDetail AgentClient::GetCommand(const std::string& id) {
-    return Interpret(http_, Get("/v1/commands/" + EscapeForUrl(id), timeout_, {}).value(), ReadCommandDetail);
+    return Interpret(http_, Get("/v1/commands/" + qxphttp::EscapeForUrl(id), timeout_, {}).value(), ReadCommandDetail);
 }
 
 std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, const Tick& tick) {
@@ -117,9 +117,9 @@ std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, co
     std::string target = "/v1/reports?after=" + std::to_string(filter.after) +
                          "&limit=" + std::to_string(filter.limit) + "&wait=" + std::to_string(wait.count());
     if (!filter.id.empty())
-        target += "&id=" + EscapeForUrl(filter.id);
+        target += "&id=" + qxphttp::EscapeForUrl(filter.id);
     if (!filter.source.empty())
-        target += "&source=" + EscapeForUrl(filter.source);
+        target += "&source=" + qxphttp::EscapeForUrl(filter.source);
     if (filter.acknowledged)
         target += *filter.acknowledged ? "&acknowledged=true" : "&acknowledged=false";
     if (!filter.documents)
@@ -145,7 +145,7 @@ uint64_t AgentClient::Acknowledge(const std::vector<uint64_t>& cursors) {
 }
 
 std::string AgentClient::GetResultFile(uint64_t cursor) {
-    HttpAnswer answer = http_.Perform("/v1/results/" + std::to_string(cursor), nullptr, timeout_, {}).value();
+    Answer answer = http_.Perform("/v1/results/" + std::to_string(cursor), nullptr, timeout_, {}).value();
     if (!Succeeded(answer))
         FailRefused(answer);
     return std::move(answer.body);
@@ -163,17 +163,17 @@ std::optional<bool> AgentClient::RunOnce(const std::string& name, const Tick& ti
 }
 
 std::optional<Json> AgentClient::Get(const std::string& target, milliseconds timeout, const Tick& tick) const {
-    const std::optional<HttpAnswer> answer = http_.Perform(target, nullptr, timeout, tick);
+    const std::optional<Answer> answer = http_.Perform(target, nullptr, timeout, tick);
     return answer ? std::optional(Read(*answer)) : std::nullopt;
 }
 
 std::optional<Json> AgentClient::Post(const std::string& target, const std::string& body, milliseconds timeout,
                                       const Tick& tick) const {
-    const std::optional<HttpAnswer> answer = http_.Perform(target, &body, timeout, tick);
+    const std::optional<Answer> answer = http_.Perform(target, &body, timeout, tick);
     return answer ? std::optional(Read(*answer)) : std::nullopt;
 }
 
-Json AgentClient::Read(const HttpAnswer& answer) const {
+Json AgentClient::Read(const Answer& answer) const {
     if (!Succeeded(answer))
         FailRefused(answer);
     Json body = Json::parse(answer.body, nullptr, false);
@@ -182,7 +182,7 @@ Json AgentClient::Read(const HttpAnswer& answer) const {
     return body;
 }
 
-void AgentClient::FailRefused(const HttpAnswer& answer) const {
+void AgentClient::FailRefused(const Answer& answer) const {
     const std::string detail = DetailOf(answer);
     // 4xx: this request cannot succeed as it is. Anything else is the agent's own trouble.
     if (answer.status >= 400 && answer.status < 500)

@@ -49,7 +49,7 @@ public:
     AgentStatus GetStatus(const Tick& tick = {});
     Health GetHealth();
 
-    /// Sends a command document. Throws CommandRefused when the agent's check at the door refuses it, NotAcknowledged
+    /// Sends a command document. Throws CommandRefused when the agent's admission check refuses it, NotAcknowledged
     /// when the plugin did not answer in time and may still run it, and BadInput also when another document has its ID.
     std::optional<Submission> Submit(const std::string& document, const Tick& tick = {});
 
@@ -75,14 +75,14 @@ private:
     std::optional<Json> Get(const std::string& target, std::chrono::milliseconds wait, const Tick& tick) const;
     std::optional<Json> Post(const std::string& target, const std::string& body, std::chrono::milliseconds timeout,
                              const Tick& tick) const;
-    Json Read(const HttpAnswer& answer) const;
-    [[noreturn]] void FailRefused(const HttpAnswer& answer) const;
+    Json Read(const Answer& answer) const;
+    [[noreturn]] void FailRefused(const Answer& answer) const;
 
     const AgentHttp http_;
     std::chrono::milliseconds timeout_;
 };
 
-/// The agent's check at the door refuses this command: the plugin would not run it.
+/// The agent's admission check refuses this command: the plugin would not run it.
 class CommandRefused : public Error {
 public:
     explicit CommandRefused(const std::string& reason)

@@ -1,151 +1,45 @@
 #include "ctl/client/agent_http.h"
 
-#include <curl/curl.h>
-#include <sys/un.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 
 #include "ctl/client/socket_access.h"
 #include "qxhost/module.h"
 
 namespace qxpctl {
 
-namespace {
-
-using std::chrono::milliseconds;
-
-constexpr milliseconds kTickInterval{100};
-// Room for a page of the largest reports that a policy can make; beyond it something is wrong at the other end.
-constexpr size_t kMaxAnswerBytes = size_t{1} << 30;
-
-struct EasyFree {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct MultiFree {
-    void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-struct ListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-
-size_t Receive(char* data, size_t /*one*/, size_t size, void* body) {
-    auto& text = *static_cast<std::string*>(body);
-    if (text.size() + size > kMaxAnswerBytes)
-        return 0;
-    text.append(data, size);
-    return size;
-}
-
-// One request on its way.
-class Transfer {
-public:
-    Transfer(const std::string& url, const std::string& socket, const std::string* body, milliseconds timeout)
-        : easy_(curl_easy_init()), multi_(curl_multi_init()) {
-        if (!easy_ || !multi_)
-            throw LocalFailure("libcurl cannot be initialised");
-        Set(CURLOPT_URL, url.c_str());
-        Set(CURLOPT_UNIX_SOCKET_PATH, socket.c_str());
-        // A proxy of the environment has no part in this.
-        Set(CURLOPT_PROXY, "");
-        Set(CURLOPT_NOSIGNAL, 1L);
-        Set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
-        // An ID of dots is a path segment like any other.
-        Set(CURLOPT_PATH_AS_IS, 1L);
-        Set(CURLOPT_WRITEFUNCTION, Receive);
-        Set(CURLOPT_WRITEDATA, &answer_.body);
-        if (!body)
-            return;
-        headers_.reset(curl_slist_append(nullptr, "Content-Type: application/json"));
-        // No waiting for "100 Continue": the agent is on this machine.
-        curl_slist_append(headers_.get(), "Expect:");
-        Set(CURLOPT_HTTPHEADER, headers_.get());
-        Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
-        Set(CURLOPT_POSTFIELDS, body->data());
-    }
-    ~Transfer() {
-        if (started_)
-            curl_multi_remove_handle(multi_.get(), easy_.get());
-    }
-    Transfer(const Transfer&) = delete;
-    Transfer& operator=(const Transfer&) = delete;
-
-    /// False when tick gave up.
-    bool Run(const Tick& tick) {
-        started_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
-        int running = started_ ? 1 : 0;
-        while (running > 0) {
-            if (tick && !tick())
-                return false;
-            if (curl_multi_perform(multi_.get(), &running) != CURLM_OK)
-                break;
-            if (running > 0)
-                curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(kTickInterval.count()), nullptr);
-        }
-        return true;
-    }
-
-    CURLcode Result() const {
-        int left = 0;
-        while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
-            if (message->msg == CURLMSG_DONE)
-                return message->data.result;
-        }
-        return CURLE_FAILED_INIT;
-    }
-
-    HttpAnswer TakeAnswer() {
-        curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &answer_.status);
-        curl_off_t seconds = 0;
-        if (curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0)
-            answer_.retry_after = std::chrono::seconds(seconds);
-        return std::move(answer_);
-    }
-
-private:
-    template <typename T>
-    void Set(CURLoption option, T value) {
-        curl_easy_setopt(easy_.get(), option, value);
-    }
-
-    std::unique_ptr<curl_slist, ListFree> headers_;
-    std::unique_ptr<CURL, EasyFree> easy_;
-    std::unique_ptr<CURLM, MultiFree> multi_;
-    HttpAnswer answer_;
-    bool started_ = false;
-};
-
-}  // namespace
-
 AgentHttp::AgentHttp(std::string socket_path) : socket_path_(std::move(socket_path)) {
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_NOTHING);
-    if (initialised != CURLE_OK)
-        throw LocalFailure("libcurl cannot be initialised");
-    if (socket_path_.size() >= sizeof(sockaddr_un::sun_path))
-        throw BadInput("the socket path " + socket_path_ + " is longer than the " +
-                       std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes that a Unix socket may have");
+    if (socket_path_.size() > qxphttp::MaxSocketPathBytes()) {
+        throw BadInput(fmt::format("the socket path {} is longer than the {} bytes that a Unix socket may have",
+                                   socket_path_, qxphttp::MaxSocketPathBytes()));
+    }
 }
 
-std::optional<HttpAnswer> AgentHttp::Perform(const std::string& target, const std::string* body, milliseconds timeout,
-                                             const Tick& tick) const {
-    // The host's name is not looked at: the socket is the address.
-    Transfer transfer("http://agent" + target, socket_path_, body, timeout);
-    if (!transfer.Run(tick))
-        return std::nullopt;
-    const CURLcode result = transfer.Result();
-    if (result == CURLE_COULDNT_CONNECT)
-        FailUnreachable(AgentAway::Cause::Unreachable, "nothing answers on " + socket_path_);
-    if (result == CURLE_OPERATION_TIMEDOUT)
-        FailUnreachable(AgentAway::Cause::Broken, "the agent on " + socket_path_ + " does not answer in time");
-    if (result == CURLE_WRITE_ERROR)
-        FailForeign("its answer is larger than " + std::to_string(kMaxAnswerBytes) + " bytes");
-    if (result != CURLE_OK)
-        FailUnreachable(AgentAway::Cause::Broken, "the connection to the agent on " + socket_path_ + " broke (" +
-                                                      curl_easy_strerror(result) + ")");
-    return transfer.TakeAnswer();
+std::optional<Answer> AgentHttp::Perform(const std::string& target, const std::string* body,
+                                         std::chrono::milliseconds timeout, const Tick& tick) const {
+    using Cause = qxphttp::RequestError::Cause;
+    try {
+        return qxphttp::Perform(socket_path_, target, body, timeout, tick);
+    } catch (const qxphttp::RequestError& error) {
+        switch (error.GetCause()) {
+            case Cause::kNoClient:
+                throw LocalFailure(error.what());
+            case Cause::kTooLarge:
+                FailForeign(fmt::format("its answer is larger than {} bytes", qxphttp::kMaxAnswerBytes));
+            case Cause::kUnreachable:
+                FailUnreachable(AgentAway::Cause::Unreachable, "nothing answers on " + socket_path_);
+            case Cause::kTimedOut:
+                FailUnreachable(AgentAway::Cause::Broken, "the agent on " + socket_path_ + " does not answer in time");
+            case Cause::kBroken:
+                break;
+        }
+        FailUnreachable(AgentAway::Cause::Broken,
+                        fmt::format("the connection to the agent on {} broke ({})", socket_path_, error.what()));
+    }
 }
 
 void AgentHttp::FailUnreachable(AgentAway::Cause cause, const std::string& reason) const {
@@ -164,12 +58,6 @@ void AgentHttp::FailUnreachable(AgentAway::Cause cause, const std::string& reaso
 void AgentHttp::FailForeign(const std::string& what) const {
     throw AgentUnavailable("what answers on " + socket_path_ + " does not speak like qxpagent: " + what +
                            "; check --socket");
-}
-
-std::string EscapeForUrl(const std::string& text) {
-    const std::unique_ptr<char, decltype(&curl_free)> escaped(
-        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), curl_free);
-    return escaped ? std::string(escaped.get()) : std::string();
 }
 
 std::string InstallationRoot() {

@@ -1,16 +1,16 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <optional>
 #include <string>
 
 #include "ctl/terminal/error.h"
+#include "http/client.h"
 
 namespace qxpctl {
 
-/// Called about ten times a second while a request is under way; false gives the request up.
-using Tick = std::function<bool()>;
+using qxphttp::Answer;
+using qxphttp::Tick;
 
 /// The agent cannot be reached, or says that it cannot serve right now: the same request may succeed later.
 class AgentAway : public AgentUnavailable {
@@ -28,13 +28,6 @@ private:
     Cause cause_;
 };
 
-struct HttpAnswer {
-    long status = 0;
-    /// What Retry-After asks for; not set when the answer has none.
-    std::optional<std::chrono::seconds> retry_after;
-    std::string body;
-};
-
 /// HTTP over the agent's Unix socket, one connection a request. Belongs to one thread.
 class AgentHttp {
 public:
@@ -46,8 +39,8 @@ public:
     /// Sends a GET, or a POST when there is a body. Nothing when tick gave up. Throws AgentAway when there is no
     /// answer, and AgentUnavailable when there never can be one (no permission, an answer that is too large).
     /// @param timeout  for the whole request; zero is none.
-    std::optional<HttpAnswer> Perform(const std::string& target, const std::string* body,
-                                      std::chrono::milliseconds timeout, const Tick& tick) const;
+    std::optional<Answer> Perform(const std::string& target, const std::string* body, std::chrono::milliseconds timeout,
+                                  const Tick& tick) const;
 
     /// What answers does not speak like the agent.
     [[noreturn]] void FailForeign(const std::string& what) const;
@@ -57,9 +50,6 @@ private:
 
     const std::string socket_path_;
 };
-
-/// Percent-encodes a text for one path segment or query value (RFC 3986).
-std::string EscapeForUrl(const std::string& text);
 
 /// The agent's socket: what --socket says, else the environment variable QXPAGENT_SOCKET, else
 /// ../data/qxpagent/agent.sock beside the directory of this program.

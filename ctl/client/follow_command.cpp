@@ -18,50 +18,50 @@ constexpr unsigned kPageLimit = 1000;
 
 class Follower {
 public:
-    Follower(AgentClient& agent, Patience& patience, ResultCollector& collector, Command& command, uint64_t after,
-             const std::function<void(const RunResult&)>& on_result)
+    Follower(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
+             uint64_t after, const std::function<void(const RunResult&)>& on_result)
         : agent_(agent),
-          patience_(patience),
+          request_(patience),
           collector_(collector),
           command_(command),
           after_(after),
           sequence_(command.sequence),
           on_result_(on_result) {
-        patience_.OnReturn([this] { CheckThatTheStoreIsTheSame(); });
+        request_.OnReturn([this] { CheckThatTheStoreIsTheSame(); });
     }
-    ~Follower() { patience_.OnReturn({}); }
+    ~Follower() { request_.OnReturn({}); }
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
 
     FollowOutcome Run() {
         for (;;) {
-            const Patience::Clock::time_point asked = Patience::Clock::now();
+            const RetryingRequest::Clock::time_point asked = RetryingRequest::Clock::now();
             const bool final = IsFinal(command_.state);
             size_t reports = 0;
-            const Patience::End end = patience_.Try([&] { return TakeReports(final, reports); });
+            const RetryingRequest::End end = request_.Try([&] { return ReadReports(final, reports); });
             if (const auto outcome = Outcome(final && reports == 0))
                 return *outcome;
-            if (end == Patience::End::GivenUp)
+            if (end == RetryingRequest::End::GivenUp)
                 return FollowOutcome::GivenUp;
-            if (end == Patience::End::TimedOut || patience_.Expired())
+            if (end == RetryingRequest::End::TimedOut || request_.Expired())
                 return FollowOutcome::TimedOut;
-            if (!final && patience_.Try([this] { return UpdateCommand(); }) == Patience::End::GivenUp)
+            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::GivenUp)
                 return FollowOutcome::GivenUp;
-            const auto elapsed = Patience::Clock::now() - asked;
+            const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (reports == 0 && !IsFinal(command_.state) && elapsed < kMinPollInterval &&
-                !patience_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
+                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
                 return FollowOutcome::GivenUp;
         }
     }
 
 private:
-    bool TakeReports(bool final, size_t& count) {
+    bool ReadReports(bool final, size_t& count) {
         ReportFilter filter;
         filter.id = command_.id;
         filter.after = after_;
         filter.limit = kPageLimit;
-        filter.wait = final ? seconds(0) : patience_.Left(kPoll);
-        const std::optional<ReportPage> page = agent_.GetReports(filter, patience_.GetTick());
+        filter.wait = final ? seconds(0) : request_.Left(kPoll);
+        const std::optional<ReportPage> page = agent_.GetReports(filter, request_.GetTick());
         if (!page)
             return false;
         for (const Report& report : page->reports) {
@@ -78,7 +78,7 @@ private:
             CommandFilter filter;
             filter.after = sequence_;
             filter.limit = kPageLimit;
-            const std::optional<CommandPage> page = agent_.ListCommands(filter, patience_.GetTick());
+            const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
             if (!page)
                 return false;
             for (const Command& changed : page->commands) {
@@ -112,7 +112,7 @@ private:
     }
 
     AgentClient& agent_;
-    Patience& patience_;
+    RetryingRequest& request_;
     ResultCollector& collector_;
     Command& command_;
     uint64_t after_;
@@ -122,7 +122,7 @@ private:
 
 }  // namespace
 
-FollowOutcome FollowCommand(AgentClient& agent, Patience& patience, ResultCollector& collector, Command& command,
+FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
                             uint64_t after, const std::function<void(const RunResult&)>& on_result) {
     return Follower(agent, patience, collector, command, after, on_result).Run();
 }

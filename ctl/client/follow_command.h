@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "ctl/client/agent_client.h"
-#include "ctl/client/patience.h"
 #include "ctl/client/results.h"
+#include "ctl/client/retrying_request.h"
 #include "ctl/policies/policy.h"
 
 namespace qxpctl {
@@ -25,7 +25,7 @@ enum class FollowOutcome {
 /// @param on_result  told of each result as it arrives.
 /// Throws what AgentClient throws but AgentAway, and AgentUnavailable when the agent comes back with a store that does
 /// not know the command.
-FollowOutcome FollowCommand(AgentClient& agent, Patience& patience, ResultCollector& collector, Command& command,
+FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
                             uint64_t after, const std::function<void(const RunResult&)>& on_result);
 
 /// How long to wait when nobody says: as long as the longest time-out and some grace; not set when a script may run for

@@ -94,8 +94,8 @@ public:
           agent_(FindSocket(common.socket)),
           spinner_(console),
           collector_(policy.id, ScriptIdsOf(policy)),
-          patience_(console, limit, [this] { return Tick(); }) {
-        patience_.BeforeRemark([this] { spinner_.Clear(); });
+          request_(console, limit, [this] { return Tick(); }) {
+        request_.BeforeRemark([this] { spinner_.Clear(); });
     }
 
     ExitCode Run() {
@@ -140,25 +140,25 @@ private:
         std::optional<Submission> submission;
         const auto send = [&] {
             try {
-                submission = agent_.Submit(policy_.document, patience_.GetTick());
+                submission = agent_.Submit(policy_.document, request_.GetTick());
             } catch (const NotAcknowledged&) {
                 submission = {true, agent_.GetCommand(policy_.id).command};
             }
             return submission.has_value();
         };
-        Patience::End end = Patience::End::Done;
+        RetryingRequest::End end = RetryingRequest::End::Done;
         try {
-            end = send() ? Patience::End::Done : Patience::End::GivenUp;
+            end = send() ? RetryingRequest::End::Done : RetryingRequest::End::GivenUp;
         } catch (const AgentAway& error) {
             if (error.Why() != AgentAway::Cause::Broken)
                 throw;
             // The agent may have the policy or not; sent again, it is run once all the same.
-            end = patience_.Try(send);
+            end = request_.Try(send);
         }
         const std::string unsure = "; it may have the policy " + policy_.id + " all the same: see 'qxpctl show'";
-        if (end == Patience::End::TimedOut)
+        if (end == RetryingRequest::End::TimedOut)
             throw AgentUnavailable("the agent went away while the policy was being sent" + unsure);
-        if (end == Patience::End::GivenUp)
+        if (end == RetryingRequest::End::GivenUp)
             throw Error(ExitCode::Interrupted, "interrupted while the policy was being sent to the agent" + unsure);
         return std::move(*submission);
     }
@@ -170,7 +170,7 @@ private:
                 console_.Print(RunOutput(result, policy_.scripts.size() > 1, console_.Output()));
         };
         try {
-            return FollowCommand(agent_, patience_, collector_, command, after, show);
+            return FollowCommand(agent_, request_, collector_, command, after, show);
         } catch (const AgentUnavailable& error) {
             throw AgentUnavailable("policy " + policy_.id + " was sent, but then: " + error.what());
         }
@@ -196,7 +196,7 @@ private:
         if (outcome == FollowOutcome::Interrupted)
             console_.Remark("the policy " + policy_.id + " was interrupted: " +
                             (reason.empty() ? "the agent ended before its results were there" : reason));
-        if (outcome == FollowOutcome::TimedOut && patience_.IsAway())
+        if (outcome == FollowOutcome::TimedOut && request_.IsAway())
             console_.Remark("the wait is over, and the agent is away: look later with: qxpctl show " +
                             ShellWord(policy_.id));
         else if (outcome == FollowOutcome::TimedOut)
@@ -213,7 +213,7 @@ private:
     AgentClient agent_;
     Spinner spinner_;
     ResultCollector collector_;
-    Patience patience_;
+    RetryingRequest request_;
     bool sent_ = false;
 };
 

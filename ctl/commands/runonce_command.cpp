@@ -33,7 +33,7 @@ std::string MissingFrom(AgentClient& agent, const std::string& name) {
     return missing ? directory : "";
 }
 
-std::string WhyNotAccepted(const std::string& name, const std::string& missing_from) {
+std::string ReasonNotAccepted(const std::string& name, const std::string& missing_from) {
     if (!missing_from.empty())
         return "there is no such file in " + missing_from + "; put it there with: qxpctl drop --process " +
                ShellWord(name);
@@ -59,7 +59,7 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
     else if (*accepted)
         console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
     else
-        console.Remark(name + " was not accepted: " + WhyNotAccepted(name, missing_from));
+        console.Remark(name + " was not accepted: " + ReasonNotAccepted(name, missing_from));
     return *accepted ? ExitCode::Success : ExitCode::Negative;
 }
 

@@ -111,7 +111,7 @@ ExitCode Verify(const VerifyOptions& options, const Console& console, bool json)
         throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
                        " is not a JSON document; make a policy with 'qxpctl pack'");
     qxtools::CPJsonParse reader;
-    if (const std::string reason = qxppolicy::WhyNotAdmitted(document, reader);
+    if (const std::string reason = qxppolicy::ValidateForAdmission(document, reader);
         verdict.faults.empty() && !reason.empty())
         verdict.faults.push_back("an agent does not take it: " + reason);
     console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));

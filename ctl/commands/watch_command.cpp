@@ -4,7 +4,7 @@
 #include <set>
 
 #include "ctl/client/agent_client.h"
-#include "ctl/client/patience.h"
+#include "ctl/client/retrying_request.h"
 #include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
 #include "ctl/policies/script_argument.h"
@@ -85,9 +85,9 @@ public:
           live_(console.Output().IsTerminal() && !common.json),
           table_(console),
           agent_(FindSocket(common.socket)),
-          patience_(console, limit, [this] { return !interrupt_.Interrupted(); }) {
-        patience_.BeforeRemark([this] { table_.LetGo(); });
-        patience_.OnReturn([this] { StartOverInANewStore(); });
+          request_(console, limit, [this] { return !interrupt_.Interrupted(); }) {
+        request_.BeforeRemark([this] { table_.LetGo(); });
+        request_.OnReturn([this] { StartOverInANewStore(); });
     }
 
     ExitCode Run() {
@@ -96,31 +96,31 @@ public:
             sequence_ = live_ ? last - std::min(last, kHistory) : last;
         // What is there already comes without waiting.
         for (bool first = true;; first = false) {
-            const Patience::Clock::time_point asked = Patience::Clock::now();
+            const RetryingRequest::Clock::time_point asked = RetryingRequest::Clock::now();
             size_t changes = 0;
-            const Patience::End end = patience_.Try([&] { return TakeChanges(!first, changes); });
-            if (end == Patience::End::GivenUp)
+            const RetryingRequest::End end = request_.Try([&] { return ReadChanges(!first, changes); });
+            if (end == RetryingRequest::End::GivenUp)
                 return ExitCode::Interrupted;
             if (live_ && (first || changes > 0))
                 table_.Draw(commands_);
             if (Finished())
                 return Verdict();
-            if (patience_.Expired())
+            if (request_.Expired())
                 return ExitCode::WaitTimedOut;
-            const auto elapsed = Patience::Clock::now() - asked;
+            const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (!first && changes == 0 && elapsed < kMinPollInterval &&
-                !patience_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
+                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
                 return ExitCode::Interrupted;
         }
     }
 
 private:
-    bool TakeChanges(bool wait, size_t& count) {
+    bool ReadChanges(bool wait, size_t& count) {
         CommandFilter filter;
         filter.after = sequence_;
         filter.limit = kPageLimit;
-        filter.wait = wait ? patience_.Left(AgentClient::kMaxPoll) : std::chrono::seconds(0);
-        const std::optional<CommandPage> page = agent_.ListCommands(filter, patience_.GetTick());
+        filter.wait = wait ? request_.Left(AgentClient::kMaxPoll) : std::chrono::seconds(0);
+        const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
         if (!page)
             return false;
         for (const Command& command : page->commands)
@@ -166,7 +166,7 @@ private:
     const InterruptGuard interrupt_;
     LiveTable table_;
     AgentClient agent_;
-    Patience patience_;
+    RetryingRequest request_;
     std::map<std::string, Command> commands_;
     uint64_t sequence_ = 0;
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/policies/trusted_keys.h"
+#include "ctl/policies/installed_keys.h"
 #include "policy/policy_check.h"
 
 // The shared check of a policy, under the names of the tool.

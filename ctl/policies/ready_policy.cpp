@@ -27,7 +27,7 @@ size_t CountScripts(const CPJsonParse& json) {
 
 // The agent's rule for an ID, which becomes part of a file name.
 void CheckCommandId(const std::string& name, const std::string& id) {
-    if (const std::string fault = qxppolicy::WhyBadId(id); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty())
         throw BadInput(name + " has no usable \"ID\": it " + fault + "; pack the policy again with 'qxpctl pack --id'");
 }
 

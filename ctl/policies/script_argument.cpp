@@ -101,7 +101,7 @@ ScriptAttributes WithDefaults(ScriptAttributes attributes, const ScriptAttribute
 }
 
 void CheckId(const std::string& id, const std::string& what) {
-    if (const std::string fault = qxppolicy::WhyBadId(id); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty())
         throw BadInput("the " + what + " '" + id + "' " + fault);
 }
 
@@ -119,7 +119,7 @@ void CheckMarker(const std::string& marker) {
 }
 
 void CheckScriptDirectory(const std::string& path) {
-    if (const std::string fault = qxppolicy::WhyBadScriptDirectory(path); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateScriptDirectory(path); !fault.empty())
         throw BadInput("the path '" + path + "' " + fault);
 }
 

@@ -77,7 +77,7 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
                     ClassName, reply.uiLength, static_cast<void*>(reply.pBytes), ulTick);
         return false;
     }
-    _ConnectInfo stInfo;
+    ConnectInfo stInfo;
     const bool bStatus = ParseConnectInfo({reinterpret_cast<const char*>(reply.pBytes), reply.uiLength}, stInfo);
     strFlag = stInfo.strFlag;
     strServerIp = stInfo.strServerIp;

@@ -19,7 +19,7 @@ const char* GetString(const cJSON* pObject, const char* pszKey) {
 
 }  // namespace
 
-bool ParseConnectInfo(const CPString& strJson, _ConnectInfo& stInfo) {
+bool ParseConnectInfo(const CPString& strJson, ConnectInfo& stInfo) {
     const std::unique_ptr<cJSON, CJsonDelete> pRoot(cJSON_Parse(strJson.c_str()));
     if (!pRoot)
         return false;

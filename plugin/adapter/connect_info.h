@@ -3,7 +3,7 @@
 #include "qxhost/cpstring.h"
 
 /// What the agent says about its connection to the server.
-struct _ConnectInfo {
+struct ConnectInfo {
     /// "1" when the agent is online.
     CPString strFlag;
     CPString strServerIp;
@@ -12,4 +12,4 @@ struct _ConnectInfo {
 
 /// Reads the members "onlineflag", "ip" and "port" of a JSON object. A member that is missing or is no string leaves
 /// its field empty or 0; the port is cut to 16 bits. False when the text is not JSON.
-bool ParseConnectInfo(const CPString& strJson, _ConnectInfo& stInfo);
+bool ParseConnectInfo(const CPString& strJson, ConnectInfo& stInfo);

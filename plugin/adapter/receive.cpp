@@ -30,7 +30,7 @@ void Acknowledge(void* pEndPoint, long i64MsgType, void* pReplyCtx) {
 
 }  // namespace
 
-CPString CqxpmaintReceive::_Message::Body() const {
+CPString CqxpmaintReceive::Message::Body() const {
     return CPString(reinterpret_cast<const char*>(pData), uiDataLength);
 }
 
@@ -46,7 +46,7 @@ void CqxpmaintReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgTyp
     StopException(__FUNCTION__);
 }
 
-void CqxpmaintReceive::Dispatch(const _Message& stMessage) {
+void CqxpmaintReceive::Dispatch(const Message& stMessage) {
     PluginInitParam* pPluginInit = m_pPluginInit;
     if (!pPluginInit) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
@@ -65,7 +65,7 @@ void CqxpmaintReceive::Dispatch(const _Message& stMessage) {
         OnNotification(*pPluginInit, stMessage);
 }
 
-void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const _Message& stMessage) {
+void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const Message& stMessage) {
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnRecv = LoadHandler(stInit.plugin_recv);
     if (!pfnRecv) {
@@ -84,7 +84,7 @@ void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const _Message& stM
                 pszComponentID);
 }
 
-void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& stMessage) {
+void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const Message& stMessage) {
     // First of all, so that Start does not ask for what has just been told.
     connect_state_flags |= CONNECT_NOTICE_SEEN;
 
@@ -97,7 +97,7 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& s
         return;
     }
     const CPString strData = stMessage.Body();
-    _ConnectInfo stInfo;
+    ConnectInfo stInfo;
     // A notice with an address counts whatever its online flag says.
     if (!ParseConnectInfo(strData, stInfo) || stInfo.strServerIp.empty()) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
@@ -117,7 +117,7 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const _Message& s
                 ClassName, iRet, pszIp, stInfo.wPort, pszComponentID);
 }
 
-void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const _Message& stMessage) {
+void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const Message& stMessage) {
     connect_state_flags |= DISCONNECT_NOTICE_SEEN;
 
     const char* pszComponentID = stMessage.strComponentID.c_str();
@@ -137,7 +137,7 @@ void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const _Message
                 iRet, pszComponentID);
 }
 
-void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const _Message& stMessage) const {
+void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const Message& stMessage) const {
     const char* pszComponentID = stMessage.strComponentID.c_str();
     const auto pfnNotify = LoadHandler(stInit.notify_mgr_to_plugin);
     if (!pfnNotify) {

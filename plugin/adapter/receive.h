@@ -42,7 +42,7 @@ public:
                          unsigned int uiDataLength, void* pReplyCtx, void* pEndPoint) override;
 
 private:
-    struct _Message {
+    struct Message {
         const GUID& stComponentID;
         CPString strComponentID;
         long i64MsgType;
@@ -52,9 +52,9 @@ private:
         CPString Body() const;
     };
 
-    void Dispatch(const _Message& stMessage);
-    static void OnPluginData(PluginInitParam& stInit, const _Message& stMessage);
-    void OnAgentConnect(PluginInitParam& stInit, const _Message& stMessage);
-    void OnAgentDisconnect(PluginInitParam& stInit, const _Message& stMessage);
-    void OnNotification(PluginInitParam& stInit, const _Message& stMessage) const;
+    void Dispatch(const Message& stMessage);
+    static void OnPluginData(PluginInitParam& stInit, const Message& stMessage);
+    void OnAgentConnect(PluginInitParam& stInit, const Message& stMessage);
+    void OnAgentDisconnect(PluginInitParam& stInit, const Message& stMessage);
+    void OnNotification(PluginInitParam& stInit, const Message& stMessage) const;
 };

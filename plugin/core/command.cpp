@@ -28,13 +28,13 @@ unsigned int PolicyType(const CPString& strCommand) {
     return 0;
 }
 
-enum class ETaken { Accepted, Refused, NoManager };
+enum class EAccepted { Accepted, Refused, NoManager };
 
 // Unless it is accepted, strID and strCommand hold what could be read of it.
-ETaken TakeCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString& strID, CPString& strCommand) {
+EAccepted AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString& strID, CPString& strCommand) {
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv empty msg");
-        return ETaken::Refused;
+        return EAccepted::Refused;
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint recv msg:%s", pJsonData);
     {
@@ -43,35 +43,35 @@ ETaken TakeCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString
         if (!json.LoadBuffer(pJsonData)) {
             QXLogPrint(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                        "qxpmaint CMaintMgr::SetPolicy LoadBuffer Error pJsonData[%s]", pJsonData);
-            return ETaken::Refused;
+            return EAccepted::Refused;
         }
         void* pID = json.GetNode(nullptr, "ID");
         if (!pID) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode ID Error");
-            return ETaken::Refused;
+            return EAccepted::Refused;
         }
         strID = CPString(json.GetValue(pID).c_str());  // up to a NUL
         if (strID.empty()) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__, "qxpmaint CMaintMgr::SetPolicy ID is NULL");
-            return ETaken::Refused;
+            return EAccepted::Refused;
         }
         void* pCommand = json.GetNode(nullptr, "Command");
         if (!pCommand) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode Command Error");
-            return ETaken::Refused;
+            return EAccepted::Refused;
         }
         strCommand = CPString(json.GetValue(pCommand).c_str());
     }
     const unsigned int dwPolicyType = PolicyType(strCommand);
     if (dwPolicyType == 0)
-        return ETaken::Refused;
+        return EAccepted::Refused;
     if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
-        return ETaken::NoManager;
+        return EAccepted::NoManager;
     }
-    return maintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0 ? ETaken::Accepted : ETaken::Refused;
+    return maintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0 ? EAccepted::Accepted : EAccepted::Refused;
 }
 
 void SendRefusal(const CPString& strID, const CPString& strCommand) {
@@ -101,21 +101,21 @@ int plugin_recv_handler(const char* pJsonData) {
     const CMaintMgrUse maintMgr = CMaintMgr::Use();  // to the end: an uninit waits for the refusal as well
     CPString strID;
     CPString strCommand;
-    ETaken eTaken = ETaken::Refused;
-    Attempt(RECV_FUNCTION, [&] { eTaken = TakeCommand(maintMgr, pJsonData, strID, strCommand); });
-    if (eTaken != ETaken::Accepted)
+    EAccepted eTaken = EAccepted::Refused;
+    Attempt(RECV_FUNCTION, [&] { eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand); });
+    if (eTaken != EAccepted::Accepted)
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     return 0;
 }
 
-bool TakePolicyFile(const char* pJsonData) {
+bool AcceptPolicyFile(const char* pJsonData) {
     const CMaintMgrUse maintMgr = CMaintMgr::Use();
     CPString strID;
     CPString strCommand;
-    const ETaken eTaken = TakeCommand(maintMgr, pJsonData, strID, strCommand);
-    if (eTaken == ETaken::Refused)
+    const EAccepted eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand);
+    if (eTaken == EAccepted::Refused)
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
-    return eTaken != ETaken::NoManager;
+    return eTaken != EAccepted::NoManager;
 }
 
 int connect(const char* pszHost, int iPort) {

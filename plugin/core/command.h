@@ -9,7 +9,7 @@ int plugin_recv_handler(const char* pJsonData);
 
 /// The same for a policy file, on the loader thread. False when it is to stay for another time: there is no manager to
 /// take it. What is thrown (memory) means the same.
-bool TakePolicyFile(const char* pJsonData);
+bool AcceptPolicyFile(const char* pJsonData);
 
 // These only log.
 int connect(const char* pszHost, int iPort);

@@ -26,7 +26,7 @@ constexpr int NO_MANAGER_MODULE = 83;
 
 // Takes the value of an item "key=value" of n characters into a zeroed buffer, cut to its size.
 template <size_t uSize>
-bool TakeItem(const char* pszItem, size_t n, const char* pszKey, char (&szBuffer)[uSize]) {
+bool ReadItem(const char* pszItem, size_t n, const char* pszKey, char (&szBuffer)[uSize]) {
     const size_t uKey = strlen(pszKey);
     if (n <= uKey || strncmp(pszItem, pszKey, uKey) != 0)
         return false;
@@ -118,9 +118,9 @@ bool analyze_set_init_kv(const char* pszKv) {
     // An empty item ends the scan.
     const char* pszItem = pszKv;
     for (size_t n = strcspn(pszItem, ":"); n > 0; n = strcspn(pszItem, ":")) {
-        if (TakeItem(pszItem, n, "agent_type=", g_szAgentType))
+        if (ReadItem(pszItem, n, "agent_type=", g_szAgentType))
             LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init agent type= %s", g_szAgentType);
-        if (TakeItem(pszItem, n, "conf_path=", g_szConfPath))
+        if (ReadItem(pszItem, n, "conf_path=", g_szConfPath))
             LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init conf path= %s", g_szConfPath);
         pszItem += n;
         if (*pszItem == ':')

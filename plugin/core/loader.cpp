@@ -47,7 +47,7 @@ void LoadFile(const _FilePathInfo& file) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread strFullPath[%s]", file.strFullPath.c_str());
     std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(file.strFullPath.c_str()), QxReleaseFileData);
     // What is not taken stays on the disk and is met again on the next scan, of this loader or of the next one.
-    if (!spJsonData || !IsLoader() || !TakePolicyFile(spJsonData.get()))
+    if (!spJsonData || !IsLoader() || !AcceptPolicyFile(spJsonData.get()))
         return;
     spJsonData.reset();
     remove(file.strFullPath.c_str());

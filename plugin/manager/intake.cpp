@@ -69,7 +69,7 @@ void CMaintMgr::CreateWorkThread() {
     const CMaintLockGuard lock(m_csWorkThread);
     if (m_u64WorkThreadId != 0)
         return;
-    std::unique_ptr<_WorkStart> spStart(new _WorkStart{*this, CThreadTicket::ForNewThread(m_spGate)});
+    std::unique_ptr<WorkStart> spStart(new WorkStart{*this, CThreadTicket::ForNewThread(m_spGate)});
     const int iResult = CMainTTool::MaintCreateThread(WorkThread, spStart.get(), m_u64WorkThreadId);
     if (iResult == 0)
         static_cast<void>(spStart.release());  // the thread's

@@ -28,7 +28,7 @@ CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*str
 void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam) {
     unsigned int dwError = 0;
     m_ProcReader.Replenish();
-    const _LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
+    const LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
     bool bStarted = false;
     {
         const std::lock_guard lock(LaunchLock());

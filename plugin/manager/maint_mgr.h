@@ -135,7 +135,7 @@ private:
     virtual ~CMaintMgr();
 
     /// What a work thread begins with.
-    struct _WorkStart {
+    struct WorkStart {
         CMaintMgr& Mgr;
         CThreadTicket Ticket;
     };
@@ -152,7 +152,7 @@ private:
     bool HasQueuedPolicy();
     bool HasFinishedRun();
     void PassSignalOn();
-    std::list<_RunScriptData> TakeDisposed(unsigned int dwDisposeType, unsigned int dwCount, unsigned long ulNow);
+    std::list<_RunScriptData> ExtractDisposed(unsigned int dwDisposeType, unsigned int dwCount, unsigned long ulNow);
     void FinishDisposal(_RunScriptData& run, unsigned int dwDisposeType, unsigned long ulNow,
                         const CPString& strEndTime);
     void ReportByPolicy(std::list<_RunScriptData>& listDisposed);

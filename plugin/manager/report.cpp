@@ -60,13 +60,13 @@ bool AddRun(cJSON* pResult, const _RunScriptData& run, CMaintMgr& mgr) {
 }
 
 /// A report and how many runs of the policy it holds.
-struct _Report {
+struct Report {
     CJsonText spText;
     size_t uRuns = 0;
 };
 
 // No text when there is no memory for it; fewer runs when there is none for all.
-_Report PrintReport(const CPString& strID, const std::list<_RunScriptData>& list, CMaintMgr& mgr) try {
+Report PrintReport(const CPString& strID, const std::list<_RunScriptData>& list, CMaintMgr& mgr) try {
     const CJsonItem spRoot(cJSON_CreateObject());
     CJsonItem spData(cJSON_CreateObject());
     CJsonItem spResult(cJSON_CreateArray());
@@ -91,7 +91,7 @@ constexpr std::chrono::milliseconds REPORT_PAUSE{100};
 }  // namespace
 
 int CMaintMgr::SendResultToServer(const CPString& strID, std::list<_RunScriptData> list) {
-    _Report report = PrintReport(strID, list, *this);
+    Report report = PrintReport(strID, list, *this);
     for (int iTry = 1; iTry < REPORT_TRIES && (!report.spText || report.uRuns < list.size()); ++iTry) {
         MaintPause(REPORT_PAUSE);
         report = PrintReport(strID, list, *this);

@@ -21,7 +21,7 @@ bool CRunControl::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
     if (!child.Stream())
         return true;
     if (child.HasExited()) {
-        CMainTTool::CleanHandle(child.TakeStream());
+        CMainTTool::CleanHandle(child.ReleaseStream());
         return true;
     }
     spControl->m_spForCloser = spControl;
@@ -31,7 +31,7 @@ bool CRunControl::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
         spControl->m_spForCloser.reset();
         return false;
     }
-    child.TakeStream();
+    child.ReleaseStream();
     return true;
 }
 

@@ -88,7 +88,7 @@ CRunThread::EPhase CRunThread::ReadStep() {
     const CChunkReader::EState eState = m_Reader.Next(chunk);
     m_bChunkBegins = eState == CChunkReader::EState::Chunk;
     if (eState == CChunkReader::EState::Chunk)
-        TakeChunk(chunk);
+        StoreChunk(chunk);
     else if (eState == CChunkReader::EState::NeedData)
         WaitForOutput();
     return eState == CChunkReader::EState::End ? EPhase::WaitingForExit : EPhase::Reading;
@@ -102,7 +102,7 @@ CRunThread::EPhase CRunThread::LeaveReading() {
     return EPhase::WaitingForExit;
 }
 
-void CRunThread::TakeChunk(std::string_view chunk) {
+void CRunThread::StoreChunk(std::string_view chunk) {
     chunk = chunk.substr(0, chunk.find('\0'));
     m_Capture.Append(chunk);
     if (!m_strCheckRet.empty() && chunk.find(m_strCheckRet.Str()) != std::string_view::npos)

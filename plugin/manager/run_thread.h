@@ -44,7 +44,7 @@ private:
     EPhase ReadStep();
     EPhase LeaveReading();
     EPhase WaitStep();
-    void TakeChunk(std::string_view chunk);
+    void StoreChunk(std::string_view chunk);
     void WaitForOutput();
     bool StopRequested();
     bool StoreResult();

@@ -57,8 +57,8 @@ void MoveForReport(_RunScriptData& run, std::list<_RunScriptData>& listDisposed)
 }  // namespace
 
 // Takes the selected runs out of the list, without needing memory.
-std::list<_RunScriptData> CMaintMgr::TakeDisposed(unsigned int dwDisposeType, unsigned int dwCount,
-                                                  unsigned long ulNow) {
+std::list<_RunScriptData> CMaintMgr::ExtractDisposed(unsigned int dwDisposeType, unsigned int dwCount,
+                                                     unsigned long ulNow) {
     std::list<_RunScriptData> listDisposed;
     if (dwDisposeType == MT_ERROR || (dwDisposeType == MT_RUNTIMEOUT && dwCount <= MaxRunThreadCount))
         return listDisposed;
@@ -122,7 +122,7 @@ int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
     TestPoint("disposing");
     const unsigned long ulNow = CMainTTool::MaintGetTickCount();
     const unsigned int dwCount = GetPRunScriptListSize();
-    std::list<_RunScriptData> listDisposed = TakeDisposed(dwDisposeType, dwCount, ulNow);
+    std::list<_RunScriptData> listDisposed = ExtractDisposed(dwDisposeType, dwCount, ulNow);
     // From here on the runs are in no list any more: what fails must not lose them.
     Attempt("DisposeScriptList", [&] {
         QXLogPrint(6, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
@@ -185,7 +185,7 @@ void CMaintMgr::LeaveWorkThread() {
 
 void* CMaintMgr::WorkThread(void* pParam) {
     DisableCancellation();
-    std::unique_ptr<_WorkStart> spStart(static_cast<_WorkStart*>(pParam));
+    std::unique_ptr<WorkStart> spStart(static_cast<WorkStart*>(pParam));
     CThreadTicket ticket;
     if (spStart)
         ticket = CThreadTicket::Adopt(spStart->Ticket);

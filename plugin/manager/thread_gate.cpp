@@ -19,7 +19,7 @@ void CThreadGate::Leave() {
         m_Empty.notify_all();
 }
 
-void CThreadGate::LeaveByEnding(std::list<_EndingThread>& listRoom) {
+void CThreadGate::LeaveByEnding(std::list<EndingThread>& listRoom) {
     const std::lock_guard lock(m_Lock);
     ForgetEnded();
     listRoom.front() = {static_cast<pid_t>(syscall(SYS_gettid)), steady_clock::now()};
@@ -31,7 +31,7 @@ void CThreadGate::LeaveByEnding(std::list<_EndingThread>& listRoom) {
 void CThreadGate::ForgetEnded() {
     // A thread needs no longer than this to end after it has left; what has its number then is another one.
     const auto longAgo = steady_clock::now() - std::chrono::seconds(5);
-    std::erase_if(m_Ending, [&](const _EndingThread& thread) {
+    std::erase_if(m_Ending, [&](const EndingThread& thread) {
         return thread.left < longAgo || syscall(SYS_tgkill, getpid(), thread.iThread, 0) != 0;
     });
 }

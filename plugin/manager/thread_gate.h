@@ -22,20 +22,20 @@ public:
 private:
     friend class CThreadTicket;
 
-    struct _EndingThread {
+    struct EndingThread {
         pid_t iThread = 0;
         std::chrono::steady_clock::time_point left;
     };
 
     void Enter();
     void Leave();
-    void LeaveByEnding(std::list<_EndingThread>& listRoom);
+    void LeaveByEnding(std::list<EndingThread>& listRoom);
     void ForgetEnded();
 
     std::mutex m_Lock;
     std::condition_variable m_Empty;
-    unsigned int m_uCount = 0;          // guarded by m_Lock
-    std::list<_EndingThread> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
+    unsigned int m_uCount = 0;         // guarded by m_Lock
+    std::list<EndingThread> m_Ending;  // guarded by m_Lock: threads that have left and may not be gone yet
 };
 
 /// One thread's place in a gate, given back with it. Giving back needs no memory.
@@ -57,8 +57,8 @@ public:
     void Release();
 
 private:
-    std::shared_ptr<CThreadGate> m_spGate;             // null: no place is held
-    std::list<CThreadGate::_EndingThread> m_listRoom;  // of a new thread: its entry among the ending ones
+    std::shared_ptr<CThreadGate> m_spGate;            // null: no place is held
+    std::list<CThreadGate::EndingThread> m_listRoom;  // of a new thread: its entry among the ending ones
     bool m_bAdopted = false;
 };
 

@@ -38,8 +38,8 @@ bool SignalPidFd(const CUniqueDescriptor& pidFd, int iSignal) {
     return syscall(SYS_pidfd_send_signal, pidFd.Get(), iSignal, nullptr, 0) == 0 || errno == ESRCH;
 }
 
-_LaunchMark CChildProcess::MarkLaunch(CProcReader& reader) {
-    _LaunchMark stMark;
+LaunchMark CChildProcess::MarkLaunch(CProcReader& reader) {
+    LaunchMark stMark;
     stMark.u64StartTime = TicksSinceBoot() - START_TIME_SLACK;
     try {
         stMark.children = reader.ThreadChildren();
@@ -49,7 +49,7 @@ _LaunchMark CChildProcess::MarkLaunch(CProcReader& reader) {
     return stMark;
 }
 
-void CChildProcess::Identify(FILE* pStream, const _LaunchMark& stMark) {
+void CChildProcess::Identify(FILE* pStream, const LaunchMark& stMark) {
     m_pStream = pStream;
     m_u64LaunchTime = stMark.u64StartTime;
     try {
@@ -74,7 +74,7 @@ void CChildProcess::FindAgain() {
 }
 
 // The new child of this thread, checked against the pipe where that can be read; 0 when there is none.
-pid_t CChildProcess::FindNewChild(const _LaunchMark& stMark) {
+pid_t CChildProcess::FindNewChild(const LaunchMark& stMark) {
     const auto children = m_Reader.ThreadChildren();
     if (!children)
         return 0;
@@ -100,7 +100,7 @@ pid_t CChildProcess::FindByPipe() {
     std::vector<pid_t> pids;
     m_Reader.ListProcesses(pids);
     for (const pid_t iPid : pids) {
-        _ProcessStat stat;
+        ProcessStat stat;
         if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe) &&
             m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::Done && stat.iParent == getpid())
             return iPid;
@@ -111,7 +111,7 @@ pid_t CChildProcess::FindByPipe() {
 // The identity first: with a single descriptor left, it is worth more than a pidfd. The child is ours and waited for by
 // nobody else, so its number stays its own in between, and it also does without a pidfd.
 bool CChildProcess::Accept(pid_t iPid) {
-    _ProcessStat stat;
+    ProcessStat stat;
     if (iPid <= 0 || m_Reader.ReadStat(iPid, stat) != CProcReader::ERead::Done || stat.iParent != getpid() ||
         stat.stIdentity.u64StartTime < m_u64LaunchTime)
         return false;

@@ -13,7 +13,7 @@
 #include "plugin/platform/proc_reader.h"
 
 /// What is noted before a launch, to find the child after it.
-struct _LaunchMark {
+struct LaunchMark {
     std::optional<std::vector<pid_t>> children;  ///< that the calling thread had already; none: not known
     unsigned long long u64StartTime = 0;         ///< clock ticks since boot: no child of the launch is older
 };
@@ -27,18 +27,18 @@ public:
     CChildProcess& operator=(const CChildProcess&) = delete;
 
     /// Never throws.
-    static _LaunchMark MarkLaunch(CProcReader& reader);
+    static LaunchMark MarkLaunch(CProcReader& reader);
 
     /// Finds the child behind a stream that the calling thread has just opened, and opens a pidfd for it. The stream
     /// stays the run's to close. A child that cannot be found (memory, descriptors, /proc) is looked for again by
     /// FindAgain. Never throws.
-    void Identify(FILE* pStream, const _LaunchMark& stMark);
+    void Identify(FILE* pStream, const LaunchMark& stMark);
     void FindAgain();
 
     /// The stream of the child; null when none was started, and once it was taken.
     FILE* Stream() const { return m_pStream; }
     /// The stream, for whoever closes it.
-    FILE* TakeStream() { return std::exchange(m_pStream, nullptr); }
+    FILE* ReleaseStream() { return std::exchange(m_pStream, nullptr); }
     bool WasStarted() const { return m_u64LaunchTime != 0; }
     bool IsKnown() const { return m_stIdentity.iPid > 0; }
 
@@ -51,19 +51,19 @@ public:
     /// Sends a signal to the child alone, without needing memory or a descriptor. Nothing happens when it is not known.
     void Signal(int iSignal) const;
 
-    const _ProcessIdentity& Identity() const { return m_stIdentity; }
+    const ProcessIdentity& Identity() const { return m_stIdentity; }
     const std::string& PipeName() const { return m_strPipe; }
 
 private:
-    pid_t FindNewChild(const _LaunchMark& stMark);
+    pid_t FindNewChild(const LaunchMark& stMark);
     pid_t FindByPipe();
     bool Accept(pid_t iPid);
     bool IsWaitable(bool& bOurs) const;
 
     CProcReader& m_Reader;
     FILE* m_pStream = nullptr;
-    _ProcessIdentity m_stIdentity;  // no pid: the child could not be found
-    CUniqueDescriptor m_PidFd;      // none where the kernel has no pidfds, or no descriptor was left
+    ProcessIdentity m_stIdentity;  // no pid: the child could not be found
+    CUniqueDescriptor m_PidFd;     // none where the kernel has no pidfds, or no descriptor was left
     unsigned long long m_u64LaunchTime = 0;
     std::string m_strPipe;
 };

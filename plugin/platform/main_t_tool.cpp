@@ -62,7 +62,7 @@ private:
 };
 
 // False when there is no size to be taken: a directory opens and seeks like a file, but to an arbitrary end.
-bool TakeFileSize(FILE* pFile, uint32_t& uSize) {
+bool ReadFileSize(FILE* pFile, uint32_t& uSize) {
     struct stat stAttributes;
     if (fstat(fileno(pFile), &stAttributes) != 0 || S_ISDIR(stAttributes.st_mode))
         return false;
@@ -173,7 +173,7 @@ bool CMainTTool::ReadFileDataA(CPString strPath, std::string& strContent) {
         return false;
     strContent.clear();
     uint32_t uSize = 0;
-    if (!TakeFileSize(pFile.get(), uSize))
+    if (!ReadFileSize(pFile.get(), uSize))
         return false;
     strContent.assign(uSize, '\0');
     size_t uOffset = 0;

@@ -105,7 +105,7 @@ bool ReadNumbers(int iDirectory, std::vector<int>& numbers) {
     return iRead == 0;
 }
 
-bool ParseStat(const char* pszStat, _ProcessStat& stat) {
+bool ParseStat(const char* pszStat, ProcessStat& stat) {
     // The name stands in parentheses and may hold anything, parentheses included.
     const char* pszName = strrchr(pszStat, ')');
     if (!pszName)
@@ -137,7 +137,7 @@ CProcReader::COpened CProcReader::Open(const char* pszPath, int iFlags) {
     return {std::move(descriptor), m_Reserve, std::move(lock)};
 }
 
-CProcReader::ERead CProcReader::ReadStat(pid_t iPid, _ProcessStat& stat) {
+CProcReader::ERead CProcReader::ReadStat(pid_t iPid, ProcessStat& stat) {
     const COpened file = Open(CProcPath(iPid, "stat").Text(), 0);
     if (!file)
         return file.Failure();

@@ -11,14 +11,14 @@
 #include "plugin/platform/unique_descriptor.h"
 
 /// Names one process for good: a pid together with its start time is never used twice.
-struct _ProcessIdentity {
+struct ProcessIdentity {
     pid_t iPid = 0;
-    unsigned long long u64StartTime = 0;                        ///< Clock ticks since boot, field 22 of /proc/PID/stat.
-    auto operator<=>(const _ProcessIdentity&) const = default;  // NOLINT(modernize-use-nullptr): a fault of the check
+    unsigned long long u64StartTime = 0;                       ///< Clock ticks since boot, field 22 of /proc/PID/stat.
+    auto operator<=>(const ProcessIdentity&) const = default;  // NOLINT(modernize-use-nullptr): a fault of the check
 };
 
-struct _ProcessStat {
-    _ProcessIdentity stIdentity;
+struct ProcessStat {
+    ProcessIdentity stIdentity;
     pid_t iParent = 0;
     char cState = 0;
     long lThreads = 0;
@@ -43,7 +43,7 @@ public:
     CProcReader();
 
     /// A process that this one may not look at (hidepid) counts as gone: it could not be signalled either.
-    ERead ReadStat(pid_t iPid, _ProcessStat& stat);
+    ERead ReadStat(pid_t iPid, ProcessStat& stat);
 
     /// Appends every process of the machine. False when /proc could not be read.
     bool ListProcesses(std::vector<pid_t>& pids);

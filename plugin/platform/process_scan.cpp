@@ -7,24 +7,24 @@
 
 #include "plugin/platform/test_point.h"
 
-const _ProcessStat* _ProcessSnapshot::Find(pid_t iPid) const {
+const ProcessStat* ProcessSnapshot::Find(pid_t iPid) const {
     const auto it =
         std::lower_bound(processes.begin(), processes.end(), iPid,
-                         [](const _ProcessStat& stat, pid_t iSought) { return stat.stIdentity.iPid < iSought; });
+                         [](const ProcessStat& stat, pid_t iSought) { return stat.stIdentity.iPid < iSought; });
     return it != processes.end() && it->stIdentity.iPid == iPid ? &*it : nullptr;
 }
 
-bool _ProcessSnapshot::CanWrite(pid_t iPid, const std::string& strPipe) const {
+bool ProcessSnapshot::CanWrite(pid_t iPid, const std::string& strPipe) const {
     return std::binary_search(writers.begin(), writers.end(), std::pair(strPipe, iPid));
 }
 
 // Not inlined: a compiler that sees the address stored takes it for one that outlives the request.
-[[gnu::noinline]] void CProcessScan::Enqueue(_Request& request) {
+[[gnu::noinline]] void CProcessScan::Enqueue(Request& request) {
     request.pNext = std::exchange(m_pWaiting, &request);
 }
 
-std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& strPipe, unsigned long long u64Since) {
-    _Request request{strPipe, u64Since};
+std::shared_ptr<const ProcessSnapshot> CProcessScan::Look(const std::string& strPipe, unsigned long long u64Since) {
+    Request request{strPipe, u64Since};
     std::unique_lock lock(m_Lock);
     Enqueue(request);
     while (!request.bDone) {
@@ -33,13 +33,13 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& st
             continue;
         }
         // One of those who wait looks for all who wait by now.
-        _Request* const pRequests = std::exchange(m_pWaiting, nullptr);
+        Request* const pRequests = std::exchange(m_pWaiting, nullptr);
         m_bScanning = true;
         lock.unlock();
-        const std::shared_ptr<const _ProcessSnapshot> spSnapshot = Scan(pRequests);
+        const std::shared_ptr<const ProcessSnapshot> spSnapshot = Scan(pRequests);
         lock.lock();
         m_bScanning = false;
-        for (_Request* pRequest = pRequests; pRequest; pRequest = pRequest->pNext) {
+        for (Request* pRequest = pRequests; pRequest; pRequest = pRequest->pNext) {
             pRequest->spSnapshot = spSnapshot;
             pRequest->bDone = true;
         }
@@ -48,11 +48,11 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Look(const std::string& st
     return std::move(request.spSnapshot);
 }
 
-std::shared_ptr<const _ProcessSnapshot> CProcessScan::Scan(const _Request* pRequests) try {
-    auto spSnapshot = std::make_shared<_ProcessSnapshot>();
+std::shared_ptr<const ProcessSnapshot> CProcessScan::Scan(const Request* pRequests) try {
+    auto spSnapshot = std::make_shared<ProcessSnapshot>();
     std::vector<std::string> pipes;
     unsigned long long u64Since = pRequests->u64Since;
-    for (const _Request* pRequest = pRequests; pRequest; pRequest = pRequest->pNext) {
+    for (const Request* pRequest = pRequests; pRequest; pRequest = pRequest->pNext) {
         u64Since = std::min(u64Since, pRequest->u64Since);
         if (!pRequest->strPipe.empty())
             pipes.push_back(pRequest->strPipe);
@@ -65,7 +65,7 @@ std::shared_ptr<const _ProcessSnapshot> CProcessScan::Scan(const _Request* pRequ
     TestPoint("process scan");
     std::vector<std::string> written;
     for (const pid_t iPid : pids) {
-        _ProcessStat stat;
+        ProcessStat stat;
         CProcReader::ERead eRead = m_Reader.ReadStat(iPid, stat);
         if (eRead == CProcReader::ERead::Done) {
             spSnapshot->processes.push_back(stat);

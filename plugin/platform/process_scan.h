@@ -10,13 +10,13 @@
 #include "plugin/platform/proc_reader.h"
 
 /// The processes of the machine at one look.
-struct _ProcessSnapshot {
-    bool bComplete = true;                ///< False when something could not be looked at.
-    std::vector<_ProcessStat> processes;  ///< Sorted by pid.
+struct ProcessSnapshot {
+    bool bComplete = true;               ///< False when something could not be looked at.
+    std::vector<ProcessStat> processes;  ///< Sorted by pid.
     /// Who can write to a pipe that was asked for, sorted.
     std::vector<std::pair<std::string, pid_t>> writers;
 
-    const _ProcessStat* Find(pid_t iPid) const;
+    const ProcessStat* Find(pid_t iPid) const;
     bool CanWrite(pid_t iPid, const std::string& strPipe) const;
 };
 
@@ -30,23 +30,23 @@ public:
 
     /// A look that begins after this call. Processes that began before u64Since (clock ticks since boot) are not asked
     /// for the pipe. Null when memory is short.
-    std::shared_ptr<const _ProcessSnapshot> Look(const std::string& strPipe, unsigned long long u64Since);
+    std::shared_ptr<const ProcessSnapshot> Look(const std::string& strPipe, unsigned long long u64Since);
 
 private:
-    struct _Request {
+    struct Request {
         const std::string& strPipe;
         unsigned long long u64Since;
-        _Request* pNext = nullptr;
+        Request* pNext = nullptr;
         bool bDone = false;
-        std::shared_ptr<const _ProcessSnapshot> spSnapshot{};
+        std::shared_ptr<const ProcessSnapshot> spSnapshot{};
     };
 
-    void Enqueue(_Request& request);
-    std::shared_ptr<const _ProcessSnapshot> Scan(const _Request* pRequests);
+    void Enqueue(Request& request);
+    std::shared_ptr<const ProcessSnapshot> Scan(const Request* pRequests);
 
     CProcReader& m_Reader;
     std::mutex m_Lock;
     std::condition_variable m_Changed;
-    bool m_bScanning = false;        // guarded by m_Lock, as are the requests
-    _Request* m_pWaiting = nullptr;  // those whose look has not begun
+    bool m_bScanning = false;       // guarded by m_Lock, as are the requests
+    Request* m_pWaiting = nullptr;  // those whose look has not begun
 };

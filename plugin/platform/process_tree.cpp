@@ -30,11 +30,11 @@ constexpr milliseconds LAST_PAUSE{100};
 }  // namespace
 
 CProcessTree::CProcessTree(const CChildProcess& child, CProcReader& reader, CProcessScan& scan)
-    : m_Child(child), m_Reader(reader), m_Scan(scan), m_iPatience(UNINTERRUPTIBLE_LOOKS) {
+    : m_Child(child), m_Reader(reader), m_Scan(scan), m_iLooksLeft(UNINTERRUPTIBLE_LOOKS) {
 }
 
-bool CProcessTree::IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const {
-    const _ProcessIdentity& stIdentity = stat.stIdentity;
+bool CProcessTree::IsPartOfRun(const ProcessStat& stat, const ProcessSnapshot& snapshot) const {
+    const ProcessIdentity& stIdentity = stat.stIdentity;
     if (stIdentity.iPid == getpid() || stIdentity.iPid == 1)
         return false;
     if (stIdentity == m_Child.Identity())
@@ -51,15 +51,15 @@ bool CProcessTree::Collect() try {
     const auto spSnapshot = m_Scan.Look(m_Child.PipeName(), m_Child.Identity().u64StartTime);
     if (!spSnapshot)
         return false;
-    std::map<pid_t, _ProcessStat> found;
-    for (const _ProcessStat& stat : spSnapshot->processes) {
+    std::map<pid_t, ProcessStat> found;
+    for (const ProcessStat& stat : spSnapshot->processes) {
         if (IsPartOfRun(stat, *spSnapshot))
             found.emplace(stat.stIdentity.iPid, stat);
     }
     // A child may have a lower pid than its parent, so one pass over the table is not enough.
     for (bool bGrown = !found.empty(); bGrown;) {
         bGrown = false;
-        for (const _ProcessStat& stat : spSnapshot->processes) {
+        for (const ProcessStat& stat : spSnapshot->processes) {
             const pid_t iPid = stat.stIdentity.iPid;
             if (found.contains(stat.iParent) && iPid != getpid())
                 bGrown = found.emplace(iPid, stat).second || bGrown;
@@ -87,8 +87,8 @@ CProcessTree::EEnd CProcessTree::Look() {
     return bComplete && m_Child.IsKnown() && !m_Child.PipeName().empty() ? EEnd::Gone : EEnd::Unknown;
 }
 
-bool CProcessTree::IsAlive(const _ProcessIdentity& stIdentity) {
-    _ProcessStat stat;
+bool CProcessTree::IsAlive(const ProcessIdentity& stIdentity) {
+    ProcessStat stat;
     switch (m_Reader.ReadStat(stIdentity.iPid, stat)) {
         case CProcReader::ERead::Done:
             return stat.stIdentity == stIdentity && !stat.HasEnded();
@@ -103,9 +103,9 @@ bool CProcessTree::IsAlive(const _ProcessIdentity& stIdentity) {
 // A pidfd keeps naming the process it was opened for, so the check of the identity after the opening holds for the
 // signal: it cannot reach a process that has taken over the pid. Without a pidfd the check comes right before the
 // signal.
-bool CProcessTree::SignalProcess(const _ProcessIdentity& stIdentity, int iSignal) {
+bool CProcessTree::SignalProcess(const ProcessIdentity& stIdentity, int iSignal) {
     const CUniqueDescriptor pidFd = OpenPidFd(stIdentity.iPid);
-    _ProcessStat stat;
+    ProcessStat stat;
     const CProcReader::ERead eRead = m_Reader.ReadStat(stIdentity.iPid, stat);
     if (eRead == CProcReader::ERead::Done && stat.stIdentity == stIdentity && (!pidFd || !SignalPidFd(pidFd, iSignal)))
         kill(stIdentity.iPid, iSignal);
@@ -158,7 +158,7 @@ CProcessTree::EStop CProcessTree::StopAll() {
     bool bFailed = false;
     bool bUninterruptible = false;
     for (const auto& [iPid, stat] : m_Alive) {
-        const bool bGivenUp = stat.IsUninterruptible() && m_iPatience <= 0;
+        const bool bGivenUp = stat.IsUninterruptible() && m_iLooksLeft <= 0;
         if (m_Frozen.contains(stat.stIdentity) && (stat.IsStopped() || bGivenUp))
             continue;
         bAllStopped = false;
@@ -170,7 +170,7 @@ CProcessTree::EStop CProcessTree::StopAll() {
             continue;  // out of memory: it is stopped once more at the next look
         }
     }
-    m_iPatience -= bUninterruptible ? 1 : 0;
+    m_iLooksLeft -= bUninterruptible ? 1 : 0;
     if (bFailed)
         return EStop::Failed;
     return bAllStopped ? EStop::AllStopped : EStop::NotYet;

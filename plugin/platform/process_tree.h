@@ -37,16 +37,16 @@ private:
     bool Collect();
     EEnd Freeze();
     EStop StopAll();
-    bool IsPartOfRun(const _ProcessStat& stat, const _ProcessSnapshot& snapshot) const;
-    bool IsAlive(const _ProcessIdentity& stIdentity);
+    bool IsPartOfRun(const ProcessStat& stat, const ProcessSnapshot& snapshot) const;
+    bool IsAlive(const ProcessIdentity& stIdentity);
     void Signal(int iSignal);
-    bool SignalProcess(const _ProcessIdentity& stIdentity, int iSignal);
+    bool SignalProcess(const ProcessIdentity& stIdentity, int iSignal);
     void WaitGone(std::chrono::milliseconds time);
 
     const CChildProcess& m_Child;
     CProcReader& m_Reader;
     CProcessScan& m_Scan;
-    std::map<pid_t, _ProcessStat> m_Alive;  // as of the last look that succeeded
-    std::set<_ProcessIdentity> m_Frozen;    // those that were sent SIGSTOP
-    int m_iPatience;                        // looks at processes in an uninterruptible wait that are left
+    std::map<pid_t, ProcessStat> m_Alive;  // as of the last look that succeeded
+    std::set<ProcessIdentity> m_Frozen;    // those that were sent SIGSTOP
+    int m_iLooksLeft;                      // looks at processes in an uninterruptible wait that are left
 };

@@ -10,10 +10,10 @@
 
 #include "agent/bus/endpoint.h"
 #include "agent/bus/server_data.h"
-#include "agent/commands/command_desk.h"
+#include "agent/commands/command_service.h"
 #include "agent/records/report_envelope.h"
 #include "agent/reports/manager.h"
-#include "ctl/policies/trusted_keys.h"
+#include "ctl/policies/installed_keys.h"
 #include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -22,7 +22,7 @@ namespace qxpagent {
 namespace {
 
 constexpr size_t kCommands = 4;
-const Peer kPeer{1000, 1000, 4321, "operator"};
+const qxpbase::Peer kPeer{1000, 1000, 4321, "operator"};
 
 // What the outside was told; kept where no fault can lose it.
 struct Told {
@@ -60,23 +60,23 @@ public:
         : record_(record),
           store_(options),
           intake_(
-              store_, counters_, [this](const std::string& id) { return desk_.MayBeRefused(id); }, [] {}),
+              store_, counters_, [this](const std::string& id) { return commands_.MayBeRefused(id); }, [] {}),
           server_data_(bus_),
           manager_(bus_, intake_),
           plugin_(bus_),
-          desk_(store_, counters_, keys, nullptr,
-                [this](std::string document, uint32_t) { return server_data_.Send(std::move(document)); }) {
+          commands_(store_, counters_, keys, nullptr,
+                    [this](std::string document, uint32_t) { return server_data_.Send(std::move(document)); }) {
         Require(plugin_.Initialize(kPluginId));
         Require(plugin_.RegisterReceive(kCommandMessage, this, nullptr));
     }
     ~Life() override { bus_.Shutdown(); }
 
-    void TakeStock() {
-        desk_.TakeStock();
-        desk_.Settle();
+    void LoadOrphans() {
+        commands_.LoadOrphans();
+        commands_.RetryPending();
     }
     void Submit(size_t i, const std::string& document) {
-        const SubmitStatus status = desk_.Submit(document, kPeer).status;
+        const SubmitStatus status = commands_.Submit(document, kPeer).status;
         const bool taken = status == SubmitStatus::kTaken || status == SubmitStatus::kKnown;
         record_[i].taken = taken;
         record_[i].refused = !taken && status != SubmitStatus::kNotAcknowledged;
@@ -89,7 +89,7 @@ public:
     }
     void StoreFile(size_t i) {
         const std::string text = ReportText(i, "b");
-        intake_.TakeFile({Id(i) + ".json", 1, text.size(), "sum"}, text, ReadReport(text));
+        intake_.AcceptFile({Id(i) + ".json", 1, text.size(), "sum"}, text, ReadReport(text));
         record_[i].file_stored = true;
     }
     void Acknowledge(size_t i) {
@@ -101,7 +101,7 @@ public:
         store_.Probe();
         store_.Retain({}, std::chrono::system_clock::now());
     }
-    void End() { desk_.InterruptAll("the agent ended"); }
+    void End() { commands_.InterruptAll("the agent ended"); }
 
     Store& store() { return store_; }
 
@@ -127,7 +127,7 @@ private:
     ServerData server_data_;
     Manager manager_;
     Endpoint plugin_;
-    CommandDesk desk_;
+    CommandService commands_;
 };
 
 template <typename Step>
@@ -170,7 +170,7 @@ public:
 private:
     void Live() {
         Life life(options_, keys_, record_);
-        Try([&] { life.TakeStock(); });
+        Try([&] { life.LoadOrphans(); });
         for (size_t i = 0; i < kCommands; ++i) {
             if (record_[i].taken || record_[i].refused)
                 continue;
@@ -191,7 +191,7 @@ private:
                 Complain(0, "the store was found to be damaged: " + file.path().filename().string());
         const Record before = record_;
         Life life(options_, keys_, record_);
-        life.TakeStock();
+        life.LoadOrphans();
         for (size_t i = 0; i < kCommands; ++i) {
             const auto command = life.store().FindCommand(Id(i));
             if ((before[i].taken || before[i].handed_over != 0) && !command.has_value())

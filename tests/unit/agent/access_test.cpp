@@ -4,8 +4,8 @@
 
 #include "agent/access/access.h"
 #include "agent/access/script_directory.h"
-#include "agent/api/unix_listener.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
+#include "http/unix_listener.h"
 #include "tests/support/temp_dir.h"
 
 namespace qxpagent {
@@ -18,7 +18,7 @@ template <typename Function>
 std::string Refusal(const Function& function) {
     try {
         function();
-    } catch (const StartupError& error) {
+    } catch (const qxpbase::StartupError& error) {
         return error.what();
     }
     return "none";
@@ -158,7 +158,7 @@ TEST_F(AccessTest, FilesElsewhereAreExaminedToo) {
 TEST_F(AccessTest, ADirectoryForScriptsIsAllowedAndNobodyElseCanChangeTheWayToIt) {
     namespace fs = std::filesystem;
     const std::vector<fs::path> allowed{root_ / "jobs", root_ / "none"};
-    const auto why = [&](const std::string& path) { return WhyBadScriptDirectory(root_ / path, allowed, root_); };
+    const auto why = [&](const std::string& path) { return ValidateScriptDirectory(root_ / path, allowed, root_); };
     fs::create_directories(root_ / "jobs/daily");
     fs::create_directories(root_ / "open");
     fs::create_directory_symlink(root_ / "jobs", root_ / "link");
@@ -228,19 +228,21 @@ TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {
     const std::string path = installation_.socket.string();
     {
         const mode_t before = umask(0077);
-        const UnixListener listener(path);
+        const qxphttp::UnixListener listener(path, "agent");
         umask(before);
         EXPECT_EQ(0660U, ModeOf(path)) << "and not what the umask leaves";
         EXPECT_EQ(getegid(), GroupOf(path));
     }
-    EXPECT_THAT(Refusal([&] { const UnixListener listener(path, "no-such-group"); }), HasSubstr("no-such-group"));
+    EXPECT_THAT(Refusal([&] { const qxphttp::UnixListener listener(path, "agent", "no-such-group"); }),
+                HasSubstr("no-such-group"));
     const std::string foreign = "4321";
     if (geteuid() != 0) {
-        EXPECT_THAT(Refusal([&] { const UnixListener listener(path, foreign); }), HasSubstr("Start the agent as root"));
+        EXPECT_THAT(Refusal([&] { const qxphttp::UnixListener listener(path, "agent", foreign); }),
+                    HasSubstr("Start as root"));
         EXPECT_FALSE(std::filesystem::exists(path));
         return;
     }
-    const UnixListener listener(path, foreign);
+    const qxphttp::UnixListener listener(path, "agent", foreign);
     EXPECT_EQ(4321U, GroupOf(path));
     EXPECT_EQ(0660U, ModeOf(path));
     options_.socket_group = foreign;
@@ -253,10 +255,10 @@ TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
     const TempDir directory;
     const std::filesystem::path path = directory.Path() / "agent.sock";
     const auto refusal = [](const std::filesystem::path& socket_path) {
-        return Refusal([&] { const UnixListener listener(socket_path); });
+        return Refusal([&] { const qxphttp::UnixListener listener(socket_path, "agent"); });
     };
     {
-        const UnixListener listener(path);
+        const qxphttp::UnixListener listener(path, "agent");
         EXPECT_TRUE(std::filesystem::is_socket(path));
         EXPECT_EQ(0660U, ModeOf(path));
         EXPECT_THAT(refusal(path), HasSubstr("Another agent is running"));
@@ -268,12 +270,12 @@ TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
 
     // What an agent that was killed leaves behind: a name that nobody listens on.
     {
-        const UnixListener listener(path);
+        const qxphttp::UnixListener listener(path, "agent");
         std::filesystem::rename(path, directory / "kept");
     }
     std::filesystem::rename(directory / "kept", path);
     {
-        const UnixListener listener(path);
+        const qxphttp::UnixListener listener(path, "agent");
         std::filesystem::remove(path);
         directory.Write("agent.sock", "precious");
     }

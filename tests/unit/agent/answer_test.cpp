@@ -27,8 +27,9 @@ public:
 class AnswerTest : public HttpTest {
 protected:
     AnswerTest() {
-        listener_ = std::make_unique<UnixListener>(socket_);
-        server_ = std::make_unique<HttpServer>(*listener_, stored_api_);
+        listener_ = std::make_unique<qxphttp::UnixListener>(socket_, "agent");
+        server_ =
+            std::make_unique<qxphttp::Server>(*listener_, stored_api_, [](qxphttp::Severity, const std::string&) {});
     }
     ~AnswerTest() override { server_.reset(); }
 

@@ -2,8 +2,8 @@
 
 #include <regex>
 
-#include "agent/access/peer.h"
 #include "base/names.h"
+#include "base/peer.h"
 #include "tests/unit/agent/http_fixture.h"
 
 namespace qxpagent {
@@ -18,7 +18,7 @@ const WallTime kNoon{std::chrono::milliseconds(1800000000123)};
 
 CommandRecord Command(const std::string& id) {
     const std::vector<std::string> unreported{"a.sh"};
-    const Peer submitter{1000, 1001, 4242, "ops"};
+    const qxpbase::Peer submitter{1000, 1001, 4242, "ops"};
     const auto state = CommandState::kInterrupted;
     return {id, "RunScriptNormal", 7, state, "the agent ended", 3, 2, unreported, 12, "00ff", submitter, kNoon, kNoon,
             {}};

@@ -6,11 +6,11 @@
 #include <set>
 
 #include "agent/reports/result_collector.h"
-#include "agent/service/housekeeping.h"
-#include "agent/service/upkeep.h"
+#include "agent/service/leftovers.h"
+#include "agent/service/maintenance.h"
+#include "ctl/policies/installed_keys.h"
 #include "ctl/policies/key_file.h"
 #include "ctl/policies/signer.h"
-#include "ctl/policies/trusted_keys.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -207,19 +207,19 @@ TEST_F(FilesTest, ManyPolicyFilesOfNoUseAreMovedAside) {
     EXPECT_TRUE(Left(places.aside).empty());
 }
 
-TEST_F(FilesTest, TheUpkeepKeepsTheStoreWithinItsLimits) {
+TEST_F(FilesTest, MaintenanceKeepsTheStoreWithinItsLimits) {
     const qxppolicy::TrustedKeys keys;
-    CommandDesk desk(*store_, counters_, keys, nullptr, [](const std::string&, uint32_t) { return 0; });
-    Upkeep upkeep(*store_, desk, intake_, counters_, keys, {.bytes = 1000});
+    CommandService commands(*store_, counters_, keys, nullptr, [](const std::string&, uint32_t) { return 0; });
+    Maintenance maintenance(*store_, commands, intake_, counters_, keys, {.bytes = 1000});
     std::ofstream(data_ / "202611210903010001.sh") << "x";
     Age(data_ / "202611210903010001.sh");
-    upkeep.Start({.scripts = data_, .results = result_});
+    maintenance.Start({.scripts = data_, .results = result_});
     for (int i = 0; i < 10; ++i) {
         StoreReport(*store_, ReportOf("", std::string(400, 'x')), {});
     }
-    upkeep.StoreHasGrown();
+    maintenance.StoreHasGrown();
     EXPECT_TRUE(WaitUntil([&] { return store_->Bytes() <= 1000 && !fs::exists(data_ / "202611210903010001.sh"); }));
-    upkeep.Stop();
+    maintenance.Stop();
     EXPECT_EQ(2U, store_->Figures().reports);
     EXPECT_EQ(8U, counters_.Get().removed_undelivered);
 }

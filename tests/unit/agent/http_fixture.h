@@ -9,8 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/api/api.h"
-#include "agent/api/http_server.h"
-#include "agent/api/unix_listener.h"
+#include "http/server.h"
+#include "http/unix_listener.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/agent/test_support.h"
 
@@ -19,7 +19,7 @@ namespace qxpagent {
 /// An agent that answers as it is told, and notes what it was asked.
 class FakeAgent : public AgentControl {
 public:
-    SubmitOutcome Submit(std::string document, const Peer& peer) override {
+    SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer) override {
         submitted = std::move(document);
         submitter = peer;
         return submit_outcome;
@@ -56,7 +56,7 @@ public:
         acknowledged_up_to = cursor;
         return 4;
     }
-    std::optional<bool> RunOnce(const std::string& name, const Peer& /*peer*/) override {
+    std::optional<bool> RunOnce(const std::string& name, const qxpbase::Peer& /*peer*/) override {
         if (name == "slow.json") {
             ++running;
             EXPECT_TRUE(finish.Wait());
@@ -83,7 +83,7 @@ public:
 
     SubmitOutcome submit_outcome;
     std::string submitted;
-    Peer submitter;
+    qxpbase::Peer submitter;
     std::vector<CommandRecord> commands;
     CommandQuery command_query;
     std::vector<Report> reports;
@@ -126,9 +126,10 @@ struct Reply {
 /// The API over a real Unix socket.
 class HttpTest : public testing::Test {
 protected:
-    void Serve(const HttpLimits& limits = {}) {
-        listener_ = std::make_unique<UnixListener>(socket_);
-        server_ = std::make_unique<HttpServer>(*listener_, api_, limits);
+    void Serve(const qxphttp::Limits& limits = {}) {
+        listener_ = std::make_unique<qxphttp::UnixListener>(socket_, "agent");
+        server_ = std::make_unique<qxphttp::Server>(
+            *listener_, api_, [](qxphttp::Severity, const std::string&) {}, limits);
     }
 
     Reply Request(const std::string& method, const std::string& target, const std::string& body = "",
@@ -184,8 +185,8 @@ protected:
     const std::filesystem::path socket_ = directory_.Path() / "agent.sock";
     FakeAgent agent_;
     Api api_{agent_};
-    std::unique_ptr<UnixListener> listener_;
-    std::unique_ptr<HttpServer> server_;
+    std::unique_ptr<qxphttp::UnixListener> listener_;
+    std::unique_ptr<qxphttp::Server> server_;
 
 private:
     static size_t AppendBody(char* data, size_t size, size_t count, void* reply) {

@@ -67,11 +67,13 @@ TEST_F(HttpTest, WhoeverDripsIsCutOffAndShutsOutNobody) {
     }
 }
 
-TEST(HttpDoorTest, NobodyTakesWhatIsForOthers) {
+TEST(ConnectionLimiterTest, NobodyTakesWhatIsForOthers) {
     constexpr uid_t kRoot = 0;
-    HttpDoor door({.requests = 3, .connections = 5, .user_connections = 2, .body_bytes = 100, .user_body_bytes = 60});
+    qxphttp::ConnectionLimiter limiter(
+        {.requests = 3, .connections = 5, .user_connections = 2, .body_bytes = 100, .user_body_bytes = 60},
+        [](qxphttp::Severity, const std::string&) {});
     int next = 1000;
-    const auto connect = [&](uid_t user) { return door.Admit(next++, user); };
+    const auto connect = [&](uid_t user) { return limiter.Admit(next++, user); };
     EXPECT_TRUE(connect(101) && connect(101));
     EXPECT_FALSE(connect(101)) << "its own two are used";
     EXPECT_TRUE(connect(102) && connect(102) && connect(103));
@@ -80,29 +82,29 @@ TEST(HttpDoorTest, NobodyTakesWhatIsForOthers) {
         EXPECT_TRUE(connect(kRoot)) << i;
     }
     EXPECT_FALSE(connect(kRoot));
-    door.Forget(1000);
-    door.Forget(1000);
+    limiter.Forget(1000);
+    limiter.Forget(1000);
     EXPECT_TRUE(connect(104));
     EXPECT_FALSE(connect(101)) << "one was given up, and is another's now";
 
     for (const uid_t user : {101, 102, 103}) {
-        EXPECT_TRUE(door.AddRequest(user));
-        EXPECT_TRUE(door.AddRequest(kRoot));
+        EXPECT_TRUE(limiter.AddRequest(user));
+        EXPECT_TRUE(limiter.AddRequest(kRoot));
     }
-    EXPECT_FALSE(door.AddRequest(104));
-    EXPECT_FALSE(door.AddRequest(kRoot));
-    door.RemoveRequest(104);
-    door.RemoveRequest(101);
-    EXPECT_TRUE(door.AddRequest(104));
+    EXPECT_FALSE(limiter.AddRequest(104));
+    EXPECT_FALSE(limiter.AddRequest(kRoot));
+    limiter.RemoveRequest(104);
+    limiter.RemoveRequest(101);
+    EXPECT_TRUE(limiter.AddRequest(104));
 
-    EXPECT_TRUE(door.AddBody(101, 60));
-    EXPECT_FALSE(door.AddBody(101, 1));
-    EXPECT_FALSE(door.AddBody(102, 41));
-    EXPECT_TRUE(door.AddBody(102, 40));
-    EXPECT_TRUE(door.AddBody(kRoot, 100));
-    EXPECT_FALSE(door.AddBody(kRoot, 1));
-    door.RemoveBody(101, 60);
-    EXPECT_TRUE(door.AddBody(102, 20));
+    EXPECT_TRUE(limiter.AddBody(101, 60));
+    EXPECT_FALSE(limiter.AddBody(101, 1));
+    EXPECT_FALSE(limiter.AddBody(102, 41));
+    EXPECT_TRUE(limiter.AddBody(102, 40));
+    EXPECT_TRUE(limiter.AddBody(kRoot, 100));
+    EXPECT_FALSE(limiter.AddBody(kRoot, 1));
+    limiter.RemoveBody(101, 60);
+    EXPECT_TRUE(limiter.AddBody(102, 20));
 }
 
 TEST_F(HttpTest, RunOnceAnswersWhenTheCallReturns) {

@@ -5,7 +5,7 @@
 
 #include "agent/bus/endpoint.h"
 #include "agent/service/plugin_module.h"
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 #include "qxhost/init_block.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/agent/test_support.h"
@@ -97,7 +97,7 @@ TEST_F(PluginModuleTest, AStepThatFailsUndoesExactlyTheStepsBefore) {
     const auto calls_of_failed_start = [&] {
         fake_.calls.clear();
         PluginModule plugin(FakeEntryPoints());
-        EXPECT_THROW(plugin.Start(endpoint_, "agent_type=X"), StartupError);
+        EXPECT_THROW(plugin.Start(endpoint_, "agent_type=X"), qxpbase::StartupError);
         EXPECT_EQ(std::nullopt, plugin.RunOnce("good.json"));
         return fake_.calls;
     };
@@ -137,7 +137,7 @@ TEST_F(PluginModuleTest, RunningOnceDelaysTheEndAndIsRefusedAfterTheStop) {
 TEST(LoadPluginTest, SaysInOneLineWhatIsWrong) {
     const TempDir directory;
     const auto expect_refusal = [](const std::string& path, const char* why) {
-        EXPECT_THAT([&] { LoadPlugin(path); }, testing::ThrowsMessage<StartupError>(testing::HasSubstr(why)));
+        EXPECT_THAT([&] { LoadPlugin(path); }, testing::ThrowsMessage<qxpbase::StartupError>(testing::HasSubstr(why)));
     };
     expect_refusal(directory / "none.so", "none.so is missing");
     expect_refusal(directory.Write("text.so", "no library"), "cannot be loaded");

@@ -5,7 +5,7 @@
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
 #include "agent/reports/manager.h"
-#include "agent/time_text.h"
+#include "base/time_text.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -100,8 +100,8 @@ TEST_F(ManagerTest, AReportThatTheStoreDoesNotTakeWaitsWithThoseBehindIt) {
         order += report.id;
     }
     EXPECT_EQ("123", order);
-    EXPECT_THAT(intake_.TakeLost(), testing::ElementsAre(testing::Field(&ReportContent::id, "4")));
-    EXPECT_THAT(intake_.TakeLost(), testing::IsEmpty());
+    EXPECT_THAT(intake_.ExtractLost(), testing::ElementsAre(testing::Field(&ReportContent::id, "4")));
+    EXPECT_THAT(intake_.ExtractLost(), testing::IsEmpty());
     EXPECT_EQ(1U, counters_.Get().reports_lost);
     EXPECT_EQ(kBusOk, Send("{}")) << "there is room again";
 }
@@ -174,7 +174,7 @@ TEST(LocalTimeTextTest, IsRfc3339WithTheOffsetOfThePlace) {
     const auto in_zone = [&](const char* name) {
         setenv("TZ", name, 1);
         tzset();
-        return LocalTimeText(time);
+        return qxpbase::LocalTimeText(time);
     };
     EXPECT_EQ("2026-11-21T01:21:30.007+00:00", in_zone("UTC"));
     EXPECT_EQ("2026-11-21T09:21:30.007+08:00", in_zone("XST-8"));

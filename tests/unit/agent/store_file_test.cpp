@@ -1,7 +1,7 @@
 // The store's file: damaged, or not ours.
 #include <gmock/gmock.h>
 
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -20,7 +20,8 @@ protected:
         return sizes;
     }
     void ExpectRefusal(const char* why) const {
-        EXPECT_THAT([this] { Store{options_}; }, testing::ThrowsMessage<StartupError>(testing::HasSubstr(why)));
+        EXPECT_THAT([this] { Store{options_}; },
+                    testing::ThrowsMessage<qxpbase::StartupError>(testing::HasSubstr(why)));
     }
 };
 

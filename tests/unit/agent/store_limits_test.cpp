@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "agent/startup_error.h"
+#include "base/startup_error.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -90,7 +90,7 @@ TEST_F(StoreTest, ALockedStoreRefusesAndGoesOnAfterwards) {
     lock.reset();
     EXPECT_EQ(2U, Append("{}"));
     EXPECT_EQ("", store_->Figures().fault);
-    EXPECT_THROW(Store second(options_), StartupError) << "one agent a store";
+    EXPECT_THROW(Store second(options_), qxpbase::StartupError) << "one agent a store";
     std::thread leaving([&] { store_.reset(); });
     EXPECT_NO_THROW(Store next(options_)) << "one that is about to end is waited for";
     leaving.join();

@@ -84,10 +84,10 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
                                                     R"("data":{"reason":"power \"cut\"","unreported":["a"]}})")));
 
     Deliver("gone");
-    store_->TakeBack("gone");
+    store_->Withdraw("gone");
     EXPECT_FALSE(store_->FindCommand("gone").has_value());
     EXPECT_EQ(Admission::kNew, store_->Admit(CommandOf("gone"), record)) << "as if it had never been there";
-    store_->TakeBack("c");
+    store_->Withdraw("c");
     EXPECT_TRUE(store_->FindCommand("c").has_value()) << "a final word is never taken back";
 }
 

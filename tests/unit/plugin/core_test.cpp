@@ -203,13 +203,13 @@ TEST_F(CoreTest, OnlyInitMakesAManagerAndRunOnceUsesItsFileUp) {
         EXPECT_FALSE(run_once());
         EXPECT_TRUE(std::filesystem::exists(file)) << time;
         plugin_recv_handler(POLICY);
-        EXPECT_FALSE(TakePolicyFile(POLICY)) << "stays where it is " << time;
+        EXPECT_FALSE(AcceptPolicyFile(POLICY)) << "stays where it is " << time;
         EXPECT_EQ(CMaintMgr::Present(), nullptr) << time;
         ASSERT_EQ(Init("agent_type=KSTL"), 0);
         uninit();
     }
     ASSERT_EQ(Init("agent_type=KSTL"), 0);
-    EXPECT_TRUE(TakePolicyFile(POLICY));
+    EXPECT_TRUE(AcceptPolicyFile(POLICY));
     EXPECT_FALSE(run_once());
     EXPECT_FALSE(std::filesystem::exists(file));
 }

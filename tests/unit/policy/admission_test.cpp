@@ -11,7 +11,7 @@ namespace {
 
 std::string Why(const std::string& document) {
     qxtools::CPJsonParse json;
-    return WhyNotAdmitted(document, json);
+    return ValidateForAdmission(document, json);
 }
 
 std::string WithScripts(const std::string& scripts) {

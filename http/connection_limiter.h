@@ -7,16 +7,18 @@
 #include <cstddef>
 #include <map>
 #include <mutex>
+#include <utility>
 
-#include "agent/api/http_limits.h"
+#include "http/limits.h"
+#include "http/log_sink.h"
 
-namespace qxpagent {
+namespace qxphttp {
 
 /// Keeps account of what each user has of the HTTP server, and of how long each connection takes: whoever drips, or
 /// opens many connections, shuts out nobody else. Any thread.
-class HttpDoor {
+class ConnectionLimiter {
 public:
-    explicit HttpDoor(const HttpLimits& limits) : limits_(limits) {}
+    ConnectionLimiter(const Limits& limits, LogSink log) : limits_(limits), log_(std::move(log)) {}
 
     /// What a connection is doing. All but the answer, which takes as long as it takes, have a time limit.
     enum class Step { kHead, kBody, kAnswer, kSending };
@@ -63,7 +65,9 @@ private:
     Clock::time_point DeadlineOf(Step step) const;
     Clock::time_point ShutOverdue();
 
-    const HttpLimits limits_;
+    // Constant after construction.
+    const Limits limits_;
+    const LogSink log_;
 
     std::mutex mutex_;
     std::condition_variable request_ended_;
@@ -76,4 +80,4 @@ private:
     bool ended_ = false;
 };
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -1,4 +1,4 @@
-#include "ctl/policies/trusted_keys.h"
+#include "ctl/policies/installed_keys.h"
 
 #include <filesystem>
 #include <system_error>

@@ -1,13 +1,13 @@
-#include "agent/api/http_door.h"
+#include "http/connection_limiter.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 
-#include "agent/log.h"
+#include <fmt/core.h>
 
-namespace qxpagent {
+namespace qxphttp {
 
 namespace {
 
@@ -19,21 +19,22 @@ bool IsTrusted(uid_t user) {
 }  // namespace
 
 // What the user's load is measured against: its own when it is trusted, else that of all who are not.
-HttpDoor::Load& HttpDoor::PoolOf(uid_t user) {
+ConnectionLimiter::Load& ConnectionLimiter::PoolOf(uid_t user) {
     return IsTrusted(user) ? users_[user] : others_;
 }
 
-bool HttpDoor::MayConnect(uid_t user) {
+bool ConnectionLimiter::MayConnect(uid_t user) {
     return PoolOf(user).connections < limits_.connections &&
            (IsTrusted(user) || users_[user].connections < limits_.user_connections);
 }
 
-bool HttpDoor::Admit(int connection, uid_t user) {
+bool ConnectionLimiter::Admit(int connection, uid_t user) {
     const std::lock_guard lock(mutex_);
     const bool is_in = MayConnect(user);
     Load& load = users_[user];
     if (!is_in && !load.is_refused) {
-        QXPAGENT_LOG(kLogWarn, "http: uid %u has %u connections and gets no more", user, load.connections);
+        log_(Severity::kWarning,
+             fmt::format("http: uid {} has {} connections and gets no more", user, load.connections));
     }
     load.is_refused = !is_in;
     connections_[connection] = {user, is_in, Step::kHead, DeadlineOf(is_in ? Step::kHead : Step::kAnswer)};
@@ -42,12 +43,12 @@ bool HttpDoor::Admit(int connection, uid_t user) {
     return is_in;
 }
 
-void HttpDoor::CountConnection(uid_t user, int change) {
+void ConnectionLimiter::CountConnection(uid_t user, int change) {
     users_[user].connections += static_cast<unsigned int>(change);
     others_.connections += static_cast<unsigned int>(IsTrusted(user) ? 0 : change);
 }
 
-void HttpDoor::Begin(int connection, Step step) {
+void ConnectionLimiter::Begin(int connection, Step step) {
     const std::lock_guard lock(mutex_);
     if (const auto found = connections_.find(connection); found != connections_.end()) {
         found->second.step = step;
@@ -55,7 +56,7 @@ void HttpDoor::Begin(int connection, Step step) {
     }
 }
 
-void HttpDoor::Forget(int connection) {
+void ConnectionLimiter::Forget(int connection) {
     const std::lock_guard lock(mutex_);
     const auto found = connections_.find(connection);
     if (found == connections_.end()) {
@@ -68,7 +69,7 @@ void HttpDoor::Forget(int connection) {
     }
 }
 
-HttpDoor::Clock::time_point HttpDoor::DeadlineOf(Step step) const {
+ConnectionLimiter::Clock::time_point ConnectionLimiter::DeadlineOf(Step step) const {
     switch (step) {
         case Step::kHead:
             return Clock::now() + limits_.head;
@@ -82,7 +83,7 @@ HttpDoor::Clock::time_point HttpDoor::DeadlineOf(Step step) const {
     return Clock::time_point::max();
 }
 
-void HttpDoor::EndOverdue() {
+void ConnectionLimiter::EndOverdue() {
     std::unique_lock lock(mutex_);
     while (!ended_) {
         changed_.wait(lock, [this] { return ended_ || !connections_.empty(); });
@@ -90,13 +91,13 @@ void HttpDoor::EndOverdue() {
     }
 }
 
-void HttpDoor::End() {
+void ConnectionLimiter::End() {
     const std::lock_guard lock(mutex_);
     ended_ = true;
     changed_.notify_all();
 }
 
-void HttpDoor::ShutAll(std::chrono::milliseconds wait) {
+void ConnectionLimiter::ShutAll(std::chrono::milliseconds wait) {
     std::unique_lock lock(mutex_);
     for (const auto& [descriptor, connection] : connections_) {
         shutdown(descriptor, SHUT_RDWR);
@@ -105,14 +106,15 @@ void HttpDoor::ShutAll(std::chrono::milliseconds wait) {
 }
 
 // Nothing has to be shut before the time that is returned.
-HttpDoor::Clock::time_point HttpDoor::ShutOverdue() {
+ConnectionLimiter::Clock::time_point ConnectionLimiter::ShutOverdue() {
     const Clock::time_point now = Clock::now();
     // A step that begins meanwhile may be over sooner than all that are there now.
     Clock::time_point next = now + std::min({limits_.head, limits_.body, limits_.sending});
     for (auto& [descriptor, connection] : connections_) {
         if (connection.deadline <= now) {
-            QXPAGENT_LOG(kLogInfo, "http: a connection of uid %u was closed: the time for %s is over", connection.user,
-                         connection.step == Step::kSending ? "reading its answer" : "sending its request");
+            log_(Severity::kInfo,
+                 fmt::format("http: a connection of uid {} was closed: the time for {} is over", connection.user,
+                             connection.step == Step::kSending ? "reading its answer" : "sending its request"));
             shutdown(descriptor, SHUT_RDWR);  // its thread closes it
             connection.deadline = Clock::time_point::max();
         }
@@ -121,7 +123,7 @@ HttpDoor::Clock::time_point HttpDoor::ShutOverdue() {
     return next;
 }
 
-bool HttpDoor::AddRequest(uid_t user) {
+bool ConnectionLimiter::AddRequest(uid_t user) {
     const std::lock_guard lock(mutex_);
     ++requests_;
     ++users_[user].requests;
@@ -129,7 +131,7 @@ bool HttpDoor::AddRequest(uid_t user) {
     return PoolOf(user).requests <= limits_.requests;
 }
 
-void HttpDoor::RemoveRequest(uid_t user) {
+void ConnectionLimiter::RemoveRequest(uid_t user) {
     const std::lock_guard lock(mutex_);
     --requests_;
     --users_[user].requests;
@@ -137,12 +139,12 @@ void HttpDoor::RemoveRequest(uid_t user) {
     request_ended_.notify_all();
 }
 
-void HttpDoor::AwaitRequests(std::chrono::milliseconds wait) {
+void ConnectionLimiter::AwaitRequests(std::chrono::milliseconds wait) {
     std::unique_lock lock(mutex_);
     request_ended_.wait_for(lock, wait, [this] { return requests_ == 0; });
 }
 
-bool HttpDoor::AddBody(uid_t user, size_t bytes) {
+bool ConnectionLimiter::AddBody(uid_t user, size_t bytes) {
     const std::lock_guard lock(mutex_);
     Load& load = users_[user];
     if (PoolOf(user).body_bytes + bytes > limits_.body_bytes ||
@@ -154,10 +156,10 @@ bool HttpDoor::AddBody(uid_t user, size_t bytes) {
     return true;
 }
 
-void HttpDoor::RemoveBody(uid_t user, size_t bytes) {
+void ConnectionLimiter::RemoveBody(uid_t user, size_t bytes) {
     const std::lock_guard lock(mutex_);
     users_[user].body_bytes -= bytes;
     others_.body_bytes -= IsTrusted(user) ? 0 : bytes;
 }
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -1,4 +1,4 @@
-#include "agent/access/peer.h"
+#include "base/peer.h"
 
 #include <sys/socket.h>
 
@@ -7,7 +7,7 @@
 
 #include "base/names.h"
 
-namespace qxpagent {
+namespace qxpbase {
 
 namespace {
 
@@ -28,7 +28,7 @@ uid_t UserOf(int socket) {
 
 Peer PeerOf(int socket) {
     const ucred credentials = CredentialsOf(socket);
-    return {credentials.uid, credentials.gid, credentials.pid, qxpbase::UserName(credentials.uid)};
+    return {credentials.uid, credentials.gid, credentials.pid, UserName(credentials.uid)};
 }
 
-}  // namespace qxpagent
+}  // namespace qxpbase

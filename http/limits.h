@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstddef>
 
-namespace qxpagent {
+namespace qxphttp {
 
 /// What the clients of the HTTP server may use. Root and the agent's own user have all of it for themselves; the others
 /// share as much, and none of them gets more than its part.
-struct HttpLimits {
+struct Limits {
     unsigned int requests = 64;             // read or handled at once; one more is answered with 503
     unsigned int connections = 128;         // idle ones included; one more is answered with 503 and closed
     unsigned int user_connections = 32;     // of one user
@@ -20,4 +20,4 @@ struct HttpLimits {
     std::chrono::milliseconds drain{2000};  // how long Stop lets answers that are under way go out
 };
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -2,12 +2,12 @@
 
 #include <stdexcept>
 
-namespace qxpagent {
+namespace qxpbase {
 
-/// Why the agent cannot start: one line that says what is wrong and what to do about it.
+/// Why a program cannot start: one line that says what is wrong and what to do about it.
 class StartupError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-}  // namespace qxpagent
+}  // namespace qxpbase

@@ -1,4 +1,4 @@
-#include "ctl/client/patience.h"
+#include "ctl/client/retrying_request.h"
 
 #include <algorithm>
 #include <thread>
@@ -14,17 +14,17 @@ constexpr milliseconds kFirstPause{100};
 constexpr milliseconds kLongestPause{2000};
 constexpr milliseconds kTickInterval{100};
 
-std::optional<Patience::Clock::time_point> DeadlineAfter(std::optional<seconds> limit) {
-    return limit ? std::optional(Patience::Clock::now() + *limit) : std::nullopt;
+std::optional<RetryingRequest::Clock::time_point> DeadlineAfter(std::optional<seconds> limit) {
+    return limit ? std::optional(RetryingRequest::Clock::now() + *limit) : std::nullopt;
 }
 
 }  // namespace
 
-Patience::Patience(const Console& console, std::optional<seconds> limit, Tick tick)
+RetryingRequest::RetryingRequest(const Console& console, std::optional<seconds> limit, Tick tick)
     : console_(console), tick_(std::move(tick)), deadline_(DeadlineAfter(limit)) {
 }
 
-Patience::End Patience::Try(const std::function<bool()>& request) {
+RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) {
     for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
         try {
             if (away_ && on_return_)
@@ -47,13 +47,13 @@ Patience::End Patience::Try(const std::function<bool()>& request) {
     }
 }
 
-seconds Patience::Left(seconds most) const {
+seconds RetryingRequest::Left(seconds most) const {
     if (!deadline_)
         return most;
     return std::clamp(std::chrono::ceil<seconds>(*deadline_ - Clock::now()), seconds(0), most);
 }
 
-bool Patience::Pause(milliseconds pause) const {
+bool RetryingRequest::Pause(milliseconds pause) const {
     Clock::time_point end = Clock::now() + pause;
     if (deadline_)
         end = std::min(end, *deadline_);
@@ -65,7 +65,7 @@ bool Patience::Pause(milliseconds pause) const {
     return !tick_ || tick_();
 }
 
-void Patience::Say(const std::string& text) const {
+void RetryingRequest::Say(const std::string& text) const {
     if (!console_.Remarks().IsTerminal())
         return;
     if (before_remark_)

@@ -1,4 +1,4 @@
-#include "agent/service/upkeep.h"
+#include "agent/service/maintenance.h"
 
 #include <pthread.h>
 
@@ -17,35 +17,35 @@ constexpr std::chrono::minutes kRoundTime{10};   // ages are looked at
 
 }  // namespace
 
-Upkeep::Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters,
-               const qxppolicy::TrustedKeys& keys, const Retention& retention)
-    : store_(store), desk_(desk), intake_(intake), counters_(counters), keys_(keys), retention_(retention) {
+Maintenance::Maintenance(Store& store, CommandService& commands, ReportIntake& intake, RunCounters& counters,
+                         const qxppolicy::TrustedKeys& keys, const Retention& retention)
+    : store_(store), commands_(commands), intake_(intake), counters_(counters), keys_(keys), retention_(retention) {
 }
 
-Upkeep::~Upkeep() {
+Maintenance::~Maintenance() {
     Stop();
 }
 
-void Upkeep::Start(const Places& places) {
+void Maintenance::Start(const Places& places) {
     places_ = places;
     thread_ = std::thread([this] { Loop(); });
-    pthread_setname_np(thread_.native_handle(), "qxpupkeep");
+    pthread_setname_np(thread_.native_handle(), "qxpmaintain");
 }
 
-void Upkeep::StoreHasGrown() {
+void Maintenance::StoreHasGrown() {
     const std::lock_guard lock(mutex_);
     grown_ = true;
     woken_.notify_all();
 }
 
-void Upkeep::SetRetention(const Retention& retention) {
+void Maintenance::SetRetention(const Retention& retention) {
     const std::lock_guard lock(mutex_);
     retention_ = retention;
     grown_ = true;
     woken_.notify_all();
 }
 
-void Upkeep::Stop() {
+void Maintenance::Stop() {
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
@@ -56,7 +56,7 @@ void Upkeep::Stop() {
     }
 }
 
-void Upkeep::Loop() {
+void Maintenance::Loop() {
     auto next_round = std::chrono::steady_clock::now();
     std::unique_lock lock(mutex_);
     while (!stopping_) {
@@ -75,12 +75,12 @@ void Upkeep::Loop() {
     }
 }
 
-void Upkeep::Round(bool all, const Retention& retention) {
+void Maintenance::Round(bool all, const Retention& retention) {
     try {
         MoveUnusablePolicies(places_, keys_);
         StoreWaiting();
         store_.Probe();
-        desk_.Settle();
+        commands_.RetryPending();
         if (all || store_.Bytes() > retention.bytes) {
             Retain(retention);
         }
@@ -88,20 +88,20 @@ void Upkeep::Round(bool all, const Retention& retention) {
             RemoveLeftovers(store_, places_, std::chrono::system_clock::now() - retention.leftover_age);
         }
     } catch (const std::exception& error) {  // a store that fails, or no memory
-        QXPAGENT_LOG(kLogError, "the upkeep of the store failed: %s", error.what());
+        QXPAGENT_LOG(kLogError, "the maintenance of the store failed: %s", error.what());
     }
 }
 
-void Upkeep::StoreWaiting() {
+void Maintenance::StoreWaiting() {
     if (intake_.Waiting() != 0) {
         intake_.StoreWaiting();
     }
-    for (const ReportContent& content : intake_.TakeLost()) {
-        desk_.ReportLost(content);
+    for (const ReportContent& content : intake_.ExtractLost()) {
+        commands_.ReportLost(content);
     }
 }
 
-void Upkeep::Retain(const Retention& retention) {
+void Maintenance::Retain(const Retention& retention) {
     const Removed removed = store_.Retain(retention, std::chrono::system_clock::now());
     counters_.RemovedUndelivered(removed.unacknowledged);
     if (removed.unacknowledged > 0) {

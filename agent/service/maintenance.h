@@ -5,11 +5,11 @@
 #include <mutex>
 #include <thread>
 
-#include "agent/commands/command_desk.h"
+#include "agent/commands/command_service.h"
 #include "agent/config/options.h"
 #include "agent/reports/report_intake.h"
 #include "agent/reports/run_counters.h"
-#include "agent/service/housekeeping.h"
+#include "agent/service/leftovers.h"
 #include "agent/store/store.h"
 #include "policy/trusted_keys.h"
 
@@ -17,14 +17,14 @@ namespace qxpagent {
 
 /// A thread that keeps the store within its limits and the plugin's directories tidy, and tries again what the store
 /// did not take.
-class Upkeep {
+class Maintenance {
 public:
     /// All must outlive it.
-    Upkeep(Store& store, CommandDesk& desk, ReportIntake& intake, RunCounters& counters,
-           const qxppolicy::TrustedKeys& keys, const Retention& retention);
-    ~Upkeep();
-    Upkeep(const Upkeep&) = delete;
-    Upkeep& operator=(const Upkeep&) = delete;
+    Maintenance(Store& store, CommandService& commands, ReportIntake& intake, RunCounters& counters,
+                const qxppolicy::TrustedKeys& keys, const Retention& retention);
+    ~Maintenance();
+    Maintenance(const Maintenance&) = delete;
+    Maintenance& operator=(const Maintenance&) = delete;
 
     /// Begins; the first round comes at once.
     void Start(const Places& places);
@@ -43,7 +43,7 @@ private:
 
     // Constant after Start.
     Store& store_;
-    CommandDesk& desk_;
+    CommandService& commands_;
     ReportIntake& intake_;
     RunCounters& counters_;
     const qxppolicy::TrustedKeys& keys_;

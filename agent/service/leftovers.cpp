@@ -1,4 +1,4 @@
-#include "agent/service/housekeeping.h"
+#include "agent/service/leftovers.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,7 +57,7 @@ uint64_t RemoveFiles(int directory, const std::vector<std::string>& names, WallT
 }
 
 // Why the plugin will never take a policy file; empty when it may, or when nobody can tell now.
-std::string WhyUnusable(int directory, const std::string& name, const qxppolicy::TrustedKeys& keys) {
+std::string ReasonUnusable(int directory, const std::string& name, const qxppolicy::TrustedKeys& keys) {
     const std::optional<ResultFile> file = ReadResultFile(directory, name);
     if (!file.has_value() || file->mark.size > kMostPolicyBytes ||
         file->mark.modified_ns > Nanoseconds(std::chrono::system_clock::now() - kSettleTime)) {
@@ -135,7 +135,7 @@ uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys
         if (std::chrono::steady_clock::now() > deadline) {
             break;
         }
-        const std::string reason = WhyUnusable(directory.Get(), name, keys);
+        const std::string reason = ReasonUnusable(directory.Get(), name, keys);
         if (!reason.empty() && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
             ++moved;
             example.assign(name).append(": ").append(reason);

@@ -1,13 +1,13 @@
-#include "agent/commands/command_desk.h"
+#include "agent/commands/command_service.h"
 
 #include <gmock/gmock.h>
 
 #include <thread>
 
 #include "agent/bus/message_bus.h"
+#include "ctl/policies/installed_keys.h"
 #include "ctl/policies/key_file.h"
 #include "ctl/policies/signer.h"
-#include "ctl/policies/trusted_keys.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -15,12 +15,12 @@ namespace {
 
 using testing::HasSubstr;
 
-const Peer kPeer{1000, 1000, 4321, "operator"};
+const qxpbase::Peer kPeer{1000, 1000, 4321, "operator"};
 
-// The desk over a store, with a plugin that does as the test says.
-class CommandDeskTest : public StoreTest {
+// The commands over a store, with a plugin that does as the test says.
+class CommandServiceTest : public StoreTest {
 protected:
-    CommandDeskTest() {
+    CommandServiceTest() {
         const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
         keys_.AddKeyFile(directory_.Write("pub.pem", qxpctl::WriteKeyPair(key).public_pem));
         sign_ = qxpctl::Sign(key, "ZWNobwo=");
@@ -29,9 +29,9 @@ protected:
 
     // As a new process would: what is not in the store is gone.
     void Restart() {
-        desk_.reset();
+        commands_.reset();
         Open();
-        desk_ = std::make_unique<CommandDesk>(
+        commands_ = std::make_unique<CommandService>(
             *store_, counters_, keys_, [this](const std::string&) { return directory_fault_; },
             [this](const std::string& document, uint32_t /*scripts*/) {
                 delivered_.push_back(document);
@@ -54,14 +54,14 @@ protected:
         CommandRecord record;
         EXPECT_EQ(Admission::kNew, store_->Admit(command, record));
     }
-    SubmitStatus Submit(const std::string& document) { return desk_->Submit(document, kPeer).status; }
+    SubmitStatus Submit(const std::string& document) { return commands_->Submit(document, kPeer).status; }
     void PluginSays(int result) {
         plugin_ = [result](const std::string&) { return result; };
     }
     void Report(const std::string& text) {
         ReportIntake intake(
-            *store_, counters_, [this](const std::string& id) { return desk_->MayBeRefused(id); }, [] {});
-        EXPECT_TRUE(intake.TakeMessage(Envelope(text)));
+            *store_, counters_, [this](const std::string& id) { return commands_->MayBeRefused(id); }, [] {});
+        EXPECT_TRUE(intake.AcceptMessage(Envelope(text)));
     }
     CommandState StateOf(const std::string& id) { return store_->FindCommand(id).value().state; }
     size_t AgentReports(const std::string& id) { return Cursors({.id = id, .source = ReportSource::kAgent}).size(); }
@@ -71,17 +71,17 @@ protected:
     std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
     std::string directory_fault_;
     std::vector<std::string> delivered_;
-    std::unique_ptr<CommandDesk> desk_;
+    std::unique_ptr<CommandService> commands_;
 };
 
-TEST_F(CommandDeskTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) {
+TEST_F(CommandServiceTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) {
     plugin_ = [this](const std::string&) {
         EXPECT_EQ(CommandState::kDelivered, StateOf("c"));
         return kBusOk;
     };
     const std::string document = Document("c", Script("a") + "," + Script("b", "EXE") + "," + Script("z", "zip") + "," +
                                                    Script("bad", "sh", "01100000ff") + "," + Script("w", "bat"));
-    const SubmitOutcome outcome = desk_->Submit(document, kPeer);
+    const SubmitOutcome outcome = commands_->Submit(document, kPeer);
     ASSERT_EQ(SubmitStatus::kTaken, outcome.status);
     const CommandRecord& command = outcome.command.value();
     EXPECT_EQ(CommandState::kDelivered, command.state);
@@ -92,25 +92,25 @@ TEST_F(CommandDeskTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) {
     EXPECT_EQ(document, delivered_.at(0)) << "not a byte differs";
 
     EXPECT_EQ(SubmitStatus::kKnown, Submit(document));
-    const SubmitOutcome conflict = desk_->Submit(document + " ", kPeer);
+    const SubmitOutcome conflict = commands_->Submit(document + " ", kPeer);
     EXPECT_EQ(SubmitStatus::kConflict, conflict.status);
     EXPECT_THAT(conflict.detail, HasSubstr("\"c\""));
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("a/b")));
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit("no json"));
     EXPECT_EQ(1U, delivered_.size());
     EXPECT_EQ(1U, counters_.Get().commands_taken);
-    EXPECT_EQ(2U, counters_.Get().commands_refused_at_door);
+    EXPECT_EQ(2U, counters_.Get().commands_refused_at_admission);
 }
 
-TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
-    EXPECT_EQ(CommandState::kReported, desk_->Submit(Document("zip", Script("z", "zip")), kPeer).command->state)
+TEST_F(CommandServiceTest, TheAnswerTellsWhatCameOfIt) {
+    EXPECT_EQ(CommandState::kReported, commands_->Submit(Document("zip", Script("z", "zip")), kPeer).command->state)
         << "nothing of it has a result";
     plugin_ = [this](const std::string&) {
         Report(R"({"ID":"full","msg_type":"4","data_type":"x"})");
         return kBusOk;
     };
     const auto expect_refused = [this](const std::string& document, const char* reason) {
-        const SubmitOutcome outcome = desk_->Submit(document, kPeer);
+        const SubmitOutcome outcome = commands_->Submit(document, kPeer);
         EXPECT_EQ(SubmitStatus::kTaken, outcome.status);
         EXPECT_EQ(CommandState::kRefused, outcome.command->state);
         EXPECT_THAT(outcome.command->reason, HasSubstr(reason));
@@ -128,7 +128,7 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     EXPECT_EQ(5U, counters_.Get().commands_taken);
 
     PluginSays(kBusTimedOut);
-    const SubmitOutcome outcome = desk_->Submit(Document("late"), kPeer);
+    const SubmitOutcome outcome = commands_->Submit(Document("late"), kPeer);
     EXPECT_EQ(SubmitStatus::kNotAcknowledged, outcome.status);
     EXPECT_EQ(CommandState::kDelivered, outcome.command->state) << "it may run, so it stays";
     for (int i = 0; i < 2; ++i) {
@@ -139,7 +139,7 @@ TEST_F(CommandDeskTest, TheAnswerTellsWhatCameOfIt) {
     EXPECT_EQ(6U, counters_.Get().commands_taken);
 }
 
-TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {
+TEST_F(CommandServiceTest, WhatNeverReachedThePluginCanBeSentAgain) {
     PluginSays(kBusQueueFull);
     EXPECT_EQ(SubmitStatus::kBusy, Submit(Document("c")));
     PluginSays(kBusUndelivered);
@@ -149,7 +149,7 @@ TEST_F(CommandDeskTest, WhatNeverReachedThePluginCanBeSentAgain) {
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
 }
 
-TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
+TEST_F(CommandServiceTest, AStoreThatCannotBeWrittenTakesNoCommand) {
     std::unique_ptr<SQLite::Database> lock = Lock();
     EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
     EXPECT_TRUE(delivered_.empty());
@@ -178,11 +178,11 @@ TEST_F(CommandDeskTest, AStoreThatCannotBeWrittenTakesNoCommand) {
     plugin_ = locks;
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("d", Script("z", "zip"))));
     lock.reset();
-    desk_->InterruptAll("stopped");
+    commands_->InterruptAll("stopped");
     EXPECT_EQ(CommandState::kInterrupted, StateOf("d"));
 }
 
-TEST_F(CommandDeskTest, SubmissionsOfOneIdFollowEachOther) {
+TEST_F(CommandServiceTest, SubmissionsOfOneIdFollowEachOther) {
     Happening inside;
     Happening release;
     plugin_ = [&](const std::string&) {
@@ -200,7 +200,7 @@ TEST_F(CommandDeskTest, SubmissionsOfOneIdFollowEachOther) {
     EXPECT_EQ(2U, delivered_.size());
 }
 
-TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord) {
+TEST_F(CommandServiceTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord) {
     Submit(Document("running", Script("a") + "," + Script("b")));
     Report(ResultText("running", RunText("a", "t", "")));
     Submit(Document("done"));
@@ -210,16 +210,16 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
 
     Restart();
     delivered_.clear();
-    desk_->TakeStock();
+    commands_->LoadOrphans();
     // A result file of the time before is found while the stock is taken.
     Report(ResultText("late", RunText("f", "t", "")));
     auto lock = Lock();
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_EQ(CommandState::kDelivered, StateOf("running")) << "nothing could be written";
     EXPECT_TRUE(delivered_.empty());
     lock.reset();
     Submit(Document("new"));
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_EQ(CommandState::kInterrupted, StateOf("running"));
     EXPECT_EQ(std::vector<std::string>{"b"}, store_->FindCommand("running")->unreported);
     EXPECT_EQ(CommandState::kReported, StateOf("done"));
@@ -230,26 +230,26 @@ TEST_F(CommandDeskTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord
     EXPECT_EQ(1U, AgentReports("running"));
     EXPECT_EQ(1U, counters_.Get().runs_interrupted);
 
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_EQ(2U, delivered_.size());
-    desk_->InterruptAll("stopped");
+    commands_->InterruptAll("stopped");
     EXPECT_EQ(CommandState::kInterrupted, StateOf("new"));
     EXPECT_EQ(1U, AgentReports("new"));
     EXPECT_EQ(1U, AgentReports("running"));
     EXPECT_EQ(0U, AgentReports("done"));
 }
 
-TEST_F(CommandDeskTest, ACommandWhoseReportsAreLostGetsItsFinalWord) {
+TEST_F(CommandServiceTest, ACommandWhoseReportsAreLostGetsItsFinalWord) {
     Submit(Document("c", Script("a") + "," + Script("a") + "," + Script("b")));
     Submit(Document("refused"));
     const auto lose = [this](const std::string& id, const std::string& runs) {
-        desk_->ReportLost(ReadReport(ResultText(id, runs)));
-        desk_->Settle();
+        commands_->ReportLost(ReadReport(ResultText(id, runs)));
+        commands_->RetryPending();
     };
     lose("nobody's", "");
     lose("c", RunText("a", "1", ""));
     Report(ResultText("c", RunText("b", "1", "")));
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_EQ(CommandState::kDelivered, StateOf("c")) << "the other run of \"a\" is to be heard of";
     lose("c", RunText("a", "2", ""));
     EXPECT_EQ(CommandState::kInterrupted, StateOf("c"));
@@ -257,33 +257,33 @@ TEST_F(CommandDeskTest, ACommandWhoseReportsAreLostGetsItsFinalWord) {
     EXPECT_EQ((std::vector<std::string>{"a", "a"}), store_->FindCommand("c")->unreported);
 
     auto lock = Lock();
-    desk_->ReportLost(ReadReport(R"({"ID":"refused","msg_type":"4"})"));
-    desk_->Settle();
+    commands_->ReportLost(ReadReport(R"({"ID":"refused","msg_type":"4"})"));
+    commands_->RetryPending();
     lock.reset();
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_EQ(CommandState::kRefused, StateOf("refused"));
 }
 
-TEST_F(CommandDeskTest, AJournalledCommandThatCannotBeDeliveredWaits) {
+TEST_F(CommandServiceTest, AJournalledCommandThatCannotBeDeliveredWaits) {
     Journal("z");
     Journal("c");
     for (const int status : {kBusUndelivered, kBusNotAttached, kBusQueueFull, kBusOk}) {
         delivered_.clear();
         PluginSays(status);
-        desk_->Settle();
+        commands_->RetryPending();
         EXPECT_EQ(status == kBusOk ? CommandState::kDelivered : CommandState::kReceived, StateOf("c")) << status;
         EXPECT_EQ((std::vector<std::string>{Document("z"), Document("c")}), delivered_) << "in order of arrival";
     }
 }
 
 // The store may have been written by others, or the machine is another than when the command came.
-TEST_F(CommandDeskTest, AJournalledCommandIsAdmittedAgainBeforeItIsDelivered) {
+TEST_F(CommandServiceTest, AJournalledCommandIsAdmittedAgainBeforeItIsDelivered) {
     const std::string placed = R"({"scriptpath":"/opt/x",)" + Script("a").substr(1);
     Journal("id", Document("i/d"));
     Journal("path", Document("path", placed));
     directory_fault_ = "leads elsewhere";
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("new", placed)));
-    desk_->Settle();
+    commands_->RetryPending();
     EXPECT_TRUE(delivered_.empty());
     EXPECT_EQ(CommandState::kRefused, StateOf("id"));
     EXPECT_THAT(store_->FindCommand("path")->reason, HasSubstr("\"scriptpath\" leads elsewhere"));

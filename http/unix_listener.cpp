@@ -1,4 +1,4 @@
-#include "agent/api/unix_listener.h"
+#include "http/unix_listener.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -13,36 +13,37 @@
 #include <system_error>
 #include <utility>
 
-#include "agent/access/access.h"
-#include "agent/startup_error.h"
 #include "base/errno_text.h"
 #include "base/lock_file.h"
+#include "base/names.h"
+#include "base/startup_error.h"
 
-namespace qxpagent {
+namespace qxphttp {
 
 namespace {
 
 constexpr int kBacklog = 64;
 
-qxpbase::UniqueFd TakeLock(const std::filesystem::path& socket_path) {
+qxpbase::UniqueFd AcquireLock(const std::filesystem::path& socket_path, const std::string& server) {
     const std::string path = socket_path.string() + ".lock";
     try {
-        std::optional<qxpbase::UniqueFd> lock = qxpbase::TakeLockFile(path);
+        std::optional<qxpbase::UniqueFd> lock = qxpbase::AcquireLockFile(path);
         if (lock.has_value()) {
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw StartupError("The lock file " + path + " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
-                           ". Create its directory, or name another socket with --socket.");
+        throw qxpbase::StartupError("The lock file " + path +
+                                    " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
+                                    ". Create its directory, or name another socket with --socket.");
     }
-    throw StartupError("Another agent is running, or still stopping, on " + socket_path.string() +
-                       ": stop it, or name another socket with --socket.");
+    throw qxpbase::StartupError("Another " + server + " is running, or still stopping, on " + socket_path.string() +
+                                ": stop it, or name another socket with --socket.");
 }
 
 qxpbase::UniqueFd NewSocket() {
     qxpbase::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.IsOpen()) {
-        throw StartupError("No socket can be made: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError("No socket can be made: " + qxpbase::ErrnoText(errno) + ".");
     }
     return fd;
 }
@@ -51,14 +52,15 @@ sockaddr_un AddressOf(const std::filesystem::path& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.native().size() >= sizeof(address.sun_path)) {
-        throw StartupError("The socket path " + path.string() + " is longer than " +
-                           std::to_string(sizeof(address.sun_path) - 1) + " bytes: name a shorter one with --socket.");
+        throw qxpbase::StartupError("The socket path " + path.string() + " is longer than " +
+                                    std::to_string(sizeof(address.sun_path) - 1) +
+                                    " bytes: name a shorter one with --socket.");
     }
     std::memcpy(address.sun_path, path.c_str(), path.native().size() + 1);
     return address;
 }
 
-// Makes the path free for a new socket: removes what a dead agent has left, and nothing else.
+// Makes the path free for a new socket: removes what a dead server has left, and nothing else.
 void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& address) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
@@ -66,30 +68,33 @@ void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& add
             return;
         }
         const int error = errno;
-        throw StartupError("The socket " + path.string() + " cannot be examined: " + qxpbase::ErrnoText(error) + ".");
+        throw qxpbase::StartupError("The socket " + path.string() +
+                                    " cannot be examined: " + qxpbase::ErrnoText(error) + ".");
     }
     if (!S_ISSOCK(status.st_mode)) {
-        throw StartupError(path.string() + " exists and is not a socket: remove it, or name another with --socket.");
+        throw qxpbase::StartupError(path.string() +
+                                    " exists and is not a socket: remove it, or name another with --socket.");
     }
     const qxpbase::UniqueFd probe = NewSocket();
     if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
         errno != ECONNREFUSED) {
-        throw StartupError("Another process is serving " + path.string() +
-                           ": stop it, or name another socket with --socket.");
+        throw qxpbase::StartupError("Another process is serving " + path.string() +
+                                    ": stop it, or name another socket with --socket.");
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         const int error = errno;
-        throw StartupError("The stale socket " + path.string() + " cannot be removed: " + qxpbase::ErrnoText(error) +
-                           ".");
+        throw qxpbase::StartupError("The stale socket " + path.string() +
+                                    " cannot be removed: " + qxpbase::ErrnoText(error) + ".");
     }
 }
 
 }  // namespace
 
-UnixListener::UnixListener(const std::filesystem::path& path, const std::string& group) : path_(path) {
+UnixListener::UnixListener(const std::filesystem::path& path, const std::string& server, const std::string& group)
+    : path_(path) {
     const sockaddr_un address = AddressOf(path_);
-    const gid_t group_number = group.empty() ? getegid() : FindGroup(group);
-    lock_ = TakeLock(path_);
+    const gid_t group_number = group.empty() ? getegid() : qxpbase::FindGroup(group);
+    lock_ = AcquireLock(path_, server);
     RemoveStaleSocket(path_, address);
     socket_ = NewSocket();
     // On Linux the name that bind makes takes the mode of the socket's own inode, less the umask.
@@ -98,7 +103,8 @@ UnixListener::UnixListener(const std::filesystem::path& path, const std::string&
         bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         lstat(path_.c_str(), &status) != 0) {
         const int error = errno;
-        throw StartupError("The socket " + path_.string() + " cannot be made: " + qxpbase::ErrnoText(error) + ".");
+        throw qxpbase::StartupError("The socket " + path_.string() + " cannot be made: " + qxpbase::ErrnoText(error) +
+                                    ".");
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -122,9 +128,9 @@ void UnixListener::SetAccess(gid_t group) {
         (status.st_gid != group && fchownat(name.Get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0) ||
         chmod(name_path.c_str(), 0660) != 0 || listen(socket_.Get(), kBacklog) != 0) {
         const int error = errno;
-        throw StartupError("The socket " + path_.string() +
-                           " cannot be given to its group: " + qxpbase::ErrnoText(error) +
-                           ". Start the agent as root, or name a group of its user with --socket-group.");
+        throw qxpbase::StartupError("The socket " + path_.string() +
+                                    " cannot be given to its group: " + qxpbase::ErrnoText(error) +
+                                    ". Start as root, or name a group of its user with --socket-group.");
     }
 }
 
@@ -140,4 +146,4 @@ void UnixListener::RemoveName() {
     inode_ = 0;
 }
 
-}  // namespace qxpagent
+}  // namespace qxphttp

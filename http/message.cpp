@@ -1,8 +1,8 @@
-#include "agent/api/http_message.h"
+#include "http/message.h"
 
 #include <nlohmann/json.hpp>
 
-namespace qxpagent {
+namespace qxphttp {
 
 namespace {
 
@@ -39,24 +39,24 @@ const char* Title(int status) {
 
 }  // namespace
 
-void HttpBody::Append(std::string_view text) {
+void Body::Append(std::string_view text) {
     if (pieces_.empty() || pieces_.back().size() + text.size() > kPieceBytes) {
         pieces_.emplace_back();
     }
     pieces_.back().append(text);
 }
 
-void HttpBody::Take(std::string text) {
+void Body::Take(std::string text) {
     pieces_.push_back(std::move(text));
 }
 
-HttpResponse Problem(int status, const std::string& detail) {
+Response Problem(int status, const std::string& detail) {
     nlohmann::ordered_json problem;
     problem["type"] = "about:blank";
     problem["title"] = Title(status);
     problem["status"] = status;
     problem["detail"] = detail;
-    HttpResponse response;
+    Response response;
     response.status = status;
     response.content_type = "application/problem+json";
     response.body = problem.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
@@ -66,4 +66,4 @@ HttpResponse Problem(int status, const std::string& detail) {
     return response;
 }
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -1,5 +1,6 @@
-#include "agent/api/http_server.h"
+#include "http/server.h"
 
+#include <fmt/core.h>
 #include <microhttpd.h>
 #include <pthread.h>
 #include <strings.h>
@@ -19,20 +20,19 @@
 #include <utility>
 #include <vector>
 
-#include "agent/access/peer.h"
-#include "agent/log.h"
-#include "agent/startup_error.h"
+#include "base/peer.h"
+#include "base/startup_error.h"
 #include "base/whole_number.h"
 
-namespace qxpagent {
+namespace qxphttp {
 
 // One request on its way through the server. Used by the connection's thread only.
-struct HttpServer::Exchange {
-    HttpRequest request;
+struct Server::Exchange {
+    Request request;
     size_t max_body = 0;
-    size_t discarded = 0;                 // body bytes that came after the request was refused
-    std::optional<HttpResponse> refusal;  // decided before the body was complete
-    bool refuse_now = false;              // a refusal need not wait for the body
+    size_t discarded = 0;             // body bytes that came after the request was refused
+    std::optional<Response> refusal;  // decided before the body was complete
+    bool refuse_now = false;          // a refusal need not wait for the body
 };
 
 namespace {
@@ -62,12 +62,12 @@ std::vector<std::string_view> HeaderValues(MHD_Connection* connection, std::stri
 
 // How a body comes, as the head says.
 struct BodyFrame {
-    uint64_t length = 0;                  // as declared; 0 when it comes in chunks
-    std::optional<HttpResponse> refusal;  // nobody knows where this request ends
+    uint64_t length = 0;              // as declared; 0 when it comes in chunks
+    std::optional<Response> refusal;  // nobody knows where this request ends
 };
 
-HttpResponse Unframed(int status, const char* detail) {
-    HttpResponse response = Problem(status, detail);
+Response Unframed(int status, const char* detail) {
+    Response response = Problem(status, detail);
     response.headers.emplace_back(MHD_HTTP_HEADER_CONNECTION, "close");
     return response;
 }
@@ -96,33 +96,33 @@ BodyFrame FrameOf(MHD_Connection* connection) {
 }
 
 // How much of a body is read only to be thrown away. A client that is cut off while it is still sending may never see
-// the answer, so a refusal waits for the body, but not for any length of it.
-size_t Patience(size_t max_body) {
+// the answer, so a refusal waits for the body, up to this.
+size_t MaxDrainedBytes(size_t max_body) {
     return 2 * max_body;
 }
 
-HttpResponse TooLarge(size_t limit) {
+Response TooLarge(size_t limit) {
     return Problem(413, "The body is larger than the " + std::to_string(limit) + " bytes that this path takes.");
 }
 
 // Null when there is no memory for it.
-MHD_Response* MakeMessage(HttpBody body) {
-    auto owned = std::make_unique<HttpBody>(std::move(body));
+MHD_Response* MakeMessage(Body body) {
+    auto owned = std::make_unique<Body>(std::move(body));
     std::vector<MHD_IoVec> parts;
     for (const std::string& piece : owned->Pieces()) {
         parts.push_back({piece.data(), piece.size()});
     }
     MHD_Response* const message = MHD_create_response_from_iovec(
-        parts.data(), static_cast<unsigned int>(parts.size()),
-        [](void* pieces) { delete static_cast<HttpBody*>(pieces); }, owned.get());
+        parts.data(), static_cast<unsigned int>(parts.size()), [](void* pieces) { delete static_cast<Body*>(pieces); },
+        owned.get());
     if (message != nullptr) {
-        [[maybe_unused]] HttpBody* const given = owned.release();
+        [[maybe_unused]] Body* const given = owned.release();
     }
     return message;
 }
 
 // A whole answer at once, for a connection of which nothing more is wanted. Small: it never waits for the client.
-void SendAndShut(int descriptor, const HttpResponse& response) {
+void SendAndShut(int descriptor, const Response& response) {
     std::string body;
     for (const std::string& piece : response.body.Pieces()) {
         body += piece;
@@ -139,7 +139,7 @@ void SendAndShut(int descriptor, const HttpResponse& response) {
     shutdown(descriptor, SHUT_RDWR);
 }
 
-MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
+MHD_Result Queue(MHD_Connection* connection, Response response) {
     MHD_Response* const message = MakeMessage(std::move(response.body));
     if (message == nullptr) {
         return MHD_NO;
@@ -155,10 +155,10 @@ MHD_Result Queue(MHD_Connection* connection, HttpResponse response) {
 
 }  // namespace
 
-struct HttpServer::Callbacks {
+struct Server::Callbacks {
     static MHD_Result OnRequest(void* server, MHD_Connection* connection, const char* path, const char* method,
                                 const char* /*version*/, const char* data, size_t* size, void** state) {
-        auto* const self = static_cast<HttpServer*>(server);
+        auto* const self = static_cast<Server*>(server);
         try {
             if (*state == nullptr) {
                 auto* const exchange = self->Begin(connection, path, method);
@@ -169,36 +169,36 @@ struct HttpServer::Callbacks {
             }
             auto& exchange = *static_cast<Exchange*>(*state);
             if (*size != 0) {
-                const bool go_on = self->TakeBody(exchange, data, std::exchange(*size, 0));
+                const bool go_on = self->ReceiveBody(exchange, data, std::exchange(*size, 0));
                 return go_on ? MHD_YES : MHD_NO;
             }
             return Queue(connection, self->Answer(connection, exchange));
         } catch (const std::exception& error) {
-            QXPAGENT_LOG(kLogError, "a connection was closed: %s", error.what());
+            self->log_(Severity::kError, fmt::format("a connection was closed: {}", error.what()));
             return MHD_NO;
         }
     }
 
     static void OnEnd(void* server, MHD_Connection* connection, void** state, MHD_RequestTerminationCode /*why*/) {
         if (*state != nullptr) {
-            static_cast<HttpServer*>(server)->End(connection, static_cast<Exchange*>(*state));
+            static_cast<Server*>(server)->End(connection, static_cast<Exchange*>(*state));
             *state = nullptr;
         }
     }
 
     static void OnConnection(void* server, MHD_Connection* connection, void** /*state*/,
                              MHD_ConnectionNotificationCode what) {
-        HttpDoor& door = static_cast<HttpServer*>(server)->door_;
+        auto& self = *static_cast<Server*>(server);
         const int descriptor = DescriptorOf(connection);
         if (what == MHD_CONNECTION_NOTIFY_CLOSED) {
-            return door.Forget(descriptor);
+            return self.limiter_.Forget(descriptor);
         }
         try {
-            if (!door.Admit(descriptor, UserOf(descriptor))) {
-                Refuse(descriptor, 503, "Too many connections of this user, or of all: come again later.");
+            if (!self.limiter_.Admit(descriptor, qxpbase::UserOf(descriptor))) {
+                self.Refuse(descriptor, 503, "Too many connections of this user, or of all: come again later.");
             }
         } catch (const std::exception& error) {
-            QXPAGENT_LOG(kLogError, "a connection was closed: %s", error.what());
+            self.log_(Severity::kError, fmt::format("a connection was closed: {}", error.what()));
             shutdown(descriptor, SHUT_RDWR);
         }
     }
@@ -211,7 +211,7 @@ struct HttpServer::Callbacks {
 
     static MHD_Result OnQueryParameter(void* query, MHD_ValueKind /*kind*/, const char* key, size_t key_size,
                                        const char* value, size_t value_size) {
-        static_cast<decltype(HttpRequest::query)*>(query)->emplace_back(
+        static_cast<decltype(Request::query)*>(query)->emplace_back(
             std::string(key, key_size), value != nullptr ? std::string(value, value_size) : std::string());
         return MHD_YES;
     }
@@ -223,15 +223,17 @@ struct HttpServer::Callbacks {
         return size;
     }
 
-    static void OnLog(void* /*unused*/, const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+    static void OnLog(void* server, const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+        const auto& self = *static_cast<Server*>(server);
         if (std::string_view(format).starts_with(kOwnAnswer) && current_descriptor >= 0) {
-            Refuse(current_descriptor, static_cast<int>(va_arg(arguments, unsigned int)), "The request is malformed.");
+            self.Refuse(current_descriptor, static_cast<int>(va_arg(arguments, unsigned int)),
+                        "The request is malformed.");
             return;
         }
         std::array<char, 512> text{};
         vsnprintf(text.data(), text.size(), format, arguments);
         text[std::strcspn(text.data(), "\n")] = '\0';
-        QXPAGENT_LOG(kLogWarn, "http: %s", text.data());
+        self.log_(Severity::kWarning, fmt::format("http: {}", text.data()));
     }
 
 private:
@@ -239,31 +241,26 @@ private:
     // in HTML, and a wrong length twice in one; so the answer is given here, and its own finds the connection shut.
     static constexpr std::string_view kOwnAnswer = "Error processing request (HTTP response code is %u";
 
-    // Answers for the library, which then finds the connection shut.
-    static void Refuse(int descriptor, int status, const char* detail) {
-        try {
-            SendAndShut(descriptor, Problem(status, detail));
-        } catch (const std::exception& error) {
-            QXPAGENT_LOG(kLogWarn, "http: %s", error.what());
-            shutdown(descriptor, SHUT_RDWR);
-        }
-    }
-
     static thread_local int current_descriptor;  // of the connection whose request this thread is reading
 };
 
-thread_local int HttpServer::Callbacks::current_descriptor = -1;
+thread_local int Server::Callbacks::current_descriptor = -1;
 
-HttpServer::HttpServer(UnixListener& listener, HttpHandler& handler, const HttpLimits& limits)
-    : listener_(listener), handler_(handler), limits_(limits), door_(limits), watch_([this] { door_.EndOverdue(); }) {
+Server::Server(UnixListener& listener, Handler& handler, LogSink log, const Limits& limits)
+    : listener_(listener),
+      handler_(handler),
+      log_(std::move(log)),
+      limits_(limits),
+      limiter_(limits, log_),
+      watch_([this] { limiter_.EndOverdue(); }) {
     pthread_setname_np(watch_.native_handle(), "qxphttptimes");
     constexpr unsigned int kSpare = 64;  // connections that are being refused or closed
     // The server library suppresses SIGPIPE on its own threads and makes every descriptor close-on-exec.
     daemon_ = MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL |
                                    MHD_USE_ITC | MHD_USE_ERROR_LOG,
-                               0, nullptr, nullptr, &Callbacks::OnRequest, this,        //
-                               MHD_OPTION_EXTERNAL_LOGGER, &Callbacks::OnLog, nullptr,  // first: set-up errors count
-                               MHD_OPTION_LISTEN_SOCKET, listener_.Release(),           //
+                               0, nullptr, nullptr, &Callbacks::OnRequest, this,     //
+                               MHD_OPTION_EXTERNAL_LOGGER, &Callbacks::OnLog, this,  // first: set-up errors count
+                               MHD_OPTION_LISTEN_SOCKET, listener_.Release(),        //
                                MHD_OPTION_CONNECTION_LIMIT, 2 * limits_.connections + kSpare,                   //
                                MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits_.idle.count()),  //
                                MHD_OPTION_UNESCAPE_CALLBACK, &Callbacks::Unescape, nullptr,                     //
@@ -273,44 +270,55 @@ HttpServer::HttpServer(UnixListener& listener, HttpHandler& handler, const HttpL
                                MHD_OPTION_END);
     if (daemon_ == nullptr) {
         EndWatch();
-        throw StartupError("The HTTP server cannot be started on " + listener_.Path().string() + ": the log says why.");
+        throw qxpbase::StartupError("The HTTP server cannot be started on " + listener_.Path().string() +
+                                    ": the log says why.");
     }
 }
 
-HttpServer::~HttpServer() {
+Server::~Server() {
     Stop();
 }
 
-void HttpServer::Stop() {
+void Server::Stop() {
     if (daemon_ == nullptr) {
         return;
     }
     listener_.RemoveName();
     const qxpbase::UniqueFd listening(MHD_quiesce_daemon(daemon_));  // still polled until the daemon has been stopped
-    door_.AwaitRequests(limits_.drain);
+    limiter_.AwaitRequests(limits_.drain);
     // Without any connection: the library follows a null pointer when it is stopped while it answers a wrong length.
-    door_.ShutAll(limits_.drain);
+    limiter_.ShutAll(limits_.drain);
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
     EndWatch();
 }
 
-void HttpServer::EndWatch() {
-    door_.End();
+// Answers in place of the server library, which then finds the connection shut.
+void Server::Refuse(int descriptor, int status, const char* detail) const {
+    try {
+        SendAndShut(descriptor, Problem(status, detail));
+    } catch (const std::exception& error) {
+        log_(Severity::kWarning, fmt::format("http: {}", error.what()));
+        shutdown(descriptor, SHUT_RDWR);
+    }
+}
+
+void Server::EndWatch() {
+    limiter_.End();
     watch_.join();
 }
 
-HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* path, const char* method) {
+Server::Exchange* Server::Begin(MHD_Connection* connection, const char* path, const char* method) {
     auto exchange = std::make_unique<Exchange>();
-    HttpRequest& request = exchange->request;
+    Request& request = exchange->request;
     request.method = method;
     request.path = path;
     const int descriptor = DescriptorOf(connection);
-    request.peer = PeerOf(descriptor);
+    request.peer = qxpbase::PeerOf(descriptor);
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::OnQueryParameter, &request.query);
     exchange->max_body = handler_.MaxBodyBytes(request);
     BodyFrame frame = FrameOf(connection);
-    exchange->refuse_now = frame.refusal.has_value() || frame.length > Patience(exchange->max_body) ||
+    exchange->refuse_now = frame.refusal.has_value() || frame.length > MaxDrainedBytes(exchange->max_body) ||
                            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_EXPECT) != nullptr;
     if (frame.refusal.has_value()) {
         exchange->refusal = std::move(frame.refusal);
@@ -319,63 +327,63 @@ HttpServer::Exchange* HttpServer::Begin(MHD_Connection* connection, const char* 
     } else {
         request.body.reserve(frame.length);
     }
-    door_.Begin(descriptor, HttpDoor::Step::kBody);
-    if (!door_.AddRequest(request.peer.uid) && !exchange->refusal.has_value()) {
+    limiter_.Begin(descriptor, ConnectionLimiter::Step::kBody);
+    if (!limiter_.AddRequest(request.peer.uid) && !exchange->refusal.has_value()) {
         exchange->refusal = Problem(503, "Too many requests at once: send this one again later.");
     }
     return exchange.release();
 }
 
 // False ends the connection.
-bool HttpServer::TakeBody(Exchange& exchange, const char* data, size_t size) {
+bool Server::ReceiveBody(Exchange& exchange, const char* data, size_t size) {
     std::string& body = exchange.request.body;
     if (!exchange.refusal.has_value()) {
         if (size > exchange.max_body - body.size()) {
             exchange.refusal = TooLarge(exchange.max_body);
-        } else if (!door_.AddBody(exchange.request.peer.uid, size)) {
+        } else if (!limiter_.AddBody(exchange.request.peer.uid, size)) {
             exchange.refusal = Problem(503, "Too many large requests at once: send this one again later.");
         } else {
             body.append(data, size);
             return true;
         }
-        door_.RemoveBody(exchange.request.peer.uid, body.size());
+        limiter_.RemoveBody(exchange.request.peer.uid, body.size());
         std::string().swap(body);
     }
     exchange.discarded += size;
-    return exchange.discarded <= Patience(exchange.max_body);
+    return exchange.discarded <= MaxDrainedBytes(exchange.max_body);
 }
 
-HttpResponse HttpServer::Answer(MHD_Connection* connection, Exchange& exchange) {
+Response Server::Answer(MHD_Connection* connection, Exchange& exchange) {
     if (exchange.refusal.has_value()) {
         return std::move(*exchange.refusal);
     }
     // The times are for clients; an answer may take as long as it takes.
     const int descriptor = DescriptorOf(connection);
-    door_.Begin(descriptor, HttpDoor::Step::kAnswer);
+    limiter_.Begin(descriptor, ConnectionLimiter::Step::kAnswer);
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
     const uid_t user = exchange.request.peer.uid;
     const size_t body_bytes = exchange.request.body.size();
-    HttpResponse response;
+    Response response;
     try {
         response = handler_.Handle(std::move(exchange.request));
     } catch (const std::exception& error) {
-        QXPAGENT_LOG(kLogError, "a request failed: %s", error.what());
-        response = Problem(500, "The agent could not handle the request; its log says why.");
+        log_(Severity::kError, fmt::format("a request failed: {}", error.what()));
+        response = Problem(500, "The request could not be handled; the log of the service says why.");
     }
     exchange.request.body = {};
-    door_.RemoveBody(user, body_bytes);
-    door_.Begin(descriptor, HttpDoor::Step::kSending);
+    limiter_.RemoveBody(user, body_bytes);
+    limiter_.Begin(descriptor, ConnectionLimiter::Step::kSending);
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT,
                               static_cast<unsigned int>(limits_.idle.count()));
     return response;
 }
 
-void HttpServer::End(MHD_Connection* connection, Exchange* exchange) {
+void Server::End(MHD_Connection* connection, Exchange* exchange) {
     const uid_t user = exchange->request.peer.uid;
-    door_.RemoveBody(user, exchange->request.body.size());
+    limiter_.RemoveBody(user, exchange->request.body.size());
     delete exchange;
-    door_.Begin(DescriptorOf(connection), HttpDoor::Step::kHead);
-    door_.RemoveRequest(user);
+    limiter_.Begin(DescriptorOf(connection), ConnectionLimiter::Step::kHead);
+    limiter_.RemoveRequest(user);
 }
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/agent_control.h"
 #include "agent/commands/byte_gate.h"
+#include "agent/commands/submit_outcome.h"
 #include "agent/reports/run_counters.h"
 #include "agent/store/store.h"
 #include "policy/admission.h"
@@ -19,15 +19,15 @@
 namespace qxpagent {
 
 /// Takes commands in, journals them, hands them to the plugin, and sees that each gets its final word. Any thread.
-class CommandDesk {
+class CommandService {
 public:
     /// Hands a document of so many scripts to the plugin and waits until it has acknowledged it. Returns a BusStatus;
     /// see ServerData. kBusQueueFull: later.
     using HandOver = std::function<int(std::string document, uint32_t scripts)>;
 
     /// All must outlive it.
-    CommandDesk(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys,
-                qxppolicy::DirectoryRule directory_rule, HandOver hand_over)
+    CommandService(Store& store, RunCounters& counters, const qxppolicy::TrustedKeys& keys,
+                   qxppolicy::DirectoryRule directory_rule, HandOver hand_over)
         : store_(store),
           counters_(counters),
           keys_(keys),
@@ -35,7 +35,7 @@ public:
           hand_over_(std::move(hand_over)) {}
 
     /// As AgentControl::Submit. Calls with one ID follow each other.
-    SubmitOutcome Submit(std::string document, const Peer& peer);
+    SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer);
 
     /// True while a refusal that names this ID can be the plugin's answer: the command is being delivered, or was and
     /// the plugin has not acknowledged it. Any other refusal is not about a command of ours.
@@ -43,12 +43,13 @@ public:
 
     /// Before the plugin starts: the commands that an earlier agent delivered and never heard of are to be interrupted.
     /// Throws StoreError.
-    void TakeStock();
-    /// A report is lost that said this. Settle gives its command the final word, when nothing else of it is to come.
+    void LoadOrphans();
+    /// A report is lost that said this. RetryPending gives its command the final word, when nothing else of it is to
+    /// come.
     void ReportLost(const ReportContent& content);
     /// Gives those their final word, and delivers what was journalled and not delivered. What the store or the plugin
     /// does not take now is left for the next call.
-    void Settle();
+    void RetryPending();
     /// After the plugin has ended: interrupts what is still delivered. Throws StoreError.
     void InterruptAll(const std::string& reason);
 
@@ -68,17 +69,17 @@ private:
     class Turn;
     static constexpr size_t kBytesAtOnce = size_t{100} << 20;
 
-    SubmitOutcome Take(std::string document, const Peer& peer, NewCommand& command);
+    SubmitOutcome Take(std::string document, const qxpbase::Peer& peer, NewCommand& command);
     SubmitOutcome Journal(NewCommand& command, const Forecast& forecast);
-    Forecast Foresee(const qxtools::CPJsonParse& document) const;
+    Forecast MakeForecast(const qxtools::CPJsonParse& document) const;
     SubmitOutcome Deliver(NewCommand& command, const Forecast& forecast);
     int HandOverOne(const std::string& id, std::string text, uint32_t scripts);
-    SubmitOutcome TakeBack(const std::string& id, SubmitStatus status, const char* detail);
+    SubmitOutcome Withdraw(const std::string& id, SubmitStatus status, const char* detail);
     void FinishWithdrawal(const std::string& id);
-    void Conclude(const std::string& id, int status, const Forecast& forecast);
+    void ApplyAcknowledgement(const std::string& id, int status, const Forecast& forecast);
     void Refuse(const std::string& id, const std::string& reason);
-    void SettleOrphans();
-    void SettleLost();
+    void InterruptOrphans();
+    void CloseLost();
     void DeliverAgain(const std::string& id);
     void InterruptOne(const std::string& id, const std::string& reason);
 

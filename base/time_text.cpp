@@ -1,13 +1,13 @@
-#include "agent/time_text.h"
+#include "base/time_text.h"
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
-namespace qxpagent {
+namespace qxpbase {
 
-std::string LocalTimeText(std::chrono::system_clock::time_point time) {
+std::string LocalTimeText(WallTime time) {
     const auto second = std::chrono::floor<std::chrono::seconds>(time);
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(time - second).count();
     const std::time_t since_epoch = std::chrono::system_clock::to_time_t(second);
@@ -23,4 +23,4 @@ std::string LocalTimeText(std::chrono::system_clock::time_point time) {
     return std::string(date.data()) + rest.data();
 }
 
-}  // namespace qxpagent
+}  // namespace qxpbase

@@ -1,4 +1,4 @@
-#include "agent/commands/command_desk.h"
+#include "agent/commands/command_service.h"
 
 #include <algorithm>
 #include <utility>
@@ -21,8 +21,9 @@ const char* StateName(CommandState state) {
 }
 
 const char* OutcomeName(const SubmitOutcome& outcome) {
-    constexpr const char* kNames[] = {"",     "known already", "conflict",       "refused at the door", "not running",
-                                      "busy", "no room",       "storage failed", "not acknowledged"};
+    constexpr const char* kNames[] = {
+        "",        "known already",  "conflict",        "refused by the admission check", "not running", "busy",
+        "no room", "storage failed", "not acknowledged"};
     if (outcome.status == SubmitStatus::kTaken) {
         return outcome.command.has_value() ? StateName(outcome.command->state) : "delivered";
     }
@@ -35,7 +36,7 @@ SubmitOutcome StorageOutcome(const StoreError& error) {
 }
 
 // The record of what was done for whom.
-void Audit(const Peer& peer, const NewCommand& command, size_t bytes, const SubmitOutcome& outcome) {
+void Audit(const qxpbase::Peer& peer, const NewCommand& command, size_t bytes, const SubmitOutcome& outcome) {
     const bool taken = outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kKnown;
     QXPAGENT_LOG(taken ? kLogInfo : kLogWarn,
                  "command [%s] [%s] sha256 %s, %zu bytes, from user [%s] uid %u pid %d: %s%s%s", command.id.c_str(),
@@ -63,27 +64,27 @@ std::string FirstDropped(const qxppolicy::PolicyVerdict& verdict) {
 }  // namespace
 
 // While it lives, no other thread submits or delivers a command of this ID.
-class CommandDesk::Turn {
+class CommandService::Turn {
 public:
-    Turn(CommandDesk& desk, const std::string& id) : desk_(desk), id_(id) {
-        std::unique_lock lock(desk_.mutex_);
-        desk_.turn_ended_.wait(lock, [this] { return !desk_.busy_.contains(id_); });
-        desk_.busy_.insert(id_);
+    Turn(CommandService& commands, const std::string& id) : commands_(commands), id_(id) {
+        std::unique_lock lock(commands_.mutex_);
+        commands_.turn_ended_.wait(lock, [this] { return !commands_.busy_.contains(id_); });
+        commands_.busy_.insert(id_);
     }
     ~Turn() {
-        const std::lock_guard lock(desk_.mutex_);
-        desk_.busy_.erase(id_);
-        desk_.turn_ended_.notify_all();
+        const std::lock_guard lock(commands_.mutex_);
+        commands_.busy_.erase(id_);
+        commands_.turn_ended_.notify_all();
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
 private:
-    CommandDesk& desk_;
+    CommandService& commands_;
     const std::string id_;
 };
 
-SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
+SubmitOutcome CommandService::Submit(std::string document, const qxpbase::Peer& peer) {
     const size_t bytes = document.size();
     NewCommand command;
     SubmitOutcome outcome;
@@ -95,13 +96,13 @@ SubmitOutcome CommandDesk::Submit(std::string document, const Peer& peer) {
     if (outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kNotAcknowledged) {
         counters_.CommandTaken();
     } else if (outcome.status == SubmitStatus::kUnacceptable) {
-        counters_.RefusedAtDoor();
+        counters_.RefusedAtAdmission();
     }
     Audit(peer, command, bytes, outcome);
     return outcome;
 }
 
-SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewCommand& command) {
+SubmitOutcome CommandService::Take(std::string document, const qxpbase::Peer& peer, NewCommand& command) {
     const ByteGate::Pass pass(gate_, document.size());
     command.submitter = peer;
     command.received = std::chrono::system_clock::now();
@@ -110,12 +111,12 @@ SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewComma
     Forecast forecast;
     {
         qxtools::CPJsonParse json;
-        std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+        std::string reason = qxppolicy::ValidateForAdmission(command.text, json, directory_rule_);
         command.id = json.GetValue(json.GetNode(nullptr, "ID")).c_str();  // up to a NUL, as the plugin reads it
         if (!reason.empty()) {
             return {SubmitStatus::kUnacceptable, std::move(reason), std::nullopt};
         }
-        forecast = Foresee(json);
+        forecast = MakeForecast(json);
     }
     command.command = forecast.command;
     command.scripts = forecast.scripts;
@@ -125,7 +126,7 @@ SubmitOutcome CommandDesk::Take(std::string document, const Peer& peer, NewComma
     return Journal(command, forecast);
 }
 
-CommandDesk::Forecast CommandDesk::Foresee(const qxtools::CPJsonParse& document) const {
+CommandService::Forecast CommandService::MakeForecast(const qxtools::CPJsonParse& document) const {
     const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys_);
     Forecast forecast;
     forecast.refused = !verdict.faults.empty();
@@ -142,7 +143,7 @@ CommandDesk::Forecast CommandDesk::Foresee(const qxtools::CPJsonParse& document)
     return forecast;
 }
 
-SubmitOutcome CommandDesk::Journal(NewCommand& command, const Forecast& forecast) {
+SubmitOutcome CommandService::Journal(NewCommand& command, const Forecast& forecast) {
     FinishWithdrawal(command.id);
     CommandRecord known;
     switch (store_.Admit(command, known)) {
@@ -158,28 +159,28 @@ SubmitOutcome CommandDesk::Journal(NewCommand& command, const Forecast& forecast
         store_.MarkDelivered(command.id);
     } catch (const StoreError& error) {
         const SubmitOutcome outcome = StorageOutcome(error);
-        return TakeBack(command.id, outcome.status, outcome.detail.c_str());
+        return Withdraw(command.id, outcome.status, outcome.detail.c_str());
     }
     return Deliver(command, forecast);
 }
 
 // Gives the document away: it can be large, and the journal has it.
-SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast) {
+SubmitOutcome CommandService::Deliver(NewCommand& command, const Forecast& forecast) {
     const int status = HandOverOne(command.id, std::move(command.text), command.scripts);
     switch (status) {
         case kBusUndelivered:
         case kBusNotAttached:
-            return TakeBack(command.id, SubmitStatus::kNotRunning,
+            return Withdraw(command.id, SubmitStatus::kNotRunning,
                             "The agent is stopping, or its plugin is not started.");
         case kBusQueueFull:
-            return TakeBack(command.id, SubmitStatus::kBusy,
+            return Withdraw(command.id, SubmitStatus::kBusy,
                             "Too much is waiting or running: send this one again later.");
         default:
             break;
     }
     SubmitOutcome outcome;
     try {
-        Conclude(command.id, status, forecast);
+        ApplyAcknowledgement(command.id, status, forecast);
         outcome.command = store_.FindCommand(command.id);
     } catch (const StoreError& error) {
         // The plugin has it, and that is what counts; its final word comes with its results, or when the agent ends.
@@ -192,7 +193,7 @@ SubmitOutcome CommandDesk::Deliver(NewCommand& command, const Forecast& forecast
     return outcome;
 }
 
-int CommandDesk::HandOverOne(const std::string& id, std::string text, uint32_t scripts) {
+int CommandService::HandOverOne(const std::string& id, std::string text, uint32_t scripts) {
     {
         const std::lock_guard lock(mutex_);
         unanswered_.insert(id);
@@ -205,15 +206,15 @@ int CommandDesk::HandOverOne(const std::string& id, std::string text, uint32_t s
     return status;
 }
 
-bool CommandDesk::MayBeRefused(const std::string& id) {
+bool CommandService::MayBeRefused(const std::string& id) {
     const std::lock_guard lock(mutex_);
     return unanswered_.contains(id);
 }
 
 // A command that never reached the plugin is as if it had not been sent.
-SubmitOutcome CommandDesk::TakeBack(const std::string& id, SubmitStatus status, const char* detail) {
+SubmitOutcome CommandService::Withdraw(const std::string& id, SubmitStatus status, const char* detail) {
     try {
-        store_.TakeBack(id);
+        store_.Withdraw(id);
         return {status, detail, std::nullopt};
     } catch (const StoreError& error) {
         const std::lock_guard lock(mutex_);
@@ -222,20 +223,20 @@ SubmitOutcome CommandDesk::TakeBack(const std::string& id, SubmitStatus status, 
     }
 }
 
-void CommandDesk::FinishWithdrawal(const std::string& id) {
+void CommandService::FinishWithdrawal(const std::string& id) {
     {
         const std::lock_guard lock(mutex_);
         if (!withdrawn_.contains(id)) {
             return;
         }
     }
-    store_.TakeBack(id);
+    store_.Withdraw(id);
     const std::lock_guard lock(mutex_);
     withdrawn_.erase(id);
 }
 
 // What is known at once, when the plugin has acknowledged the command.
-void CommandDesk::Conclude(const std::string& id, int status, const Forecast& forecast) {
+void CommandService::ApplyAcknowledgement(const std::string& id, int status, const Forecast& forecast) {
     if (status == kBusReceiverFailed) {
         Refuse(id, "The plugin failed over the command; the log says more.");
     } else if (status == kBusOk && forecast.refused) {
@@ -245,19 +246,19 @@ void CommandDesk::Conclude(const std::string& id, int status, const Forecast& fo
     }
 }
 
-void CommandDesk::Refuse(const std::string& id, const std::string& reason) {
+void CommandService::Refuse(const std::string& id, const std::string& reason) {
     if (store_.Refuse(id, reason)) {
         counters_.RefusedByPlugin();
     }
 }
 
-void CommandDesk::TakeStock() {
+void CommandService::LoadOrphans() {
     std::vector<std::string> delivered = store_.IdsIn(CommandState::kDelivered);
     const std::lock_guard lock(mutex_);
     orphans_ = std::move(delivered);
 }
 
-void CommandDesk::ReportLost(const ReportContent& content) {
+void CommandService::ReportLost(const ReportContent& content) {
     const std::lock_guard lock(mutex_);
     LostReports& lost = lost_[content.id];
     lost.refused = lost.refused || content.refusal;
@@ -266,10 +267,10 @@ void CommandDesk::ReportLost(const ReportContent& content) {
     }
 }
 
-void CommandDesk::Settle() {
+void CommandService::RetryPending() {
     try {
-        SettleOrphans();
-        SettleLost();
+        InterruptOrphans();
+        CloseLost();
         for (const std::string& id : store_.IdsIn(CommandState::kReceived)) {
             DeliverAgain(id);
         }
@@ -278,7 +279,7 @@ void CommandDesk::Settle() {
     }
 }
 
-void CommandDesk::SettleOrphans() {
+void CommandService::InterruptOrphans() {
     for (;;) {
         std::string id;
         {
@@ -294,7 +295,7 @@ void CommandDesk::SettleOrphans() {
     }
 }
 
-void CommandDesk::SettleLost() {
+void CommandService::CloseLost() {
     std::map<std::string, LostReports> all;
     {
         const std::lock_guard lock(mutex_);
@@ -315,7 +316,7 @@ void CommandDesk::SettleLost() {
     }
 }
 
-void CommandDesk::DeliverAgain(const std::string& id) {
+void CommandService::DeliverAgain(const std::string& id) {
     const Turn turn(*this, id);
     FinishWithdrawal(id);
     NewCommand command;
@@ -328,13 +329,13 @@ void CommandDesk::DeliverAgain(const std::string& id) {
     {
         qxtools::CPJsonParse json;
         // What was good when it came may not be any more, and others may have written to the store.
-        if (const std::string reason = qxppolicy::WhyNotAdmitted(command.text, json, directory_rule_);
+        if (const std::string reason = qxppolicy::ValidateForAdmission(command.text, json, directory_rule_);
             !reason.empty()) {
             QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
             Refuse(id, reason);
             return;
         }
-        forecast = Foresee(json);
+        forecast = MakeForecast(json);
     }
     const int status = HandOverOne(id, std::move(command.text), forecast.scripts);
     if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
@@ -343,10 +344,10 @@ void CommandDesk::DeliverAgain(const std::string& id) {
         return;
     }
     QXPAGENT_LOG(kLogInfo, "command [%s] delivered from the journal (%d)", id.c_str(), status);
-    Conclude(id, status, forecast);
+    ApplyAcknowledgement(id, status, forecast);
 }
 
-void CommandDesk::InterruptOne(const std::string& id, const std::string& reason) {
+void CommandService::InterruptOne(const std::string& id, const std::string& reason) {
     const std::optional<size_t> missing = store_.Interrupt(id, reason);
     if (missing.has_value()) {
         counters_.Interrupted(*missing);
@@ -354,7 +355,7 @@ void CommandDesk::InterruptOne(const std::string& id, const std::string& reason)
     }
 }
 
-void CommandDesk::InterruptAll(const std::string& reason) {
+void CommandService::InterruptAll(const std::string& reason) {
     for (const std::string& id : store_.IdsIn(CommandState::kDelivered)) {
         InterruptOne(id, reason);
     }

@@ -7,16 +7,17 @@
 
 #include "base/unique_fd.h"
 
-namespace qxpagent {
+namespace qxphttp {
 
 /// A listening Unix stream socket of mode 0660, for its owner and one group, guarded by a lock file beside it
-/// (PATH.lock, which stays in place), so that no two agents ever share a path. The socket of an agent that has died is
+/// (PATH.lock, which stays in place), so that no two servers ever share a path. The socket of a server that has died is
 /// replaced; the socket of a living one, and a file that is no socket, never is.
 class UnixListener {
 public:
-    /// `group`: a name or a number; empty: the process's own. Nobody can connect before owner, group and mode are
-    /// right. Throws StartupError.
-    explicit UnixListener(const std::filesystem::path& path, const std::string& group = {});
+    /// Nobody can connect before owner, group and mode are right. Throws qxpbase::StartupError.
+    /// @param server  what serves here, in a word, for the texts
+    /// @param group   a name or a number; empty: the process's own
+    UnixListener(const std::filesystem::path& path, const std::string& server, const std::string& group = {});
     /// Removes the socket, then gives up the lock.
     ~UnixListener();
     UnixListener(const UnixListener&) = delete;
@@ -41,4 +42,4 @@ private:
     ino_t inode_ = 0;  // 0: no name of ours is left
 };
 
-}  // namespace qxpagent
+}  // namespace qxphttp

@@ -12,14 +12,14 @@ namespace qxpctl {
 /// Keeps a wait going while the agent is away, as when it is restarted: tries again, with growing pauses, until the
 /// request succeeds, the wait ends or the user gives up. Says once on a terminal that the agent is away, and once that
 /// it is back. Belongs to one thread.
-class Patience {
+class RetryingRequest {
 public:
     using Clock = std::chrono::steady_clock;
     enum class End { Done, TimedOut, GivenUp };
 
     /// @param limit  how long in all; not set means for as long as it takes. Counts from here.
     /// @param tick   false gives up.
-    Patience(const Console& console, std::optional<std::chrono::seconds> limit, Tick tick);
+    RetryingRequest(const Console& console, std::optional<std::chrono::seconds> limit, Tick tick);
 
     /// Runs a request until it is done. What it throws, other than AgentAway, passes through.
     /// @param request  false when its own tick gave up.

@@ -26,8 +26,9 @@ struct ListFree {
 
 size_t Receive(char* data, size_t /*one*/, size_t size, void* body) {
     auto& text = *static_cast<std::string*>(body);
-    if (text.size() + size > kMaxAnswerBytes)
+    if (text.size() + size > kMaxAnswerBytes) {
         return 0;
+    }
     text.append(data, size);
     return size;
 }
@@ -50,8 +51,9 @@ public:
         Set(CURLOPT_PATH_AS_IS, 1L);
         Set(CURLOPT_WRITEFUNCTION, Receive);
         Set(CURLOPT_WRITEDATA, &answer_.body);
-        if (!body)
+        if (!body) {
             return;
+        }
         headers_.reset(curl_slist_append(nullptr, "Content-Type: application/json"));
         // No waiting for "100 Continue": the server is on this machine.
         curl_slist_append(headers_.get(), "Expect:");
@@ -60,8 +62,9 @@ public:
         Set(CURLOPT_POSTFIELDS, body->data());
     }
     ~Transfer() {
-        if (started_)
+        if (started_) {
             curl_multi_remove_handle(multi_.get(), easy_.get());
+        }
     }
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
@@ -71,12 +74,15 @@ public:
         started_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
         int running = started_ ? 1 : 0;
         while (running > 0) {
-            if (tick && !tick())
+            if (tick && !tick()) {
                 return false;
-            if (curl_multi_perform(multi_.get(), &running) != CURLM_OK)
+            }
+            if (curl_multi_perform(multi_.get(), &running) != CURLM_OK) {
                 break;
-            if (running > 0)
+            }
+            if (running > 0) {
                 curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(kTickInterval.count()), nullptr);
+            }
         }
         return true;
     }
@@ -84,8 +90,9 @@ public:
     CURLcode Result() const {
         int left = 0;
         while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
-            if (message->msg == CURLMSG_DONE)
+            if (message->msg == CURLMSG_DONE) {
                 return message->data.result;
+            }
         }
         return CURLE_FAILED_INIT;
     }
@@ -93,8 +100,9 @@ public:
     Answer ReleaseAnswer() {
         curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &answer_.status);
         curl_off_t seconds = 0;
-        if (curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0)
+        if (curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0) {
             answer_.retry_after = std::chrono::seconds(seconds);
+        }
         return std::move(answer_);
     }
 

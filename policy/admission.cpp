@@ -32,14 +32,18 @@ bool IsKnownType(const std::string& type) {
 std::string ValidateScript(const CPJsonParse& json, void* script, const DirectoryRule& directory_rule) {
     const std::string path = Member(json, script, "scriptpath");
     std::string reason = ValidateScriptDirectory(path);
-    if (reason.empty() && !path.empty() && directory_rule)
+    if (reason.empty() && !path.empty() && directory_rule) {
         reason = directory_rule(path);
-    if (!reason.empty())
+    }
+    if (!reason.empty()) {
         return "the member \"scriptpath\" " + reason;
-    if (json.GetNode(script, "scripttype") && !IsKnownType(Member(json, script, "scripttype")))
+    }
+    if (json.GetNode(script, "scripttype") && !IsKnownType(Member(json, script, "scripttype"))) {
         return "the member \"scripttype\" is none of sh, exe, bat, vbs and zip";
-    if (!IsValidUtf8(Member(json, script, "scriptid")))
+    }
+    if (!IsValidUtf8(Member(json, script, "scriptid"))) {
         return "the member \"scriptid\" is not UTF-8 text";
+    }
     return {};
 }
 
@@ -50,51 +54,64 @@ std::string NameOf(const CPJsonParse& json, void* script, size_t number) {
 }
 
 std::string ParseDocument(const std::string& text, CPJsonParse& document) {
-    if (text.empty())
+    if (text.empty()) {
         return "The document is empty; it must be one JSON object.";
-    if (text.find('\0') != std::string::npos)
+    }
+    if (text.find('\0') != std::string::npos) {
         return "The document holds a NUL byte; it must be one JSON object.";
-    if (!IsValidUtf8(text))
+    }
+    if (!IsValidUtf8(text)) {
         return "The document is not UTF-8 text.";
-    if (!document.LoadBuffer(text.c_str()))
+    }
+    if (!document.LoadBuffer(text.c_str())) {
         return "The document is not one JSON document of at most 512 levels.";
+    }
     return {};
 }
 
 std::string ValidateCommand(const CPJsonParse& document) {
     void* const id = document.GetNode(nullptr, "ID");
-    if (!id)
+    if (!id) {
         return "The document is not a JSON object with the string member \"ID\".";
-    if (!document.IsString(id))
+    }
+    if (!document.IsString(id)) {
         return "The member \"ID\" must be a string.";
-    if (const std::string reason = ValidateId(document.GetValue(id).c_str()); !reason.empty())
+    }
+    if (const std::string reason = ValidateId(document.GetValue(id).c_str()); !reason.empty()) {
         return "The member \"ID\" " + reason + ".";
+    }
     const std::string command = Member(document, nullptr, "Command");
-    if (command.find_first_of("\"\\") != std::string::npos || !IsValidUtf8(command) || HasControlCharacter(command))
+    if (command.find_first_of("\"\\") != std::string::npos || !IsValidUtf8(command) || HasControlCharacter(command)) {
         return "The member \"Command\" holds '\"', '\\' or a control character.";
+    }
     return {};
 }
 
 }  // namespace
 
 std::string ValidateForAdmission(const std::string& text, CPJsonParse& document, const DirectoryRule& directory_rule) {
-    if (std::string reason = ParseDocument(text, document); !reason.empty())
+    if (std::string reason = ParseDocument(text, document); !reason.empty()) {
         return reason;
-    if (std::string reason = ValidateCommand(document); !reason.empty())
+    }
+    if (std::string reason = ValidateCommand(document); !reason.empty()) {
         return reason;
+    }
     void* const param = document.GetNode(nullptr, "param");
     void* const list = param ? document.GetNode(param, "scriptinfo") : nullptr;
     std::list<void*> scripts;
-    if (!list || !document.GetAllNode(list, scripts))
+    if (!list || !document.GetAllNode(list, scripts)) {
         return {};  // the plugin will refuse it
-    if (scripts.size() > kMaxScripts)
+    }
+    if (scripts.size() > kMaxScripts) {
         return "The member \"scriptinfo\" holds " + std::to_string(scripts.size()) + " scripts; at most " +
                std::to_string(kMaxScripts) + " may run at once.";
+    }
     size_t number = 0;
     for (void* const script : scripts) {
         ++number;
-        if (const std::string reason = ValidateScript(document, script, directory_rule); !reason.empty())
+        if (const std::string reason = ValidateScript(document, script, directory_rule); !reason.empty()) {
             return "In " + NameOf(document, script, number) + " " + reason + ".";
+        }
     }
     return {};
 }

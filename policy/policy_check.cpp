@@ -19,8 +19,9 @@ using qxtools::CPJsonParse;
 
 std::optional<std::string> Member(const CPJsonParse& json, void* parent, const char* key) {
     void* const node = json.GetNode(parent, key);
-    if (!node)
+    if (!node) {
         return std::nullopt;
+    }
     // Every value ends at its first NUL, as in the plugin.
     return json.GetValue(node).c_str();
 }
@@ -30,8 +31,9 @@ std::optional<std::string> Decode(const std::string& base64_text) {
     int size = 0;
     const std::unique_ptr<unsigned char, decltype(&free)> bytes(
         base64Decode2(base64_text.data(), base64_text.size(), &size), free);
-    if (!bytes || size <= 0)
+    if (!bytes || size <= 0) {
         return std::nullopt;
+    }
     return std::string(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(size));
 }
 
@@ -47,12 +49,15 @@ ScriptVerdict JudgeBody(ScriptVerdict script, const std::string& base64_text) {
     script.reported = true;
     const bool shell = HandlingOf(script.type) == TypeHandling::Shell;
     const size_t nul = body && shell ? body->find('\0') : std::string::npos;
-    if (!body)
+    if (!body) {
         return Judge(std::move(script), Verdict::NotRun, "\"scriptdata\" is not Base64: an empty file would be run");
-    if (nul == 0)
+    }
+    if (nul == 0) {
         return Judge(std::move(script), Verdict::NotRun, "it begins with a NUL byte: an empty file would be run");
-    if (nul != std::string::npos)
+    }
+    if (nul != std::string::npos) {
         return Judge(std::move(script), Verdict::CutShort, "it would be run up to its first NUL byte only");
+    }
     return Judge(std::move(script), Verdict::Accepted, "");
 }
 
@@ -63,15 +68,19 @@ ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys
     script.type = type.value_or("");
 
     const std::optional<std::string> data = Member(json, node, "scriptdata");
-    if (!data)
+    if (!data) {
         return Judge(script, Verdict::Dropped, "there is no \"scriptdata\"");
+    }
     const std::optional<std::string> sign = Member(json, node, "sign");
-    if (!sign)
+    if (!sign) {
         return Judge(script, Verdict::Dropped, "there is no \"sign\"");
-    if (const std::string reason = keys.ValidateSignature(*sign, *data); !reason.empty())
+    }
+    if (const std::string reason = keys.ValidateSignature(*sign, *data); !reason.empty()) {
         return Judge(script, Verdict::Dropped, "bad signature: " + reason);
-    if (!type)
+    }
+    if (!type) {
         return Judge(script, Verdict::Dropped, "there is no \"scripttype\"");
+    }
     switch (HandlingOf(*type)) {
         case TypeHandling::Unsupported:
             return Judge(script, Verdict::Dropped, "the type \"" + *type + "\" is not supported");
@@ -90,15 +99,17 @@ void CheckCommand(const CPJsonParse& json, PolicyVerdict& verdict) {
     const std::optional<std::string> command = Member(json, nullptr, "Command");
     verdict.id = id.value_or("");
     verdict.command = command.value_or("");
-    if (!id)
+    if (!id) {
         verdict.faults.emplace_back("there is no \"ID\"");
-    else if (id->empty())
+    } else if (id->empty()) {
         verdict.faults.emplace_back("\"ID\" is empty");
-    if (!command)
+    }
+    if (!command) {
         verdict.faults.emplace_back("there is no \"Command\"");
-    else if (!IsRunCommand(*command))
+    } else if (!IsRunCommand(*command)) {
         verdict.faults.emplace_back("the \"Command\" \"" + *command + "\" is none of " + kRunNormal + ", " + kRunFile +
                                     " and " + kRunProcess);
+    }
 }
 
 void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdict& verdict) {
@@ -117,16 +128,19 @@ void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdic
         verdict.faults.emplace_back("\"scriptinfo\" is not a list");
         return;
     }
-    for (void* const node : nodes)
+    for (void* const node : nodes) {
         verdict.scripts.push_back(CheckScript(json, node, keys));
+    }
     const auto accepted = static_cast<size_t>(
         std::count_if(verdict.scripts.begin(), verdict.scripts.end(),
                       [](const ScriptVerdict& script) { return script.verdict != Verdict::Dropped; }));
-    if (accepted == 0)
+    if (accepted == 0) {
         verdict.faults.emplace_back("no script is left to run");
-    if (accepted > kMaxScripts)
+    }
+    if (accepted > kMaxScripts) {
         verdict.faults.emplace_back(std::to_string(accepted) + " scripts are more than the " +
                                     std::to_string(kMaxScripts) + " that may run at once");
+    }
 }
 
 }  // namespace

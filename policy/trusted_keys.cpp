@@ -49,13 +49,15 @@ BignumPtr ReadNumber(const char* digits) {
 KeyPtr MakeRsaKey(const char* modulus_digits, const char* exponent_digits) {
     const BignumPtr modulus = ReadNumber(modulus_digits);
     const BignumPtr exponent = ReadNumber(exponent_digits);
-    if (!modulus || !exponent || BN_num_bits(modulus.get()) != kRsaBits || !BN_is_word(exponent.get(), kRsaExponent))
+    if (!modulus || !exponent || BN_num_bits(modulus.get()) != kRsaBits || !BN_is_word(exponent.get(), kRsaExponent)) {
         return nullptr;
+    }
     const ParamBuilderPtr builder(OSSL_PARAM_BLD_new());
     const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
     if (!builder || !context || OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) != 1 ||
-        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) != 1)
+        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) != 1) {
         return nullptr;
+    }
     const ParamsPtr parameters(OSSL_PARAM_BLD_to_param(builder.get()));
     EVP_PKEY* key = nullptr;
     const bool made = parameters && EVP_PKEY_fromdata_init(context.get()) == 1 &&
@@ -71,8 +73,9 @@ uint32_t MarkValue(const std::vector<unsigned char>& mark) {
 }  // namespace
 
 bool TrustedKeys::SetPluginKey(KeyPtr key) {
-    if (plugin_key_ != nullptr || key == nullptr)
+    if (plugin_key_ != nullptr || key == nullptr) {
         return false;
+    }
     plugin_key_ = std::move(key);
     return true;
 }
@@ -82,40 +85,52 @@ bool TrustedKeys::SetPluginKey(const char* modulus, const char* exponent) {
 }
 
 std::string TrustedKeys::ValidateSignature(const std::string& sign, const std::string& data) const {
-    if (sign.empty())
+    if (sign.empty()) {
         return "\"sign\" is empty";
-    if (data.empty())
+    }
+    if (data.empty()) {
         return "\"scriptdata\" is empty";
-    if (sign.size() <= kMarkDigits)
+    }
+    if (sign.size() <= kMarkDigits) {
         return "\"sign\" is too short to be a signature";
+    }
     const auto mark = qxpbase::HexDecode(std::string_view(sign).substr(0, kMarkDigits));
-    if (!mark)
+    if (!mark) {
         return "\"sign\" does not begin with hexadecimal digits";
-    if (MarkValue(*mark) == kPluginMarkValue)
+    }
+    if (MarkValue(*mark) == kPluginMarkValue) {
         return ValidatePluginSignature(sign, data);
+    }
     return ValidateHostSignature(sign, data, MarkValue(*mark));
 }
 
 std::string TrustedKeys::ValidatePluginSignature(std::string_view sign, std::string_view data) const {
-    if (!plugin_key_)
+    if (!plugin_key_) {
         return "it is signed for the plugin's own key, and no --key names an RSA key";
-    if (sign.size() < kPluginSignatureDigits)
+    }
+    if (sign.size() < kPluginSignatureDigits) {
         return "\"sign\" has " + std::to_string(sign.size()) + " characters of " +
                std::to_string(kPluginSignatureDigits);
-    if (sign.size() > kMaxSignedBytes || data.size() > kMaxSignedBytes)
+    }
+    if (sign.size() > kMaxSignedBytes || data.size() > kMaxSignedBytes) {
         return "\"sign\" or \"scriptdata\" is longer than " + std::to_string(kMaxSignedBytes) + " bytes";
+    }
     const auto signature = qxpbase::HexDecode(sign.substr(0, kPluginSignatureDigits));
-    if (!signature)
+    if (!signature) {
         return "\"sign\" holds characters that are not hexadecimal digits";
+    }
     std::array<unsigned char, kPluginBlockBytes> message{};
-    if (!RecoverMessage(plugin_key_.get(), signature->data() + kMarkDigits / 2, message))
+    if (!RecoverMessage(plugin_key_.get(), signature->data() + kMarkDigits / 2, message)) {
         return "it was not made with this key";
+    }
     std::array<unsigned char, kDigestBytes> digest{};
     size_t size = 0;
-    if (EVP_Q_digest(nullptr, "SHA256", nullptr, data.data(), data.size(), digest.data(), &size) != 1)
+    if (EVP_Q_digest(nullptr, "SHA256", nullptr, data.data(), data.size(), digest.data(), &size) != 1) {
         throw std::runtime_error("OpenSSL cannot compute SHA-256");
-    if (!std::equal(digest.begin(), digest.end(), message.begin() + kPluginDigestOffset))
+    }
+    if (!std::equal(digest.begin(), digest.end(), message.begin() + kPluginDigestOffset)) {
         return "it was made with another key, or the script was changed after signing";
+    }
     return {};
 }
 
@@ -123,19 +138,24 @@ std::string TrustedKeys::ValidateHostSignature(const std::string& sign, const st
     // The plugin gives lengths as 32 bits.
     const auto size = static_cast<unsigned int>(data.size());
     if (data.size() == size &&
-        qxchksign_buffer(sign.c_str(), reinterpret_cast<const unsigned char*>(data.data()), size) == 0)
+        qxchksign_buffer(sign.c_str(), reinterpret_cast<const unsigned char*>(data.data()), size) == 0) {
         return {};
-    if (mark != kEd25519MarkValue)
+    }
+    if (mark != kEd25519MarkValue) {
         return "\"sign\" begins with " + sign.substr(0, kMarkDigits) + ", which is no known form";
-    if (sign.size() != kEd25519SignatureDigits)
+    }
+    if (sign.size() != kEd25519SignatureDigits) {
         return "\"sign\" has " + std::to_string(sign.size()) + " characters, an Ed25519 signature has " +
                std::to_string(kEd25519SignatureDigits);
+    }
     const auto signature = qxpbase::HexDecode(sign);
-    if (!signature)
+    if (!signature) {
         return "\"sign\" holds characters that are not hexadecimal digits";
+    }
     for (const KeyPtr& key : ed25519_keys_) {
-        if (VerifiesEd25519(key.get(), *signature, data))
+        if (VerifiesEd25519(key.get(), *signature, data)) {
             return {};
+        }
     }
     return "no key in " + (directory_.empty() ? "the trust directory of this installation" : directory_) +
            (ed25519_keys_.empty() ? "" : " or of --key") +

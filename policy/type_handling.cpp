@@ -8,12 +8,15 @@ TypeHandling HandlingOf(const std::string& type) {
     // The plugin's own comparison, so that it is the same for any text.
     const CPString text(type);
     const auto is = [&text](const char* name) { return text.CompareNoCase(name) == 0; };
-    if (is("bat") || is("vbs"))
+    if (is("bat") || is("vbs")) {
         return TypeHandling::Unsupported;
-    if (is("sh"))
+    }
+    if (is("sh")) {
         return TypeHandling::Shell;
-    if (is("exe"))
+    }
+    if (is("exe")) {
         return TypeHandling::Program;
+    }
     return TypeHandling::NeverRun;
 }
 

@@ -32,14 +32,16 @@ std::string DetailOf(const Answer& answer) {
 
 // Without a full stop, so that the sentence can go on.
 std::string Clause(std::string text) {
-    while (!text.empty() && (text.back() == '.' || text.back() == ' '))
+    while (!text.empty() && (text.back() == '.' || text.back() == ' ')) {
         text.pop_back();
+    }
     return text;
 }
 
 std::string WhenToTryAgain(const Answer& answer) {
-    if (!answer.retry_after)
+    if (!answer.retry_after) {
         return "see its log and try again";
+    }
     return "try again in " + std::to_string(answer.retry_after->count()) + " s";
 }
 
@@ -64,36 +66,43 @@ static auto Interpret(const AgentHttp& http, Json json, Reader reader) {
 
 AgentStatus AgentClient::GetStatus(const Tick& tick) {
     std::optional<Json> json = Get("/v1/status", timeout_, tick);
-    if (!json)
+    if (!json) {
         throw Error(ExitCode::Interrupted, "interrupted");
+    }
     return Interpret(http_, std::move(*json), ReadStatus);
 }
 
 Health AgentClient::GetHealth() {
     const Answer answer = http_.Perform("/v1/health", nullptr, timeout_, {}).value();
     const Json body = Json::parse(answer.body, nullptr, false);
-    if (TextMember(body, "status").empty())
+    if (TextMember(body, "status").empty()) {
         FailRefused(answer);
+    }
     Health health{Succeeded(answer), {}};
     if (const Json* const problems = FindMember(body, "problems"); problems && problems->is_array()) {
-        for (const Json& problem : *problems)
+        for (const Json& problem : *problems) {
             health.problems.push_back(problem.is_string() ? problem.get<std::string>() : problem.dump());
+        }
     }
     return health;
 }
 
 std::optional<Submission> AgentClient::Submit(const std::string& document, const Tick& tick) {
     const std::optional<Answer> answer = http_.Perform("/v1/commands", &document, timeout_, tick);
-    if (!answer)
+    if (!answer) {
         return std::nullopt;
-    if (answer->status == kRefusedAtAdmission)
+    }
+    if (answer->status == kRefusedAtAdmission) {
         throw CommandRefused(DetailOf(*answer));
-    if (answer->status == kConflict)
+    }
+    if (answer->status == kConflict) {
         throw BadInput("the agent refuses: " + Clause(DetailOf(*answer)) +
                        "; pack it with another ID (qxpctl pack --id, or none for a random one)");
-    if (answer->status == kNotAcknowledged)
+    }
+    if (answer->status == kNotAcknowledged) {
         throw NotAcknowledged("the agent has the policy, but: " + Clause(DetailOf(*answer)) +
                               "; look later with 'qxpctl show'");
+    }
     return Submission{answer->status == 202, Interpret(http_, Read(*answer), ReadCommand)};
 }
 
@@ -103,8 +112,9 @@ std::optional<CommandPage> AgentClient::ListCommands(const CommandFilter& filter
         Get("/v1/commands?after=" + std::to_string(filter.after) + "&limit=" + std::to_string(filter.limit) +
                 "&wait=" + std::to_string(wait.count()),
             wait + timeout_, tick);
-    if (!json)
+    if (!json) {
         return std::nullopt;
+    }
     return Interpret(http_, std::move(*json), ReadCommandPage);
 }
 
@@ -116,17 +126,22 @@ std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, co
     const seconds wait = BoundedWait(filter.wait);
     std::string target = "/v1/reports?after=" + std::to_string(filter.after) +
                          "&limit=" + std::to_string(filter.limit) + "&wait=" + std::to_string(wait.count());
-    if (!filter.id.empty())
+    if (!filter.id.empty()) {
         target += "&id=" + qxphttp::EscapeForUrl(filter.id);
-    if (!filter.source.empty())
+    }
+    if (!filter.source.empty()) {
         target += "&source=" + qxphttp::EscapeForUrl(filter.source);
-    if (filter.acknowledged)
+    }
+    if (filter.acknowledged) {
         target += *filter.acknowledged ? "&acknowledged=true" : "&acknowledged=false";
-    if (!filter.documents)
+    }
+    if (!filter.documents) {
         target += "&documents=false";
+    }
     std::optional<Json> json = Get(target, wait + timeout_, tick);
-    if (!json)
+    if (!json) {
         return std::nullopt;
+    }
     return Interpret(http_, std::move(*json), ReadReportPage);
 }
 
@@ -146,19 +161,22 @@ uint64_t AgentClient::Acknowledge(const std::vector<uint64_t>& cursors) {
 
 std::string AgentClient::GetResultFile(uint64_t cursor) {
     Answer answer = http_.Perform("/v1/results/" + std::to_string(cursor), nullptr, timeout_, {}).value();
-    if (!Succeeded(answer))
+    if (!Succeeded(answer)) {
         FailRefused(answer);
+    }
     return std::move(answer.body);
 }
 
 std::optional<bool> AgentClient::RunOnce(const std::string& name, const Tick& tick) {
     const Json body = {{"name", name}};
     const std::optional<Json> answer = Post("/v1/runonce", body.dump(), kNoTimeout, tick);
-    if (!answer)
+    if (!answer) {
         return std::nullopt;
+    }
     const Json* const accepted = FindMember(*answer, "accepted");
-    if (!accepted || !accepted->is_boolean())
+    if (!accepted || !accepted->is_boolean()) {
         http_.FailForeign("it did not say whether it accepted the policy");
+    }
     return accepted->get<bool>();
 }
 
@@ -174,24 +192,29 @@ std::optional<Json> AgentClient::Post(const std::string& target, const std::stri
 }
 
 Json AgentClient::Read(const Answer& answer) const {
-    if (!Succeeded(answer))
+    if (!Succeeded(answer)) {
         FailRefused(answer);
+    }
     Json body = Json::parse(answer.body, nullptr, false);
-    if (!body.is_object())
+    if (!body.is_object()) {
         http_.FailForeign("its answer is not a JSON object");
+    }
     return body;
 }
 
 void AgentClient::FailRefused(const Answer& answer) const {
     const std::string detail = DetailOf(answer);
     // 4xx: this request cannot succeed as it is. Anything else is the agent's own trouble.
-    if (answer.status >= 400 && answer.status < 500)
+    if (answer.status >= 400 && answer.status < 500) {
         throw BadInput("the agent refuses: " + detail);
+    }
     const std::string text = "the agent on " + SocketPath() + " cannot do this now: " + Clause(detail) + "; ";
-    if (answer.status == kUnavailable)
+    if (answer.status == kUnavailable) {
         throw AgentAway(AgentAway::Cause::Busy, text + WhenToTryAgain(answer));
-    if (answer.status == kStorageFull)
+    }
+    if (answer.status == kStorageFull) {
         throw AgentUnavailable(text + "make room on its disk, and try again");
+    }
     throw AgentUnavailable(text + WhenToTryAgain(answer));
 }
 

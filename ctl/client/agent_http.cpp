@@ -44,14 +44,16 @@ std::optional<Answer> AgentHttp::Perform(const std::string& target, const std::s
 
 void AgentHttp::FailUnreachable(AgentAway::Cause cause, const std::string& reason) const {
     const int failure = access(socket_path_.c_str(), R_OK | W_OK) == 0 ? 0 : errno;
-    if (failure == ENOENT || failure == ENOTDIR)
+    if (failure == ENOENT || failure == ENOTDIR) {
         throw AgentAway(
             cause,
             "there is no agent socket " + socket_path_ +
                 "; start qxpagent (systemctl start qxpagent), or name its socket with --socket or QXPAGENT_SOCKET");
-    if (failure == EACCES)
+    }
+    if (failure == EACCES) {
         throw AgentUnavailable("no permission to use the agent socket " + socket_path_ + "; " +
                                WhoMayUse(socket_path_));
+    }
     throw AgentAway(cause, reason + "; is qxpagent running, and is this its socket (--socket, QXPAGENT_SOCKET)?");
 }
 
@@ -65,17 +67,20 @@ std::string InstallationRoot() {
     static const char kHere = 0;
     constexpr unsigned int kMaxPath = 4096;
     std::string directory(kMaxPath + 1, '\0');
-    if (!QxGetModuleFilePath(&kHere, directory.data(), kMaxPath))
+    if (!QxGetModuleFilePath(&kHere, directory.data(), kMaxPath)) {
         throw LocalFailure("cannot tell where this program lies; name the agent's socket with --socket");
+    }
     return std::filesystem::path(directory.c_str()).parent_path().string();
 }
 
 std::string FindSocket(const std::string& option) {
-    if (!option.empty())
+    if (!option.empty()) {
         return option;
+    }
     const char* const environment = std::getenv("QXPAGENT_SOCKET");
-    if (environment && *environment)
+    if (environment && *environment) {
         return environment;
+    }
     return (std::filesystem::path(InstallationRoot()) / "data/qxpagent/agent.sock").string();
 }
 

@@ -15,22 +15,25 @@ constexpr std::array<const char*, 5> kStateNames = {"received", "delivered", "re
 
 uint64_t NeededNumber(const Json& object, const char* key, const char* of) {
     const Json* const member = FindMember(object, key);
-    if (!member || !member->is_number_unsigned())
+    if (!member || !member->is_number_unsigned()) {
         Unreadable(std::string(of) + " has no number \"" + key + "\"");
+    }
     return member->get<uint64_t>();
 }
 
 std::string NeededText(const Json& object, const char* key, const char* of) {
     const Json* const member = FindMember(object, key);
-    if (!member || !member->is_string())
+    if (!member || !member->is_string()) {
         Unreadable(std::string(of) + " has no text \"" + key + "\"");
+    }
     return member->get<std::string>();
 }
 
 CommandState ReadState(const std::string& name) {
     for (size_t at = 0; at < kStateNames.size(); ++at) {
-        if (name == kStateNames.at(at))
+        if (name == kStateNames.at(at)) {
             return static_cast<CommandState>(at);
+        }
     }
     Unreadable("a command has the unknown state \"" + name + "\"");
 }
@@ -38,18 +41,21 @@ CommandState ReadState(const std::string& name) {
 std::vector<std::string> TextList(const Json& object, const char* key) {
     std::vector<std::string> texts;
     const Json* const list = FindMember(object, key);
-    if (!list || !list->is_array())
+    if (!list || !list->is_array()) {
         return texts;
+    }
     for (const Json& text : *list) {
-        if (text.is_string())
+        if (text.is_string()) {
             texts.push_back(text.get<std::string>());
+        }
     }
     return texts;
 }
 
 Json& NeededList(Json& object, const char* key) {
-    if (!object.is_object() || !object.contains(key) || !object[key].is_array())
+    if (!object.is_object() || !object.contains(key) || !object[key].is_array()) {
         Unreadable(std::string("there is no list \"") + key + "\"");
+    }
     return object[key];
 }
 
@@ -64,8 +70,9 @@ bool IsFinal(CommandState state) {
 }
 
 const Json* FindMember(const Json& object, const char* key) {
-    if (!object.is_object())
+    if (!object.is_object()) {
         return nullptr;
+    }
     const auto member = object.find(key);
     return member == object.end() ? nullptr : &*member;
 }
@@ -90,8 +97,9 @@ Command ReadCommand(const Json& json) {
     command.scripts = NumberMember(json, "scripts");
     command.expected = NumberMember(json, "expected", command.scripts);
     command.unreported = TextList(json, "unreported");
-    if (const Json* const submitter = FindMember(json, "submitter"))
+    if (const Json* const submitter = FindMember(json, "submitter")) {
         command.submitter = TextMember(*submitter, "user");
+    }
     command.received = TextMember(json, "received");
     command.finished = TextMember(json, "finished");
     command.document = json;
@@ -108,8 +116,9 @@ Report ReadReport(Json json) {
     const Json* const acknowledged = FindMember(json, "acknowledged");
     report.acknowledged = acknowledged && acknowledged->is_string();
     report.bytes = NumberMember(json, "bytes");
-    if (const Json* const content = FindMember(json, "document"))
+    if (const Json* const content = FindMember(json, "document")) {
         report.content = *content;
+    }
     report.document = std::move(json);
     return report;
 }
@@ -118,27 +127,31 @@ CommandPage ReadCommandPage(const Json& json) {
     CommandPage page;
     page.sequence = NeededNumber(json, "sequence", "the list of commands");
     Json copy = json;
-    for (const Json& command : NeededList(copy, "commands"))
+    for (const Json& command : NeededList(copy, "commands")) {
         page.commands.push_back(ReadCommand(command));
+    }
     return page;
 }
 
 ReportPage ReadReportPage(Json json) {
     ReportPage page;
     page.cursor = NeededNumber(json, "cursor", "the list of reports");
-    for (Json& report : NeededList(json, "reports"))
+    for (Json& report : NeededList(json, "reports")) {
         page.reports.push_back(ReadReport(std::move(report)));
+    }
     return page;
 }
 
 CommandDetail ReadCommandDetail(Json json) {
     CommandDetail detail;
     const Json* const command = FindMember(json, "command");
-    if (!command)
+    if (!command) {
         Unreadable("there is no \"command\"");
+    }
     detail.command = ReadCommand(*command);
-    for (const Json& report : NeededList(json, "reports"))
+    for (const Json& report : NeededList(json, "reports")) {
         detail.reports.push_back(ReadReport(report));
+    }
     const Json* const more = FindMember(json, "more");
     detail.has_more = more && more->is_boolean() && more->get<bool>();
     detail.document = std::move(json);
@@ -155,8 +168,9 @@ AgentStatus ReadStatus(Json json) {
     status.plugin_version = TextMember(json, "plugin_version");
     status.reports_pending = NumberMember(reports, "pending");
     status.oldest_pending = TextMember(reports, "oldest_pending");
-    if (const Json* const store = FindMember(json, "store"))
+    if (const Json* const store = FindMember(json, "store")) {
         status.store_fault = TextMember(*store, "fault");
+    }
     status.policy_directory = TextMember(json, "policy_directory");
     status.process_directory = TextMember(json, "process_directory");
     status.document = std::move(json);

@@ -39,18 +39,23 @@ public:
             const bool final = IsFinal(command_.state);
             size_t reports = 0;
             const RetryingRequest::End end = request_.Try([&] { return ReadReports(final, reports); });
-            if (const auto outcome = Outcome(final && reports == 0))
+            if (const auto outcome = Outcome(final && reports == 0)) {
                 return *outcome;
-            if (end == RetryingRequest::End::GivenUp)
+            }
+            if (end == RetryingRequest::End::GivenUp) {
                 return FollowOutcome::GivenUp;
-            if (end == RetryingRequest::End::TimedOut || request_.Expired())
+            }
+            if (end == RetryingRequest::End::TimedOut || request_.Expired()) {
                 return FollowOutcome::TimedOut;
-            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::GivenUp)
+            }
+            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::GivenUp) {
                 return FollowOutcome::GivenUp;
+            }
             const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (reports == 0 && !IsFinal(command_.state) && elapsed < kMinPollInterval &&
-                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
+                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
                 return FollowOutcome::GivenUp;
+            }
         }
     }
 
@@ -62,11 +67,13 @@ private:
         filter.limit = kPageLimit;
         filter.wait = final ? seconds(0) : request_.Left(kPoll);
         const std::optional<ReportPage> page = agent_.GetReports(filter, request_.GetTick());
-        if (!page)
+        if (!page) {
             return false;
+        }
         for (const Report& report : page->reports) {
-            for (const RunResult* const result : collector_.Add(report))
+            for (const RunResult* const result : collector_.Add(report)) {
                 on_result_(*result);
+            }
         }
         count = page->reports.size();
         after_ = std::max(after_, page->cursor);
@@ -79,36 +86,44 @@ private:
             filter.after = sequence_;
             filter.limit = kPageLimit;
             const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
-            if (!page)
+            if (!page) {
                 return false;
-            for (const Command& changed : page->commands) {
-                if (changed.id == command_.id)
-                    command_ = changed;
             }
-            if (page->commands.empty() || page->sequence <= sequence_)
+            for (const Command& changed : page->commands) {
+                if (changed.id == command_.id) {
+                    command_ = changed;
+                }
+            }
+            if (page->commands.empty() || page->sequence <= sequence_) {
                 return true;
+            }
             sequence_ = page->sequence;
         }
     }
 
     // The final word, once all reports before it have been taken.
     std::optional<FollowOutcome> Outcome(bool drained) const {
-        if (collector_.Complete())
+        if (collector_.Complete()) {
             return FollowOutcome::Complete;
-        if (collector_.Refused() || (drained && command_.state == CommandState::Refused))
+        }
+        if (collector_.Refused() || (drained && command_.state == CommandState::Refused)) {
             return FollowOutcome::Refused;
-        if (collector_.Interrupted() || (drained && command_.state == CommandState::Interrupted))
+        }
+        if (collector_.Interrupted() || (drained && command_.state == CommandState::Interrupted)) {
             return FollowOutcome::Interrupted;
-        if (drained)
+        }
+        if (drained) {
             return FollowOutcome::Complete;
+        }
         return std::nullopt;
     }
 
     void CheckThatTheStoreIsTheSame() {
         const AgentStatus status = agent_.GetStatus();
-        if (status.last_cursor < after_ || status.last_sequence < command_.sequence)
+        if (status.last_cursor < after_ || status.last_sequence < command_.sequence) {
             throw AgentUnavailable(
                 "the agent came back with another store, which does not know the policy; see its log");
+        }
     }
 
     AgentClient& agent_;
@@ -130,8 +145,9 @@ FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, Resul
 std::optional<seconds> DefaultWait(const Policy& policy) {
     uint32_t longest = 0;
     for (const PackedScript& script : policy.scripts) {
-        if (script.timeout == 0)
+        if (script.timeout == 0) {
             return std::nullopt;
+        }
         longest = std::max(longest, script.timeout);
     }
     return seconds(longest) + kGrace;

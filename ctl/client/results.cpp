@@ -27,13 +27,15 @@ RunResult ReadRun(const Json& run) {
 
 void ReadRuns(const Json& data, ReportContent& content) {
     const Json* const runs = FindMember(data, "result");
-    if (!runs || !runs->is_array())
+    if (!runs || !runs->is_array()) {
         return;
+    }
     content.kind = ReportContent::Kind::Results;
     for (const Json& run : *runs) {
         const Json* const script = FindMember(run, "scriptid");
-        if (script && script->is_string())
+        if (script && script->is_string()) {
             content.runs.push_back(ReadRun(run));
+        }
     }
 }
 
@@ -41,11 +43,13 @@ void ReadInterruption(const Json& data, ReportContent& content) {
     content.kind = ReportContent::Kind::Interruption;
     content.reason = TextMember(data, "reason");
     const Json* const unreported = FindMember(data, "unreported");
-    if (!unreported || !unreported->is_array())
+    if (!unreported || !unreported->is_array()) {
         return;
+    }
     for (const Json& script : *unreported) {
-        if (script.is_string())
+        if (script.is_string()) {
             content.unreported.push_back(script.get<std::string>());
+        }
     }
 }
 
@@ -56,12 +60,13 @@ ReportContent ReadReportContent(const Json& document) {
     content.id = TextMember(document, "ID");
     const std::string type = TextMember(document, "msg_type");
     const Json* const data = FindMember(document, "data");
-    if (type == kRefusal)
+    if (type == kRefusal) {
         content.kind = ReportContent::Kind::Refusal;
-    else if (type == kInterruption)
+    } else if (type == kInterruption) {
         ReadInterruption(data ? *data : Json(), content);
-    else if (type == kResult && data)
+    } else if (type == kResult && data) {
         ReadRuns(*data, content);
+    }
     return content;
 }
 
@@ -71,12 +76,14 @@ ResultCollector::ResultCollector(std::string policy_id, std::vector<std::string>
 
 std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
     std::vector<const RunResult*> added;
-    if (report.cursor <= last_cursor_)
+    if (report.cursor <= last_cursor_) {
         return added;
+    }
     last_cursor_ = report.cursor;
     ReportContent content = ReadReportContent(report.content);
-    if (content.id != policy_id_ || content.kind == ReportContent::Kind::Unknown)
+    if (content.id != policy_id_ || content.kind == ReportContent::Kind::Unknown) {
         return added;
+    }
     cursors_.push_back(report.cursor);
     refused_ = refused_ || content.kind == ReportContent::Kind::Refusal;
     if (content.kind == ReportContent::Kind::Interruption) {
@@ -85,11 +92,13 @@ std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
     }
     for (RunResult& result : content.runs) {
         const std::string id = result.script_id;
-        if (std::find(script_ids_.begin(), script_ids_.end(), id) == script_ids_.end())
+        if (std::find(script_ids_.begin(), script_ids_.end(), id) == script_ids_.end()) {
             continue;
+        }
         const auto [place, inserted] = results_.try_emplace(id, std::move(result));
-        if (inserted)
+        if (inserted) {
             added.push_back(&place->second);
+        }
     }
     return added;
 }

@@ -27,49 +27,60 @@ RetryingRequest::RetryingRequest(const Console& console, std::optional<seconds> 
 RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) {
     for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
         try {
-            if (away_ && on_return_)
+            if (away_ && on_return_) {
                 on_return_();
-            if (!request())
+            }
+            if (!request()) {
                 return End::GivenUp;
-            if (away_)
+            }
+            if (away_) {
                 Say("the agent is back");
+            }
             away_ = false;
             return End::Done;
         } catch (const AgentAway&) {
-            if (!away_)
+            if (!away_) {
                 Say("the agent has gone away; waiting for it to come back");
+            }
             away_ = true;
         }
-        if (Expired())
+        if (Expired()) {
             return End::TimedOut;
-        if (!Pause(pause))
+        }
+        if (!Pause(pause)) {
             return End::GivenUp;
+        }
     }
 }
 
 seconds RetryingRequest::Left(seconds most) const {
-    if (!deadline_)
+    if (!deadline_) {
         return most;
+    }
     return std::clamp(std::chrono::ceil<seconds>(*deadline_ - Clock::now()), seconds(0), most);
 }
 
 bool RetryingRequest::Pause(milliseconds pause) const {
     Clock::time_point end = Clock::now() + pause;
-    if (deadline_)
+    if (deadline_) {
         end = std::min(end, *deadline_);
+    }
     for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
-        if (tick_ && !tick_())
+        if (tick_ && !tick_()) {
             return false;
+        }
         std::this_thread::sleep_for(std::min<Clock::duration>(kTickInterval, end - now));
     }
     return !tick_ || tick_();
 }
 
 void RetryingRequest::Say(const std::string& text) const {
-    if (!console_.Remarks().IsTerminal())
+    if (!console_.Remarks().IsTerminal()) {
         return;
-    if (before_remark_)
+    }
+    if (before_remark_) {
         before_remark_();
+    }
     console_.Remark(text);
 }
 

@@ -59,8 +59,9 @@ ExitCode Explain(const CLI::App& program, const CLI::ParseError& error, const Co
         return ExitCode::Success;
     }
     std::string command = "qxpctl";
-    for (const CLI::App* const chosen : program.get_subcommands())
+    for (const CLI::App* const chosen : program.get_subcommands()) {
         command += " " + chosen->get_name();
+    }
     console.Remark(std::string(error.what()) + " (see '" + command + " --help')");
     return ExitCode::BadInput;
 }
@@ -69,17 +70,20 @@ ExitCode Explain(const CLI::App& program, const CLI::ParseError& error, const Co
 void RefuseEmptyValues(int argc, const char* const* argv) {
     for (int at = 1; at < argc; ++at) {
         const std::string_view argument = argv[at];
-        if (argument == "--")
+        if (argument == "--") {
             return;
-        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1)
+        }
+        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
             throw BadInput("'" + std::string(argument) + "' has no value");
+        }
     }
 }
 
 std::string Generate(const CLI::App& program, const std::string& what) {
     const CommandModel model = ReadCommandModel(program);
-    if (what == "bash")
+    if (what == "bash") {
         return BashCompletion(model);
+    }
     return what == "zsh" ? ZshCompletion(model) : ManPage(model, "qxpctl " QXPCTL_VERSION);
 }
 
@@ -97,8 +101,9 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
     program.require_subcommand(0, 1);
     program.footer(kFooter);
     program.get_formatter()->column_width(34);
-    for (const auto add : kCommands)
+    for (const auto add : kCommands) {
         add(setup);
+    }
     RefuseEmptyValues(argc, argv);
     try {
         program.parse(argc, argv);

@@ -40,13 +40,15 @@ void AddMistakes(const std::string& output, const std::string& advice, Findings&
     std::istringstream lines(output);
     size_t mistakes = 0;
     for (std::string line; mistakes < kMaxMistakes && std::getline(lines, line);) {
-        if (line.empty())
+        if (line.empty()) {
             continue;
+        }
         findings.Fail(kConfigurationCheck, line, advice);
         ++mistakes;
     }
-    if (mistakes == 0)
+    if (mistakes == 0) {
         findings.Fail(kConfigurationCheck, "the agent does not take it, and does not say why", advice);
+    }
 }
 
 // False when it is of no use to try to connect.
@@ -69,15 +71,17 @@ bool CheckSocketFile(const std::string& socket, Findings& findings) {
         findings.Fail(kSocketCheck, socket + " is not a socket", "move it away and start qxpagent");
         return false;
     }
-    if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0)
+    if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
         findings.Fail(kSocketCheck, socket + " can be used by everybody", "chmod o-rw " + ShellWord(socket));
+    }
     return true;
 }
 
 // A sentence of the agent's, for advice to follow it.
 std::string WithoutFullStop(std::string sentence) {
-    if (sentence.ends_with('.'))
+    if (sentence.ends_with('.')) {
         sentence.pop_back();
+    }
     return sentence;
 }
 
@@ -86,30 +90,35 @@ void CheckThatItIsThisInstallation(const AgentStatus& status, const fs::path& ro
     std::error_code failure;
     const fs::path real_data = fs::weakly_canonical(data, failure);
     const fs::path relative = real_data.lexically_relative(fs::weakly_canonical(root, failure));
-    if (!data.empty() && !failure && (relative.empty() || *relative.begin() == ".."))
+    if (!data.empty() && !failure && (relative.empty() || *relative.begin() == "..")) {
         findings.Warn(kAgentCheck, "the agent on this socket serves another installation, with its data in " + data,
                       "name that one with --root, or this one's socket with --socket");
+    }
 }
 
 void CheckStatus(const AgentStatus& status, Findings& findings) {
-    if (status.version != QXPCTL_VERSION)
+    if (status.version != QXPCTL_VERSION) {
         findings.Warn(kAgentCheck, "the agent has version " + status.version + ", this tool " QXPCTL_VERSION,
                       "restart the agent after an upgrade, and use the tool that came with it");
-    if (status.plugin_status != kPluginStarted)
+    }
+    if (status.plugin_status != kPluginStarted) {
         findings.Fail(kPluginCheck, "the plugin is " + PluginStateName(status.plugin_status),
                       "see the agent's log, and restart the agent");
+    }
     findings.OkUnlessFound(kPluginCheck, "started, version " + status.plugin_version);
-    if (!status.store_fault.empty())
+    if (!status.store_fault.empty()) {
         findings.Fail(kStoreCheck, "the store takes nothing: " + WithoutFullStop(status.store_fault),
                       "make room on its disk, or see the agent's log");
+    }
     findings.OkUnlessFound(kStoreCheck, "takes commands and reports");
     const auto oldest = ParseTime(status.oldest_pending);
     const auto age = oldest ? std::chrono::duration_cast<seconds>(WallClock::now() - *oldest) : seconds(0);
     const std::string pending = Count(status.reports_pending, "report") + " pending";
-    if (age > kOldReport)
+    if (age > kOldReport) {
         findings.Warn(kReportsCheck, pending + ", the oldest for " + DurationText(age),
                       "nobody takes them: check the link to the server, or read them with 'qxpctl results --pending "
                       "--acknowledge'");
+    }
     findings.OkUnlessFound(kReportsCheck, pending);
 }
 
@@ -137,16 +146,18 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
                           "the agent was killed by signal " + std::to_string(result.code) + " over it", advice);
             break;
         case ChildResult::End::Exited:
-            if (result.code != 0)
+            if (result.code != 0) {
                 AddMistakes(result.output, advice, findings);
+            }
             break;
     }
     findings.OkUnlessFound(kConfigurationCheck, "the agent can read it");
 }
 
 void CheckAgent(const fs::path& root, const std::string& socket, Findings& findings) {
-    if (!CheckSocketFile(socket, findings))
+    if (!CheckSocketFile(socket, findings)) {
         return;
+    }
     AgentClient agent(socket);
     agent.SetTimeout(kAgentDeadline);
     try {
@@ -154,8 +165,9 @@ void CheckAgent(const fs::path& root, const std::string& socket, Findings& findi
         findings.OkUnlessFound(kSocketCheck, socket + " answers");
         CheckThatItIsThisInstallation(status, root, findings);
         CheckStatus(status, findings);
-        for (const std::string& problem : agent.GetHealth().problems)
+        for (const std::string& problem : agent.GetHealth().problems) {
             findings.Fail(kAgentCheck, "the agent is failing: " + WithoutFullStop(problem), "see its log");
+        }
         findings.OkUnlessFound(kAgentCheck, "qxpagent " + status.version);
     } catch (const AgentAway& error) {
         const bool busy = error.Why() == AgentAway::Cause::Busy;

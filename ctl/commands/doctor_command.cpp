@@ -34,8 +34,9 @@ const char* LevelName(Level level) {
 }
 
 Color LevelColor(Level level) {
-    if (level == Level::Ok)
+    if (level == Level::Ok) {
         return Color::Green;
+    }
     return level == Level::Warn ? Color::Yellow : Color::Red;
 }
 
@@ -52,11 +53,12 @@ std::string AsText(const Findings& findings, const Stream& output) {
 std::string AsJson(const std::string& root, const std::string& socket, const Findings& findings) {
     Json document = {
         {"installation", root}, {"socket", socket}, {"ok", !findings.Any(Level::Fail)}, {"findings", Json::array()}};
-    for (const Finding& finding : findings.All())
+    for (const Finding& finding : findings.All()) {
         document["findings"].push_back({{"level", LevelName(finding.level)},
                                         {"check", finding.check},
                                         {"text", finding.text},
                                         {"advice", finding.advice}});
+    }
     return ToLine(document);
 }
 
@@ -78,8 +80,9 @@ ExitCode Examine(const std::string& root_option, const Console& console, const C
 }  // namespace
 
 void Findings::OkUnlessFound(const std::string& check, const std::string& text) {
-    if (std::none_of(all_.begin(), all_.end(), [&](const Finding& finding) { return finding.check == check; }))
+    if (std::none_of(all_.begin(), all_.end(), [&](const Finding& finding) { return finding.check == check; })) {
         all_.push_back({Level::Ok, check, text, {}});
+    }
 }
 
 bool Findings::Any(Level level) const {

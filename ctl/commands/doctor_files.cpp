@@ -58,18 +58,21 @@ constexpr Wanted kWanted[] = {
 // Who can change an entry can have anything run as the agent's user.
 void CheckOwnerAndMode(const fs::path& path, uid_t owner, const char* check, Findings& findings) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0)
+    if (stat(path.c_str(), &status) != 0) {
         return;
+    }
     const std::string word = ShellWord(path.string());
     const bool group_of_root = status.st_gid == 0;
-    if ((status.st_mode & S_IWOTH) != 0)
+    if ((status.st_mode & S_IWOTH) != 0) {
         findings.Fail(check, path.string() + " can be changed by everybody", "chmod o-w " + word);
-    else if ((status.st_mode & S_IWGRP) != 0 && !group_of_root)
+    } else if ((status.st_mode & S_IWGRP) != 0 && !group_of_root) {
         findings.Warn(check, path.string() + " can be changed by the group " + qxpbase::GroupName(status.st_gid),
                       "chmod g-w " + word);
-    if (status.st_uid != 0 && status.st_uid != owner)
+    }
+    if (status.st_uid != 0 && status.st_uid != owner) {
         findings.Fail(check, path.string() + " belongs to the user " + qxpbase::UserName(status.st_uid),
                       "chown " + qxpbase::UserName(owner) + " " + word);
+    }
 }
 
 void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findings& findings) {
@@ -95,8 +98,9 @@ void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findin
 std::vector<fs::path> Entries(const fs::path& directory) {
     std::vector<fs::path> entries;
     std::error_code ignored;
-    for (fs::directory_iterator at(directory, ignored), end; !ignored && at != end; at.increment(ignored))
+    for (fs::directory_iterator at(directory, ignored), end; !ignored && at != end; at.increment(ignored)) {
         entries.push_back(at->path());
+    }
     std::sort(entries.begin(), entries.end());
     return entries;
 }
@@ -108,9 +112,10 @@ uid_t OwnerOf(const fs::path& path) {
 
 void CheckKeyFile(const fs::path& path, Findings& findings) {
     try {
-        if (ReadPublicKey(path.string()).scheme != Scheme::Ed25519)
+        if (ReadPublicKey(path.string()).scheme != Scheme::Ed25519) {
             findings.Warn(kKeysCheck, path.string() + " is an RSA key, which counts only when it is built in",
                           "move it away");
+        }
     } catch (const Error& error) {
         findings.Fail(kKeysCheck, error.what(), "move it away; make keys with 'qxpctl keygen --scheme ed25519'");
     }
@@ -120,17 +125,21 @@ void CheckKeyFile(const fs::path& path, Findings& findings) {
 
 void CheckFiles(const fs::path& root, Findings& findings) {
     const uid_t owner = OwnerOf(root);
-    if (owner != 0)
+    if (owner != 0) {
         findings.Warn(kFilesCheck,
                       root.string() + " belongs to the user " + qxpbase::UserName(owner) +
                           ", who can have anything run as the agent's user",
                       "as it should be in a development tree alone: chown -R root " + ShellWord(root.string()));
-    for (const char* const directory : {".", "bin", "lib", "etc", "etc/plugins/qxpmaint", "data"})
+    }
+    for (const char* const directory : {".", "bin", "lib", "etc", "etc/plugins/qxpmaint", "data"}) {
         CheckOwnerAndMode((root / directory).lexically_normal(), owner, kFilesCheck, findings);
-    for (const Wanted& wanted : kWanted)
+    }
+    for (const Wanted& wanted : kWanted) {
         CheckWanted(root, wanted, owner, findings);
-    for (const char* const directory : {"data/qxpmaint/policyfile", "data/qxpmaint/policyprocess"})
+    }
+    for (const char* const directory : {"data/qxpmaint/policyfile", "data/qxpmaint/policyprocess"}) {
         CheckOwnerAndMode(root / directory, owner, kFilesCheck, findings);
+    }
     findings.OkUnlessFound(kFilesCheck, "programs, libraries and directories are in place under " + root.string());
 }
 
@@ -152,8 +161,9 @@ void CheckTrustedKeys(const fs::path& root, Findings& findings) {
     CheckOwnerAndMode(directory, owner, kKeysCheck, findings);
     size_t keys = 0;
     for (const fs::path& path : Entries(directory)) {
-        if (path.extension() != ".pem" || path.filename().string().starts_with("."))
+        if (path.extension() != ".pem" || path.filename().string().starts_with(".")) {
             continue;
+        }
         ++keys;
         CheckOwnerAndMode(path, owner, kKeysCheck, findings);
         CheckKeyFile(path, findings);
@@ -170,20 +180,23 @@ void CheckData(const fs::path& root, Findings& findings) {
         const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
         const std::string text = SizeText(free) + " free for " + data.string();
         const char* const advice = "make room, or give the agent's store a smaller limit";
-        if (free < kNoRoom)
+        if (free < kNoRoom) {
             findings.Fail(kDiskCheck, text, advice);
-        else if (free < kLittleRoom)
+        } else if (free < kLittleRoom) {
             findings.Warn(kDiskCheck, text, advice);
-        if (room.f_files > 0 && room.f_favail < kFewInodes)
+        }
+        if (room.f_files > 0 && room.f_favail < kFewInodes) {
             findings.Fail(kDiskCheck, Count(room.f_favail, "inode") + " free for " + data.string(),
                           "delete files that nobody needs");
+        }
         findings.OkUnlessFound(kDiskCheck, text);
     }
     for (const fs::path& path : Entries(data / "qxpagent")) {
-        if (path.filename().string().find(".corrupt") != std::string::npos)
+        if (path.filename().string().find(".corrupt") != std::string::npos) {
             findings.Warn(
                 kDatabaseCheck, path.string() + ": the agent found its database damaged and began a new one",
                 "commands and reports of before are in that file alone: keep a copy, check the disk, delete it");
+        }
     }
     findings.OkUnlessFound(kDatabaseCheck, "no damaged database was set aside");
 }
@@ -192,14 +205,16 @@ void CheckClock(const fs::path& root, Findings& findings) {
     struct stat status {};
     const auto now = WallClock::now();
     const fs::path program = root / "bin/qxpagent";
-    if (stat(program.c_str(), &status) == 0 && WallClock::from_time_t(status.st_mtime) > now + kClockSlack)
+    if (stat(program.c_str(), &status) == 0 && WallClock::from_time_t(status.st_mtime) > now + kClockSlack) {
         findings.Fail(kClockCheck, "the clock is behind the time at which " + program.string() + " was made",
                       "set it: reports carry its time, and what is kept goes by it");
+    }
     timex state{};
     const int result = adjtimex(&state);
-    if (result == TIME_ERROR || (result >= 0 && (state.status & STA_UNSYNC) != 0))
+    if (result == TIME_ERROR || (result >= 0 && (state.status & STA_UNSYNC) != 0)) {
         findings.Warn(kClockCheck, "the clock is not synchronised",
                       "see 'timedatectl'; reports of several machines cannot be compared by their times");
+    }
     findings.OkUnlessFound(kClockCheck, result < 0 ? "plausible" : "synchronised");
 }
 

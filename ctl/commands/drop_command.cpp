@@ -44,12 +44,14 @@ struct Drop {
 };
 
 std::string DirectoryOf(const DropOptions& options, const CommonOptions& common) {
-    if (!options.directory.empty())
+    if (!options.directory.empty()) {
         return options.directory;
+    }
     const AgentStatus status = AgentClient(FindSocket(common.socket)).GetStatus();
     const std::string& directory = options.process ? status.process_directory : status.policy_directory;
-    if (directory.empty())
+    if (directory.empty()) {
         throw AgentUnavailable("the agent does not say where its policy directory is; name it with --directory");
+    }
     return directory;
 }
 
@@ -57,11 +59,13 @@ std::string DirectoryOf(const DropOptions& options, const CommonOptions& common)
 std::string NameFor(const std::string& source) {
     const std::filesystem::path path(source);
     std::string ending = path.extension().string();
-    for (char& letter : ending)
+    for (char& letter : ending) {
         letter = static_cast<char>(letter >= 'A' && letter <= 'Z' ? letter - 'A' + 'a' : letter);
+    }
     std::string name = path.filename().string();
-    if (source == "-" || name.empty())
+    if (source == "-" || name.empty()) {
         throw BadInput("'" + source + "' gives the policy no name; drop takes files");
+    }
     return ending == ".json" ? name : name + ".json";
 }
 
@@ -71,15 +75,18 @@ std::vector<Drop> Prepare(const DropOptions& options, const std::string& directo
     for (const std::string& file : options.files) {
         Drop drop{file, (std::filesystem::path(directory) / NameFor(file)).string(), ReadReadyPolicy(file, road),
                   nullptr};
-        if (drop.policy.scripts == 0)
+        if (drop.policy.scripts == 0) {
             throw BadInput(file + " is no policy: it has no list of scripts (\"param\", \"scriptinfo\")");
+        }
         for (const Drop& other : drops) {
-            if (other.destination == drop.destination)
+            if (other.destination == drop.destination) {
                 throw BadInput(file + " and " + other.source + " would get the same name; rename one");
+            }
         }
         struct stat status {};
-        if (!options.force && lstat(drop.destination.c_str(), &status) == 0)
+        if (!options.force && lstat(drop.destination.c_str(), &status) == 0) {
             throw BadInput(drop.destination + " exists already; rename " + file + ", or use --force to replace it");
+        }
         drops.push_back(std::move(drop));
     }
     return drops;
@@ -88,9 +95,10 @@ std::vector<Drop> Prepare(const DropOptions& options, const std::string& directo
 ExitCode DropFiles(const DropOptions& options, const Console& console, const CommonOptions& common) {
     const std::string directory = DirectoryOf(options, common);
     std::error_code failure;
-    if (!std::filesystem::is_directory(directory, failure))
+    if (!std::filesystem::is_directory(directory, failure)) {
         throw BadInput(directory + " is not a directory that can be used" +
                        (failure ? ": " + failure.message() : std::string()));
+    }
     std::vector<Drop> drops = Prepare(options, directory);
     for (Drop& drop : drops) {
         drop.staged = std::make_unique<StagedFile>(drop.destination, 0600);
@@ -100,11 +108,13 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
     for (Drop& drop : drops) {
         drop.staged->Commit(options.force);
         result["dropped"].push_back({{"source", drop.source}, {"file", drop.destination}, {"id", drop.policy.id}});
-        if (!common.json)
+        if (!common.json) {
             console.Remark(drop.destination + ": " + Count(drop.policy.scripts, "script"));
+        }
     }
-    if (common.json)
+    if (common.json) {
         console.Print(ToLine(result));
+    }
     return ExitCode::Success;
 }
 

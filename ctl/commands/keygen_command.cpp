@@ -33,8 +33,9 @@ The private half (.key.pem, mode 0600) signs whatever will run as root: keep it 
 where only you can get at it.)";
 
 std::string PublicHalfAdvice(Scheme scheme, const std::string& file) {
-    if (scheme == Scheme::Plugin)
+    if (scheme == Scheme::Plugin) {
         return "build the plugin with it (-DQXPMAINT_PUBLIC_KEY=" + ShellWord(file) + ")";
+    }
     return "copy it into etc/trusted-keys/ of every installation that shall trust it";
 }
 

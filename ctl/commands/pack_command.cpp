@@ -27,10 +27,12 @@ A policy for an agent's policy directory or for run-once is the same document in
 void WarnOfTypesThatDoNotRun(const Policy& policy, const Console& console) {
     for (const PackedScript& script : policy.scripts) {
         const TypeHandling handling = HandlingOf(script.type);
-        if (handling == TypeHandling::Unsupported)
+        if (handling == TypeHandling::Unsupported) {
             console.Warn(script.id + ": the plugin drops scripts of the type " + script.type);
-        if (handling == TypeHandling::NeverRun)
+        }
+        if (handling == TypeHandling::NeverRun) {
             console.Warn(script.id + ": the plugin accepts scripts of the type " + script.type + ", but runs none");
+        }
     }
 }
 
@@ -40,9 +42,10 @@ std::string Summary(const PackedPolicy& packed, const std::string& output) {
                     {"scheme", SchemeName(packed.scheme)},
                     {"output", output},
                     {"scripts", Json::array()}};
-    for (const PackedScript& script : packed.policy.scripts)
+    for (const PackedScript& script : packed.policy.scripts) {
         summary["scripts"].push_back(
             {{"scriptid", script.id}, {"scripttype", script.type}, {"file", script.file}, {"bytes", script.bytes}});
+    }
     return ToLine(summary);
 }
 
@@ -55,11 +58,12 @@ ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, 
         return ExitCode::Success;
     }
     WriteOutputFile(options.output, packed.policy.document + "\n");
-    if (json)
+    if (json) {
         console.Print(Summary(packed, options.output));
-    else
+    } else {
         console.Remark(options.output + ": policy " + packed.policy.id + ", " +
                        std::to_string(packed.policy.scripts.size()) + " signed (" + SchemeName(packed.scheme) + ")");
+    }
     return ExitCode::Success;
 }
 

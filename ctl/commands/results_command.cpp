@@ -36,8 +36,9 @@ could not be written: nothing is acknowledged then.)";
 
 Row Headings() {
     Row row;
-    for (const char* const text : {"CURSOR", "RECEIVED", "SOURCE", "BYTES", "ACKNOWLEDGED", "ID", "FILE"})
+    for (const char* const text : {"CURSOR", "RECEIVED", "SOURCE", "BYTES", "ACKNOWLEDGED", "ID", "FILE"}) {
         row.push_back({text, Color::Bold});
+    }
     return row;
 }
 
@@ -63,38 +64,45 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
     ReportFilter filter;
     filter.id = options.id;
     filter.documents = json;
-    if (options.pending)
+    if (options.pending) {
         filter.acknowledged = false;
+    }
     Listing listing;
     std::string& text = listing.text;
-    if (json)
+    if (json) {
         text = R"({"reports":[)";
+    }
     const size_t before = text.size();
     std::vector<Row> rows{Headings()};
     for (;;) {
         const ReportPage page = agent.GetReports(filter).value();
         for (const Report& report : page.reports) {
-            if (!report.acknowledged)
+            if (!report.acknowledged) {
                 listing.pending.push_back(report.cursor);
-            if (json)
+            }
+            if (json) {
                 text.append(text.size() == before ? "" : ",").append(ToText(report.document));
-            else
+            } else {
                 rows.push_back(RowOf(report));
+            }
         }
-        if (page.reports.empty() || page.cursor <= filter.after)
+        if (page.reports.empty() || page.cursor <= filter.after) {
             break;
+        }
         filter.after = page.cursor;
     }
-    if (json)
+    if (json) {
         text.append(R"(],"cursor":)").append(std::to_string(filter.after)).append("}\n");
-    else
+    } else {
         text = FormatTable(rows, console.Output());
+    }
     return listing;
 }
 
 void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const Console& console) {
-    if (cursors.empty())
+    if (cursors.empty()) {
         return;
+    }
     const uint64_t count = agent.Acknowledge(cursors);
     console.Remark(Count(count, "report") + " acknowledged");
 }
@@ -102,19 +110,22 @@ void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const
 ExitCode List(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
     AgentClient agent(FindSocket(common.socket));
     const Listing listing = Collect(agent, options, console, common.json);
-    if (options.output.empty() || options.output == "-")
+    if (options.output.empty() || options.output == "-") {
         console.Print(listing.text);
-    else
+    } else {
         WriteOutputFile(options.output, listing.text);
-    if (options.acknowledge)
+    }
+    if (options.acknowledge) {
         Acknowledge(agent, listing.pending, console);
+    }
     return ExitCode::Success;
 }
 
 uint64_t ReadCursor(const std::string& text) {
     const std::optional<uint32_t> cursor = ParseNumber(text, std::numeric_limits<uint32_t>::max());
-    if (!cursor || *cursor == 0)
+    if (!cursor || *cursor == 0) {
         throw BadInput("--raw takes the cursor of a result, as 'qxpctl results' lists it, not '" + text + "'");
+    }
     return *cursor;
 }
 
@@ -124,15 +135,17 @@ ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const C
     const std::string bytes = agent.GetResultFile(cursor);
     if (!options.output.empty() && options.output != "-") {
         WriteOutputFile(options.output, bytes);
-        if (common.json)
+        if (common.json) {
             console.Print(ToLine({{"cursor", cursor}, {"output", options.output}, {"bytes", bytes.size()}}));
-        else
+        } else {
             console.Remark(options.output + ": " + Count(bytes.size(), "byte"));
+        }
     } else {
         console.Print(console.Output().Untrusted(bytes));
     }
-    if (options.acknowledge)
+    if (options.acknowledge) {
         Acknowledge(agent, {cursor}, console);
+    }
     return ExitCode::Success;
 }
 

@@ -44,9 +44,10 @@ input, nothing was sent; 3 the agent cannot be reached or takes nothing; 4 the w
 void CheckThatAllRun(const Policy& policy) {
     for (const PackedScript& script : policy.scripts) {
         const TypeHandling handling = HandlingOf(script.type);
-        if (handling != TypeHandling::Shell && handling != TypeHandling::Program)
+        if (handling != TypeHandling::Shell && handling != TypeHandling::Program) {
             throw BadInput("the plugin runs no scripts of the type '" + script.type + "' (" + script.file +
                            "); run takes sh and exe");
+        }
     }
 }
 
@@ -77,8 +78,9 @@ ExitCode ExitCodeOf(FollowOutcome outcome, bool all_succeeded) {
 
 std::vector<std::string> ScriptIdsOf(const Policy& policy) {
     std::vector<std::string> ids;
-    for (const PackedScript& script : policy.scripts)
+    for (const PackedScript& script : policy.scripts) {
         ids.push_back(script.id);
+    }
     return ids;
 }
 
@@ -122,10 +124,11 @@ public:
 private:
     ExitCode Finish(const Command& command, FollowOutcome outcome) {
         spinner_.Clear();
-        if (json_)
+        if (json_) {
             console_.Print(RunJson(command, collector_, outcome));
-        else
+        } else {
             static_cast<void>(console_.Remarks().Write(RunSummary(collector_, outcome, console_.Remarks())));
+        }
         Acknowledge();
         Explain(outcome, ReasonOf(command, collector_));
         return ExitCodeOf(outcome, collector_.AllSucceeded());
@@ -150,24 +153,28 @@ private:
         try {
             end = send() ? RetryingRequest::End::Done : RetryingRequest::End::GivenUp;
         } catch (const AgentAway& error) {
-            if (error.Why() != AgentAway::Cause::Broken)
+            if (error.Why() != AgentAway::Cause::Broken) {
                 throw;
+            }
             // The agent may have the policy or not; sent again, it is run once all the same.
             end = request_.Try(send);
         }
         const std::string unsure = "; it may have the policy " + policy_.id + " all the same: see 'qxpctl show'";
-        if (end == RetryingRequest::End::TimedOut)
+        if (end == RetryingRequest::End::TimedOut) {
             throw AgentUnavailable("the agent went away while the policy was being sent" + unsure);
-        if (end == RetryingRequest::End::GivenUp)
+        }
+        if (end == RetryingRequest::End::GivenUp) {
             throw Error(ExitCode::Interrupted, "interrupted while the policy was being sent to the agent" + unsure);
+        }
         return std::move(*submission);
     }
 
     FollowOutcome Follow(Command& command, uint64_t after) {
         const auto show = [this](const RunResult& result) {
             spinner_.Clear();
-            if (!json_)
+            if (!json_) {
                 console_.Print(RunOutput(result, policy_.scripts.size() > 1, console_.Output()));
+            }
         };
         try {
             return FollowCommand(agent_, request_, collector_, command, after, show);
@@ -178,8 +185,9 @@ private:
 
     // What has been shown has arrived. Nothing is lost when the agent cannot be told.
     void Acknowledge() {
-        if (!acknowledge_ || collector_.Cursors().empty())
+        if (!acknowledge_ || collector_.Cursors().empty()) {
             return;
+        }
         try {
             agent_.Acknowledge(collector_.Cursors());
         } catch (const Error& error) {
@@ -188,21 +196,25 @@ private:
     }
 
     void Explain(FollowOutcome outcome, const std::string& reason) const {
-        if (outcome == FollowOutcome::Refused)
+        if (outcome == FollowOutcome::Refused) {
             console_.Remark("the policy " + policy_.id + " was refused: " +
                             (reason.empty() ? "the plugin trusts another key, or too many scripts are in progress; its "
                                               "log tells which, and 'qxpctl verify' checks the key"
                                             : reason));
-        if (outcome == FollowOutcome::Interrupted)
+        }
+        if (outcome == FollowOutcome::Interrupted) {
             console_.Remark("the policy " + policy_.id + " was interrupted: " +
                             (reason.empty() ? "the agent ended before its results were there" : reason));
-        if (outcome == FollowOutcome::TimedOut && request_.IsAway())
+        }
+        if (outcome == FollowOutcome::TimedOut && request_.IsAway()) {
             console_.Remark("the wait is over, and the agent is away: look later with: qxpctl show " +
                             ShellWord(policy_.id));
-        else if (outcome == FollowOutcome::TimedOut)
+        } else if (outcome == FollowOutcome::TimedOut) {
             console_.Remark("the wait is over: " + HowToLookLater(policy_.id));
-        if (outcome == FollowOutcome::GivenUp)
+        }
+        if (outcome == FollowOutcome::GivenUp) {
             console_.Remark("interrupted: " + HowToLookLater(policy_.id));
+        }
     }
 
     const Policy& policy_;
@@ -218,12 +230,14 @@ private:
 };
 
 std::optional<std::chrono::seconds> WaitLimit(const std::string& option, const Policy& policy) {
-    if (option.empty())
+    if (option.empty()) {
         return DefaultWait(policy);
+    }
     const std::optional<uint32_t> seconds = ParseNumber(option, kMaxTimeoutSeconds);
-    if (!seconds)
+    if (!seconds) {
         throw BadInput("--wait takes a whole number of seconds from 0 to " + std::to_string(kMaxTimeoutSeconds) +
                        ", not '" + option + "'");
+    }
     return std::chrono::seconds(*seconds);
 }
 

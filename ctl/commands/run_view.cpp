@@ -28,10 +28,12 @@ const char* OutcomeName(FollowOutcome outcome, bool all_succeeded) {
 }  // namespace
 
 RunState StateOf(const RunResult* result, FollowOutcome outcome) {
-    if (result && result->succeeded)
+    if (result && result->succeeded) {
         return {"succeeded", Color::Green};
-    if (result)
+    }
+    if (result) {
         return result->timed_out ? RunState{"timed out", Color::Red} : RunState{"failed", Color::Red};
+    }
     switch (outcome) {
         case FollowOutcome::Complete:
             return {"not run", Color::Red};
@@ -52,10 +54,12 @@ std::string ReasonOf(const Command& command, const ResultCollector& collector) {
 
 std::string RunOutput(const RunResult& result, bool heading, const Stream& output) {
     std::string text = output.Untrusted(result.output);
-    if (!heading)
+    if (!heading) {
         return text;
-    if (!text.empty() && text.back() != '\n')
+    }
+    if (!text.empty() && text.back() != '\n') {
         text += '\n';
+    }
     return output.Paint(Color::Bold, "==> " + OneLine(result.script_id) + " <==") + "\n" + text;
 }
 
@@ -66,8 +70,9 @@ std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, 
         const RunResult* const result = collector.Find(id);
         const RunState state = StateOf(result, outcome);
         text += OneLine(id) + ": " + stream.Paint(state.color, state.name);
-        if (result && !result->timed_out)
+        if (result && !result->timed_out) {
             text += " in " + OneLine(result->seconds) + " s";
+        }
         text += "\n";
         succeeded += result && result->succeeded ? 1U : 0U;
     }

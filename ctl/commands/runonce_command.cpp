@@ -34,9 +34,10 @@ std::string MissingFrom(AgentClient& agent, const std::string& name) {
 }
 
 std::string ReasonNotAccepted(const std::string& name, const std::string& missing_from) {
-    if (!missing_from.empty())
+    if (!missing_from.empty()) {
         return "there is no such file in " + missing_from + "; put it there with: qxpctl drop --process " +
                ShellWord(name);
+    }
     return "the plugin refuses it, or there is no such file in the process directory; its log tells which";
 }
 
@@ -52,14 +53,16 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
             return !interrupt.Interrupted();
         });
     }
-    if (!accepted)
+    if (!accepted) {
         throw Error(ExitCode::Interrupted, "interrupted; the scripts go on: see 'qxpctl results'");
-    if (common.json)
+    }
+    if (common.json) {
         console.Print(ToLine({{"name", name}, {"accepted", *accepted}}));
-    else if (*accepted)
+    } else if (*accepted) {
         console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
-    else
+    } else {
         console.Remark(name + " was not accepted: " + ReasonNotAccepted(name, missing_from));
+    }
     return *accepted ? ExitCode::Success : ExitCode::Negative;
 }
 

@@ -29,13 +29,16 @@ std::string Head(const Command& command, const Stream& output) {
         {label("Command"), {command.command + ", " + Count(command.scripts, "script")}},
         {label("State"), {StateName(command.state), StateColor(command.state)}},
     };
-    if (!command.reason.empty())
+    if (!command.reason.empty()) {
         rows.push_back({label("Reason"), {command.reason, StateColor(command.state)}});
+    }
     rows.push_back({label("Sent by"), {command.submitter + ", received " + ShortTime(command.received)}});
-    if (!command.finished.empty())
+    if (!command.finished.empty()) {
         rows.push_back({label("Finished"), {ShortTime(command.finished)}});
-    for (const std::string& script : command.unreported)
+    }
+    for (const std::string& script : command.unreported) {
         rows.push_back({label(IsFinal(command.state) ? "No result" : "Waiting"), {script}});
+    }
     return FormatTable(rows, output);
 }
 
@@ -43,8 +46,9 @@ std::string ResultText(const RunResult& result, const Stream& output) {
     const char* const state = result.succeeded ? "succeeded" : result.timed_out ? "timed out" : "failed";
     std::string text = "\n" + output.Paint(Color::Bold, "==> " + OneLine(result.script_id) + " <==") + " " +
                        output.Paint(result.succeeded ? Color::Green : Color::Red, state);
-    if (!result.timed_out)
+    if (!result.timed_out) {
         text += " in " + OneLine(result.seconds) + " s";
+    }
     text += ", started " + OneLine(result.start_time) + "\n" + output.Untrusted(result.output);
     return text.back() == '\n' ? text : text + "\n";
 }
@@ -55,8 +59,9 @@ std::string ReportText(const Report& report, const Stream& output) {
     std::string text;
     switch (content.kind) {
         case ReportContent::Kind::Results:
-            for (const RunResult& result : content.runs)
+            for (const RunResult& result : content.runs) {
                 text += ResultText(result, output);
+            }
             return text;
         case ReportContent::Kind::Refusal:
             return heading + output.Paint(Color::Red, "refused by the plugin") + "\n";
@@ -70,8 +75,9 @@ std::string ReportText(const Report& report, const Stream& output) {
 }
 
 void PrintReports(const std::vector<Report>& reports, const Console& console) {
-    for (const Report& report : reports)
+    for (const Report& report : reports) {
         console.Print(ReportText(report, console.Output()));
+    }
 }
 
 // The agent's answer has the first of the reports; the others come page by page.
@@ -94,8 +100,9 @@ ExitCode Show(const std::string& id, const Console& console, const CommonOptions
             PrintReports(page.reports, console);
             continue;
         }
-        for (Report& report : page.reports)
+        for (Report& report : page.reports) {
             detail.document["reports"].push_back(std::move(report.document));
+        }
     }
     if (common.json) {
         detail.document.erase("more");

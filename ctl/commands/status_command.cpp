@@ -29,15 +29,17 @@ std::string ReportCounts(const AgentStatus& status) {
     const Json* const reports = FindMember(status.document, "reports");
     std::string text = std::to_string(reports ? NumberMember(*reports, "stored") : 0) + " stored, " +
                        std::to_string(status.reports_pending) + " pending";
-    if (const auto oldest = ParseTime(status.oldest_pending))
+    if (const auto oldest = ParseTime(status.oldest_pending)) {
         text += ", the oldest for " +
                 DurationText(std::chrono::duration_cast<std::chrono::seconds>(WallClock::now() - *oldest));
+    }
     return text;
 }
 
 Cell StoreCell(const AgentStatus& status) {
-    if (!status.store_fault.empty())
+    if (!status.store_fault.empty()) {
         return {"takes nothing: " + status.store_fault, Color::Red};
+    }
     const Json* const store = FindMember(status.document, "store");
     return {SizeText(store ? NumberMember(*store, "bytes") : 0)};
 }
@@ -50,8 +52,9 @@ std::string AsTable(const AgentStatus& status, const Health& health, const Strea
         {label("Agent"), {"qxpagent " + status.version + ", up for " + DurationText(uptime)}},
         {label("Health"), health.ok ? Cell{"ok", Color::Green} : Cell{"failing", Color::Red}},
     };
-    for (const std::string& problem : health.problems)
+    for (const std::string& problem : health.problems) {
         rows.push_back({{""}, {problem, Color::Red}});
+    }
     rows.push_back(
         {label("Plugin"),
          {status.plugin_version + (status.plugin_version.empty() ? "" : ", ") + PluginStateName(status.plugin_status),

@@ -36,17 +36,19 @@ Examples:
 
 TrustedKeys ReadKeys(const VerifyOptions& options) {
     TrustedKeys keys;
-    for (const std::string& file : options.key_files)
+    for (const std::string& file : options.key_files) {
         keys.AddKeyFile(file);
+    }
     if (!options.trust_directory.empty()) {
         keys.SetDirectory(options.trust_directory);
     } else if (options.key_files.empty()) {
         const std::filesystem::path directory = std::filesystem::path(InstallationRoot()) / "etc/trusted-keys";
         std::error_code failure;
-        if (!std::filesystem::is_directory(directory, failure))
+        if (!std::filesystem::is_directory(directory, failure)) {
             throw BadInput(
                 "name what to check with: --key PUBLIC.pem, --trust-dir DIR, or both; this program is in no "
                 "installation whose keys could be used");
+        }
         keys.SetDirectory(directory.string());
     }
     return keys;
@@ -67,8 +69,9 @@ const char* VerdictName(Verdict verdict) {
 }
 
 Color VerdictColor(Verdict verdict) {
-    if (verdict == Verdict::Accepted)
+    if (verdict == Verdict::Accepted) {
         return Color::Green;
+    }
     return verdict == Verdict::Dropped ? Color::Red : Color::Yellow;
 }
 
@@ -78,26 +81,30 @@ std::string AsJson(const PolicyVerdict& verdict) {
                    {"command", verdict.command},
                    {"faults", verdict.faults},
                    {"scripts", Json::array()}};
-    for (const ScriptVerdict& script : verdict.scripts)
+    for (const ScriptVerdict& script : verdict.scripts) {
         result["scripts"].push_back({{"scriptid", script.id},
                                      {"scripttype", script.type},
                                      {"verdict", VerdictName(script.verdict)},
                                      {"reason", script.reason}});
+    }
     return ToLine(result);
 }
 
 std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
     std::string text;
-    for (const std::string& fault : verdict.faults)
+    for (const std::string& fault : verdict.faults) {
         text += "policy: " + output.Paint(Color::Red, "refused") + ": " + OneLine(fault) + "\n";
+    }
     size_t number = 0;
     for (const ScriptVerdict& script : verdict.scripts) {
         text += "script " + std::to_string(++number);
-        if (!script.id.empty())
+        if (!script.id.empty()) {
             text += " (" + OneLine(script.id) + ")";
+        }
         text += ": " + output.Paint(VerdictColor(script.verdict), VerdictName(script.verdict));
-        if (!script.reason.empty())
+        if (!script.reason.empty()) {
             text += ": " + OneLine(script.reason);
+        }
         text += "\n";
     }
     return text;
@@ -107,13 +114,15 @@ ExitCode Verify(const VerifyOptions& options, const Console& console, bool json)
     const TrustedKeys keys = ReadKeys(options);
     const std::string document = ReadDocument(options.policy, kMaxPolicyBytes, "policy");
     PolicyVerdict verdict = CheckPolicy(document, keys);
-    if (!verdict.readable)
+    if (!verdict.readable) {
         throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
                        " is not a JSON document; make a policy with 'qxpctl pack'");
+    }
     qxtools::CPJsonParse reader;
     if (const std::string reason = qxppolicy::ValidateForAdmission(document, reader);
-        verdict.faults.empty() && !reason.empty())
+        verdict.faults.empty() && !reason.empty()) {
         verdict.faults.push_back("an agent does not take it: " + reason);
+    }
     console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
     return verdict.Good() ? ExitCode::Success : ExitCode::Negative;
 }

@@ -52,16 +52,18 @@ public:
         const TerminalSize size = console_.Output().Size().value_or(kUnknownSize);
         std::vector<const Command*> newest;
         newest.reserve(commands.size());
-        for (const auto& [id, command] : commands)
+        for (const auto& [id, command] : commands) {
             newest.push_back(&command);
+        }
         std::sort(newest.begin(), newest.end(), [](const Command* a, const Command* b) {
             return a->received != b->received ? a->received > b->received : a->sequence > b->sequence;
         });
         // One line for the headings, one for the cursor.
         newest.resize(std::min(newest.size(), std::max<size_t>(size.lines, 3) - 2));
         std::vector<Row> rows{CommandHeadings()};
-        for (const Command* const command : newest)
+        for (const Command* const command : newest) {
             rows.push_back(CommandRow(*command));
+        }
         // ECMA-48: cursor up, erase to the end of the screen.
         const std::string back = lines_ > 0 ? "\033[" + std::to_string(lines_) + "A\r\033[J" : "";
         console_.Print(back + FormatTable(rows, console_.Output(), size.columns));
@@ -92,25 +94,31 @@ public:
 
     ExitCode Run() {
         const uint64_t last = agent_.GetStatus().last_sequence;
-        if (wanted_.empty())
+        if (wanted_.empty()) {
             sequence_ = live_ ? last - std::min(last, kHistory) : last;
+        }
         // What is there already comes without waiting.
         for (bool first = true;; first = false) {
             const RetryingRequest::Clock::time_point asked = RetryingRequest::Clock::now();
             size_t changes = 0;
             const RetryingRequest::End end = request_.Try([&] { return ReadChanges(!first, changes); });
-            if (end == RetryingRequest::End::GivenUp)
+            if (end == RetryingRequest::End::GivenUp) {
                 return ExitCode::Interrupted;
-            if (live_ && (first || changes > 0))
+            }
+            if (live_ && (first || changes > 0)) {
                 table_.Draw(commands_);
-            if (Finished())
+            }
+            if (Finished()) {
                 return Verdict();
-            if (request_.Expired())
+            }
+            if (request_.Expired()) {
                 return ExitCode::WaitTimedOut;
+            }
             const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (!first && changes == 0 && elapsed < kMinPollInterval &&
-                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed)))
+                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
                 return ExitCode::Interrupted;
+            }
         }
     }
 
@@ -121,23 +129,28 @@ private:
         filter.limit = kPageLimit;
         filter.wait = wait ? request_.Left(AgentClient::kMaxPoll) : std::chrono::seconds(0);
         const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
-        if (!page)
+        if (!page) {
             return false;
-        for (const Command& command : page->commands)
+        }
+        for (const Command& command : page->commands) {
             Take(command);
+        }
         count = page->commands.size();
         sequence_ = std::max(sequence_, page->sequence);
         return true;
     }
 
     void Take(const Command& command) {
-        if (!wanted_.empty() && wanted_.count(command.id) == 0)
+        if (!wanted_.empty() && wanted_.count(command.id) == 0) {
             return;
-        if (!live_)
+        }
+        if (!live_) {
             console_.Print(json_ ? ToLine(command.document) : CommandLine(command));
+        }
         // A watch in a pipe goes on for months: it keeps only what it is to judge.
-        if (live_ || !wanted_.empty())
+        if (live_ || !wanted_.empty()) {
             commands_[command.id] = command;
+        }
     }
 
     bool Finished() const {
@@ -153,8 +166,9 @@ private:
     }
 
     void StartOverInANewStore() {
-        if (agent_.GetStatus().last_sequence >= sequence_)
+        if (agent_.GetStatus().last_sequence >= sequence_) {
             return;
+        }
         sequence_ = 0;
         commands_.clear();
     }
@@ -172,12 +186,14 @@ private:
 };
 
 std::optional<std::chrono::seconds> ReadWait(const std::string& text) {
-    if (text.empty())
+    if (text.empty()) {
         return std::nullopt;
+    }
     const std::optional<uint32_t> seconds = ParseNumber(text, kMaxTimeoutSeconds);
-    if (!seconds)
+    if (!seconds) {
         throw BadInput("--wait takes a whole number of seconds from 0 to " + std::to_string(kMaxTimeoutSeconds) +
                        ", not '" + text + "'");
+    }
     return std::chrono::seconds(*seconds);
 }
 

@@ -30,17 +30,20 @@ int NoteEncrypted(char* /*buffer*/, int /*size*/, int /*writing*/, void* encrypt
 
 bool HasExpectedExponent(const EVP_PKEY* key) {
     BIGNUM* number = nullptr;
-    if (EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &number) != 1)
+    if (EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &number) != 1) {
         return false;
+    }
     const BignumPtr exponent(number);
     return BN_is_word(exponent.get(), kRsaExponent) == 1;
 }
 
 Scheme SchemeOf(const EVP_PKEY* key, const std::string& path) {
-    if (EVP_PKEY_is_a(key, "ED25519") == 1)
+    if (EVP_PKEY_is_a(key, "ED25519") == 1) {
         return Scheme::Ed25519;
-    if (EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) == kRsaBits && HasExpectedExponent(key))
+    }
+    if (EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) == kRsaBits && HasExpectedExponent(key)) {
         return Scheme::Plugin;
+    }
     const char* const name = EVP_PKEY_get0_type_name(key);
     throw BadInput(path + " is a key of another kind (" + (name ? name : "unknown") + ", " +
                    std::to_string(EVP_PKEY_get_bits(key)) +
@@ -95,13 +98,16 @@ Key ReadPrivateKey(const std::string& path) {
     bool encrypted = false;
     KeyPtr key(PEM_read_bio_PrivateKey(text.Open().get(), nullptr, NoteEncrypted, &encrypted));
     ERR_clear_error();
-    if (encrypted)
+    if (encrypted) {
         throw BadInput(path + " is protected by a passphrase; write an unprotected copy with 'openssl pkey -in " +
                        ShellWord(path) + " -out KEY.pem' in a place that only you can read");
-    if (!key && text.Contains("PUBLIC KEY"))
+    }
+    if (!key && text.Contains("PUBLIC KEY")) {
         throw BadInput(path + " is a public key; signing needs the private half (.key.pem)");
-    if (!key)
+    }
+    if (!key) {
         throw BadInput(path + " is not a private key in PEM form; make one with 'qxpctl keygen'");
+    }
     const Scheme scheme = SchemeOf(key.get(), path);
     return {std::move(key), scheme};
 }
@@ -110,10 +116,12 @@ Key ReadPublicKey(const std::string& path) {
     const SecretText text(ReadDocument(path, kMaxKeyFileBytes, "public key"));
     KeyPtr key(PEM_read_bio_PUBKEY(text.Open().get(), nullptr, nullptr, nullptr));
     ERR_clear_error();
-    if (!key && text.Contains("PRIVATE KEY"))
+    if (!key && text.Contains("PRIVATE KEY")) {
         throw BadInput(path + " is a private key; checking needs the public half (.pub.pem)");
-    if (!key)
+    }
+    if (!key) {
         throw BadInput(path + " is not a public key in PEM form");
+    }
     const Scheme scheme = SchemeOf(key.get(), path);
     return {std::move(key), scheme};
 }
@@ -127,8 +135,9 @@ KeyPairText WriteKeyPair(const Key& key) {
     const BioPtr public_half(BIO_new(BIO_s_mem()));
     if (!private_half || !public_half ||
         PEM_write_bio_PrivateKey(private_half.get(), key.key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
-        PEM_write_bio_PUBKEY(public_half.get(), key.key.get()) != 1)
+        PEM_write_bio_PUBKEY(public_half.get(), key.key.get()) != 1) {
         throw LocalFailure(Unwritable());
+    }
     KeyPairText text;
     text.private_pem = BioText(private_half.get());
     text.public_pem = BioText(public_half.get());

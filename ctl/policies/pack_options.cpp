@@ -45,16 +45,19 @@ PackedPolicy Pack(const PackOptions& options) {
     PolicyRequest request;
     request.command = options.command;
     request.scripts = options.scripts;
-    if (options.id_option.Given())
+    if (options.id_option.Given()) {
         request.id = options.id;
+    }
     if (!options.type.empty()) {
         CheckType(options.type);
         request.defaults.type = options.type;
     }
-    if (!options.timeout.empty())
+    if (!options.timeout.empty()) {
         request.defaults.timeout = ParseTimeout(options.timeout);
-    if (!options.action.empty())
+    }
+    if (!options.action.empty()) {
         request.defaults.action = ParseAction(options.action);
+    }
     CheckMarker(options.check);
     request.defaults.check = options.check;
     CheckScriptDirectory(options.path);
@@ -65,8 +68,9 @@ PackedPolicy Pack(const PackOptions& options) {
 
 void WarnOfOpenKeyFile(const std::string& path, const Console& console) {
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
+    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         console.Warn("others can read or change the private key: chmod 600 " + ShellWord(path));
+    }
 }
 
 }  // namespace qxpctl

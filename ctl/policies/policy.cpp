@@ -24,19 +24,22 @@ constexpr size_t kMaxScriptBytes = kMaxSignedBytes / 4 * 3;
 
 std::string RandomUuid() {
     std::array<unsigned char, 16> bytes{};
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
         throw LocalFailure("the system gives no random numbers");
+    }
     bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
     bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
     std::string text = HexEncode(bytes);
-    for (const size_t at : {8, 13, 18, 23})
+    for (const size_t at : {8, 13, 18, 23}) {
         text.insert(at, "-");
+    }
     return text;
 }
 
 std::string IdOf(const ScriptArgument& argument, const ScriptAttributes& attributes) {
-    if (attributes.id)
+    if (attributes.id) {
         return *attributes.id;
+    }
     std::string name = std::filesystem::path(argument.file).filename().string();
     try {
         CheckId(name, "script id");
@@ -55,9 +58,10 @@ void AddScript(const std::string& text, const ScriptAttributes& defaults, const 
     script.id = IdOf(argument, attributes);
     script.type = attributes.type ? *attributes.type : GuessType(argument.file, file);
     script.file = argument.file;
-    if (HandlingOf(script.type) == TypeHandling::Shell && file.bytes.find('\0') != std::string::npos)
+    if (HandlingOf(script.type) == TypeHandling::Shell && file.bytes.find('\0') != std::string::npos) {
         throw BadInput(argument.file +
                        " holds a NUL byte, and the plugin would run a script of the type sh only up to it");
+    }
     script.bytes = file.bytes.size();
     script.timeout = attributes.timeout.value_or(0);
 
@@ -66,14 +70,18 @@ void AddScript(const std::string& text, const ScriptAttributes& defaults, const 
     Json member;
     member["scriptid"] = script.id;
     member["scripttype"] = script.type;
-    if (attributes.path && !attributes.path->empty())
+    if (attributes.path && !attributes.path->empty()) {
         member["scriptpath"] = *attributes.path;
-    if (attributes.check && !attributes.check->empty())
+    }
+    if (attributes.check && !attributes.check->empty()) {
         member["checkret"] = *attributes.check;
-    if (attributes.timeout)
+    }
+    if (attributes.timeout) {
         member["timeout"] = std::to_string(*attributes.timeout);
-    if (attributes.action)
+    }
+    if (attributes.action) {
         member["timeoutaction"] = std::to_string(*attributes.action);
+    }
     member["sign"] = Sign(key, base64_text);
     member["scriptdata"] = std::move(base64_text);
     list.push_back(std::move(member));
@@ -83,23 +91,27 @@ void AddScript(const std::string& text, const ScriptAttributes& defaults, const 
 void CheckDistinctIds(const std::vector<PackedScript>& scripts) {
     std::set<std::string> ids;
     for (const PackedScript& script : scripts) {
-        if (!ids.insert(script.id).second)
+        if (!ids.insert(script.id).second) {
             throw BadInput("two scripts have the id '" + script.id + "'; give one another with '" + script.file +
                            ",id=NAME'");
+        }
     }
 }
 
 }  // namespace
 
 Policy BuildPolicy(const PolicyRequest& request, const Key& private_key) {
-    if (request.scripts.empty())
+    if (request.scripts.empty()) {
         throw BadInput("no script is given");
-    if (request.scripts.size() > kMaxScripts)
+    }
+    if (request.scripts.size() > kMaxScripts) {
         throw BadInput(std::to_string(request.scripts.size()) + " scripts are too many for one policy; the limit is " +
                        std::to_string(kMaxScripts) + ": pack them in several");
-    if (!IsRunCommand(request.command))
+    }
+    if (!IsRunCommand(request.command)) {
         throw BadInput("the command '" + request.command + "' is none of " + kRunNormal + ", " + kRunFile + " and " +
                        kRunProcess);
+    }
     Policy policy;
     policy.id = request.id ? *request.id : RandomUuid();
     policy.command = request.command;
@@ -111,8 +123,9 @@ Policy BuildPolicy(const PolicyRequest& request, const Key& private_key) {
         AddScript(script, request.defaults, private_key, policy, list);
         // While they are read, so that many large scripts do not fill the memory first.
         total += list.back()["scriptdata"].get_ref<const std::string&>().size();
-        if (total > kMaxPolicyBytes)
+        if (total > kMaxPolicyBytes) {
             break;
+        }
     }
     CheckDistinctIds(policy.scripts);
     if (total <= kMaxPolicyBytes) {
@@ -122,9 +135,10 @@ Policy BuildPolicy(const PolicyRequest& request, const Key& private_key) {
         document["param"]["scriptinfo"] = std::move(list);
         policy.document = document.dump();
     }
-    if (total > kMaxPolicyBytes || policy.document.size() > kMaxPolicyBytes)
+    if (total > kMaxPolicyBytes || policy.document.size() > kMaxPolicyBytes) {
         throw BadInput("the policy would be larger than " + std::to_string(kMaxPolicyBytes) +
                        " bytes, more than the agent takes: pack the scripts in several");
+    }
     return policy;
 }
 

@@ -27,8 +27,9 @@ size_t CountScripts(const CPJsonParse& json) {
 
 // The agent's rule for an ID, which becomes part of a file name.
 void CheckCommandId(const std::string& name, const std::string& id) {
-    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty()) {
         throw BadInput(name + " has no usable \"ID\": it " + fault + "; pack the policy again with 'qxpctl pack --id'");
+    }
 }
 
 }  // namespace
@@ -37,16 +38,19 @@ ReadyPolicy ReadReadyPolicy(const std::string& path, PolicyRoad road) {
     const std::string name = path == "-" ? "the standard input" : path;
     ReadyPolicy policy;
     policy.document = ReadDocument(path, kMaxPolicyBytes, "policy");
-    if (policy.document.find('\0') != std::string::npos)
+    if (policy.document.find('\0') != std::string::npos) {
         throw BadInput(name + " holds a NUL byte, so it is not a JSON document");
+    }
     CPJsonParse json;
-    if (!json.LoadBuffer(policy.document.c_str()))
+    if (!json.LoadBuffer(policy.document.c_str())) {
         throw BadInput(name + " is not a JSON document; make a policy with 'qxpctl pack'");
+    }
     policy.id = Member(json, "ID");
     policy.command = Member(json, "Command");
     policy.scripts = CountScripts(json);
-    if (road == PolicyRoad::Command)
+    if (road == PolicyRoad::Command) {
         CheckCommandId(name, policy.id);
+    }
     return policy;
 }
 

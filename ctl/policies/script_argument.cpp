@@ -36,8 +36,9 @@ std::vector<std::string> SplitAtCommas(std::string_view argument) {
 
 template <typename T>
 void SetOnce(std::optional<T>& attribute, T value, std::string_view key) {
-    if (attribute)
+    if (attribute) {
         throw BadInput("'" + std::string(key) + "=' is given twice for one script");
+    }
     attribute = std::move(value);
 }
 
@@ -45,8 +46,9 @@ void SetAttribute(ScriptAttributes& attributes, const std::string& part) {
     const size_t equals = part.find('=');
     const std::string key = part.substr(0, equals);
     const std::string value = equals == std::string::npos ? std::string() : part.substr(equals + 1);
-    if (equals == std::string::npos)
+    if (equals == std::string::npos) {
         throw BadInput("'" + part + "' is not of the form key=value (a comma that belongs to a name is written \\,)");
+    }
     if (key == "type") {
         CheckType(value);
         SetOnce(attributes.type, value, key);
@@ -75,8 +77,9 @@ void SetAttribute(ScriptAttributes& attributes, const std::string& part) {
 ScriptArgument ParseScriptArgument(const std::string& argument) {
     const std::vector<std::string> parts = SplitAtCommas(argument);
     ScriptArgument script{parts.front(), {}};
-    if (script.file.empty())
+    if (script.file.empty()) {
         throw BadInput("'" + argument + "' names no file");
+    }
     try {
         std::for_each(parts.begin() + 1, parts.end(),
                       [&script](const std::string& part) { SetAttribute(script.attributes, part); });
@@ -88,8 +91,9 @@ ScriptArgument ParseScriptArgument(const std::string& argument) {
 
 ScriptAttributes WithDefaults(ScriptAttributes attributes, const ScriptAttributes& defaults) {
     const auto fill = [](auto& attribute, const auto& value) {
-        if (!attribute)
+        if (!attribute) {
             attribute = value;
+        }
     };
     fill(attributes.type, defaults.type);
     fill(attributes.id, defaults.id);
@@ -101,41 +105,47 @@ ScriptAttributes WithDefaults(ScriptAttributes attributes, const ScriptAttribute
 }
 
 void CheckId(const std::string& id, const std::string& what) {
-    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty()) {
         throw BadInput("the " + what + " '" + id + "' " + fault);
+    }
 }
 
 void CheckType(const std::string& type) {
-    if (type.empty() || type.size() > kMaxTypeBytes || type.find_first_not_of(kLettersAndDigits) != std::string::npos)
+    if (type.empty() || type.size() > kMaxTypeBytes || type.find_first_not_of(kLettersAndDigits) != std::string::npos) {
         throw BadInput("the type '" + type + "' is not a word of 1 to " + std::to_string(kMaxTypeBytes) +
                        " letters and digits; sh and exe are run");
+    }
 }
 
 void CheckMarker(const std::string& marker) {
     if (!IsValidUtf8(marker) || marker.size() > kMaxCheckBytes || marker.find('\n') != std::string::npos ||
-        marker.find('\0') != std::string::npos)
+        marker.find('\0') != std::string::npos) {
         throw BadInput("the check marker is not a line of UTF-8 text of at most " + std::to_string(kMaxCheckBytes) +
                        " bytes; it is looked for in one line of the output");
+    }
 }
 
 void CheckScriptDirectory(const std::string& path) {
-    if (const std::string fault = qxppolicy::ValidateScriptDirectory(path); !fault.empty())
+    if (const std::string fault = qxppolicy::ValidateScriptDirectory(path); !fault.empty()) {
         throw BadInput("the path '" + path + "' " + fault);
+    }
 }
 
 uint32_t ParseTimeout(const std::string& text) {
     const std::optional<uint32_t> seconds = ParseNumber(text, kMaxTimeoutSeconds);
-    if (!seconds)
+    if (!seconds) {
         throw BadInput("the time-out '" + text + "' is not a whole number of seconds from 0 (none) to " +
                        std::to_string(kMaxTimeoutSeconds) +
                        " (the plugin counts milliseconds in 32 bits, a longer one would end early)");
+    }
     return *seconds;
 }
 
 uint32_t ParseAction(const std::string& text) {
     const std::optional<uint32_t> action = ParseNumber(text, std::numeric_limits<uint32_t>::max());
-    if (!action)
+    if (!action) {
         throw BadInput("the action '" + text + "' is not a number from 0 to 4294967295");
+    }
     return *action;
 }
 

@@ -19,18 +19,21 @@ constexpr size_t kInterpreterLineBytes = 256;
 
 // The interpreter's name in "#!/bin/sh -e" or "#!/usr/bin/env -S bash -e"; empty when there is none.
 std::string InterpreterName(std::string_view script) {
-    if (!script.starts_with("#!"))
+    if (!script.starts_with("#!")) {
         return {};
+    }
     const std::string_view line = script.substr(2, std::min(script.find('\n'), kInterpreterLineBytes) - 2);
     std::istringstream words{std::string(line)};
     std::string word;
     words >> word;
     std::string name = std::filesystem::path(word).filename().string();
-    if (name != "env")
+    if (name != "env") {
         return name;
+    }
     while (words >> word) {
-        if (word.front() != '-' && word.find('=') == std::string::npos)
+        if (word.front() != '-' && word.find('=') == std::string::npos) {
             return std::filesystem::path(word).filename().string();
+        }
     }
     return name;
 }
@@ -39,11 +42,13 @@ std::string InterpreterName(std::string_view script) {
 
 std::string GuessType(const std::string& path, const ScriptFile& script) {
     const std::string interpreter = InterpreterName(script.bytes);
-    if (std::find(kShells.begin(), kShells.end(), interpreter) != kShells.end() || path.ends_with(".sh"))
+    if (std::find(kShells.begin(), kShells.end(), interpreter) != kShells.end() || path.ends_with(".sh")) {
         return "sh";
+    }
     const bool elf = std::string_view(script.bytes).starts_with("\177ELF");
-    if (elf || !interpreter.empty() || script.executable)
+    if (elf || !interpreter.empty() || script.executable) {
         return "exe";
+    }
     throw BadInput("cannot tell what kind of script " + path + " is; say so with type=sh or type=exe, as in '" + path +
                    ",type=sh'");
 }

@@ -40,13 +40,15 @@ using PluginMessage = std::array<unsigned char, kPluginBlockBytes>;
 // random, so that equal scripts have different signatures.
 PluginMessage MakePluginMessage(std::string_view base64_text) {
     PluginMessage message{};
-    if (RAND_bytes(message.data() + kPluginDigestOffset, static_cast<int>(message.size() - kPluginDigestOffset)) != 1)
+    if (RAND_bytes(message.data() + kPluginDigestOffset, static_cast<int>(message.size() - kPluginDigestOffset)) != 1) {
         FailToSign("no random numbers");
+    }
     size_t written = 0;
     if (EVP_Q_digest(nullptr, "SHA256", nullptr, base64_text.data(), base64_text.size(),
                      message.data() + kPluginDigestOffset, &written) != 1 ||
-        written != kDigestBytes)
+        written != kDigestBytes) {
         FailToSign("SHA-256");
+    }
     return message;
 }
 
@@ -57,8 +59,10 @@ std::string SignForPlugin(EVP_PKEY* key, std::string_view base64_text) {
     size_t size = block.size();
     if (!context || EVP_PKEY_sign_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) != 1 ||
-        EVP_PKEY_sign(context.get(), block.data(), &size, message.data(), message.size()) != 1 || size != block.size())
+        EVP_PKEY_sign(context.get(), block.data(), &size, message.data(), message.size()) != 1 ||
+        size != block.size()) {
         FailToSign("RSA");
+    }
     return std::string(kPluginMark) + HexEncode(block);
 }
 
@@ -68,8 +72,9 @@ std::string SignWithEd25519(EVP_PKEY* key, std::string_view base64_text) {
     size_t size = signature.size();
     if (!context || EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key) != 1 ||
         EVP_DigestSign(context.get(), signature.data(), &size, Bytes(base64_text), base64_text.size()) != 1 ||
-        size != signature.size())
+        size != signature.size()) {
         FailToSign("Ed25519");
+    }
     return std::string(kEd25519Mark) + HexEncode(signature);
 }
 

@@ -25,15 +25,19 @@ bool ReadUntil(int descriptor, Clock::time_point deadline, std::string& output) 
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd ready{descriptor, POLLIN, 0};
         const int found = poll(&ready, 1, left > 0 ? static_cast<int>(left) : 0);
-        if (found == 0)
+        if (found == 0) {
             return false;
-        if (found < 0 && errno != EINTR)
+        }
+        if (found < 0 && errno != EINTR) {
             return false;
+        }
         const ssize_t count = found > 0 ? read(descriptor, buffer.data(), buffer.size()) : 1;
-        if (count == 0)
+        if (count == 0) {
             return true;
-        if (found > 0 && count > 0 && output.size() < kMaxOutput)
+        }
+        if (found > 0 && count > 0 && output.size() < kMaxOutput) {
             output.append(buffer.data(), static_cast<size_t>(count));
+        }
     }
 }
 
@@ -42,8 +46,9 @@ int Spawn(const std::string& program, const std::vector<std::string>& arguments,
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     argv.reserve(texts.size() + 1);
-    for (std::string& text : texts)
+    for (std::string& text : texts) {
         argv.push_back(text.data());
+    }
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -60,16 +65,18 @@ int Spawn(const std::string& program, const std::vector<std::string>& arguments,
 ChildResult RunChild(const std::string& program, const std::vector<std::string>& arguments,
                      std::chrono::milliseconds deadline) {
     std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0)
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         return {ChildResult::End::NotStarted, errno, {}};
+    }
     pid_t child = 0;
     const int failure = Spawn(program, arguments, ends[1], child);
     close(ends[1]);
     ChildResult result{ChildResult::End::NotStarted, failure, {}};
     if (failure == 0) {
         const bool ended = ReadUntil(ends[0], Clock::now() + deadline, result.output);
-        if (!ended)
+        if (!ended) {
             kill(child, SIGKILL);
+        }
         int status = 0;
         while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }

@@ -19,35 +19,42 @@ std::vector<std::string> ChoicesOf(const std::string& type_name) {
     const size_t begin = type_name.find('{');
     const size_t end = type_name.find('}');
     std::vector<std::string> choices;
-    if (begin == std::string::npos || end == std::string::npos)
+    if (begin == std::string::npos || end == std::string::npos) {
         return choices;
+    }
     std::istringstream list(type_name.substr(begin + 1, end - begin - 1));
-    for (std::string choice; std::getline(list, choice, ',');)
+    for (std::string choice; std::getline(list, choice, ',');) {
         choices.push_back(choice);
+    }
     return choices;
 }
 
 ValueKind KindOf(const std::string& value) {
-    if (value == "DIR")
+    if (value == "DIR") {
         return ValueKind::Directory;
+    }
     const bool file = value == "FILE" || value == "PATH" || value == "PREFIX" || value == "POLICY" || value == "SCRIPT";
     return file ? ValueKind::File : ValueKind::Text;
 }
 
 OptionModel ReadOption(const CLI::Option& option) {
     OptionModel model;
-    for (const std::string& name : option.get_lnames())
+    for (const std::string& name : option.get_lnames()) {
         model.names.push_back("--" + name);
-    for (const std::string& name : option.get_snames())
+    }
+    for (const std::string& name : option.get_snames()) {
         model.names.push_back("-" + name);
-    if (model.names.empty())
+    }
+    if (model.names.empty()) {
         model.names.push_back(option.get_name(true));
+    }
     model.description = OnOneLine(option.get_description());
     model.required = option.get_required();
     model.repeated =
         option.get_expected_max() > 1 || option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll;
-    if (option.get_items_expected_max() == 0)
+    if (option.get_items_expected_max() == 0) {
         return model;
+    }
     const std::string type = option.get_type_name();
     model.value = option.get_positional() ? model.names.front() : type.substr(0, type.find(':'));
     model.choices = ChoicesOf(type);
@@ -63,13 +70,15 @@ CommandModel ReadCommandModel(const CLI::App& app) {
     model.description = app.get_description();
     model.footer = app.get_footer();
     for (const CLI::Option* const option : app.get_options()) {
-        if (option->get_positional())
+        if (option->get_positional()) {
             model.positionals.push_back(ReadOption(*option));
-        else if (!option->get_group().empty())
+        } else if (!option->get_group().empty()) {
             model.options.push_back(ReadOption(*option));
+        }
     }
-    for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; }))
+    for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; })) {
         model.commands.push_back(ReadCommandModel(*command));
+    }
     return model;
 }
 

@@ -8,8 +8,9 @@ namespace {
 
 std::string Join(const std::vector<std::string>& words, std::string_view separator) {
     std::string text;
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
         text += (text.empty() ? "" : std::string(separator)) + word;
+    }
     return text;
 }
 
@@ -34,13 +35,15 @@ std::string BashCommand(const CommandModel& command) {
     std::vector<std::string> names;
     for (const OptionModel& option : command.options) {
         names.insert(names.end(), option.names.begin(), option.names.end());
-        if (option.kind != ValueKind::None)
+        if (option.kind != ValueKind::None) {
             text += "                " + Join(option.names, "|") + ") " + BashAction(option) + "; return ;;\n";
+        }
     }
     text += "            esac\n            case $current in\n                -*) _qxpctl_words '" + Join(names, " ") +
             "' ;;\n";
-    if (!command.positionals.empty())
+    if (!command.positionals.empty()) {
         text += "                *) " + BashAction(command.positionals.front()) + " ;;\n";
+    }
     return text + "            esac\n            ;;\n";
 }
 
@@ -72,12 +75,13 @@ _qxpctl() {
 std::string ZshText(const std::string& text) {
     std::string escaped;
     for (const char c : text) {
-        if (c == '\'')
+        if (c == '\'') {
             escaped += "'\\''";
-        else if (std::string_view("[]:\\").find(c) != std::string_view::npos)
+        } else if (std::string_view("[]:\\").find(c) != std::string_view::npos) {
             escaped += std::string("\\") + c;
-        else
+        } else {
             escaped += c;
+        }
     }
     return escaped;
 }
@@ -103,11 +107,13 @@ std::string ZshOption(const OptionModel& option, const std::string& indent) {
     const std::string excluded = option.repeated ? "*" : "(" + Join(option.names, " ") + ")";
     for (const std::string& name : option.names) {
         text.append(" \\\n").append(indent).append("'").append(excluded).append(name);
-        if (option.kind != ValueKind::None)
+        if (option.kind != ValueKind::None) {
             text += name.starts_with("--") ? "=" : "+";
+        }
         text += "[" + ZshText(option.description) + "]";
-        if (option.kind != ValueKind::None)
+        if (option.kind != ValueKind::None) {
             text += ":" + ZshText(option.value) + ":" + ZshAction(option);
+        }
         text += "'";
     }
     return text;
@@ -116,11 +122,13 @@ std::string ZshOption(const OptionModel& option, const std::string& indent) {
 std::string ZshCommand(const CommandModel& command) {
     const std::string indent(20, ' ');
     std::string text = "                " + command.name + ")\n                    _arguments -s";
-    for (const OptionModel& option : command.options)
+    for (const OptionModel& option : command.options) {
         text += ZshOption(option, indent + "    ");
-    for (const OptionModel& argument : command.positionals)
+    }
+    for (const OptionModel& argument : command.positionals) {
         text += " \\\n" + indent + "    '" + (argument.repeated ? "*:" : ":") + ZshText(argument.value) + ":" +
                 ZshAction(argument) + "'";
+    }
     return text + "\n                    ;;\n";
 }
 
@@ -132,27 +140,32 @@ std::string BashCompletion(const CommandModel& program) {
     std::string values;
     for (const OptionModel& option : program.options) {
         names.insert(names.end(), option.names.begin(), option.names.end());
-        if (option.kind != ValueKind::None)
+        if (option.kind != ValueKind::None) {
             values += (values.empty() ? "" : "|") + Join(option.names, "|");
+        }
     }
     std::vector<std::string> commands;
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         commands.push_back(command.name);
-    if (!values.empty())
+    }
+    if (!values.empty()) {
         text += "            " + values + ") at=$((at + 1)) ;;\n";
+    }
     text +=
         "            -*) ;;\n            *)\n                command=${COMP_WORDS[at]}\n                break\n"
         "                ;;\n        esac\n    done\n    case $command in\n        '')\n            case $previous "
         "in\n";
     for (const OptionModel& option : program.options) {
-        if (option.kind != ValueKind::None)
+        if (option.kind != ValueKind::None) {
             text += "                " + Join(option.names, "|") + ") " + BashAction(option) + "; return ;;\n";
+        }
     }
     text += "            esac\n            case $current in\n                -*) _qxpctl_words '" + Join(names, " ") +
             "' ;;\n                *) _qxpctl_words '" + Join(commands, " ") +
             "' ;;\n            esac\n            ;;\n";
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         text += BashCommand(command);
+    }
     return text + "    esac\n}\n\ncomplete -F _qxpctl qxpctl\n";
 }
 
@@ -160,18 +173,21 @@ std::string ZshCompletion(const CommandModel& program) {
     std::string text =
         "#compdef qxpctl\n# Completion for qxpctl in zsh. Made by 'qxpctl --generate zsh'.\n\n_qxpctl() {\n"
         "    local context state state_descr line\n    typeset -A opt_args\n    _arguments -C";
-    for (const OptionModel& option : program.options)
+    for (const OptionModel& option : program.options) {
         text += ZshOption(option, "        ");
+    }
     text +=
         " \\\n        '1: :->command' \\\n        '*:: :->argument'\n    case $state in\n        command)\n"
         "            local -a commands\n            commands=(\n";
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         text += "                '" + command.name + ":" + ZshText(command.description) + "'\n";
+    }
     text +=
         "            )\n            _describe -t commands command commands\n            ;;\n        argument)\n"
         "            case $words[1] in\n";
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         text += ZshCommand(command);
+    }
     return text + "            esac\n            ;;\n    esac\n}\n\n_qxpctl \"$@\"\n";
 }
 

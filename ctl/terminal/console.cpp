@@ -43,8 +43,9 @@ Stream::Stream(int descriptor)
 }
 
 std::string Stream::Paint(Color color, std::string_view text) const {
-    if (!color_ || color == Color::Plain)
+    if (!color_ || color == Color::Plain) {
         return std::string(text);
+    }
     return std::string(Sequence(color)).append(text).append("\033[0m");
 }
 
@@ -54,26 +55,30 @@ std::string Stream::Untrusted(std::string_view text) const {
 
 std::optional<TerminalSize> Stream::Size() const {
     winsize size{};
-    if (!terminal_ || ioctl(descriptor_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+    if (!terminal_ || ioctl(descriptor_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
         return std::nullopt;
+    }
     return TerminalSize{size.ws_col, size.ws_row};
 }
 
 int Stream::Write(std::string_view text) const {
     while (!text.empty()) {
         const ssize_t written = write(descriptor_, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written < 0)
+        }
+        if (written < 0) {
             return errno;
+        }
         text.remove_prefix(static_cast<size_t>(written));
     }
     return 0;
 }
 
 void Console::Print(std::string_view text) const {
-    if (const int failure = output_.Write(text); failure != 0)
+    if (const int failure = output_.Write(text); failure != 0) {
         throw LocalFailure("cannot write to the standard output: " + qxpbase::ErrnoText(failure));
+    }
 }
 
 void Console::Remark(std::string_view text) const {

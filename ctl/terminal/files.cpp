@@ -24,17 +24,20 @@ namespace fs = std::filesystem;
 
 struct stat Examine(int descriptor, const std::string& path) {
     struct stat status {};
-    if (fstat(descriptor, &status) != 0)
+    if (fstat(descriptor, &status) != 0) {
         throw BadInput("cannot examine " + path + ": " + qxpbase::ErrnoText(errno));
-    if (S_ISDIR(status.st_mode))
+    }
+    if (S_ISDIR(status.st_mode)) {
         throw BadInput(path + " is a directory; name a file");
+    }
     return status;
 }
 
 int OpenForReading(const std::string& path, int flags) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | flags);
-    if (descriptor < 0)
+    if (descriptor < 0) {
         throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
+    }
     return descriptor;
 }
 
@@ -45,12 +48,15 @@ std::string ReadAll(int descriptor, size_t limit, size_t expected, const std::st
     std::array<char, 65536> buffer{};
     while (bytes.size() <= limit) {
         const ssize_t count = read(descriptor, buffer.data(), std::min(buffer.size(), limit + 1 - bytes.size()));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
-        if (count == 0)
+        }
+        if (count == 0) {
             break;
+        }
         bytes.append(buffer.data(), static_cast<size_t>(count));
     }
     return bytes;
@@ -59,10 +65,12 @@ std::string ReadAll(int descriptor, size_t limit, size_t expected, const std::st
 int WriteAll(int descriptor, std::string_view content) {
     while (!content.empty()) {
         const ssize_t written = write(descriptor, content.data(), content.size());
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written < 0)
+        }
+        if (written < 0) {
             return errno;
+        }
         content.remove_prefix(static_cast<size_t>(written));
     }
     return 0;
@@ -70,19 +78,23 @@ int WriteAll(int descriptor, std::string_view content) {
 
 std::string RandomSuffix() {
     std::array<unsigned char, 6> bytes{};
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
         throw LocalFailure("the system gives no random numbers");
+    }
     return HexEncode(bytes);
 }
 
 int RenameNoReplace(const std::string& from, const std::string& to) {
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
         return 0;
-    if (errno != EINVAL && errno != ENOSYS)
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
         return errno;
+    }
     // A file system without that flag: a hard link never replaces a file either.
-    if (link(from.c_str(), to.c_str()) != 0)
+    if (link(from.c_str(), to.c_str()) != 0) {
         return errno;
+    }
     unlink(from.c_str());
     return 0;
 }
@@ -91,8 +103,9 @@ int RenameNoReplace(const std::string& from, const std::string& to) {
 void SyncDirectoryOf(const std::string& path) {
     const fs::path parent = fs::path(path).parent_path();
     const int descriptor = open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return;
+    }
     static_cast<void>(fsync(descriptor));
     close(descriptor);
 }
@@ -103,14 +116,17 @@ ScriptFile ReadScriptFile(const std::string& path, size_t limit) {
     // Not blocking: a FIFO without a writer would hang the open.
     const qxpbase::UniqueFd file(OpenForReading(path, O_NONBLOCK));
     const struct stat status = Examine(file.Get(), path);
-    if (!S_ISREG(status.st_mode))
+    if (!S_ISREG(status.st_mode)) {
         throw BadInput(path + " is not a regular file; save the script in one");
+    }
     ScriptFile script{ReadAll(file.Get(), limit, static_cast<size_t>(status.st_size), path),
                       (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0};
-    if (script.bytes.empty())
+    if (script.bytes.empty()) {
         throw BadInput(path + " is empty; there is nothing to run in it");
-    if (script.bytes.size() > limit)
+    }
+    if (script.bytes.size() > limit) {
         throw BadInput(path + " is larger than " + std::to_string(limit) + " bytes, the most that a script may have");
+    }
     return script;
 }
 
@@ -121,11 +137,13 @@ std::string ReadDocument(const std::string& path, size_t limit, std::string_view
     const int file = standard_input ? STDIN_FILENO : opened.Get();
     const struct stat status = Examine(file, name);
     std::string text = ReadAll(file, limit, static_cast<size_t>(status.st_size), name);
-    if (text.empty())
+    if (text.empty()) {
         throw BadInput(name + " is empty; a " + std::string(what) + " is expected");
-    if (text.size() > limit)
+    }
+    if (text.size() > limit) {
         throw BadInput(name + " is larger than " + std::to_string(limit) + " bytes, too large for a " +
                        std::string(what));
+    }
     return text;
 }
 
@@ -133,46 +151,57 @@ StagedFile::StagedFile(const std::string& destination, mode_t mode) : destinatio
     std::error_code none;
     if (fs::is_symlink(destination, none)) {
         const fs::path target = fs::weakly_canonical(destination, none);
-        if (!none)
+        if (!none) {
             destination_ = target.string();
+        }
     }
-    if (destination_.empty() || destination_.back() == '/' || fs::is_directory(destination_, none))
+    if (destination_.empty() || destination_.back() == '/' || fs::is_directory(destination_, none)) {
         throw BadInput("cannot write '" + destination + "': it names a directory, not a file");
+    }
     const fs::path path(destination_);
     temporary_ = (path.parent_path() / ("." + path.filename().string() + "." + RandomSuffix())).string();
     descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
-    if (descriptor_ < 0)
+    if (descriptor_ < 0) {
         throw BadInput("cannot write " + destination + ": " + qxpbase::ErrnoText(errno));
+    }
 }
 
 StagedFile::~StagedFile() {
-    if (descriptor_ >= 0)
+    if (descriptor_ >= 0) {
         close(descriptor_);
-    if (!temporary_.empty())
+    }
+    if (!temporary_.empty()) {
         unlink(temporary_.c_str());
+    }
 }
 
 void StagedFile::Write(std::string_view content) {
     int failure = WriteAll(descriptor_, content);
-    if (failure == 0 && fsync(descriptor_) != 0)
+    if (failure == 0 && fsync(descriptor_) != 0) {
         failure = errno;
-    if (close(descriptor_) != 0 && failure == 0)
+    }
+    if (close(descriptor_) != 0 && failure == 0) {
         failure = errno;
+    }
     descriptor_ = -1;
-    if (failure != 0)
+    if (failure != 0) {
         throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
+    }
 }
 
 void StagedFile::Commit(bool overwrite) {
     int failure = 0;
-    if (!overwrite)
+    if (!overwrite) {
         failure = RenameNoReplace(temporary_, destination_);
-    else if (rename(temporary_.c_str(), destination_.c_str()) != 0)
+    } else if (rename(temporary_.c_str(), destination_.c_str()) != 0) {
         failure = errno;
-    if (failure == EEXIST)
+    }
+    if (failure == EEXIST) {
         throw BadInput(destination_ + " exists already; name another file, or use --force to replace it");
-    if (failure != 0)
+    }
+    if (failure != 0) {
         throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
+    }
     temporary_.clear();
     SyncDirectoryOf(destination_);
 }
@@ -182,8 +211,9 @@ void StagedFile::CommitBoth(StagedFile& first, StagedFile& second, bool overwrit
     try {
         second.Commit(overwrite);
     } catch (...) {
-        if (!overwrite)
+        if (!overwrite) {
             unlink(first.destination_.c_str());
+        }
         throw;
     }
 }
@@ -193,8 +223,9 @@ void WriteOutputFile(const std::string& path, std::string_view content) {
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
         const qxpbase::UniqueFd special(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
         const int failure = special.Get() < 0 ? errno : WriteAll(special.Get(), content);
-        if (failure != 0)
+        if (failure != 0) {
             throw LocalFailure("cannot write " + path + ": " + qxpbase::ErrnoText(failure));
+        }
         return;
     }
     StagedFile file(path, 0666);

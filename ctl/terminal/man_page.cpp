@@ -11,23 +11,24 @@ std::string Escape(const std::string& text) {
     std::string escaped;
     for (size_t at = 0; at < text.size(); ++at) {
         const char c = text[at];
-        if (c == '\\')
+        if (c == '\\') {
             escaped += "\\e";
-        else if (text.compare(at, 2, "[,") == 0)
+        } else if (text.compare(at, 2, "[,") == 0) {
             // A long list of optional parts may be broken between them.
             escaped += "\\:[";
-        else if (c == '-')
+        } else if (c == '-') {
             escaped += "\\-";
-        else if (c == '\'')
+        } else if (c == '\'') {
             escaped += "\\(aq";
-        else if (c == '^')
+        } else if (c == '^') {
             escaped += "\\(ha";
-        else if (c == '~')
+        } else if (c == '~') {
             escaped += "\\(ti";
-        else if (c == '`')
+        } else if (c == '`') {
             escaped += "\\(ga";
-        else
+        } else {
             escaped += c;
+        }
     }
     return !escaped.empty() && escaped.front() == '.' ? "\\&" + escaped : escaped;
 }
@@ -36,13 +37,15 @@ std::vector<std::vector<std::string>> Paragraphs(const std::string& text) {
     std::vector<std::vector<std::string>> paragraphs(1);
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        if (!line.empty())
+        if (!line.empty()) {
             paragraphs.back().push_back(line);
-        else if (!paragraphs.back().empty())
+        } else if (!paragraphs.back().empty()) {
             paragraphs.emplace_back();
+        }
     }
-    if (paragraphs.back().empty())
+    if (paragraphs.back().empty()) {
         paragraphs.pop_back();
+    }
     return paragraphs;
 }
 
@@ -52,8 +55,9 @@ std::string ParagraphText(const std::vector<std::string>& lines) {
     bool verbatim = false;
     for (const std::string& line : lines) {
         const bool indented = line.front() == ' ';
-        if (indented != verbatim)
+        if (indented != verbatim) {
             text += indented ? ".nf\n" : ".fi\n";
+        }
         verbatim = indented;
         text += Escape(line) + "\n";
     }
@@ -62,13 +66,16 @@ std::string ParagraphText(const std::vector<std::string>& lines) {
 
 std::string OptionText(const OptionModel& option) {
     std::string names;
-    for (const std::string& name : option.names)
+    for (const std::string& name : option.names) {
         names += (names.empty() ? "\\fB" : ", \\fB") + Escape(name) + "\\fR";
-    if (option.kind != ValueKind::None && option.value != option.names.front())
+    }
+    if (option.kind != ValueKind::None && option.value != option.names.front()) {
         names += " \\fI" + Escape(option.value) + "\\fR";
+    }
     std::string choices;
-    for (const std::string& choice : option.choices)
+    for (const std::string& choice : option.choices) {
         choices += (choices.empty() ? "" : " or ") + choice;
+    }
     const bool told = choices.empty() || option.description.find(choices) != std::string::npos;
     return ".TP\n" + names + "\n" + Escape(option.description) + (told ? "" : ": " + Escape(choices)) + "\n";
 }
@@ -85,12 +92,15 @@ std::string Synopsis(const CommandModel& command) {
 std::string CommandText(const CommandModel& command) {
     std::string text =
         ".SS \"qxpctl " + command.name + "\"\n" + Synopsis(command) + "\n.PP\n" + Escape(command.description) + ".\n";
-    for (const OptionModel& argument : command.positionals)
+    for (const OptionModel& argument : command.positionals) {
         text += OptionText(argument);
-    for (const OptionModel& option : command.options)
+    }
+    for (const OptionModel& option : command.options) {
         text += OptionText(option);
-    for (const auto& paragraph : Paragraphs(command.footer))
+    }
+    for (const auto& paragraph : Paragraphs(command.footer)) {
         text += ParagraphText(paragraph);
+    }
     return text;
 }
 
@@ -124,14 +134,17 @@ std::string ManPage(const CommandModel& program, const std::string& version) {
 qxpctl \- sign maintenance scripts, have them run, see the results
 .SH SYNOPSIS
 )";
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         text += Synopsis(command) + "\n.br\n";
+    }
     text += ".SH DESCRIPTION\n" + Escape(program.description) + "\n.SH OPTIONS\n";
-    for (const OptionModel& option : program.options)
+    for (const OptionModel& option : program.options) {
         text += OptionText(option);
+    }
     text += ".SH COMMANDS\n";
-    for (const CommandModel& command : program.commands)
+    for (const CommandModel& command : program.commands) {
         text += CommandText(command);
+    }
     return text + Sections(program.footer);
 }
 

@@ -19,8 +19,9 @@ Spinner::Spinner(const Console& console, bool enabled)
 
 void Spinner::Tick(std::string_view what) {
     const Clock::time_point now = Clock::now();
-    if (!enabled_ || (visible_ && now - drawn_ < kInterval))
+    if (!enabled_ || (visible_ && now - drawn_ < kInterval)) {
         return;
+    }
     drawn_ = now;
     visible_ = true;
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
@@ -32,8 +33,9 @@ void Spinner::Tick(std::string_view what) {
 }
 
 void Spinner::Clear() {
-    if (visible_)
+    if (visible_) {
         static_cast<void>(console_.Remarks().Write(kClearLine));
+    }
     visible_ = false;
 }
 

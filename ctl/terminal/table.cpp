@@ -19,8 +19,9 @@ bool BeginsCharacter(char byte) {
 std::string Cut(const std::string& text, size_t columns) {
     size_t at = 0;
     for (size_t seen = 0; at < text.size(); ++at) {
-        if (BeginsCharacter(text[at]) && seen++ == columns)
+        if (BeginsCharacter(text[at]) && seen++ == columns) {
             break;
+        }
     }
     return text.substr(0, at);
 }
@@ -35,8 +36,9 @@ std::string FormatTable(const std::vector<Row>& rows, const Stream& stream, size
     std::vector<size_t> widths;
     for (const Row& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (size_t at = 0; at < row.size(); ++at)
+        for (size_t at = 0; at < row.size(); ++at) {
             widths[at] = std::max(widths[at], CountColumns(OneLine(row[at].text)));
+        }
     }
     std::string table;
     for (const Row& row : rows) {
@@ -63,8 +65,9 @@ std::string SizeText(uint64_t bytes) {
     constexpr std::array<const char*, 5> kUnits = {"B", "KiB", "MiB", "GiB", "TiB"};
     auto size = static_cast<double>(bytes);
     size_t unit = 0;
-    for (; size >= 1024 && unit + 1 < kUnits.size(); ++unit)
+    for (; size >= 1024 && unit + 1 < kUnits.size(); ++unit) {
         size /= 1024;
+    }
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", size, kUnits.at(unit));
     return text.data();

@@ -29,10 +29,11 @@ std::string Escape(std::string_view text, bool keep_layout) {
         const std::string_view part = text.substr(0, std::max<size_t>(length, 1));
         text.remove_prefix(part.size());
         const bool layout = part == "\n" || part == "\t";
-        if (length == 0 || (qxppolicy::IsControl(part) && !(layout && keep_layout)))
+        if (length == 0 || (qxppolicy::IsControl(part) && !(layout && keep_layout))) {
             AppendEscaped(escaped, part);
-        else
+        } else {
             escaped += part;
+        }
     }
     return escaped;
 }
@@ -49,14 +50,16 @@ std::string OneLine(std::string_view text) {
 
 std::string ShellWord(std::string_view text) {
     constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+@=,:-";
-    if (!text.empty() && text.find_first_not_of(kPlain) == std::string_view::npos)
+    if (!text.empty() && text.find_first_not_of(kPlain) == std::string_view::npos) {
         return std::string(text);
+    }
     std::string word = "'";
     for (const char c : text) {
-        if (c == '\'')
+        if (c == '\'') {
             word += "'\\''";
-        else
+        } else {
             word += c;
+        }
     }
     return word + "'";
 }
@@ -80,8 +83,9 @@ std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit) {
     uint32_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, failure] = std::from_chars(text.data(), end, number);
-    if (failure != std::errc() || stop != end || number > limit)
+    if (failure != std::errc() || stop != end || number > limit) {
         return std::nullopt;
+    }
     return number;
 }
 

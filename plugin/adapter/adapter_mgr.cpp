@@ -42,12 +42,14 @@ std::atomic<CqxpmaintMgr*> CqxpmaintMgr::m_pThis{nullptr};
 
 CqxpmaintMgr* CqxpmaintMgr::Instance() {
     CqxpmaintMgr* pThis = m_pThis;
-    if (pThis)
+    if (pThis) {
         return pThis;
+    }
     // A plugin thread that sends may come here beside the host's thread: the first one to publish its manager wins.
     std::unique_ptr<CqxpmaintMgr> pNew(new (std::nothrow) CqxpmaintMgr);
-    if (!pNew || !m_pThis.compare_exchange_strong(pThis, pNew.get()))
+    if (!pNew || !m_pThis.compare_exchange_strong(pThis, pNew.get())) {
         return pThis;
+    }
     return pNew.release();
 }
 
@@ -145,8 +147,9 @@ int CqxpmaintMgr::Stop() {
     pEndPoint->UnregisterReceive(MSG_TYPE_PLUGIN_DATA);
     pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_CONNECT);
     pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_DISCONNECT);
-    for (const auto& [i64MsgType, listSender] : msg_type_registry)
+    for (const auto& [i64MsgType, listSender] : msg_type_registry) {
         pEndPoint->UnregisterReceive(i64MsgType);
+    }
     m_stReceive.msg_type_registry.clear();
     const int iRet = m_pPluginFun->stop();
     status = STATUS_STOPPED;

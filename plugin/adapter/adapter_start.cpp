@@ -24,8 +24,9 @@ class CReply {
 public:
     explicit CReply(IXBusMREndPoint4* pEndPoint) : m_pEndPoint(pEndPoint) {}
     ~CReply() {
-        if (!m_pEndPoint || !pBytes)
+        if (!m_pEndPoint || !pBytes) {
             return;
+        }
         // Neither an exception of the host nor the unwinding of a cancelled thread may leave a destructor.
         int iCancelState = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &iCancelState);
@@ -49,8 +50,9 @@ private:
 
 // The agent's status on success, else what the request failed with.
 int RequestConnectInfo(IXBusMREndPoint4* pEndPoint, CReply& reply) {
-    if (!pEndPoint)
+    if (!pEndPoint) {
         return ADAPTER_E_INVALID_ARG;
+    }
     const unsigned char empty[1] = {};
     const int iRet = pEndPoint->SendRequest(ParseGuid(AGENT_CONNECT_COMPONENT_ID), MSG_TYPE_GET_CONNECT, empty, 0,
                                             &reply.uiStatus, &reply.pBytes, &reply.uiLength, ConnectQueryTimeOutMs);
@@ -98,16 +100,18 @@ void CqxpmaintMgr::RegisterOnBus(IXBusMREndPoint4& endPoint) {
     endPoint.RegisterReceive(MSG_TYPE_PLUGIN_DATA, &m_stReceive, &endPoint);
     endPoint.RegisterReceive(MSG_TYPE_AGENT_CONNECT, &m_stReceive, &endPoint);
     endPoint.RegisterReceive(MSG_TYPE_AGENT_DISCONNECT, &m_stReceive, &endPoint);
-    for (const auto& [i64MsgType, listSender] : m_stReceive.msg_type_registry)
+    for (const auto& [i64MsgType, listSender] : m_stReceive.msg_type_registry) {
         endPoint.RegisterReceive(i64MsgType, &m_stReceive, &endPoint);
+    }
 }
 
 void CqxpmaintMgr::ConnectIfOnline() {
     CPString strFlag;
     CPString strServerIp;
     unsigned short wPort = 0;
-    if (!GetServerConnectInfo(strFlag, strServerIp, wPort))
+    if (!GetServerConnectInfo(strFlag, strServerIp, wPort)) {
         return;
+    }
     const auto pfnConnect = std::atomic_ref(m_stPluginInit.plugin_connect).load();
     // A notice may have come in while the query was under way; it is newer than the answer.
     const uint32_t dwFlag = m_stReceive.connect_state_flags;
@@ -136,11 +140,13 @@ int CqxpmaintMgr::Start() {
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
     // An assignment writes even when there is nothing to copy.
-    if (!msg_type_registry.empty() || !m_stReceive.msg_type_registry.empty())
+    if (!msg_type_registry.empty() || !m_stReceive.msg_type_registry.empty()) {
         m_stReceive.msg_type_registry = msg_type_registry;
+    }
     RegisterOnBus(*pEndPoint);
-    if (m_stReceive.connect_state_flags == 0)
+    if (m_stReceive.connect_state_flags == 0) {
         ConnectIfOnline();
+    }
     const int iRet = m_pPluginFun->start();
     status = STATUS_STARTED;
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,

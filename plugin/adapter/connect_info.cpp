@@ -21,11 +21,13 @@ const char* GetString(const cJSON* pObject, const char* pszKey) {
 
 bool ParseConnectInfo(const CPString& strJson, ConnectInfo& stInfo) {
     const std::unique_ptr<cJSON, CJsonDelete> pRoot(cJSON_Parse(strJson.c_str()));
-    if (!pRoot)
+    if (!pRoot) {
         return false;
+    }
     stInfo.strFlag = CPString::SafeConstruct(GetString(pRoot.get(), "onlineflag"));
     stInfo.strServerIp = CPString::SafeConstruct(GetString(pRoot.get(), "ip"));
-    if (const char* pszPort = GetString(pRoot.get(), "port"))
+    if (const char* pszPort = GetString(pRoot.get(), "port")) {
         stInfo.wPort = static_cast<unsigned short>(strtol(pszPort, nullptr, 10));
+    }
     return true;
 }

@@ -181,8 +181,9 @@ QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
                 "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]", DestroyClassName,
                 TextOrNull(pszName), pInterface);
     std::unique_ptr<PluginObjInterface> pPluginObj(static_cast<PluginObjInterface*>(pInterface));
-    if (pszName)
+    if (pszName) {
         pAdapterMgr->DestroyObject(pszName);
+    }
     pPluginObj.reset();
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the value is printed, nothing is read through it
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "DestroyObject", "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",

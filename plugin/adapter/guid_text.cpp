@@ -5,8 +5,9 @@
 
 GUID ParseGuid(const char* pszText) {
     GUID g{};
-    if (!pszText)
+    if (!pszText) {
         return g;
+    }
     // The number of fields read is of no interest: see the contract.
     if (*pszText == '{') {
         // NOLINTNEXTLINE(cert-err34-c): each field has a fixed width that fits its type

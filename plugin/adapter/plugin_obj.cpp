@@ -10,9 +10,10 @@ constexpr char ClassName[] = "CqxpmaintPluginObj";
 // The manager, or null with a log line of the operation.
 CqxpmaintMgr* GetManager(const char* pszOperation) {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, pszOperation, "**qxpadapterplugin %s::%s Error pAdapterMgr is NULL", ClassName,
                     pszOperation);
+    }
     return pAdapterMgr;
 }
 
@@ -20,8 +21,9 @@ CqxpmaintMgr* GetManager(const char* pszOperation) {
 
 int CqxpmaintPluginObj::Initialize(void* pInitParam) try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         return -1;
+    }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin pInitParam[%p]", ClassName,
                 pInitParam);
     const int iRet = pAdapterMgr->Initialize(pInitParam);
@@ -35,8 +37,9 @@ int CqxpmaintPluginObj::Initialize(void* pInitParam) try {
 
 void CqxpmaintPluginObj::Uninitialize() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         return;
+    }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", ClassName);
     pAdapterMgr->Uninitialize();
     CqxpmaintMgr::DestroyInstance();
@@ -47,8 +50,9 @@ void CqxpmaintPluginObj::Uninitialize() try {
 
 int CqxpmaintPluginObj::Start() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         return -1;
+    }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
     const int iRet = pAdapterMgr->Start();
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
@@ -61,8 +65,9 @@ int CqxpmaintPluginObj::Start() try {
 
 int CqxpmaintPluginObj::Stop() try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         return -1;
+    }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", ClassName);
     const int iRet = pAdapterMgr->Stop();
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
@@ -91,8 +96,9 @@ void* CqxpmaintPluginObj::GetCtx(void* /*pUnused*/) try {
 
 void CqxpmaintPluginObj::SetCtx(void* pData) try {
     CqxpmaintMgr* pAdapterMgr = GetManager(__FUNCTION__);
-    if (!pAdapterMgr)
+    if (!pAdapterMgr) {
         return;
+    }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx Begin pData[%p]", ClassName, pData);
     pAdapterMgr->SetCtx(pData);
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx End pData[%p]", ClassName, pData);

@@ -21,8 +21,9 @@ bool IsFrom(const GUID& stSender, const char* pszComponentID) {
 }
 
 void Acknowledge(void* pEndPoint, long i64MsgType, void* pReplyCtx) {
-    if (!pEndPoint || !pReplyCtx)
+    if (!pEndPoint || !pReplyCtx) {
         return;
+    }
     constexpr char szSuccess[] = "success";
     static_cast<IXBusMREndPoint4*>(pEndPoint)->Reply(0, i64MsgType, reinterpret_cast<const unsigned char*>(szSuccess),
                                                      sizeof(szSuccess) - 1, pReplyCtx);
@@ -55,14 +56,15 @@ void CqxpmaintReceive::Dispatch(const Message& stMessage) {
         return;
     }
     const bool bFromAgent = IsFrom(stMessage.stComponentID, AGENT_CONNECT_COMPONENT_ID);
-    if (stMessage.i64MsgType == MSG_TYPE_PLUGIN_DATA && IsFrom(stMessage.stComponentID, SERVER_DATA_COMPONENT_ID))
+    if (stMessage.i64MsgType == MSG_TYPE_PLUGIN_DATA && IsFrom(stMessage.stComponentID, SERVER_DATA_COMPONENT_ID)) {
         OnPluginData(*pPluginInit, stMessage);
-    else if (stMessage.i64MsgType == MSG_TYPE_AGENT_CONNECT && bFromAgent)
+    } else if (stMessage.i64MsgType == MSG_TYPE_AGENT_CONNECT && bFromAgent) {
         OnAgentConnect(*pPluginInit, stMessage);
-    else if (stMessage.i64MsgType == MSG_TYPE_AGENT_DISCONNECT && bFromAgent)
+    } else if (stMessage.i64MsgType == MSG_TYPE_AGENT_DISCONNECT && bFromAgent) {
         OnAgentDisconnect(*pPluginInit, stMessage);
-    else
+    } else {
         OnNotification(*pPluginInit, stMessage);
+    }
 }
 
 void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const Message& stMessage) {

@@ -33,8 +33,9 @@ constexpr size_t LengthOffset = 144;
 constexpr size_t TextOffset = 148;
 
 void PutU32(unsigned char* pTarget, uint32_t uValue) {
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) {
         pTarget[i] = static_cast<unsigned char>(uValue >> (8 * i));
+    }
 }
 
 void PutText(unsigned char* pTarget, std::string_view text) {
@@ -44,11 +45,13 @@ void PutText(unsigned char* pTarget, std::string_view text) {
 int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
                  int value8, std::string_view json) {
     const size_t uSize = TextOffset + json.size() + 1;
-    if (json.empty() || uSize > std::numeric_limits<uint32_t>::max())
+    if (json.empty() || uSize > std::numeric_limits<uint32_t>::max()) {
         return ADAPTER_E_INVALID_ARG;
+    }
     const std::unique_ptr<unsigned char[]> pEnvelope(new (std::nothrow) unsigned char[uSize]());
-    if (!pEnvelope)
+    if (!pEnvelope) {
         return ADAPTER_E_OUT_OF_MEMORY;
+    }
 
     unsigned char* pBytes = pEnvelope.get();
     PutU32(pBytes + TypeOffset, static_cast<uint32_t>(json_data_type));
@@ -78,10 +81,12 @@ bool IsJsonDataType(int json_data_type) {
 
 int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
                              int value8, const char* json) {
-    if (!ep || !name1 || !name2 || !json)
+    if (!ep || !name1 || !name2 || !json) {
         return ADAPTER_E_INVALID_ARG;
-    if (!IsJsonDataType(json_data_type))
+    }
+    if (!IsJsonDataType(json_data_type)) {
         return ADAPTER_E_JSON_DATA_TYPE;
+    }
     return SendEnvelope(*ep, json_data_type, name1, name2, value4, value8, json);
 }
 
@@ -105,8 +110,9 @@ int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, co
                     "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName, json_data_type);
         return -1;
     }
-    if (!pEndPoint)
+    if (!pEndPoint) {
         return ADAPTER_E_INVALID_ARG;
+    }
     // Straight from the caller's bytes: a report can be over a hundred MiB.
     const auto* pszJson = reinterpret_cast<const char*>(data);
     return SendEnvelope(*pEndPoint, json_data_type, "", "", value4, 1, {pszJson, strnlen(pszJson, len)});

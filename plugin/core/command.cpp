@@ -21,10 +21,12 @@ constexpr char RECV_FUNCTION[] = "plugin_recv_handler";
 
 /// The type value of a command that runs scripts, 0 for any other command.
 unsigned int PolicyType(const CPString& strCommand) {
-    if (strCommand == "RunScriptNormal")
+    if (strCommand == "RunScriptNormal") {
         return 1;
-    if (strCommand == "RunScriptFile" || strCommand == "RunScriptProcess")
+    }
+    if (strCommand == "RunScriptFile" || strCommand == "RunScriptProcess") {
         return 2;
+    }
     return 0;
 }
 
@@ -65,8 +67,9 @@ EAccepted AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPS
         strCommand = CPString(json.GetValue(pCommand).c_str());
     }
     const unsigned int dwPolicyType = PolicyType(strCommand);
-    if (dwPolicyType == 0)
+    if (dwPolicyType == 0) {
         return EAccepted::Refused;
+    }
     if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
         return EAccepted::NoManager;
@@ -76,11 +79,13 @@ EAccepted AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPS
 
 void SendRefusal(const CPString& strID, const CPString& strCommand) {
     char szSendBuffer[256] = {};
-    if (!strID.empty())
+    if (!strID.empty()) {
         snprintf(szSendBuffer, sizeof szSendBuffer, R"({"ID":"%s","msg_type":"4","data_type":"%s"})", strID.c_str(),
                  strCommand.c_str());
-    if (!g_qxpmaint_send_to_mgr.load() || !szSendBuffer[0])
+    }
+    if (!g_qxpmaint_send_to_mgr.load() || !szSendBuffer[0]) {
         return;
+    }
     const EncodedText spEncoded(QxJsonEncodeStr(szSendBuffer), free);
     if (!spEncoded || !*spEncoded) {
         const int iRet = SendToMgr(szSendBuffer, strlen(szSendBuffer));
@@ -103,8 +108,9 @@ int plugin_recv_handler(const char* pJsonData) {
     CPString strCommand;
     EAccepted eTaken = EAccepted::Refused;
     Attempt(RECV_FUNCTION, [&] { eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand); });
-    if (eTaken != EAccepted::Accepted)
+    if (eTaken != EAccepted::Accepted) {
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
+    }
     return 0;
 }
 
@@ -113,8 +119,9 @@ bool AcceptPolicyFile(const char* pJsonData) {
     CPString strID;
     CPString strCommand;
     const EAccepted eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand);
-    if (eTaken == EAccepted::Refused)
+    if (eTaken == EAccepted::Refused) {
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
+    }
     return eTaken != EAccepted::NoManager;
 }
 

@@ -17,18 +17,22 @@ bool IsPassedOver(const dirent& entry) {
 }  // namespace
 
 bool GetDirJsonFileList(const char* pszDirectory, std::list<_FilePathInfo>& listFile) {
-    if (!pszDirectory || !*pszDirectory)
+    if (!pszDirectory || !*pszDirectory) {
         return false;
+    }
     const std::unique_ptr<DIR, int (*)(DIR*)> spDirectory(opendir(pszDirectory), closedir);
-    if (!spDirectory)
+    if (!spDirectory) {
         return false;
+    }
     while (const dirent* pEntry = readdir(spDirectory.get())) {
-        if (IsPassedOver(*pEntry))
+        if (IsPassedOver(*pEntry)) {
             continue;
+        }
         CPString strFullPath;
         strFullPath.Format("%s/%s", pszDirectory, pEntry->d_name);
-        if (strFullPath.Right(5).CompareNoCase(".json") == 0)
+        if (strFullPath.Right(5).CompareNoCase(".json") == 0) {
             listFile.push_back({strFullPath, pEntry->d_name});
+        }
     }
     return true;
 }

@@ -28,8 +28,9 @@ constexpr int NO_MANAGER_MODULE = 83;
 template <size_t uSize>
 bool ReadItem(const char* pszItem, size_t n, const char* pszKey, char (&szBuffer)[uSize]) {
     const size_t uKey = strlen(pszKey);
-    if (n <= uKey || strncmp(pszItem, pszKey, uKey) != 0)
+    if (n <= uKey || strncmp(pszItem, pszKey, uKey) != 0) {
         return false;
+    }
     memset(szBuffer, 0, uSize);
     memcpy(szBuffer, pszItem + uKey, std::min(n - uKey, uSize - 1));
     return true;
@@ -59,12 +60,15 @@ enum class ERegistration { Done, DoneBefore, InvalidParameters, UnreadableConfig
 // The part of init that runs under g_InitLock.
 ERegistration RegisterCallbacks(PluginInitParam* pParam) {
     const CMaintLockGuard lock(g_InitLock);
-    if (g_bInited)
+    if (g_bInited) {
         return ERegistration::DoneBefore;
-    if (!pParam || !pParam->send_to_mgr || !pParam->notify_to_mgr)
+    }
+    if (!pParam || !pParam->send_to_mgr || !pParam->notify_to_mgr) {
         return ERegistration::InvalidParameters;
-    if (!analyze_set_init_kv(pParam->kv))
+    }
+    if (!analyze_set_init_kv(pParam->kv)) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint qxpmaint_init analyze_set_init_kv error kv[%s]", OrEmpty(pParam->kv));
+    }
     if (g_szConfPath[0] && ini_parse(g_szConfPath, qxpmaint_ini_parse_handler, nullptr) != 0) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_init qxpmaint_ini_parse_handler error g_szConfPath[%s]",
                   g_szConfPath);
@@ -84,8 +88,9 @@ ERegistration RegisterCallbacks(PluginInitParam* pParam) {
 // False when there was nothing to undo. Without a block the handlers stay in it, which is the adapter's to clear.
 bool UndoRegistration(PluginInitParam* pParam) {
     const CMaintLockGuard lock(g_InitLock);
-    if (!g_bInited)
+    if (!g_bInited) {
         return false;
+    }
     if (pParam) {
         std::atomic_ref(pParam->plugin_recv).store(nullptr);
         std::atomic_ref(pParam->plugin_connect).store(nullptr);
@@ -101,10 +106,11 @@ bool UndoRegistration(PluginInitParam* pParam) {
 // The part of init after the registration.
 void PrepareManager() {
     LayOutDirectories();
-    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance())
+    if (CMaintMgr* pMaintMgr = CMaintMgr::Instance()) {
         pMaintMgr->Init();
-    else
+    } else {
         LogPrintC(NO_MANAGER_MODULE, 5, "qxpmaint init pMaintMgr is NULL");
+    }
 }
 
 }  // namespace
@@ -118,13 +124,16 @@ bool analyze_set_init_kv(const char* pszKv) {
     // An empty item ends the scan.
     const char* pszItem = pszKv;
     for (size_t n = strcspn(pszItem, ":"); n > 0; n = strcspn(pszItem, ":")) {
-        if (ReadItem(pszItem, n, "agent_type=", g_szAgentType))
+        if (ReadItem(pszItem, n, "agent_type=", g_szAgentType)) {
             LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init agent type= %s", g_szAgentType);
-        if (ReadItem(pszItem, n, "conf_path=", g_szConfPath))
+        }
+        if (ReadItem(pszItem, n, "conf_path=", g_szConfPath)) {
             LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init conf path= %s", g_szConfPath);
+        }
         pszItem += n;
-        if (*pszItem == ':')
+        if (*pszItem == ':') {
             ++pszItem;
+        }
     }
     return true;
 }
@@ -139,10 +148,11 @@ int qxpmaint_ini_parse_handler(void* /*pUser*/, const char* pszSection, const ch
                   static_cast<const void*>(pszValue));
     } else if (strcasecmp(pszSection, "qxpmaint") == 0 && strcasecmp(pszName, "checkcycle") == 0) {
         const long lCheckCycle = strtol(pszValue, nullptr, 10);
-        if (lCheckCycle != 0)
+        if (lCheckCycle != 0) {
             g_lCheckCycle = lCheckCycle;
-        else
+        } else {
             LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint qxpmaint_ini_parse_handler lCheckCycle error");
+        }
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_ini_parse_handler g_lCheckCycle[%ld]", g_lCheckCycle.load());
     return 1;
@@ -177,20 +187,22 @@ int uninit() {
     LogPrintC(QXPMAINT_MODULE, 0, "qxpmaint uninit in");
     RequestLoaderEnd();  // of a plugin that was not stopped: Close waits for it
     try {
-        if (CMaintMgr* pMaintMgr = CMaintMgr::Present())
+        if (CMaintMgr* pMaintMgr = CMaintMgr::Present()) {
             pMaintMgr->UnInit();
-        else
+        } else {
             LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit pMaintMgr is NULL");
+        }
     } catch (...) {
         CMaintMgr::Close();
         UndoRegistration(nullptr);
         throw;
     }
     CMaintMgr::Close();
-    if (UndoRegistration(nullptr))
+    if (UndoRegistration(nullptr)) {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint uninit ok");
-    else
+    } else {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint uninit what??");
+    }
     return 0;
 }
 

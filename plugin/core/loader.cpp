@@ -39,16 +39,18 @@ bool GoesOn() {
 void Leave() {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread exit threadid[%lu]", pthread_self());
     const CMaintLockGuard lock(g_LoadThreadLock);
-    if (g_LoadThreadId == pthread_self())
+    if (g_LoadThreadId == pthread_self()) {
         g_iLoadThreadState = 2;
+    }
 }
 
 void LoadFile(const _FilePathInfo& file) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_loadpolicyfile_thread strFullPath[%s]", file.strFullPath.c_str());
     std::unique_ptr<char, void (*)(char*)> spJsonData(QxReadFileData(file.strFullPath.c_str()), QxReleaseFileData);
     // What is not taken stays on the disk and is met again on the next scan, of this loader or of the next one.
-    if (!spJsonData || !IsLoader() || !AcceptPolicyFile(spJsonData.get()))
+    if (!spJsonData || !IsLoader() || !AcceptPolicyFile(spJsonData.get())) {
         return;
+    }
     spJsonData.reset();
     remove(file.strFullPath.c_str());
 }
@@ -58,32 +60,37 @@ void LoadFile(const _FilePathInfo& file) {
 void Scan() {
     std::list<_FilePathInfo> listFile;
     Attempt(LOADER_OPERATION, [&] { GetDirJsonFileList(g_szPolicyFilePath, listFile); });
-    for (auto it = listFile.begin(); it != listFile.end() && IsLoader(); ++it)
+    for (auto it = listFile.begin(); it != listFile.end() && IsLoader(); ++it) {
         Attempt(LOADER_OPERATION, [&] { LoadFile(*it); });
-    if (const CMaintMgrUse maintMgr = CMaintMgr::Use())
+    }
+    if (const CMaintMgrUse maintMgr = CMaintMgr::Use()) {
         Attempt(LOADER_OPERATION, [&] { maintMgr->ResumeQueued(); });
+    }
 }
 
 // Without a positive cycle there is no pause: the scans follow each other.
 void Pause() {
-    for (long lSecond = 0; lSecond < g_lCheckCycle && GoesOn(); ++lSecond)
+    for (long lSecond = 0; lSecond < g_lCheckCycle && GoesOn(); ++lSecond) {
         MaintPause(std::chrono::seconds(1));
+    }
 }
 
 }  // namespace
 
 void RequestLoaderEnd() {
     const CMaintLockGuard lock(g_LoadThreadLock);
-    if (g_iLoadThreadState != 2)
+    if (g_iLoadThreadState != 2) {
         g_iLoadThreadState = 0;
+    }
 }
 
 void* qxpmaint_loadpolicyfile_thread(void* pArgument) {
     DisableCancellation();
     std::unique_ptr<CThreadTicket> spCreatorsTicket(static_cast<CThreadTicket*>(pArgument));
     CThreadTicket ticket;
-    if (spCreatorsTicket)
+    if (spCreatorsTicket) {
         ticket = CThreadTicket::Adopt(*spCreatorsTicket);
+    }
     spCreatorsTicket.reset();
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "maintloadfile");

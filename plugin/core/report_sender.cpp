@@ -16,8 +16,9 @@ namespace qxpmaint_impl {
 
 int SendToMgr(const char* pData, size_t uSize) {
     const auto pfnSend = g_qxpmaint_send_to_mgr.load();
-    if (!pfnSend)
+    if (!pfnSend) {
         return -1;
+    }
     return pfnSend(2, "kestrel", "qxpmaint", 1, reinterpret_cast<const unsigned char*>(pData),
                    static_cast<unsigned int>(uSize));
 }
@@ -43,11 +44,12 @@ bool WriteResultFile(const char* pszSendData, unsigned int uDataSize, const CPSt
     setvbuf(spFile.get(), nullptr, _IONBF, 0);
     const auto uWriteSize = static_cast<unsigned int>(fwrite(pszSendData, 1, uDataSize, spFile.get()));
     const int iError = errno;
-    if (uWriteSize < uDataSize)
+    if (uWriteSize < uDataSize) {
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint SendReportDataToServer fwrite strResultFileName[%s] error[%d][%s] uDataSize[%u] "
                   "uWriteSize[%u]",
                   strResultFileName.c_str(), iError, strerror(iError), uDataSize, uWriteSize);
+    }
     return uWriteSize == uDataSize;
 }
 
@@ -74,8 +76,9 @@ bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPStri
     const auto uDataSize = static_cast<unsigned int>(strlen(pszSendData));
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer bWriteFile[%d] uDataSize[%u] pszSendData[%s]",
               bWriteFile ? 1 : 0, uDataSize, pszSendData);
-    if (bWriteFile)
+    if (bWriteFile) {
         return qxpmaint_impl::WriteResultFile(pszSendData, uDataSize, strName);
+    }
     const int iRet = SendToMgr(pszSendData, uDataSize);
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer g_qxpmaint_send_to_mgr iRet[%d]", iRet);
     return true;

@@ -17,8 +17,9 @@ CPString FindPolicyFile(const CPString& strName) {
     std::list<_FilePathInfo> listFile;
     GetDirJsonFileList(g_szPolicyProcessPath, listFile);
     for (const _FilePathInfo& file : listFile) {
-        if (file.strFileName == strName)
+        if (file.strFileName == strName) {
             return file.strFullPath;
+        }
     }
     return {};
 }
@@ -44,12 +45,13 @@ bool RunPolicyFile(CMaintMgr& mgr, const char* pszID, const CPString& strFilePat
     }
     std::list<_MaintPolicyDetail> maintPolicyDataList;
     bool bResult = false;
-    if (mgr.ParsePolicy(spJsonData.get(), pszID, 2, maintPolicyDataList) && !maintPolicyDataList.empty())
+    if (mgr.ParsePolicy(spJsonData.get(), pszID, 2, maintPolicyDataList) && !maintPolicyDataList.empty()) {
         bResult = mgr.RunOnceTask(maintPolicyDataList) != 0;
-    else
+    } else {
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint RunOnceScriptTask maintPolicyDataList is NULL pszID[%s] strFilePath[%s] pJsonData[%s]",
                   pszID, strFilePath.c_str(), spJsonData.get());
+    }
     return bResult;
 }
 

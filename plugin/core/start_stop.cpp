@@ -29,8 +29,9 @@ int LoaderState() {
 // not lost. A thread that cannot be created changes nothing: a loader of an earlier start goes on.
 int CreateLoader(std::shared_ptr<CThreadGate> spGate) try {
     // Without a manager there is nothing that the thread could use, and nobody who would wait for it.
-    if (!spGate)
+    if (!spGate) {
         spGate = std::make_shared<CThreadGate>();
+    }
     auto spTicket = std::make_unique<CThreadTicket>(CThreadTicket::ForNewThread(std::move(spGate)));
     const CMaintLockGuard lock(g_LoadThreadLock);
     pthread_t threadId{};
@@ -48,11 +49,13 @@ int CreateLoader(std::shared_ptr<CThreadGate> spGate) try {
 void StopLoader() {
     {
         const CMaintLockGuard lock(g_LoadThreadLock);
-        if (g_LoadThreadId == 0)
+        if (g_LoadThreadId == 0) {
             return;
+        }
     }
-    for (int iPoll = 0; iPoll < STOP_POLLS && LoaderState() != 2; ++iPoll)
+    for (int iPoll = 0; iPoll < STOP_POLLS && LoaderState() != 2; ++iPoll) {
         MaintPause(std::chrono::milliseconds(TestableMilliseconds("STOP_POLL", STOP_POLL_MS)));
+    }
     unsigned long ulCancelled = 0;
     {
         // Under the lock the thread cannot leave, so its id is still its own.
@@ -63,17 +66,19 @@ void StopLoader() {
         }
         g_LoadThreadId = 0;
     }
-    if (ulCancelled != 0)
+    if (ulCancelled != 0) {
         LogPrintC(QXPMAINT_MODULE, 2,
                   "*qxpmaint qxploginmon_stop qxpmaint_loadpolicyfile_thread thread need kill threadid[%lu]",
                   ulCancelled);
+    }
 }
 
 void StopManager() {
-    if (const CMaintMgrUse maintMgr = CMaintMgr::Use())
+    if (const CMaintMgrUse maintMgr = CMaintMgr::Use()) {
         maintMgr->Stop();
-    else
+    } else {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop pMaintMgr is NULL");
+    }
 }
 
 void EndLoader() {
@@ -87,10 +92,11 @@ int qxpmaint_start() {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start begin ver[%s][%s] 2024-11-15 19:30", QXPMAINT_VERSION,
               "Release");
     const CMaintMgrUse maintMgr = CMaintMgr::Use();
-    if (maintMgr)
+    if (maintMgr) {
         maintMgr->Start();
-    else
+    } else {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start pMaintMgr is NULL");
+    }
     if (const int iError = CreateLoader(maintMgr ? maintMgr->Gate() : nullptr); iError != 0) {
         errno = iError;  // as a host reads it, too
         LogPrintC(QXPMAINT_MODULE, 3,

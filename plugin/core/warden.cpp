@@ -27,8 +27,9 @@ std::atomic<unsigned int> g_uWardenProcCount{0};
 std::atomic<unsigned int> g_uWardenPidCount{0};
 
 bool RunsWarden(int iPid, unsigned int uCount) {
-    if (iPid <= 0)
+    if (iPid <= 0) {
         return false;
+    }
     char szExePath[64] = {};
     snprintf(szExePath, sizeof szExePath, "/proc/%d/exe", iPid);
     if (access(szExePath, F_OK) != 0) {
@@ -47,8 +48,9 @@ bool RunsWarden(int iPid, unsigned int uCount) {
                   szReadPath, WARDENPROC_PATH);
         return false;
     }
-    if (uCount % LOG_EVERY == 0)
+    if (uCount % LOG_EVERY == 0) {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint IsWardenProc iPid[%d] is %s", iPid, WARDENPROC_PATH);
+    }
     return true;
 }
 

@@ -31,16 +31,19 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
         return 0;
     }
     const auto isClosing = [&] {
-        if (m_bClosing)
+        if (m_bClosing) {
             QXLogPrint(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__, "*qxpmaint CMaintMgr::SetPolicy closing strID[%s]",
                        strID.c_str());
+        }
         return m_bClosing.load();
     };
-    if (isClosing())
+    if (isClosing()) {
         return 0;
+    }
     std::list<_MaintPolicyDetail> maintPolicyList;
-    if (!ParsePolicy(lpJsonData, strID, dwPolicyType, maintPolicyList))
+    if (!ParsePolicy(lpJsonData, strID, dwPolicyType, maintPolicyList)) {
         return 0;
+    }
     if (maintPolicyList.empty()) {
         QXLogPrintStr(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
                       "*qxpmaint CMaintMgr::SetPolicy maintPolicyList is 0");
@@ -53,8 +56,9 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
         return 0;
     }
     // Checking signatures takes its time. A close that begins after this names what it finds queued.
-    if (isClosing())
+    if (isClosing()) {
         return 0;
+    }
     CreateWorkThread();
     {
         const CMaintLockGuard lock(m_csPolicyList);
@@ -67,27 +71,31 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
 // The work thread, if there is none. Never throws once the thread exists.
 void CMaintMgr::CreateWorkThread() {
     const CMaintLockGuard lock(m_csWorkThread);
-    if (m_u64WorkThreadId != 0)
+    if (m_u64WorkThreadId != 0) {
         return;
+    }
     std::unique_ptr<WorkStart> spStart(new WorkStart{*this, CThreadTicket::ForNewThread(m_spGate)});
     const int iResult = CMainTTool::MaintCreateThread(WorkThread, spStart.get(), m_u64WorkThreadId);
-    if (iResult == 0)
+    if (iResult == 0) {
         static_cast<void>(spStart.release());  // the thread's
-    else
+    } else {
         m_u64WorkThreadId = 0;  // the next admitted policy tries again, and so does the loader
+    }
     Attempt("SetPolicy", [&] {
         QXLogPrint(2, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
                    "qxpmaint CMaintMgr::SetPolicyMaintCreateThread uThreadID[%u] m_u64WorkThreadId[%llu]",
                    static_cast<unsigned int>(iResult), m_u64WorkThreadId);
-        if (iResult != 0)
+        if (iResult != 0) {
             QXLogPrint(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
                        "*qxpmaint CMaintMgr::SetPolicy MaintCreateThread Error[%d]", iResult);
+        }
     });
 }
 
 void CMaintMgr::ResumeQueued() {
-    if (m_bClosing || !GetWork() || !HasQueuedPolicy())
+    if (m_bClosing || !GetWork() || !HasQueuedPolicy()) {
         return;
+    }
     CreateWorkThread();
     CMainTTool::MaintSetEvent(m_hWorkEvent);
 }
@@ -100,8 +108,9 @@ bool CMaintMgr::HasQueuedPolicy() {
 // True when the event was signalled.
 bool CMaintMgr::WaitWorkEvent(long lMilliseconds) {
     const unsigned int dwWait = CMainTTool::MaintWaitEvent(m_hWorkEvent, lMilliseconds);
-    if (dwWait != 0 && dwWait != WAIT_TIMED_OUT)
+    if (dwWait != 0 && dwWait != WAIT_TIMED_OUT) {
         MaintPause(BROKEN_EVENT_PAUSE);  // an event that fails at once must not make this a busy loop
+    }
     return dwWait == 0;
 }
 
@@ -111,8 +120,9 @@ void CMaintMgr::PassSignalOn() {
 }
 
 int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {
-    if (list.empty() || m_bClosing)
+    if (list.empty() || m_bClosing) {
         return 0;
+    }
     // The last signal taken here may have stood for a policy as well, so one is given when this ends.
     struct CWaiting {
         explicit CWaiting(CMaintMgr& mgr) : m_Mgr(mgr) { ++m_Mgr.m_iRunOnceWaiting; }
@@ -125,11 +135,13 @@ int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {
         CMaintMgr& m_Mgr;
     };
     const CWaiting waiting(*this);
-    if (!RunNewScript(list))
+    if (!RunNewScript(list)) {
         return 0;
+    }
     do {
-        if (WaitWorkEvent(RUN_ONCE_WAIT_MS) && GetWork() && HasQueuedPolicy())
+        if (WaitWorkEvent(RUN_ONCE_WAIT_MS) && GetWork() && HasQueuedPolicy()) {
             PassSignalOn();  // it was meant for the work thread, which waits for the same event
+        }
         DisposeScriptList(MT_RUNCOMPLETE);
     } while (GetPRunScriptListSize() != 0);
     return 1;

@@ -14,10 +14,11 @@
 CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*strLogPath*/, const CPString& strType,
                                   CPString& strParam) {
     CPString strCommand;
-    if (strType.CompareNoCase("sh") == 0)
+    if (strType.CompareNoCase("sh") == 0) {
         strCommand.Format("bash %s", strPath.c_str());
-    else if (strType.CompareNoCase("exe") == 0)
+    } else if (strType.CompareNoCase("exe") == 0) {
         strCommand = strPath;
+    }
     // "bat", "vbs" and every other type do not run on this platform.
     QXLogPrint(6, MAINT_LOG_SOURCE, "GetRunCommand", __LINE__,
                "qxpmaint CMaintMgr::GetRunCommand strCommand[%s] strParam[%s]", strCommand.c_str(), strParam.c_str());
@@ -100,8 +101,9 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     pRunData->listCopyRoom.emplace_back();
     std::list<_RunScriptData*> listEntry{pRunData};
 
-    if (m_bClosing)
+    if (m_bClosing) {
         throw std::runtime_error("closing");  // nobody would end this run
+    }
 
     // From here on nothing may fail: a process that is not listed could be neither ended nor reported.
     Attempt("CreateRunScript", [&] { StartProcess(*pRunData, strCommand, strParam); });
@@ -128,14 +130,16 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
         static_cast<void>(spRunData.release());  // the list owns it now
     }
     // The signal of a run that was over before it was listed may have been taken by a pass that could not see it.
-    if (bFinished)
+    if (bFinished) {
         CMainTTool::MaintSetEvent(m_hWorkEvent);
+    }
     return 0;
 }
 
 int CMaintMgr::CleanRunData(_RunScriptData* pRunData, int bKill) {
-    if (!pRunData)
+    if (!pRunData) {
         return 0;
+    }
     if (bKill) {
         const CMaintLockGuard lock(m_csRunScriptList);
         CRunControl& control = *pRunData->spControl;
@@ -149,8 +153,9 @@ int CMaintMgr::CleanRunData(_RunScriptData* pRunData, int bKill) {
         // from the script, ends the processes and closes the stream, once.
         pRunData->stProcessInfo.hProcess = nullptr;
         control.Wake();
-        if (pRunData->u64ThreadId != 0 && !control.bThreadEnding)
+        if (pRunData->u64ThreadId != 0 && !control.bThreadEnding) {
             CancelThread(pRunData->u64ThreadId);
+        }
     }
     delete pRunData;
     return 1;

@@ -55,16 +55,18 @@ CMaintMgr::~CMaintMgr() {
 
 CMaintMgr* CMaintMgr::Instance() try {
     CMaintMgr* pThis = m_pThis.load();
-    if (pThis)
+    if (pThis) {
         return pThis;
+    }
     auto* pNew = new (std::nothrow) CMaintMgr;
     if (pNew && !pNew->m_hWorkEvent) {
         // Without its event it would accept policies and never run one.
         delete pNew;
         pNew = nullptr;
     }
-    if (m_pThis.compare_exchange_strong(pThis, pNew))
+    if (m_pThis.compare_exchange_strong(pThis, pNew)) {
         return pNew;
+    }
     delete pNew;  // another thread was first
     return pThis;
 } catch (const std::bad_alloc&) {
@@ -74,8 +76,9 @@ CMaintMgr* CMaintMgr::Instance() try {
 CMaintMgrUse CMaintMgr::Use() {
     const std::lock_guard lock(g_UseLock);
     CMaintMgr* pThis = m_pThis.load();
-    if (!pThis || !pThis->m_bInitialised)
+    if (!pThis || !pThis->m_bInitialised) {
         return {};
+    }
     return {*pThis, CThreadTicket::ForCaller(pThis->m_spGate)};
 }
 
@@ -83,16 +86,18 @@ CMaintMgrUse CMaintMgr::Use() {
 CMaintMgr* CMaintMgr::Withdraw() {
     const std::lock_guard lock(g_UseLock);
     CMaintMgr* pThis = m_pThis.exchange(nullptr);
-    if (pThis)
+    if (pThis) {
         pThis->m_bClosing = true;
+    }
     return pThis;
 }
 
 void CMaintMgr::Close() {
     const CCancellationOff cancellationOff;
     CMaintMgr* pThis = Withdraw();
-    if (!pThis)
+    if (!pThis) {
         return;
+    }
     const int iWait = TestableMilliseconds("CLOSE_WAIT", CLOSE_WAIT_MS);
     const bool bEnded = pThis->EndWhatIsLeft(steady_clock::now() + milliseconds(iWait));
     Attempt("Close", [pThis] { pThis->LogNeverRun(); });
@@ -115,10 +120,12 @@ bool CMaintMgr::EndWhatIsLeft(steady_clock::time_point deadline) {
     SetWork(0);
     do {
         CMainTTool::MaintSetEvent(m_hWorkEvent);
-        if (GetPRunScriptListSize() != 0)
+        if (GetPRunScriptListSize() != 0) {
             Attempt("Close", [this] { DisposeScriptList(MT_STOPPLUGIN); });  // what failed is tried again
-        if (m_spGate->WaitEmpty(std::min(deadline, steady_clock::now() + CLOSE_PASS)) && GetPRunScriptListSize() == 0)
+        }
+        if (m_spGate->WaitEmpty(std::min(deadline, steady_clock::now() + CLOSE_PASS)) && GetPRunScriptListSize() == 0) {
             return true;
+        }
     } while (steady_clock::now() < deadline);
     return false;
 }
@@ -126,10 +133,11 @@ bool CMaintMgr::EndWhatIsLeft(steady_clock::time_point deadline) {
 // A policy that was accepted and that no work thread took before the end: a stop came first.
 void CMaintMgr::LogNeverRun() {
     const CMaintLockGuard lock(m_csPolicyList);
-    for (const _MaintPolicyDetail& record : m_MaintPolicyList)
+    for (const _MaintPolicyDetail& record : m_MaintPolicyList) {
         QXLogPrint(3, MAINT_LOG_SOURCE, "Close", __LINE__,
                    "*qxpmaint CMaintMgr::Close never run strID[%s] strScriptId[%s]", record.strID.c_str(),
                    record.strScriptId.c_str());
+    }
 }
 
 int CMaintMgr::Init() {

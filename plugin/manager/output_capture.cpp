@@ -48,15 +48,18 @@ void COutputCapture::Append(std::string_view chunk) {
     if (m_ChunkEnds.empty() && m_strOutput.size() <= PART_LIMIT) {
         // Growing by doubling would copy and could end at twice the size: past a quarter of a part, take all that can
         // ever be needed. Pages that are never written cost nothing.
-        if (m_strOutput.size() > PART_LIMIT / 4)
+        if (m_strOutput.size() > PART_LIMIT / 4) {
             m_strOutput.reserve(2 * PART_MOST + CUT_MARK.size());
+        }
         m_strOutput.append(chunk);
         return;
     }
-    while (m_uTailBytes > PART_LIMIT)
+    while (m_uTailBytes > PART_LIMIT) {
         DropOldestChunk();
-    if (!chunk.empty())
+    }
+    if (!chunk.empty()) {
         PushTail(chunk);
+    }
 }
 
 void COutputCapture::BeginTail() {
@@ -85,8 +88,9 @@ void COutputCapture::DropOldestChunk() {
 }
 
 void COutputCapture::PushTail(std::string_view chunk) {
-    if (m_ChunkEnds.empty())
+    if (m_ChunkEnds.empty()) {
         BeginTail();
+    }
     const size_t uAt = (m_uTailBegin + m_uTailBytes) % PART_MOST;
     const size_t uFirst = std::min(chunk.size(), PART_MOST - uAt);
     memcpy(m_strOutput.data() + m_uRing + uAt, chunk.data(), uFirst);

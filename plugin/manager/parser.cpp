@@ -17,8 +17,9 @@ uint32_t ToNumber(const CPString& strValue) {
 // False leaves the default.
 bool ReadMember(const qxtools::CPJsonParse& json, void* pParent, const char* pszKey, CPString& strValue) {
     void* pNode = json.GetNode(pParent, pszKey);
-    if (pNode)
+    if (pNode) {
         strValue = CPString(json.GetValue(pNode).c_str());
+    }
     return pNode != nullptr;
 }
 
@@ -27,10 +28,12 @@ void ReadOptionalMembers(const qxtools::CPJsonParse& json, void* pScript, _Maint
     ReadMember(json, pScript, "scriptid", record.strScriptId);
     ReadMember(json, pScript, "scriptpath", record.strPath);
     ReadMember(json, pScript, "checkret", record.strCheckRet);
-    if (ReadMember(json, pScript, "timeout", strNumber))
+    if (ReadMember(json, pScript, "timeout", strNumber)) {
         record.dwTimeOut = ToNumber(strNumber);
-    if (ReadMember(json, pScript, "timeoutaction", strNumber))
+    }
+    if (ReadMember(json, pScript, "timeoutaction", strNumber)) {
         record.dwTimeOutAction = ToNumber(strNumber);
+    }
 }
 
 void LogRecord(const _MaintPolicyDetail& record, const CPString& strSign) {
@@ -51,8 +54,9 @@ void LogRecord(const _MaintPolicyDetail& record, const CPString& strSign) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the ID is taken by value at this interface
 int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int dwPolicyType,
                            std::list<_MaintPolicyDetail>& list) {
-    if (!lpJsonData || !*lpJsonData)
+    if (!lpJsonData || !*lpJsonData) {
         return 0;
+    }
     QXLogPrint(6, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                "qxpmaint CMaintMgr::ParsePolicy strID[%s] lpJsonData[%s] ", strID.c_str(), lpJsonData);
     TestPoint("policy parsing");
@@ -92,16 +96,18 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
                        "*qxpmaint CMaintMgr::ParsePolicy GetNode scriptdata Error strID[%s]", strID.c_str());
             continue;
         }
-        if (!ReadMember(json, pScript, "sign", strSign))
+        if (!ReadMember(json, pScript, "sign", strSign)) {
             continue;
+        }
         CMaintSign sign;
         if (!sign.VerifySignContent(strSign.c_str(), strScriptData.c_str())) {
             QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
                        "*qxpmaint CMaintMgr::ParsePolicy VerifySignContent fail strID[%s]", strID.c_str());
             continue;
         }
-        if (!ReadMember(json, pScript, "scripttype", record.strType) || !CheckIsSupport(strScriptData, record))
+        if (!ReadMember(json, pScript, "scripttype", record.strType) || !CheckIsSupport(strScriptData, record)) {
             continue;
+        }
         ReadOptionalMembers(json, pScript, record);
         record.strID = strID;
         record.dwPolicyType = dwPolicyType;
@@ -113,8 +119,9 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
 }
 
 int CMaintMgr::CheckIsSupport(const CPString& strScriptData, _MaintPolicyDetail& record) {
-    if (record.strType.CompareNoCase("bat") == 0 || record.strType.CompareNoCase("vbs") == 0)
+    if (record.strType.CompareNoCase("bat") == 0 || record.strType.CompareNoCase("vbs") == 0) {
         return 0;
+    }
     if (record.strType.CompareNoCase("sh") == 0) {
         CMainTTool::DecodeBase64(strScriptData, record.strText);
     } else if (record.strType.CompareNoCase("exe") == 0) {

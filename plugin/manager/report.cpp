@@ -26,8 +26,9 @@ using CJsonText = std::unique_ptr<char, CJsonDelete>;
 
 // False when there is no memory for the item, which the object then does not have. The key is not copied.
 bool AddItem(cJSON* pObject, const char* pszKey, CJsonItem spItem) {
-    if (!spItem || !cJSON_AddItemToObjectCS(pObject, pszKey, spItem.get()))
+    if (!spItem || !cJSON_AddItemToObjectCS(pObject, pszKey, spItem.get())) {
         return false;
+    }
     static_cast<void>(spItem.release());  // the object owns it now
     return true;
 }
@@ -53,8 +54,9 @@ bool AddRun(cJSON* pResult, const _RunScriptData& run, CMaintMgr& mgr) {
         AddText(pRun, "run_starttime", mgr.GetStrTime(run.dwStartTime, 1)) &&
         AddText(pRun, "run_runningtime", std::to_string(ToSeconds(run.u64RunningTime))) &&
         AddText(pRun, "run_endtime", run.strEndTime);
-    if (!bWhole || !cJSON_AddItemToArray(pResult, pRun))
+    if (!bWhole || !cJSON_AddItemToArray(pResult, pRun)) {
         return false;
+    }
     static_cast<void>(spRun.release());  // the array owns it now
     return true;
 }
@@ -75,8 +77,9 @@ Report PrintReport(const CPString& strID, const std::list<_RunScriptData>& list,
     cJSON* pResult = spResult.get();
     if (!pRoot || !pData || !AddText(pRoot, "ID", strID) || !AddText(pRoot, "msg_type", "1") ||
         !AddText(pRoot, "data_type", "RunScriptData") || !AddItem(pRoot, "data", std::move(spData)) ||
-        !AddText(pData, "handler_type", "1") || !AddItem(pData, "result", std::move(spResult)))
+        !AddText(pData, "handler_type", "1") || !AddItem(pData, "result", std::move(spResult))) {
         return {};
+    }
     const auto itEnd = std::find_if_not(list.begin(), list.end(),
                                         [&](const _RunScriptData& run) { return AddRun(pResult, run, mgr); });
     return {CJsonText(cJSON_PrintUnformatted(pRoot)), static_cast<size_t>(std::distance(list.begin(), itEnd))};
@@ -97,12 +100,14 @@ int CMaintMgr::SendResultToServer(const CPString& strID, std::list<_RunScriptDat
         report = PrintReport(strID, list, *this);
     }
     const CJsonText& spText = report.spText;
-    if (!spText || !*spText)
+    if (!spText || !*spText) {
         return 0;
-    if (report.uRuns < list.size())
+    }
+    if (report.uRuns < list.size()) {
         QXLogPrint(3, MAINT_LOG_SOURCE, "SendResultToServer", __LINE__,
                    "*qxpmaint CMaintMgr::SendResultToServer cut strID[%s] runs[%zu] of[%zu]", strID.c_str(),
                    report.uRuns, list.size());
+    }
     const bool bWriteFile =
         std::any_of(list.begin(), list.end(), [](const _RunScriptData& run) { return run.dwPolicyType == 2; });
     list.clear();  // the outputs are in the text now: a large report is held once while it is sent
@@ -112,12 +117,14 @@ int CMaintMgr::SendResultToServer(const CPString& strID, std::list<_RunScriptDat
 CPString CMaintMgr::GetStrTime(long i64Time, unsigned int dwFormat) {
     const time_t iTime = i64Time ? i64Time : time(nullptr);
     tm stLocal{};
-    if (!localtime_r(&iTime, &stLocal))
+    if (!localtime_r(&iTime, &stLocal)) {
         return {};
+    }
     char szTime[32] = {};
-    if (dwFormat)
+    if (dwFormat) {
         strftime(szTime, sizeof szTime - 1, "%Y-%m-%d %H:%M:%S", &stLocal);
-    else
+    } else {
         strftime(szTime, sizeof szTime - 1, "%Y%m%d%H%M%S", &stLocal);
+    }
     return szTime;
 }

@@ -12,14 +12,16 @@ CRunControl::CRunControl(CMaintMgr& mgr, CProcReader& reader)
 }
 
 void CRunControl::Wake() const {
-    if (m_Wake)
+    if (m_Wake) {
         eventfd_write(m_Wake.Get(), 1);
+    }
 }
 
 bool CRunControl::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
     CChildProcess& child = spControl->Child;
-    if (!child.Stream())
+    if (!child.Stream()) {
         return true;
+    }
     if (child.HasExited()) {
         CMainTTool::CleanHandle(child.ReleaseStream());
         return true;

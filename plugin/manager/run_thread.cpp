@@ -78,26 +78,31 @@ bool CRunThread::Step() {
 }
 
 CRunThread::EPhase CRunThread::ReadStep() {
-    if (m_bChunkBegins && !m_Mgr.GetWork())
+    if (m_bChunkBegins && !m_Mgr.GetWork()) {
         return LeaveReading();
-    if (StopRequested())
+    }
+    if (StopRequested()) {
         return EPhase::Over;
-    if (!m_spControl->Child.Stream())
+    }
+    if (!m_spControl->Child.Stream()) {
         return EPhase::Over;
+    }
     std::string_view chunk;
     const CChunkReader::EState eState = m_Reader.Next(chunk);
     m_bChunkBegins = eState == CChunkReader::EState::Chunk;
-    if (eState == CChunkReader::EState::Chunk)
+    if (eState == CChunkReader::EState::Chunk) {
         StoreChunk(chunk);
-    else if (eState == CChunkReader::EState::NeedData)
+    } else if (eState == CChunkReader::EState::NeedData) {
         WaitForOutput();
+    }
     return eState == CChunkReader::EState::End ? EPhase::WaitingForExit : EPhase::Reading;
 }
 
 // Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
 CRunThread::EPhase CRunThread::LeaveReading() {
-    if (!m_spControl->Child.Stream())
+    if (!m_spControl->Child.Stream()) {
         return EPhase::Over;
+    }
     CloseReadEnd(m_spControl->Child.Stream(), m_spControl->WakeDescriptor());
     return EPhase::WaitingForExit;
 }
@@ -105,29 +110,34 @@ CRunThread::EPhase CRunThread::LeaveReading() {
 void CRunThread::StoreChunk(std::string_view chunk) {
     chunk = chunk.substr(0, chunk.find('\0'));
     m_Capture.Append(chunk);
-    if (!m_strCheckRet.empty() && chunk.find(m_strCheckRet.Str()) != std::string_view::npos)
+    if (!m_strCheckRet.empty() && chunk.find(m_strCheckRet.Str()) != std::string_view::npos) {
         m_iResult = 1;
+    }
 }
 
 void CRunThread::WaitForOutput() {
     const int iOutput = fileno(m_spControl->Child.Stream());
     pollfd arrWait[] = {{iOutput, POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
-    if (PollOrPause(arrWait, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0)
+    if (PollOrPause(arrWait, WAIT_TICK_MS) > 0 && arrWait[0].revents != 0) {
         m_Reader.Fill(iOutput);
-    else
+    } else {
         m_spControl->Child.FindAgain();
+    }
 }
 
 CRunThread::EPhase CRunThread::WaitStep() {
     CRunControl& control = *m_spControl;
-    if (StopRequested())
+    if (StopRequested()) {
         return EPhase::Over;
+    }
     control.Child.FindAgain();
     // Of a child that is not known nothing tells the exit but the close of its stream, which nothing could wake.
-    if (!control.Child.IsKnown())
+    if (!control.Child.IsKnown()) {
         CRunControl::CloseStream(m_spControl);
-    if (control.bChildReaped || control.Child.HasExited())
+    }
+    if (control.bChildReaped || control.Child.HasExited()) {
         return EPhase::Over;
+    }
     control.Child.WaitExit(control.WakeDescriptor(), WAIT_TICK_MS);
     return EPhase::WaitingForExit;
 }
@@ -143,11 +153,13 @@ void CRunThread::Abandon() {
 }
 
 void CRunThread::Finish() {
-    if (m_bAbandoned || StopRequested())
+    if (m_bAbandoned || StopRequested()) {
         EndOnce();
+    }
     // What may have to wait for the child is not done under the lock.
-    if (!m_spControl->Child.CanBeClosedNow())
+    if (!m_spControl->Child.CanBeClosedNow()) {
         CloseStream(m_spControl);
+    }
     TestPoint("run storing");
     if (!StoreResult()) {
         EndOnce();  // told to stop since the look above
@@ -162,8 +174,9 @@ bool CRunThread::StoreResult() {
     CPString strOutput = m_Capture.Take();
     const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
     m_spControl->bThreadEnding = true;
-    if (m_spControl->iStopFlag)
+    if (m_spControl->iStopFlag) {
         return false;
+    }
     m_pRunData->strRunOutData = std::move(strOutput);
     _CreateProcessInfo& stProcessInfo = m_pRunData->stProcessInfo;
     for (void** phHandle : {&stProcessInfo.hThread, &stProcessInfo.hReadPipe, &stProcessInfo.hWritePipe}) {
@@ -179,11 +192,13 @@ bool CRunThread::StoreResult() {
 
 void CRunThread::EndOnce() {
     CRunControl& control = *m_spControl;
-    if (!control.Child.WasStarted() || m_bProcessesEnded)
+    if (!control.Child.WasStarted() || m_bProcessesEnded) {
         return;
+    }
     m_bProcessesEnded = true;
-    if (control.Child.Stream())
+    if (control.Child.Stream()) {
         CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
+    }
     control.Child.FindAgain();
     EndProcesses(control, END_GRACE);
 }
@@ -212,8 +227,9 @@ void CRunThread::EndProcesses(CRunControl& control, std::chrono::milliseconds gr
 }
 
 void CRunThread::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
-    if (CRunControl::CloseStream(spControl))
+    if (CRunControl::CloseStream(spControl)) {
         return;
+    }
     Attempt("RunScriptThread", [&] {
         QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
                    "*qxpmaint CMaintMgr::RunScriptThread stream left open of pid[%d]",
@@ -223,8 +239,9 @@ void CRunThread::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
 
 void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
     CRunControl& control = *spControl;
-    if (control.Child.WasStarted())
+    if (control.Child.WasStarted()) {
         EndProcesses(control, std::chrono::milliseconds(0));
+    }
     CMaintMgr& mgr = control.Mgr;
     {
         const CMaintLockGuard lock(mgr.m_csRunScriptList);
@@ -242,8 +259,9 @@ void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, const std::share
 namespace {
 
 void FinishRun(CRunThread& run, _RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
-    if (!Attempt("RunScriptThread", [&] { run.Finish(); }))
+    if (!Attempt("RunScriptThread", [&] { run.Finish(); })) {
         CRunThread::FinishWithoutMemory(stRunData, spControl);
+    }
 }
 
 }  // namespace
@@ -254,8 +272,9 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
     CThreadTicket ticket;
     auto* pRunData = static_cast<_RunScriptData*>(pParam);
     std::shared_ptr<CRunControl> spControl;
-    if (pRunData)
+    if (pRunData) {
         spControl = CRunThread::Attach(*pRunData, ticket);
+    }
     TestPoint("run attached");
     // The run's own manager; the present one differs when a close has given up on this thread.
     CMaintMgr* pThis = spControl ? &spControl->Mgr : Present();
@@ -272,8 +291,9 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
     try {
         CRunThread run(pRunData, spControl);
         try {
-            while (run.Step())
+            while (run.Step()) {
                 CancellationPoint();
+            }
         } catch (const abi::__forced_unwind&) {
             run.Abandon();
             FinishRun(run, *pRunData, spControl);

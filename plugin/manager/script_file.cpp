@@ -20,13 +20,16 @@ std::mutex& LaunchLock() {
 
 // Where a script file is to be written: the policy's directory, created if need be, or the data directory.
 CPString CMaintMgr::ScriptDirectory(const _MaintPolicyDetail& stPolicy) {
-    if (stPolicy.strPath.empty())
+    if (stPolicy.strPath.empty()) {
         return m_strDataPath;
+    }
     CPString strDirectory = stPolicy.strPath;
-    if (strDirectory.Right(1) != "/")
+    if (strDirectory.Right(1) != "/") {
         strDirectory += "/";
-    if (access(strDirectory.c_str(), F_OK) == 0)
+    }
+    if (access(strDirectory.c_str(), F_OK) == 0) {
         return strDirectory;
+    }
     // Created from the path without its slashes: with one, the last step would meet the directory it just made. Judged
     // by what is there afterwards, since another launch may have created the directory at the same moment.
     const size_t uBare = strDirectory.Str().find_last_not_of('/') + 1;
@@ -44,16 +47,18 @@ int CMaintMgr::RunNewScript(const std::list<_MaintPolicyDetail>& list) {
     };
     for (const _MaintPolicyDetail& record : list) {
         try {
-            if (m_bClosing)
+            if (m_bClosing) {
                 logNotRun(record, "closing");  // a thread that a close has given up starts nothing any more
-            else
+            } else {
                 RunScript(record);
+            }
         } catch (const std::exception& error) {
             logNotRun(record, error.what());  // out of memory: the others are tried all the same
         }
     }
-    if (m_bClosing)
+    if (m_bClosing) {
         DisposeScriptList(MT_STOPPLUGIN);  // what was started while the close began, which may have given up by now
+    }
     return 1;
 }
 
@@ -63,8 +68,9 @@ void CMaintMgr::RunScript(const _MaintPolicyDetail& record) {
     strName.Format("%s%04x", GetStrTime(0, 0).c_str(), dwSequence);
     const int bExec = record.strType.CompareNoCase("exe") == 0 ? 1 : 0;
     CPString strExtension;
-    if (!bExec)
+    if (!bExec) {
         strExtension.Format(".%s", record.strType.c_str());
+    }
     CPString strFullPath;
     strFullPath.Format("%s%s%s", ScriptDirectory(record).c_str(), strName.c_str(), strExtension.c_str());
     // Whatever has this name is not ours: it may be a link that leads elsewhere, or the file of somebody's running
@@ -90,8 +96,9 @@ int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, uns
     if (pText && iLength != 0) {
         errno = EINVAL;  // of a negative length, which is refused
         const auto iWritten = iLength < 0 ? 0 : static_cast<int>(fwrite(pText, 1, static_cast<size_t>(iLength), pFile));
-        if (iWritten == iLength)
+        if (iWritten == iLength) {
             return 1;
+        }
         const int iError = errno;
         QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
                    "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] iLength[%d] "
@@ -100,8 +107,9 @@ int WriteBody(FILE* pFile, const CPString& strPath, const CPString& strText, uns
         return 0;
     }
     const auto iWritten = static_cast<int>(fwrite(strText.data(), 1, strText.size(), pFile));
-    if (static_cast<size_t>(iWritten) == strText.size())
+    if (static_cast<size_t>(iWritten) == strText.size()) {
         return 1;
+    }
     const int iError = errno;
     QXLogPrint(3, MAINT_LOG_SOURCE, "GenScriptFile", __LINE__,
                "*qxpmaint CMaintMgr::GenScriptFile fwrite Error[%d][%s] iWriteLength[%d] strPath[%s] strText[%d][%s]",
@@ -124,7 +132,8 @@ int CMaintMgr::GenScriptFile(const CPString& strPath, const CPString& strText, u
                    "*qxpmaint CMaintMgr::GenScriptFile open Error[%d][%s] strPath[%s]", iError, strerror(iError),
                    strPath.c_str());
     }
-    if (bExec)
+    if (bExec) {
         chmod(strPath.c_str(), 0755);
+    }
     return iResult;
 }

@@ -32,17 +32,20 @@ const char* DisposeLabel(unsigned int dwDisposeType) {
 
 // 0 while the run has not started, or started after the pass took its tick: such a run would seem 49 days old.
 unsigned long ElapsedTicks(const _RunScriptData& run, unsigned long ulNow) {
-    if (run.u64StartTick == 0 || run.u64StartTick > ulNow)
+    if (run.u64StartTick == 0 || run.u64StartTick > ulNow) {
         return 0;
+    }
     return CMainTTool::GetDiffCount(run.u64StartTick, ulNow);
 }
 
 bool IsSelected(const _RunScriptData& run, unsigned int dwDisposeType, unsigned long ulNow) {
-    if (dwDisposeType == MT_RUNCOMPLETE)
+    if (dwDisposeType == MT_RUNCOMPLETE) {
         return run.dwRunState == RUN_FINISHED;
-    if (dwDisposeType == MT_RUNTIMEOUT)
+    }
+    if (dwDisposeType == MT_RUNTIMEOUT) {
         return run.dwTimeOut != 0 && ElapsedTicks(run, ulNow) >= static_cast<uint32_t>(run.dwTimeOut * 1000U) &&
                run.dwRunState != RUN_CREATED;
+    }
     return true;
 }
 
@@ -60,8 +63,9 @@ void MoveForReport(_RunScriptData& run, std::list<_RunScriptData>& listDisposed)
 std::list<_RunScriptData> CMaintMgr::ExtractDisposed(unsigned int dwDisposeType, unsigned int dwCount,
                                                      unsigned long ulNow) {
     std::list<_RunScriptData> listDisposed;
-    if (dwDisposeType == MT_ERROR || (dwDisposeType == MT_RUNTIMEOUT && dwCount <= MaxRunThreadCount))
+    if (dwDisposeType == MT_ERROR || (dwDisposeType == MT_RUNTIMEOUT && dwCount <= MaxRunThreadCount)) {
         return listDisposed;
+    }
     const CMaintLockGuard lock(m_csRunScriptList);
     for (auto it = m_PRunScriptList.begin(); it != m_PRunScriptList.end();) {
         _RunScriptData* pRunData = *it;
@@ -81,11 +85,13 @@ std::list<_RunScriptData> CMaintMgr::ExtractDisposed(unsigned int dwDisposeType,
 void CMaintMgr::FinishDisposal(_RunScriptData& run, unsigned int dwDisposeType, unsigned long ulNow,
                                const CPString& strEndTime) {
     const unsigned long uDiffTick = ElapsedTicks(run, ulNow);
-    if (dwDisposeType == MT_RUNCOMPLETE)
+    if (dwDisposeType == MT_RUNCOMPLETE) {
         run.u64RunningTime = uDiffTick;
+    }
     Attempt("DisposeScriptList", [&] {
-        if (dwDisposeType == MT_RUNCOMPLETE)
+        if (dwDisposeType == MT_RUNCOMPLETE) {
             run.strEndTime = strEndTime;
+        }
         QXLogPrint(6, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
                    "qxpmaint CMaintMgr::DisposeScriptList u64ThreadId[%llu] dwStartTime[%u] uDiffTick[%lu] "
                    "strScriptId[%s] strScriptPath[%s]",
@@ -110,10 +116,11 @@ void CMaintMgr::ReportByPolicy(std::list<_RunScriptData>& listDisposed) {
         listReport.splice(listReport.end(), listDisposed, listDisposed.begin(), itEnd);
         const CPString strID = std::move(listReport.front().strID);
         Attempt("SendResultToServer", [&] {
-            if (SendResultToServer(strID, std::move(listReport)) == 0)
+            if (SendResultToServer(strID, std::move(listReport)) == 0) {
                 QXLogPrint(3, MAINT_LOG_SOURCE, "DisposeScriptList", __LINE__,
                            "*qxpmaint CMaintMgr::DisposeScriptList SendResultToServer not sent strID[%s]",
                            strID.c_str());
+            }
         });
     }
 }
@@ -131,19 +138,23 @@ int CMaintMgr::DisposeScriptList(unsigned int dwDisposeType) {
     });
     CPString strEndTime;
     Attempt("DisposeScriptList", [&] { strEndTime = GetStrTime(0, 1); });
-    for (_RunScriptData& run : listDisposed)
+    for (_RunScriptData& run : listDisposed) {
         FinishDisposal(run, dwDisposeType, ulNow, strEndTime);
-    if (dwDisposeType == MT_RUNCOMPLETE || dwDisposeType == MT_RUNTIMEOUT)
+    }
+    if (dwDisposeType == MT_RUNCOMPLETE || dwDisposeType == MT_RUNTIMEOUT) {
         ReportByPolicy(listDisposed);
+    }
     return dwDisposeType == MT_ERROR ? 0 : 1;
 }
 
 void CMaintMgr::WorkPass() {
-    if (!WaitWorkEvent(TestableMilliseconds("WORK_WAIT", WORK_WAIT_MS)) || !GetWork())
+    if (!WaitWorkEvent(TestableMilliseconds("WORK_WAIT", WORK_WAIT_MS)) || !GetWork()) {
         return;
+    }
     DisposeScriptList(MT_RUNCOMPLETE);
-    if (!IsWorkThread())
+    if (!IsWorkThread()) {
         return;  // given up by a stop while the host held a report: the queue is not this thread's any more
+    }
     std::list<_MaintPolicyDetail> listPolicy;
     {
         const CMaintLockGuard lock(m_csPolicyList);
@@ -153,16 +164,19 @@ void CMaintMgr::WorkPass() {
         RunNewScript(listPolicy);
         DisposeScriptList(MT_RUNTIMEOUT);
     }
-    if (m_iRunOnceWaiting != 0 && GetPRunScriptListSize() == 0)
+    if (m_iRunOnceWaiting != 0 && GetPRunScriptListSize() == 0) {
         PassSignalOn();  // a run-once waits for the same event, and now it can return
+    }
 }
 
 void CMaintMgr::TryWorkPass() {
-    if (Attempt("WorkThread", [this] { WorkPass(); }))
+    if (Attempt("WorkThread", [this] { WorkPass(); })) {
         return;
+    }
     // The signal is used up, and what it stood for may still be there.
-    if (HasQueuedPolicy() || HasFinishedRun())
+    if (HasQueuedPolicy() || HasFinishedRun()) {
         PassSignalOn();
+    }
 }
 
 bool CMaintMgr::HasFinishedRun() {
@@ -179,22 +193,25 @@ bool CMaintMgr::IsWorkThread() {
 // A thread that Stop gave up may leave after another was started: then the id is not its own.
 void CMaintMgr::LeaveWorkThread() {
     const CMaintLockGuard lock(m_csWorkThread);
-    if (m_u64WorkThreadId == pthread_self())
+    if (m_u64WorkThreadId == pthread_self()) {
         m_u64WorkThreadId = 0;
+    }
 }
 
 void* CMaintMgr::WorkThread(void* pParam) {
     DisableCancellation();
     std::unique_ptr<WorkStart> spStart(static_cast<WorkStart*>(pParam));
     CThreadTicket ticket;
-    if (spStart)
+    if (spStart) {
         ticket = CThreadTicket::Adopt(spStart->Ticket);
+    }
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "qxpmaintwork");
     // Its creator's manager rather than the present one: they differ when a close has given up on this thread.
     CMaintMgr* pThis = spStart ? &spStart->Mgr : Present();
-    if (!pThis)
+    if (!pThis) {
         return nullptr;
+    }
     spStart.reset();
     pThis->CleanOldLog();
     try {
@@ -224,8 +241,9 @@ int CMaintMgr::Stop() {
     if (!bHadWorkThread && readWorkThreadId() == 0) {
         QXLogPrintStr(6, MAINT_LOG_SOURCE, "Stop", __LINE__, "qxpmaint CMaintMgr::Stop Already Stop");
     } else {
-        for (int iPoll = 0; iPoll < STOP_POLLS && readWorkThreadId() != 0; ++iPoll)
+        for (int iPoll = 0; iPoll < STOP_POLLS && readWorkThreadId() != 0; ++iPoll) {
             MaintPause(std::chrono::milliseconds(TestableMilliseconds("STOP_POLL", STOP_POLL_MS)));
+        }
         {
             const CMaintLockGuard lock(m_csWorkThread);
             if (m_u64WorkThreadId != 0) {

@@ -15,8 +15,9 @@ void CThreadGate::Enter() {
 
 void CThreadGate::Leave() {
     const std::lock_guard lock(m_Lock);
-    if (--m_uCount == 0)
+    if (--m_uCount == 0) {
         m_Empty.notify_all();
+    }
 }
 
 void CThreadGate::LeaveByEnding(std::list<EndingThread>& listRoom) {
@@ -24,8 +25,9 @@ void CThreadGate::LeaveByEnding(std::list<EndingThread>& listRoom) {
     ForgetEnded();
     listRoom.front() = {static_cast<pid_t>(syscall(SYS_gettid)), steady_clock::now()};
     m_Ending.splice(m_Ending.end(), listRoom);
-    if (--m_uCount == 0)
+    if (--m_uCount == 0) {
         m_Empty.notify_all();
+    }
 }
 
 void CThreadGate::ForgetEnded() {
@@ -39,13 +41,16 @@ void CThreadGate::ForgetEnded() {
 bool CThreadGate::WaitEmpty(steady_clock::time_point deadline) {
     std::unique_lock lock(m_Lock);
     for (;;) {
-        if (!m_Empty.wait_until(lock, deadline, [this] { return m_uCount == 0; }))
+        if (!m_Empty.wait_until(lock, deadline, [this] { return m_uCount == 0; })) {
             return false;
+        }
         ForgetEnded();
-        if (m_Ending.empty())
+        if (m_Ending.empty()) {
             return true;
-        if (steady_clock::now() > deadline)
+        }
+        if (steady_clock::now() > deadline) {
             return false;
+        }
         // A detached thread cannot be joined; what is left of one that has left is a few instructions. The lock is
         // given up here, so another thread may have entered since.
         m_Empty.wait_for(lock, std::chrono::milliseconds(1));
@@ -90,12 +95,14 @@ CThreadTicket CThreadTicket::Adopt(CThreadTicket& ofCreator) {
 
 void CThreadTicket::Release() {
     const std::shared_ptr<CThreadGate> spGate = std::move(m_spGate);
-    if (!spGate)
+    if (!spGate) {
         return;
-    if (m_bAdopted)
+    }
+    if (m_bAdopted) {
         spGate->LeaveByEnding(m_listRoom);
-    else
+    } else {
         spGate->Leave();
+    }
 }
 
 void DisableCancellation() {
@@ -113,8 +120,9 @@ CCancellationOff::~CCancellationOff() {
 bool CancelThread(pthread_t threadId) {
     // backtrace needs the same of the C library, and merely returns nothing when it cannot be loaded.
     void* pFrame = nullptr;
-    if (backtrace(&pFrame, 1) == 0)
+    if (backtrace(&pFrame, 1) == 0) {
         return false;
+    }
     return pthread_cancel(threadId) == 0;
 }
 

@@ -54,19 +54,22 @@ void CChildProcess::Identify(FILE* pStream, const LaunchMark& stMark) {
     m_u64LaunchTime = stMark.u64StartTime;
     try {
         m_strPipe = CProcReader::PipeName(fileno(pStream));
-        if (!Accept(FindNewChild(stMark)))
+        if (!Accept(FindNewChild(stMark))) {
             Accept(FindByPipe());
+        }
     } catch (const std::exception&) {
         return;  // out of memory: the run thread looks again
     }
 }
 
 void CChildProcess::FindAgain() {
-    if (IsKnown() || !WasStarted())
+    if (IsKnown() || !WasStarted()) {
         return;
+    }
     try {
-        if (m_strPipe.empty() && m_pStream)
+        if (m_strPipe.empty() && m_pStream) {
             m_strPipe = CProcReader::PipeName(fileno(m_pStream));
+        }
         Accept(FindByPipe());
     } catch (const std::exception&) {
         return;  // and again
@@ -76,16 +79,19 @@ void CChildProcess::FindAgain() {
 // The new child of this thread, checked against the pipe where that can be read; 0 when there is none.
 pid_t CChildProcess::FindNewChild(const LaunchMark& stMark) {
     const auto children = m_Reader.ThreadChildren();
-    if (!children)
+    if (!children) {
         return 0;
+    }
     pid_t iOnly = 0;
     int iNew = 0;
     for (const pid_t iPid : *children) {
         if (stMark.children &&
-            std::find(stMark.children->begin(), stMark.children->end(), iPid) != stMark.children->end())
+            std::find(stMark.children->begin(), stMark.children->end(), iPid) != stMark.children->end()) {
             continue;
-        if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe))
+        }
+        if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe)) {
             return iPid;
+        }
         iOnly = iPid;
         ++iNew;
     }
@@ -95,15 +101,17 @@ pid_t CChildProcess::FindNewChild(const LaunchMark& stMark) {
 
 // The slow way, for a kernel that does not list a thread's children.
 pid_t CChildProcess::FindByPipe() {
-    if (m_strPipe.empty())
+    if (m_strPipe.empty()) {
         return 0;
+    }
     std::vector<pid_t> pids;
     m_Reader.ListProcesses(pids);
     for (const pid_t iPid : pids) {
         ProcessStat stat;
         if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe) &&
-            m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::Done && stat.iParent == getpid())
+            m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::Done && stat.iParent == getpid()) {
             return iPid;
+        }
     }
     return 0;
 }
@@ -113,8 +121,9 @@ pid_t CChildProcess::FindByPipe() {
 bool CChildProcess::Accept(pid_t iPid) {
     ProcessStat stat;
     if (iPid <= 0 || m_Reader.ReadStat(iPid, stat) != CProcReader::ERead::Done || stat.iParent != getpid() ||
-        stat.stIdentity.u64StartTime < m_u64LaunchTime)
+        stat.stIdentity.u64StartTime < m_u64LaunchTime) {
         return false;
+    }
     m_stIdentity = stat.stIdentity;
     m_PidFd = OpenPidFd(iPid);
     return true;
@@ -132,8 +141,9 @@ bool CChildProcess::HasExited() const {
     bool bOurs = false;
     pollfd stPidFd{m_PidFd.Get(), POLLIN, 0};
     if (m_PidFd) {
-        if (const int iReady = poll(&stPidFd, 1, 0); iReady >= 0)
+        if (const int iReady = poll(&stPidFd, 1, 0); iReady >= 0) {
             return iReady == 1;
+        }
     }
     return IsKnown() && IsWaitable(bOurs);
 }
@@ -151,24 +161,29 @@ void CChildProcess::WaitExit(int iWakeDescriptor, int iMilliseconds) const {
 
 void CChildProcess::Signal(int iSignal) const {
     bool bOurs = false;
-    if (m_PidFd && SignalPidFd(m_PidFd, iSignal))
+    if (m_PidFd && SignalPidFd(m_PidFd, iSignal)) {
         return;
-    if (IsKnown() && !IsWaitable(bOurs))
+    }
+    if (IsKnown() && !IsWaitable(bOurs)) {
         kill(m_stIdentity.iPid, iSignal);  // not waited for yet, so the number is still its own
+    }
 }
 
 int PollOrPause(std::span<pollfd> waits, int iMilliseconds) {
     const int iReady = poll(waits.data(), waits.size(), iMilliseconds);
-    if (iReady < 0 && errno != EINTR)
+    if (iReady < 0 && errno != EINTR) {
         MaintPause(std::chrono::milliseconds(LOOK_TICK_MS));
+    }
     return iReady;
 }
 
 void CloseReadEnd(FILE* pStream, int iReplacement) {
     CUniqueDescriptor null;
-    if (iReplacement < 0)
+    if (iReplacement < 0) {
         null = CUniqueDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
     const int iSource = iReplacement < 0 ? null.Get() : iReplacement;
-    if (iSource >= 0)
+    if (iSource >= 0) {
         dup3(iSource, fileno(pStream), O_CLOEXEC);
+    }
 }

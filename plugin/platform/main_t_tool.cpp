@@ -43,15 +43,17 @@ class CEmptySignalMask {
 public:
     CEmptySignalMask() {
         sigset_t stCurrent;
-        if (pthread_sigmask(SIG_SETMASK, nullptr, &stCurrent) != 0 || sigisemptyset(&stCurrent))
+        if (pthread_sigmask(SIG_SETMASK, nullptr, &stCurrent) != 0 || sigisemptyset(&stCurrent)) {
             return;
+        }
         sigset_t stEmpty;
         sigemptyset(&stEmpty);
         m_bChanged = pthread_sigmask(SIG_SETMASK, &stEmpty, &m_stSaved) == 0;
     }
     ~CEmptySignalMask() {
-        if (m_bChanged)
+        if (m_bChanged) {
             pthread_sigmask(SIG_SETMASK, &m_stSaved, nullptr);
+        }
     }
     CEmptySignalMask(const CEmptySignalMask&) = delete;
     CEmptySignalMask& operator=(const CEmptySignalMask&) = delete;
@@ -64,10 +66,12 @@ private:
 // False when there is no size to be taken: a directory opens and seeks like a file, but to an arbitrary end.
 bool ReadFileSize(FILE* pFile, uint32_t& uSize) {
     struct stat stAttributes;
-    if (fstat(fileno(pFile), &stAttributes) != 0 || S_ISDIR(stAttributes.st_mode))
+    if (fstat(fileno(pFile), &stAttributes) != 0 || S_ISDIR(stAttributes.st_mode)) {
         return false;
-    if (fseek(pFile, 0, SEEK_END) != 0)
+    }
+    if (fseek(pFile, 0, SEEK_END) != 0) {
         return false;
+    }
     uSize = static_cast<uint32_t>(ftell(pFile));
     return uSize > 0 && fseek(pFile, 0, SEEK_SET) == 0;
 }
@@ -83,8 +87,9 @@ bool CMainTTool::MaintDeleteFile(const char* pszPath) {
 }
 
 bool CMainTTool::CreateProcessLinux(const char* pszCommand, _CreateProcessInfo& stProcessInfo, unsigned int* pdwError) {
-    if (IsEmpty(pszCommand))
+    if (IsEmpty(pszCommand)) {
         return false;
+    }
     int iError = 0;
     {
         const CEmptySignalMask emptyMask;
@@ -92,10 +97,12 @@ bool CMainTTool::CreateProcessLinux(const char* pszCommand, _CreateProcessInfo& 
         stProcessInfo.hProcess = popen(pszCommand, "re");  // NOLINT(cert-env33-c): running commands is the purpose
         iError = errno;
     }
-    if (stProcessInfo.hProcess)
+    if (stProcessInfo.hProcess) {
         return true;
-    if (pdwError)
+    }
+    if (pdwError) {
         *pdwError = static_cast<unsigned int>(iError);
+    }
     return false;
 }
 
@@ -105,8 +112,9 @@ bool CMainTTool::MaintCreateProcess(const char* pszCommand, const char* /*pszPar
 }
 
 void CMainTTool::CleanHandle(void* hProcess) {
-    if (hProcess)
+    if (hProcess) {
         pclose(static_cast<FILE*>(hProcess));
+    }
 }
 
 unsigned long CMainTTool::MaintGetTickCount() {
@@ -131,35 +139,41 @@ unsigned int CMainTTool::MaintWaitEvent(void* hEvent, long lMilliseconds) {
 }
 
 void CMainTTool::MaintDestroyEvent(void* hEvent) {
-    if (hEvent)
+    if (hEvent) {
         QxDestroyEvent(hEvent);
+    }
 }
 
 int CMainTTool::MaintCreateThread(void* (*pfnRoutine)(void*), void* pArgument, unsigned long long& u64ThreadId) {
     pthread_t threadId{};
     const int iRet = pthread_create(&threadId, nullptr, pfnRoutine, pArgument);
-    if (iRet == 0)
+    if (iRet == 0) {
         u64ThreadId = threadId;
+    }
     return iRet;
 }
 
 void CMainTTool::MaintLock(void* pLock) {
-    if (pLock)
+    if (pLock) {
         pthread_mutex_lock(static_cast<pthread_mutex_t*>(pLock));
+    }
 }
 
 void CMainTTool::MaintUnLock(void* pLock) {
-    if (pLock)
+    if (pLock) {
         pthread_mutex_unlock(static_cast<pthread_mutex_t*>(pLock));
+    }
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value in its interface
 bool CMainTTool::SaveFileDataA(CPString strPath, const char* pszText) {
-    if (!pszText || strPath.empty())
+    if (!pszText || strPath.empty()) {
         return false;
+    }
     CFilePtr pFile(fopen(strPath.c_str(), "we"));
-    if (!pFile)
+    if (!pFile) {
         return false;
+    }
     const size_t uLength = strlen(pszText);
     const bool bWritten = fwrite(pszText, 1, uLength, pFile.get()) == uLength;
     // A full disk may show only when the stream's buffer is flushed.
@@ -169,22 +183,26 @@ bool CMainTTool::SaveFileDataA(CPString strPath, const char* pszText) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value in its interface
 bool CMainTTool::ReadFileDataA(CPString strPath, std::string& strContent) {
     const CFilePtr pFile(fopen(strPath.c_str(), "rbe"));
-    if (!pFile)
+    if (!pFile) {
         return false;
+    }
     strContent.clear();
     uint32_t uSize = 0;
-    if (!ReadFileSize(pFile.get(), uSize))
+    if (!ReadFileSize(pFile.get(), uSize)) {
         return false;
+    }
     strContent.assign(uSize, '\0');
     size_t uOffset = 0;
     while (uOffset < uSize) {
         const size_t uRead = fread(strContent.data() + uOffset, 1, uSize - uOffset, pFile.get());
-        if (uRead < 1)
+        if (uRead < 1) {
             break;
+        }
         uOffset += uRead;
     }
-    if (uOffset == uSize)
+    if (uOffset == uSize) {
         return true;
+    }
     strContent.clear();
     return false;
 }
@@ -195,8 +213,9 @@ unsigned char* CMainTTool::DecodeBase64(const CPString& strText, int& iLength) {
 
 bool CMainTTool::DecodeBase64(const CPString& strText, CPString& strResult) {
     const std::unique_ptr<char, CFree> pszDecoded(base64Decode(strText.c_str(), strText.size()));
-    if (!pszDecoded)
+    if (!pszDecoded) {
         return false;
+    }
     strResult = CPString(pszDecoded.get());
     return true;
 }
@@ -204,26 +223,32 @@ bool CMainTTool::DecodeBase64(const CPString& strText, CPString& strResult) {
 CPString CMainTTool::MaintGetCltPath() {
     static const char s_cInThisModule = 0;
     char szDirectory[512] = {};
-    if (!QxGetModuleFilePath(&s_cInThisModule, szDirectory, sizeof(szDirectory) - 1))
+    if (!QxGetModuleFilePath(&s_cInThisModule, szDirectory, sizeof(szDirectory) - 1)) {
         return {};
+    }
     return CPString(szDirectory) + "/";
 }
 
 bool CMainTTool::RecursiveCreateDir(const char* pszPath) {
     // The path may come from a sender. A longer one cannot be created in any case, and each level is a stack frame.
-    if (IsEmpty(pszPath) || strnlen(pszPath, PATH_MAX) == PATH_MAX)
+    if (IsEmpty(pszPath) || strnlen(pszPath, PATH_MAX) == PATH_MAX) {
         return false;
-    if (access(pszPath, F_OK) == 0)
+    }
+    if (access(pszPath, F_OK) == 0) {
         return true;
+    }
     const char* pszLastSlash = strrchr(pszPath, '/');
-    if (!pszLastSlash)
+    if (!pszLastSlash) {
         return false;
+    }
     const CPString strParent(pszPath, static_cast<size_t>(pszLastSlash - pszPath));
-    if (!RecursiveCreateDir(strParent.c_str()))
+    if (!RecursiveCreateDir(strParent.c_str())) {
         return false;
+    }
     constexpr mode_t uMode = 0755;
-    if (mkdir(pszPath, uMode) != 0)
+    if (mkdir(pszPath, uMode) != 0) {
         return false;
+    }
     // mkdir leaves out what the umask masks; the umask is the host's and stays as it is.
     chmod(pszPath, uMode);
     return true;

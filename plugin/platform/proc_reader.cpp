@@ -28,8 +28,9 @@ public:
     COpened(CUniqueDescriptor descriptor, CUniqueDescriptor& reserve, std::unique_lock<std::mutex> lock)
         : m_Descriptor(std::move(descriptor)), m_iError(errno), m_pReserve(&reserve), m_Lock(std::move(lock)) {}
     ~COpened() {
-        if (m_pReserve)
+        if (m_pReserve) {
             *m_pReserve = m_Descriptor ? std::move(m_Descriptor) : OpenReserve();
+        }
     }
     COpened(const COpened&) = delete;
     COpened& operator=(const COpened&) = delete;
@@ -98,8 +99,9 @@ bool ReadNumbers(int iDirectory, std::vector<int>& numbers) {
             int iNumber = 0;
             const char* pEnd = pEntry->d_name + strlen(pEntry->d_name);
             const auto result = std::from_chars(pEntry->d_name, pEnd, iNumber);
-            if (result.ec == std::errc() && result.ptr == pEnd)
+            if (result.ec == std::errc() && result.ptr == pEnd) {
                 numbers.push_back(iNumber);
+            }
         }
     }
     return iRead == 0;
@@ -108,8 +110,9 @@ bool ReadNumbers(int iDirectory, std::vector<int>& numbers) {
 bool ParseStat(const char* pszStat, ProcessStat& stat) {
     // The name stands in parentheses and may hold anything, parentheses included.
     const char* pszName = strrchr(pszStat, ')');
-    if (!pszName)
+    if (!pszName) {
         return false;
+    }
     constexpr char FORMAT[] = " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu";
     // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers, which fit
     return sscanf(pszName + 1, FORMAT, &stat.cState, &stat.iParent, &stat.lThreads, &stat.stIdentity.u64StartTime) == 4;
@@ -123,14 +126,16 @@ CProcReader::CProcReader() {
 
 void CProcReader::Replenish() {
     const std::lock_guard lock(m_ReserveLock);
-    if (!m_Reserve)
+    if (!m_Reserve) {
         m_Reserve = OpenReserve();
+    }
 }
 
 CProcReader::COpened CProcReader::Open(const char* pszPath, int iFlags) {
     CUniqueDescriptor descriptor(open(pszPath, O_RDONLY | O_CLOEXEC | iFlags));
-    if (descriptor || (errno != EMFILE && errno != ENFILE))
+    if (descriptor || (errno != EMFILE && errno != ENFILE)) {
         return COpened(std::move(descriptor));
+    }
     std::unique_lock lock(m_ReserveLock);
     m_Reserve.Close();
     descriptor = CUniqueDescriptor(open(pszPath, O_RDONLY | O_CLOEXEC | iFlags));
@@ -139,12 +144,14 @@ CProcReader::COpened CProcReader::Open(const char* pszPath, int iFlags) {
 
 CProcReader::ERead CProcReader::ReadStat(pid_t iPid, ProcessStat& stat) {
     const COpened file = Open(CProcPath(iPid, "stat").Text(), 0);
-    if (!file)
+    if (!file) {
         return file.Failure();
+    }
     char szStat[1024];
     const ssize_t iRead = ReadStart(file.Get(), szStat);
-    if (iRead < 0)
+    if (iRead < 0) {
         return COpened::FailureOf(errno);
+    }
     stat.stIdentity.iPid = iPid;
     return iRead > 0 && ParseStat(szStat, stat) ? ERead::Done : ERead::Gone;
 }
@@ -156,15 +163,18 @@ bool CProcReader::ListProcesses(std::vector<pid_t>& pids) {
 
 std::optional<std::vector<pid_t>> CProcReader::ThreadChildren() {
     const COpened file = Open("/proc/thread-self/children", 0);
-    if (!file)
+    if (!file) {
         return std::nullopt;
+    }
     std::string strList;
     char szPart[4096];
     ssize_t iRead = 0;
-    while ((iRead = ReadStart(file.Get(), szPart)) > 0)
+    while ((iRead = ReadStart(file.Get(), szPart)) > 0) {
         strList.append(szPart, static_cast<size_t>(iRead));
-    if (iRead < 0)
+    }
+    if (iRead < 0) {
         return std::nullopt;
+    }
     std::vector<pid_t> children;
     const char* pNext = strList.c_str();
     char* pEnd = nullptr;
@@ -177,14 +187,17 @@ std::optional<std::vector<pid_t>> CProcReader::ThreadChildren() {
 
 CProcReader::ERead CProcReader::IsOpenForWriting(pid_t iPid, int iDescriptor, bool& bWriting) {
     const COpened file = Open(CProcPath(iPid, "fdinfo", iDescriptor).Text(), 0);
-    if (!file)
+    if (!file) {
         return file.Failure();
+    }
     char szInfo[1024];
-    if (ReadStart(file.Get(), szInfo) < 0)
+    if (ReadStart(file.Get(), szInfo) < 0) {
         return COpened::FailureOf(errno);
+    }
     const char* pszFlags = strstr(szInfo, "flags:");
-    if (!pszFlags)
+    if (!pszFlags) {
         return ERead::Gone;
+    }
     const unsigned long uMode = strtoul(pszFlags + strlen("flags:"), nullptr, 8) & O_ACCMODE;
     bWriting = uMode == O_WRONLY || uMode == O_RDWR;
     return ERead::Done;
@@ -195,24 +208,29 @@ CProcReader::ERead CProcReader::FindWrittenPipes(pid_t iPid, const std::vector<s
     std::vector<int> descriptors;
     {
         const COpened directory = Open(CProcPath(iPid, "fd").Text(), O_DIRECTORY);
-        if (!directory)
+        if (!directory) {
             return directory.Failure();
-        if (!ReadNumbers(directory.Get(), descriptors))
+        }
+        if (!ReadNumbers(directory.Get(), descriptors)) {
             return COpened::FailureOf(errno);
+        }
     }
     std::vector<std::string> alsoRead;
     for (const int iDescriptor : descriptors) {
         char szTarget[PIPE_NAME_ROOM];
         const std::string_view target = ReadLink(CProcPath(iPid, "fd", iDescriptor).Text(), szTarget);
         const auto pipe = std::lower_bound(sortedPipes.begin(), sortedPipes.end(), target);
-        if (target.empty() || pipe == sortedPipes.end() || *pipe != target)
+        if (target.empty() || pipe == sortedPipes.end() || *pipe != target) {
             continue;
+        }
         bool bWriting = false;
         const ERead eRead = IsOpenForWriting(iPid, iDescriptor, bWriting);
-        if (eRead == ERead::Failed)
+        if (eRead == ERead::Failed) {
             return eRead;
-        if (eRead == ERead::Done)
+        }
+        if (eRead == ERead::Done) {
             (bWriting ? found : alsoRead).push_back(*pipe);
+        }
     }
     std::erase_if(found, [&](const std::string& strPipe) {
         return std::find(alsoRead.begin(), alsoRead.end(), strPipe) != alsoRead.end();

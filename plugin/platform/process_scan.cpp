@@ -54,8 +54,9 @@ std::shared_ptr<const ProcessSnapshot> CProcessScan::Scan(const Request* pReques
     unsigned long long u64Since = pRequests->u64Since;
     for (const Request* pRequest = pRequests; pRequest; pRequest = pRequest->pNext) {
         u64Since = std::min(u64Since, pRequest->u64Since);
-        if (!pRequest->strPipe.empty())
+        if (!pRequest->strPipe.empty()) {
             pipes.push_back(pRequest->strPipe);
+        }
     }
     std::sort(pipes.begin(), pipes.end());
 
@@ -73,12 +74,14 @@ std::shared_ptr<const ProcessSnapshot> CProcessScan::Scan(const Request* pReques
             if (!pipes.empty() && stat.stIdentity.u64StartTime >= u64Since && iPid != getpid()) {
                 written.clear();
                 eRead = m_Reader.FindWrittenPipes(iPid, pipes, written);
-                for (const std::string& strPipe : written)
+                for (const std::string& strPipe : written) {
                     spSnapshot->writers.emplace_back(strPipe, iPid);
+                }
             }
         }
-        if (eRead == CProcReader::ERead::Failed)
+        if (eRead == CProcReader::ERead::Failed) {
             spSnapshot->bComplete = false;
+        }
     }
     std::sort(spSnapshot->writers.begin(), spSnapshot->writers.end());
     return spSnapshot;

@@ -35,13 +35,16 @@ CProcessTree::CProcessTree(const CChildProcess& child, CProcReader& reader, CPro
 
 bool CProcessTree::IsPartOfRun(const ProcessStat& stat, const ProcessSnapshot& snapshot) const {
     const ProcessIdentity& stIdentity = stat.stIdentity;
-    if (stIdentity.iPid == getpid() || stIdentity.iPid == 1)
+    if (stIdentity.iPid == getpid() || stIdentity.iPid == 1) {
         return false;
-    if (stIdentity == m_Child.Identity())
+    }
+    if (stIdentity == m_Child.Identity()) {
         return true;
+    }
     const auto known = m_Alive.find(stIdentity.iPid);
-    if (known != m_Alive.end() && known->second.stIdentity == stIdentity)
+    if (known != m_Alive.end() && known->second.stIdentity == stIdentity) {
         return true;
+    }
     return stIdentity.u64StartTime >= m_Child.Identity().u64StartTime &&
            snapshot.CanWrite(stIdentity.iPid, m_Child.PipeName());
 }
@@ -49,28 +52,32 @@ bool CProcessTree::IsPartOfRun(const ProcessStat& stat, const ProcessSnapshot& s
 // False when not everything could be looked at; what is known of the run is kept then.
 bool CProcessTree::Collect() try {
     const auto spSnapshot = m_Scan.Look(m_Child.PipeName(), m_Child.Identity().u64StartTime);
-    if (!spSnapshot)
+    if (!spSnapshot) {
         return false;
+    }
     std::map<pid_t, ProcessStat> found;
     for (const ProcessStat& stat : spSnapshot->processes) {
-        if (IsPartOfRun(stat, *spSnapshot))
+        if (IsPartOfRun(stat, *spSnapshot)) {
             found.emplace(stat.stIdentity.iPid, stat);
+        }
     }
     // A child may have a lower pid than its parent, so one pass over the table is not enough.
     for (bool bGrown = !found.empty(); bGrown;) {
         bGrown = false;
         for (const ProcessStat& stat : spSnapshot->processes) {
             const pid_t iPid = stat.stIdentity.iPid;
-            if (found.contains(stat.iParent) && iPid != getpid())
+            if (found.contains(stat.iParent) && iPid != getpid()) {
                 bGrown = found.emplace(iPid, stat).second || bGrown;
+            }
         }
     }
     std::erase_if(found, [](const auto& entry) { return entry.second.HasEnded(); });
     // One that was there and could not be looked at this time may be alive still.
     if (!spSnapshot->bComplete) {
         for (const auto& [iPid, stat] : m_Alive) {
-            if (!spSnapshot->Find(iPid))
+            if (!spSnapshot->Find(iPid)) {
                 found.emplace(iPid, stat);
+            }
         }
     }
     m_Alive = std::move(found);
@@ -82,8 +89,9 @@ bool CProcessTree::Collect() try {
 // Left: some are alive.
 CProcessTree::EEnd CProcessTree::Look() {
     const bool bComplete = Collect();
-    if (!m_Alive.empty() || (m_Child.IsKnown() && !m_Child.HasExited()))
+    if (!m_Alive.empty() || (m_Child.IsKnown() && !m_Child.HasExited())) {
         return EEnd::Left;
+    }
     return bComplete && m_Child.IsKnown() && !m_Child.PipeName().empty() ? EEnd::Gone : EEnd::Unknown;
 }
 
@@ -107,16 +115,19 @@ bool CProcessTree::SignalProcess(const ProcessIdentity& stIdentity, int iSignal)
     const CUniqueDescriptor pidFd = OpenPidFd(stIdentity.iPid);
     ProcessStat stat;
     const CProcReader::ERead eRead = m_Reader.ReadStat(stIdentity.iPid, stat);
-    if (eRead == CProcReader::ERead::Done && stat.stIdentity == stIdentity && (!pidFd || !SignalPidFd(pidFd, iSignal)))
+    if (eRead == CProcReader::ERead::Done && stat.stIdentity == stIdentity &&
+        (!pidFd || !SignalPidFd(pidFd, iSignal))) {
         kill(stIdentity.iPid, iSignal);
+    }
     return eRead != CProcReader::ERead::Failed;
 }
 
 void CProcessTree::Signal(int iSignal) {
     m_Child.Signal(iSignal);
     for (const auto& [iPid, stat] : m_Alive) {
-        if (stat.stIdentity != m_Child.Identity())
+        if (stat.stIdentity != m_Child.Identity()) {
             SignalProcess(stat.stIdentity, iSignal);
+        }
     }
 }
 
@@ -126,8 +137,9 @@ void CProcessTree::WaitGone(milliseconds time) {
         const bool bAnyAlive = std::any_of(m_Alive.begin(), m_Alive.end(),
                                            [this](const auto& entry) { return IsAlive(entry.second.stIdentity); });
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-        if ((!bAnyAlive && (!m_Child.IsKnown() || m_Child.HasExited())) || left.count() <= 0)
+        if ((!bAnyAlive && (!m_Child.IsKnown() || m_Child.HasExited())) || left.count() <= 0) {
             return;
+        }
         MaintPause(std::min(pause, left));
     }
 }
@@ -143,8 +155,9 @@ CProcessTree::EEnd CProcessTree::Freeze() {
     int iQuietLooks = 0;      // in a row, at which all were stopped already
     m_Child.Signal(SIGSTOP);  // at once: it is the one that is known without a look
     for (int iLook = 0; iLook < FREEZE_LOOKS && iFailures < FREEZE_FAILURES && iQuietLooks < 2; ++iLook) {
-        if (iLook > 0 && iQuietLooks == 0)
+        if (iLook > 0 && iQuietLooks == 0) {
             MaintPause(FREEZE_PAUSE);
+        }
         eEnd = Look();
         const EStop eStop = StopAll();
         iFailures += eEnd == EEnd::Unknown || eStop == EStop::Failed ? 1 : 0;
@@ -159,8 +172,9 @@ CProcessTree::EStop CProcessTree::StopAll() {
     bool bUninterruptible = false;
     for (const auto& [iPid, stat] : m_Alive) {
         const bool bGivenUp = stat.IsUninterruptible() && m_iLooksLeft <= 0;
-        if (m_Frozen.contains(stat.stIdentity) && (stat.IsStopped() || bGivenUp))
+        if (m_Frozen.contains(stat.stIdentity) && (stat.IsStopped() || bGivenUp)) {
             continue;
+        }
         bAllStopped = false;
         bUninterruptible = bUninterruptible || stat.IsUninterruptible();
         bFailed = !SignalProcess(stat.stIdentity, SIGSTOP) || bFailed;
@@ -171,8 +185,9 @@ CProcessTree::EStop CProcessTree::StopAll() {
         }
     }
     m_iLooksLeft -= bUninterruptible ? 1 : 0;
-    if (bFailed)
+    if (bFailed) {
         return EStop::Failed;
+    }
     return bAllStopped ? EStop::AllStopped : EStop::NotYet;
 }
 
@@ -185,8 +200,9 @@ CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
             Signal(SIGTERM);
             Signal(SIGCONT);
             const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-            if (left.count() <= 0)
+            if (left.count() <= 0) {
                 break;
+            }
             WaitGone(m_Alive.empty() ? std::min(left, LAST_PAUSE) : left);
             eEnd = Look();
         }

@@ -11,8 +11,9 @@
 extern std::atomic<void (*)(const char* pszPoint)> g_pfnTestPoint;
 
 inline void TestPoint(const char* pszPoint) {
-    if (auto* pfnTestPoint = g_pfnTestPoint.load())
+    if (auto* pfnTestPoint = g_pfnTestPoint.load()) {
         pfnTestPoint(pszPoint);
+    }
 }
 
 /// A time that a test may shorten: the environment variable QXPMAINT_TEST_<NAME>_MS in place of the given one.

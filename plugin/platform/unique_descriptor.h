@@ -23,8 +23,9 @@ public:
     explicit operator bool() const { return m_iDescriptor >= 0; }
     int Release() { return std::exchange(m_iDescriptor, -1); }
     void Close() {
-        if (m_iDescriptor >= 0)
+        if (m_iDescriptor >= 0) {
             close(Release());
+        }
     }
 
 private:

@@ -54,19 +54,22 @@ uint32_t ReadMark(const unsigned char (&mark)[MarkSize]) {
 
 CBignumPtr ReadNumber(const char* pszHex) {
     BIGNUM* pNumber = nullptr;
-    if (BN_hex2bn(&pNumber, pszHex) == 0)
+    if (BN_hex2bn(&pNumber, pszHex) == 0) {
         return nullptr;
+    }
     return CBignumPtr(pNumber);
 }
 
 CRsaPtr MakeBuiltInKey() {
     CRsaPtr pKey(RSA_new());
-    if (!pKey)
+    if (!pKey) {
         return nullptr;
+    }
     CBignumPtr pExponent = ReadNumber(g_szRsaPublicExponent);
     CBignumPtr pModulus = ReadNumber(g_szRsaModulus);
-    if (!pExponent || !pModulus || RSA_set0_key(pKey.get(), pModulus.get(), pExponent.get(), nullptr) != 1)
+    if (!pExponent || !pModulus || RSA_set0_key(pKey.get(), pModulus.get(), pExponent.get(), nullptr) != 1) {
         return nullptr;
+    }
     // The key owns the numbers now.
     static_cast<void>(pModulus.release());
     static_cast<void>(pExponent.release());
@@ -76,102 +79,123 @@ CRsaPtr MakeBuiltInKey() {
 }  // namespace
 
 bool CMaintSign::VerifySignContent(const char* pszSign, const char* pszContent) {
-    if (!pszSign || !pszContent)
+    if (!pszSign || !pszContent) {
         return false;
+    }
     const size_t uLength = strlen(pszContent);
     // A length cut to 32 bits would leave the rest of the text unsigned.
-    if (uLength > UINT32_MAX)
+    if (uLength > UINT32_MAX) {
         return false;
+    }
     return VerifySignContent(pszSign, reinterpret_cast<const unsigned char*>(pszContent),
                              static_cast<uint32_t>(uLength));
 }
 
 bool CMaintSign::VerifySignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pszSign || !pData || uLength == 0 || strnlen(pszSign, MarkDigits + 1) <= MarkDigits)
+    if (!pszSign || !pData || uLength == 0 || strnlen(pszSign, MarkDigits + 1) <= MarkDigits) {
         return false;
+    }
     unsigned char mark[MarkSize] = {};
-    if (Hex2Bin(pszSign, MarkDigits, mark, MarkSize) <= 0)
+    if (Hex2Bin(pszSign, MarkDigits, mark, MarkSize) <= 0) {
         return false;
-    if (ReadMark(mark) == MaintSignMark)
+    }
+    if (ReadMark(mark) == MaintSignMark) {
         return VerifyMaintSignContent(pszSign, pData, uLength) == 0;
+    }
     return qxchksign_buffer(pszSign, pData, uLength) == 0;
 }
 
 int CMaintSign::VerifyMaintSignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pData || uLength == 0 || uLength > MaxSize || !pszSign)
+    if (!pData || uLength == 0 || uLength > MaxSize || !pszSign) {
         return -1;
+    }
     const size_t uDigits = strnlen(pszSign, size_t{MaxSize} + 1);
-    if (uDigits < SignDigits || uDigits > MaxSize)
+    if (uDigits < SignDigits || uDigits > MaxSize) {
         return -1;
+    }
 
     unsigned char sign[SignSize] = {};
-    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, SignSize) != static_cast<int>(SignSize))
+    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, SignSize) != static_cast<int>(SignSize)) {
         return -1;
+    }
     unsigned char mark[MarkSize];
     std::copy_n(sign, MarkSize, mark);
-    if (ReadMark(mark) != MaintSignMark)
+    if (ReadMark(mark) != MaintSignMark) {
         return -1;
+    }
 
     unsigned char message[BlockSize] = {};
-    if (RsaPublicDecrypt(sign + MarkSize, message) != static_cast<int>(BlockSize))
+    if (RsaPublicDecrypt(sign + MarkSize, message) != static_cast<int>(BlockSize)) {
         return -1;
+    }
     unsigned char digest[SHA256_DIGEST_LENGTH] = {};
-    if (!Sha256Hash(pData, uLength, digest))
+    if (!Sha256Hash(pData, uLength, digest)) {
         return -1;
+    }
     return memcmp(digest, message + DigestOffset, sizeof(digest)) == 0 ? 0 : -1;
 }
 
 int CMaintSign::RsaPublicDecrypt(const unsigned char* pInput, unsigned char* pOutput) {
-    if (!pInput || !pOutput)
+    if (!pInput || !pOutput) {
         return -1;
+    }
     const CErrorQueueScope errorQueueScope;
     const CRsaPtr pKey = MakeBuiltInKey();
-    if (!pKey)
+    if (!pKey) {
         return -1;
+    }
     const int iSize = RSA_size(pKey.get());
     // The build takes no key of another size; a larger one would run over the caller's buffers.
-    if (iSize <= 0 || iSize > static_cast<int>(BlockSize))
+    if (iSize <= 0 || iSize > static_cast<int>(BlockSize)) {
         return -1;
+    }
     return RSA_public_decrypt(iSize, pInput, pOutput, pKey.get(), RSA_NO_PADDING);
 }
 
 bool CMaintSign::Sha256Hash(const unsigned char* pData, uint32_t uLength, unsigned char* pOutput) {
-    if (!pData || uLength == 0 || !pOutput)
+    if (!pData || uLength == 0 || !pOutput) {
         return false;
+    }
     SHA256_CTX stContext;
     return SHA256_Init(&stContext) == 1 && SHA256_Update(&stContext, pData, uLength) == 1 &&
            SHA256_Final(pOutput, &stContext) == 1;
 }
 
 unsigned char CMaintSign::Hex2Byte(char cDigit) {
-    if (cDigit >= '0' && cDigit <= '9')
+    if (cDigit >= '0' && cDigit <= '9') {
         return static_cast<unsigned char>(cDigit - '0');
-    if (cDigit >= 'a' && cDigit <= 'f')
+    }
+    if (cDigit >= 'a' && cDigit <= 'f') {
         return static_cast<unsigned char>(cDigit - 'a' + 10);
-    if (cDigit >= 'A' && cDigit <= 'F')
+    }
+    if (cDigit >= 'A' && cDigit <= 'F') {
         return static_cast<unsigned char>(cDigit - 'A' + 10);
+    }
     return 255;
 }
 
 int CMaintSign::Hex2Bin(const char* pszHex, uint32_t uLength, unsigned char* pOutput, uint32_t uOutputSize) {
     const int iOutputSize = static_cast<int>(uOutputSize);
-    if (!pszHex || !pOutput || iOutputSize <= 0)
+    if (!pszHex || !pOutput || iOutputSize <= 0) {
         return 0;
+    }
     // An odd last digit is ignored.
     const size_t uCount = std::min(uLength / 2, static_cast<uint32_t>(iOutputSize));
     for (size_t i = 0; i < uCount; ++i) {
         const unsigned char uHigh = Hex2Byte(pszHex[2 * i]);
         const unsigned char uLow = Hex2Byte(pszHex[2 * i + 1]);
-        if (uHigh == 255 || uLow == 255)
+        if (uHigh == 255 || uLow == 255) {
             return -1;
+        }
         pOutput[i] = static_cast<unsigned char>(uHigh * 16 + uLow);
     }
     return static_cast<int>(uCount);
 }
 
 int CMaintSign::Bin2Hex(const unsigned char* pData, uint32_t uLength, char* pOutput, uint32_t uOutputSize) {
-    if (!pData || !pOutput || uLength == 0 || uOutputSize < 2)
+    if (!pData || !pOutput || uLength == 0 || uOutputSize < 2) {
         return 0;
+    }
     constexpr char szDigits[] = "0123456789ABCDEF";
     const uint32_t uCount = std::min(uLength, uOutputSize / 2);
     for (uint32_t i = 0; i < uCount; ++i) {

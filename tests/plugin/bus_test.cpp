@@ -20,8 +20,9 @@ protected:
     LogRecord Told(const std::string& part) {
         Records records = host_.LogWith(part);
         EXPECT_EQ(records.size(), 1U) << part;
-        if (records.empty())
+        if (records.empty()) {
             return {};
+        }
         records[0].text = records[0].text.substr(0, records[0].text.find(" Tick["));
         records[0].text = records[0].text.substr(0, records[0].text.find("0x"));
         return records[0];

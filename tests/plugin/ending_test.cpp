@@ -37,8 +37,9 @@ protected:
     // The number that follows a text in the newest record that has it.
     unsigned long LoggedNumber(const std::string& text) {
         const auto records = host_.LogWith(text);
-        if (records.empty())
+        if (records.empty()) {
             return 0;
+        }
         const std::string& record = records.back().text;
         return std::stoul(record.substr(record.find(text) + text.size()));
     }
@@ -110,8 +111,9 @@ TEST_F(EndingTest, AStopWaitsForADeliveryThatTheHostHolds) {
 TEST_F(EndingTest, ALoaderThatAStopGaveUpLeavesTheOtherFilesAlone) {
     ShortenBounds();
     HoldSends();
-    for (const char* name : {"1", "2", "3"})
+    for (const char* name : {"1", "2", "3"}) {
         WriteFile(host_.Data() / "policyfile" / (std::string(name) + ".json"), R"({"ID":"7","Command":"Reboot"})");
+    }
     host_.Launch();
     ASSERT_TRUE(host_.endpoint.WaitForCalls("SendAsync", 1)) << "the refusal of the first";
     EXPECT_EQ(host_.object->Stop(), 0);
@@ -176,8 +178,9 @@ TEST_F(EndingTest, PoliciesThatComeDuringAndAfterAStopLeaveNothingBehind) {
     const int seen = handled;
     EXPECT_TRUE(WaitUntil([&] { return handled > seen + 9; })) << "after the stop";
     over = true;
-    for (std::thread& sender : senders)
+    for (std::thread& sender : senders) {
         sender.join();
+    }
     host_.Shutdown();
     ExpectNoThreadLeft();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
@@ -217,9 +220,10 @@ TEST_F(EndingTest, ACancelledWorkThreadOrLoaderLeavesNoLockBehind) {
     leaves_threads_running = true;
     static PluginHost* host = nullptr;
     atexit([] {  // after all that the plugin has registered: sends that are still under way end
-        for (const BusCall& send : host->endpoint.Calls("SendAsync"))
+        for (const BusCall& send : host->endpoint.Calls("SendAsync")) {
             static_cast<IMRSendComplete*>(const_cast<void*>(send.sink))
                 ->SendCallback(0, send.type, nullptr, 0, 1, nullptr);
+        }
     });
     host = new PluginHost;  // the process ends without its destructor
     host->Launch();
@@ -230,15 +234,18 @@ TEST_F(EndingTest, ACancelledWorkThreadOrLoaderLeavesNoLockBehind) {
     ScriptSpec quick;
     quick.body = "echo quick";
     std::vector<ScriptSpec> scripts;
-    for (int copy = 0; copy < 8; ++copy)
+    for (int copy = 0; copy < 8; ++copy) {
         scripts.insert(scripts.end(), {chatty, quiet, quick});
+    }
     host->SendCommand(MakePolicy(host->signer, "exit", "RunScriptNormal", scripts));
     std::minstd_rand random(static_cast<unsigned int>(round + 1));
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 300000));  // any moment
-    if (round % 3 == 1)
+    if (round % 3 == 1) {
         dlclose(dlopen(host->LibraryPath().c_str(), RTLD_NOW | RTLD_NOLOAD));
-    if (round % 3 == 2)
+    }
+    if (round % 3 == 2) {
         host->Shutdown();
+    }
     exit(7);
 }
 
@@ -248,8 +255,9 @@ TEST(ExitTest, TheProcessMayExitAtAnyMoment) {
     for (int round = 0; round < 12; ++round) {
         const pid_t pid = fork();
         ASSERT_GE(pid, 0);
-        if (pid == 0)
+        if (pid == 0) {
             LiveAndExit(round);
+        }
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << "round " << round << ": status " << status;

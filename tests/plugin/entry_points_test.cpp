@@ -31,8 +31,9 @@ TEST_F(EntryPointsTest, ExactlyTheNineSymbolsAreExported) {
     ASSERT_EQ(system(("nm -D --defined-only '" + host_.LibraryPath() + "' > '" + listing + "'").c_str()), 0);
     std::ifstream lines(listing);
     std::set<std::string> names;
-    for (std::string address, type, name; lines >> address >> type >> name;)
+    for (std::string address, type, name; lines >> address >> type >> name;) {
         names.insert(name);
+    }
     EXPECT_EQ(names, (std::set<std::string>{"CreateObject", "DestroyObject", "InitializePlugin", "UninitializePlugin",
                                             "create_plugin", "destroy_plugin", "g_szRsaModulus",
                                             "g_szRsaPublicExponent", "runonce_plugin"}));
@@ -49,8 +50,9 @@ TEST_F(EntryPointsTest, TheExactClassIdAloneMakesTheOneTableAndEndsThePlugin) {
     int (*slots[15])();
     memcpy(&slots, table, sizeof(slots));
     EXPECT_STREQ(static_cast<PluginFunTable*>(table)->get_version(), "1.0.125");
-    for (const size_t reserved : {1, 2, 8, 9, 10, 11, 12, 13, 14})
+    for (const size_t reserved : {1, 2, 8, 9, 10, 11, 12, 13, 14}) {
         EXPECT_EQ(slots[reserved](), 0) << reserved;
+    }
     EXPECT_EQ(std::set(std::begin(slots), std::end(slots)).size(), 15U) << "each slot has its own function";
 
     EXPECT_EQ(host_.destroy_plugin(PLUGIN_CLSID), 0) << "nothing is running";
@@ -147,12 +149,15 @@ TEST_F(EntryPointsTest, OperationsKeepTheirOrderAndTellTheirState) {
 TEST_F(EntryPointsTest, TheHostsProcessIsLeftAsItWas) {
     const auto state = [] {
         std::string text = std::filesystem::current_path().string() + "\n";
-        for (char** entry = environ; *entry; ++entry)
+        for (char** entry = environ; *entry; ++entry) {
             text += std::string(*entry) + "\n";
+        }
         std::ifstream status("/proc/self/status");
-        for (std::string line; std::getline(status, line);)
-            for (const char* name : {"Umask", "SigBlk", "SigIgn", "SigCgt"})
+        for (std::string line; std::getline(status, line);) {
+            for (const char* name : {"Umask", "SigBlk", "SigIgn", "SigCgt"}) {
                 text += line.starts_with(name) ? line + "\n" : "";
+            }
+        }
         return text;
     };
     const mode_t umask_before = umask(0027);

@@ -15,8 +15,9 @@ namespace fs = std::filesystem;
 namespace {
 
 void Require(bool condition, const std::string& what) {
-    if (!condition)
+    if (!condition) {
         throw std::runtime_error(what);
+    }
 }
 
 void ClaimProcess() {
@@ -26,8 +27,9 @@ void ClaimProcess() {
 }
 
 void BuildTree(const fs::path& root) {
-    for (const char* directory : {"bin", "lib", "etc/plugins/qxpmaint", "etc/trusted-keys", "data"})
+    for (const char* directory : {"bin", "lib", "etc/plugins/qxpmaint", "etc/trusted-keys", "data"}) {
         fs::create_directories(root / directory);
+    }
     fs::copy_file(QXPMAINT_TEST_LIBRARY, root / "lib/libqxpmaint.so");
     fs::copy_file(QXPMAINT_TEST_HOST_LIBRARY, root / "lib/libqxhost.so");
     std::ofstream(root / "etc/plugins/qxpmaint/qxpmaint.conf") << "[qxpmaint]\ncheckcycle=1\n";
@@ -104,12 +106,15 @@ void PluginHost::Launch() {
 }
 
 void PluginHost::Shutdown() {
-    if (!object)
+    if (!object) {
         return;
-    if (object->GetStatus() == 2)
+    }
+    if (object->GetStatus() == 2) {
         object->Stop();
-    if (object->GetStatus() == 1 || object->GetStatus() == 3)
+    }
+    if (object->GetStatus() == 1 || object->GetStatus() == 3) {
         object->Uninitialize();
+    }
     destroy_object(PLUGIN_CLSID, object);
     object = nullptr;
 }
@@ -121,8 +126,9 @@ bool PluginHost::SendCommand(const std::string& json, void* token) {
 std::vector<std::string> PluginHost::WaitForReports(size_t count, std::chrono::milliseconds deadline) {
     Require(endpoint.WaitForCalls("SendAsync", count, deadline), "too few reports");
     std::vector<std::string> reports;
-    for (const BusCall& call : endpoint.Calls("SendAsync"))
+    for (const BusCall& call : endpoint.Calls("SendAsync")) {
         reports.push_back(call.data.substr(148, call.data.size() - 149));  // out of its envelope
+    }
     return reports;
 }
 
@@ -130,8 +136,9 @@ std::vector<LogRecord> PluginHost::Log() const {
     std::vector<LogRecord> records;
     std::ifstream file(Root() / "log");
     // A last line without its newline is still being written.
-    for (std::string line; std::getline(file, line) && !file.eof();)
+    for (std::string line; std::getline(file, line) && !file.eof();) {
         records.push_back(ParseRecord(line));
+    }
     return records;
 }
 

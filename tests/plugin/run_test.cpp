@@ -19,8 +19,9 @@ TEST_F(RunPolicyTest, AcceptedScriptsRunAndAreReported) {
         EXPECT_EQ(Text(report, "ID") + Text(report, "msg_type") + Text(report, "data_type"), "p11RunScriptData");
         EXPECT_EQ(Text(report, "data.handler_type"), "1");
         for (const std::string run : {"data.result.0.", "data.result.1."}) {
-            if (Text(report, run + "scriptid").empty())
+            if (Text(report, run + "scriptid").empty()) {
                 continue;
+            }
             EXPECT_EQ(Text(report, run + "run_result"), "1");
             EXPECT_EQ(Text(report, run + "run_starttime").size() + Text(report, run + "run_endtime").size(), 2 * 19U);
             const std::string path = Text(report, run + "filepath");
@@ -86,8 +87,9 @@ TEST_F(RunPolicyTest, AtMost63RunsAreInProgressAndTheOverdueEndBeyond32) {
     host_.Shutdown();
     EXPECT_EQ(Threads("qxm"), 0);
     EXPECT_EQ(host_.endpoint.Calls("SendAsync").size(), 2U) << "ended runs are not reported";
-    for (const auto& entry : std::filesystem::directory_iterator(host_.Data()))
+    for (const auto& entry : std::filesystem::directory_iterator(host_.Data())) {
         EXPECT_TRUE(entry.is_directory()) << "script files are deleted: " << entry.path();
+    }
 }
 
 TEST_F(RunPolicyTest, TheLoaderTakesJsonFilesAndPassesOverTheRest) {
@@ -109,8 +111,9 @@ TEST_F(RunPolicyTest, TheLoaderTakesJsonFilesAndPassesOverTheRest) {
     EXPECT_EQ(Text(ParseJson(host_.WaitForReports(2).back()), "ID"), "later");
     EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(directory / "later.json"); }));
     std::set<std::string> left;
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
         left.insert(entry.path().filename());
+    }
     EXPECT_EQ(left, (std::set<std::string>{"directory.json", "empty.json", "fifo.json", "huge.json", "link.json",
                                            "other.json.bak", "socket.json"}));
     host_.Shutdown();
@@ -124,12 +127,14 @@ TEST_F(RunPolicyTest, ARestartRunsWhatIsQueuedInFiles) {
     ASSERT_TRUE(WaitForRuns(2));
     EXPECT_EQ(host_.object->Stop(), 0);
     EXPECT_TRUE(WaitForRuns(0)) << "the runs have been ended";
-    for (const char* name : {"a", "b", "c"})
+    for (const char* name : {"a", "b", "c"}) {
         WriteFile(host_.Data() / "policyfile" / (std::string(name) + ".json"), Policy(name, {Echo(name)}));
+    }
     EXPECT_EQ(host_.object->Start(), 0);
     std::set<std::string> ids;
-    for (const std::string& report : host_.WaitForReports(3))
+    for (const std::string& report : host_.WaitForReports(3)) {
         ids.insert(Text(ParseJson(report), "ID"));
+    }
     EXPECT_EQ(ids, (std::set<std::string>{"a", "b", "c"}));
     EXPECT_EQ(Threads("maintloadfile"), 1);
     EXPECT_EQ(host_.object->Stop(), 0);

@@ -50,15 +50,17 @@ std::future<bool> ScriptedEndpoint::DeliverAsync(long type, const GUID& sender, 
         {
             const std::lock_guard guard(lock_);
             const auto entry = registrations_.find(type);
-            if (entry == registrations_.end())
+            if (entry == registrations_.end()) {
                 return false;
+            }
             registration = entry->second;
             in_flight_.insert(type);
         }
         // A buffer of exactly the body's size, so that reading on is an error that a sanitizer sees.
         const std::unique_ptr<unsigned char[]> data(body.empty() ? nullptr : new unsigned char[body.size()]);
-        if (data)
+        if (data) {
             memcpy(data.get(), body.data(), body.size());
+        }
         registration.sink->ReceiveCallback(sender, type, data.get(), static_cast<unsigned int>(body.size()), token,
                                            registration.context);
         const std::lock_guard guard(lock_);
@@ -86,10 +88,12 @@ int ScriptedEndpoint::SendRequest(const GUID& stTarget, long i64MsgType, const u
             .type = i64MsgType,
             .data = Bytes(pData, uiLength),
             .timeout = uiTimeOut});
-    if (script.during_request)
+    if (script.during_request) {
         script.during_request();
-    if (script.request != 0)
+    }
+    if (script.request != 0) {
         return script.request;
+    }
     *puiStatus = script.request_status;
     if (!script.reply.empty()) {
         const std::lock_guard guard(lock_);
@@ -105,8 +109,9 @@ int ScriptedEndpoint::SendRequest(const GUID& stTarget, long i64MsgType, const u
 int ScriptedEndpoint::FreeReply(unsigned char* pReply) {
     Record({.operation = "FreeReply", .context = pReply});
     const std::lock_guard guard(lock_);
-    if (replies_.erase(pReply) != 1)
+    if (replies_.erase(pReply) != 1) {
         throw std::logic_error("FreeReply of bytes that are not a reply");
+    }
     return 0;
 }
 
@@ -145,11 +150,14 @@ int ScriptedEndpoint::SendAsync(const GUID& stTarget, long i64MsgType, const uns
             .timeout = uiTimeOut,
             .sink = pSink,
             .context = pContext});
-    if (script.during_send)
+    if (script.during_send) {
         script.during_send();
-    if (pOut)
+    }
+    if (pOut) {
         *pOut = 1;
-    if (script.send == 0 && pSink)
+    }
+    if (script.send == 0 && pSink) {
         pSink->SendCallback(0, i64MsgType, nullptr, 0, 1, pContext);
+    }
     return script.send;
 }

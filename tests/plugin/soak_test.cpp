@@ -85,8 +85,9 @@ protected:
 };
 
 TEST_F(SoakTest, ThousandsOfRunsLeaveNothingBehind) {
-    for (int cycle = 0; cycle < WARM_UP_CYCLES; ++cycle)
+    for (int cycle = 0; cycle < WARM_UP_CYCLES; ++cycle) {
         Cycle(cycle);
+    }
     const Holdings before = Now();
     for (int cycle = 0; cycle < CYCLES; ++cycle) {
         Cycle(cycle);

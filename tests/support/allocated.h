@@ -30,8 +30,9 @@ inline size_t StatusBytes(const std::string& name) {
     std::ifstream file("/proc/self/status");
     for (std::string word; file >> word;) {
         size_t kibibytes = 0;
-        if (word == name && file >> kibibytes)
+        if (word == name && file >> kibibytes) {
             return kibibytes * 1024;
+        }
         file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
     }
     return 0;

@@ -12,8 +12,9 @@ class TempDir {
 public:
     TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "qxp-test-XXXXXX").string();
-        if (!mkdtemp(pattern.data()))
+        if (!mkdtemp(pattern.data())) {
             throw std::runtime_error("cannot make a temporary directory");
+        }
         path_ = std::filesystem::canonical(pattern);
     }
     ~TempDir() {

@@ -14,8 +14,9 @@ template <typename Condition>
 bool WaitUntil(Condition condition, std::chrono::milliseconds deadline = DEADLINE) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
+        if (std::chrono::steady_clock::now() > end) {
             return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
@@ -25,8 +26,9 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds deadline = DEADLIN
 inline bool ProcessRuns(pid_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     std::string stat;
-    if (!std::getline(file, stat))
+    if (!std::getline(file, stat)) {
         return false;
+    }
     const size_t name = stat.rfind(')');
     return name != std::string::npos && stat.compare(name, 3, ") Z") != 0 && stat.compare(name, 3, ") X") != 0;
 }

@@ -18,8 +18,9 @@ public:
     explicit Barrier(std::string point_name) : point_(std::move(point_name)) {
         current_ = this;
         g_pfnTestPoint = [](const char* reached) {
-            if (Barrier* barrier = current_)
+            if (Barrier* barrier = current_) {
                 barrier->Reach(reached);
+            }
         };
     }
     ~Barrier() {
@@ -50,8 +51,9 @@ private:
     void Reach(const std::string& point) {
         std::unique_lock lock(lock_);
         ++counts_[point];
-        if (point != point_ || held_)
+        if (point != point_ || held_) {
             return;
+        }
         held_ = true;
         thread_ = pthread_self();
         changed_.notify_all();

@@ -46,8 +46,9 @@ TEST_F(LargestReportTest, SixtyThreeFullOutputsPeakBelowFourTimesTheirSize) {
     if (SANITIZED) {
         GTEST_SKIP() << "a sanitizer keeps memory of its own";
     }
-    for (size_t run = 0; run < RUNS; ++run)
+    for (size_t run = 0; run < RUNS; ++run) {
         Launch(Script("head -c 2300000 /dev/zero | tr '\\0' x", std::to_string(run)));
+    }
     ASSERT_TRUE(WaitUntil([&] { return gate_->Count() == 0; }));
     ForgetPeak();
     manager_->DisposeScriptList(MT_RUNCOMPLETE);

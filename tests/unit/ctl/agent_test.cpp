@@ -46,8 +46,9 @@ TEST(ResultCollectorTest, DocumentsOfAnyShapeAreSurvivedAndAddNothing) {
          {Json(), Json(7), Json::array({1}), Json{{"ID", 1}}, Json{{"ID", "p"}, {"msg_type", "1"}},
           Json{{"ID", "p"}, {"msg_type", "1"}, {"data", "x"}},
           Json{{"ID", "p"}, {"msg_type", "1"}, {"data", {{"result", 1}}}}, Json{{"ID", "p"}, {"msg_type", 4}},
-          ResultDocument("p", {Json(1), Json::object()}), no_text, Refusal("other"), Interruption("other", "x")})
+          ResultDocument("p", {Json(1), Json::object()}), no_text, Refusal("other"), Interruption("other", "x")}) {
         EXPECT_THAT(collector.Add(ReportOf(++cursor, document)), IsEmpty()) << document;
+    }
     EXPECT_FALSE(collector.Refused() || collector.Interrupted());
     collector.Add(ReportOf(++cursor, Refusal("p")));
     EXPECT_TRUE(collector.Refused());
@@ -86,8 +87,9 @@ TEST_F(AgentTest, AnswersThatNoAgentGivesAreNamedAsSuch) {
         const std::function<void()> calls[] = {[&] { client.GetStatus(); },     [&] { client.Submit("{}"); },
                                                [&] { client.GetReports({}); },  [&] { client.ListCommands({}); },
                                                [&] { client.GetCommand("p"); }, [&] { client.RunOnce("p"); }};
-        for (const auto& call : calls)
+        for (const auto& call : calls) {
             EXPECT_THAT(call, testing::ThrowsMessage<AgentUnavailable>(HasSubstr(fault))) << text;
+        }
     };
     const Json no_state = FakeJournal::CommandObject("p", "lost", 1);
     for (const std::string& body : {std::string(), std::string("hello"), std::string("[]"), std::string("{}"),
@@ -95,10 +97,12 @@ TEST_F(AgentTest, AnswersThatNoAgentGivesAreNamedAsSuch) {
                                     std::string(R"({"reports":{},"id":1,"command":7})"),
                                     std::string(R"({"reports":[{}],"cursor":1,"commands":[{}],"sequence":1})"),
                                     std::string(R"({"reports":{"last_cursor":-1},"accepted":1})"),
-                                    Json{{"command", no_state}, {"commands", {no_state}}, {"sequence", 1}}.dump()})
+                                    Json{{"command", no_state}, {"commands", {no_state}}, {"sequence", 1}}.dump()}) {
         expect_fault(FakeAgent::Answer(200, body), "does not speak like qxpagent");
-    for (const char* const text : {"garbage\r\n\r\n", "HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\n{", ""})
+    }
+    for (const char* const text : {"garbage\r\n\r\n", "HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\n{", ""}) {
         expect_fault(text, "");
+    }
     // Text that an answer brings stays on its line.
     answer = FakeAgent::Answer(400, R"({"detail":"a\u001b[31m\nb"})");
     EXPECT_THAT(RunTool({"submit", directory_.Write("p.json", R"({"ID":"p"})")}).remarks,
@@ -119,8 +123,9 @@ TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
     };
     for (const auto& [status, code, remark] : cases) {
         std::string answer = FakeAgent::Answer(status, R"({"title":"X","detail":"in its words."})");
-        if (status == 503)
+        if (status == 503) {
             answer.insert(answer.find("Content-Length"), "Retry-After: 9\r\n");
+        }
         EXPECT_THAT(Run([&](const auto&) { return answer; }, {"submit", policy}), Ends(code, HasSubstr(remark), ""))
             << status;
     }

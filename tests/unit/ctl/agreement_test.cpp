@@ -26,13 +26,15 @@ protected:
         const bool read = CMaintMgr::Instance()->ParsePolicy(document.c_str(), "p", 1, accepted) == 1;
         // Each accepted script, and whether it has a body to run.
         std::vector<std::string> plugin;
-        for (const _MaintPolicyDetail& record : accepted)
+        for (const _MaintPolicyDetail& record : accepted) {
             plugin.push_back(record.strScriptId.Str() + (record.strText.empty() && record.iLength == 0 ? "" : " runs"));
+        }
         const PolicyVerdict verdict = CheckPolicy(document, keys_);
         std::vector<std::string> tool;
         for (const ScriptVerdict& script : verdict.scripts) {
-            if (script.verdict != Verdict::Dropped)
+            if (script.verdict != Verdict::Dropped) {
                 tool.push_back(script.id + (script.verdict == Verdict::NotRun ? "" : " runs"));
+            }
         }
         EXPECT_EQ(tool, plugin) << document;
         EXPECT_FALSE(!read && verdict.Good()) << document;
@@ -45,8 +47,9 @@ protected:
 
 TEST_F(AgreementTest, OnScriptsOfEveryKind) {
     Json list = Json::array();
-    for (const char* const type : {"sh", "SH", "exe", "Exe", "bat", "BAT", "vbs", "zip", "py", ""})
+    for (const char* const type : {"sh", "SH", "exe", "Exe", "bat", "BAT", "vbs", "zip", "py", ""}) {
         list.push_back(Script(type));
+    }
     const Json good = Script("sh");
     const auto add = [&](const std::function<void(Json&)>& change) {
         Json script = good;
@@ -63,16 +66,19 @@ TEST_F(AgreementTest, OnScriptsOfEveryKind) {
         add([member](Json& script) { script[member] = script[member].get<std::string>() + '\0' + "tail"; });
         add([member](Json& script) { script[member] = '\0' + script[member].get<std::string>(); });
     }
-    for (const char* const data : {"!", "ZWNo bwo", "ZWNobwo", "=", " ", "ZWNobwo=x", "Z", "AGE=", "YQBh"})
+    for (const char* const data : {"!", "ZWNo bwo", "ZWNobwo", "=", " ", "ZWNobwo=x", "Z", "AGE=", "YQBh"}) {
         add([&](Json& script) { script["scriptdata"] = data, script["sign"] = Sign(key_, data); });
+    }
     const std::string sign = good["sign"];
     for (const std::string& other :
          {sign.substr(0, 263), sign + "z", sign.substr(0, 8), sign.substr(0, 9), "z" + sign.substr(1),
-          sign.substr(0, 263) + "z", "01200000" + sign.substr(8), "01200000" + sign.substr(8, 128), " " + sign})
+          sign.substr(0, 263) + "z", "01200000" + sign.substr(8), "01200000" + sign.substr(8, 128), " " + sign}) {
         add([&other](Json& script) { script["sign"] = other; });
+    }
     std::string upper = sign;
-    for (char& digit : upper)
+    for (char& digit : upper) {
         digit = static_cast<char>(toupper(digit));
+    }
     add([&upper](Json& script) { script["sign"] = upper; });
     list.push_back(7);
     list.push_back(Json::array({good}));
@@ -88,8 +94,9 @@ TEST_F(AgreementTest, OnDocumentsOfEveryShape) {
           R"({"param":{"scriptinfo":[)" + good + "]}} x", R"({"param":{"scriptinfo":{"a":)" + good + "}}}",
           R"({"param":1,"param":{"scriptinfo":[)" + good + "]}}",
           R"({"param":{"scriptinfo":[],"scriptinfo":[)" + good + "]}}",
-          "\xEF\xBB\xBF{\"param\":{\"scriptinfo\":[" + good + "]}}", R"({"PARAM":{"scriptinfo":[)" + good + "]}}"})
+          "\xEF\xBB\xBF{\"param\":{\"scriptinfo\":[" + good + "]}}", R"({"PARAM":{"scriptinfo":[)" + good + "]}}"}) {
         ExpectAgreement(document);
+    }
 }
 
 }  // namespace

@@ -41,8 +41,9 @@ protected:
 
 TEST_F(DocsTest, BashOffersCommandsOptionsAndValues) {
     const std::string commands = Offer("qxpctl ''");
-    for (const char* const command : kAllCommands)
+    for (const char* const command : kAllCommands) {
         EXPECT_THAT(commands, HasSubstr("<" + std::string(command) + ">"));
+    }
     EXPECT_THAT(commands, Not(HasSubstr("<-")));
     EXPECT_THAT(Offer("qxpctl --socket x ru"), AllOf(Has("<run>", "<runonce>"), Not(HasSubstr("<pack>"))));
     EXPECT_THAT(Offer("qxpctl --"), AllOf(Has("<--socket>", "<--version>"), Not(HasSubstr("generate"))));
@@ -61,18 +62,21 @@ TEST_F(DocsTest, BashOffersCommandsOptionsAndValues) {
 TEST_F(DocsTest, ZshReadsItsCompletion) {
     const std::string text = Generate("zsh");
     EXPECT_THAT(text, testing::StartsWith("#compdef qxpctl\n"));
-    for (const char* const command : kAllCommands)
+    for (const char* const command : kAllCommands) {
         EXPECT_THAT(text, AllOf(HasSubstr("'" + std::string(command) + ":"), HasSubstr(std::string(command) + ")\n")));
-    if (!Installed("zsh"))
+    }
+    if (!Installed("zsh")) {
         GTEST_SKIP() << "no zsh here to read it";
+    }
     EXPECT_EQ(Bash("zsh -n " + directory_.Write("_qxpctl", text)).code, 0);
 }
 
 TEST_F(DocsTest, TheManualPageIsCleanAndNamesEverything) {
     const std::string page = directory_.Write("qxpctl.1", Generate("man"));
     const bool groff = Installed("groff");
-    if (!groff && !Installed("mandoc"))
+    if (!groff && !Installed("mandoc")) {
         GTEST_SKIP() << "neither groff nor mandoc here to read it";
+    }
     // Nothing but warnings, of which there are to be none.
     const ChildResult warnings = Bash((groff ? "groff -man -Tascii -ww -z " : "mandoc -Tlint -Wwarning ") + page);
     EXPECT_EQ(warnings.output, "");
@@ -80,8 +84,9 @@ TEST_F(DocsTest, TheManualPageIsCleanAndNamesEverything) {
     const std::string text =
         Bash((groff ? "groff -man -Tascii -P-c -P-b -P-u -P-o " : "mandoc -Tascii ") + page + " | sed 's/.\\x08//g'")
             .output;
-    for (const char* const command : kAllCommands)
+    for (const char* const command : kAllCommands) {
         EXPECT_THAT(text, HasSubstr("qxpctl " + std::string(command) + " [options]"));
+    }
     EXPECT_THAT(
         text, Has("--trust-dir DIR", "watch [options] [ID ...]", "[options] SCRIPT ...", "--acknowledge", "EXIT STATUS",
                   "QXPAGENT_SOCKET", "qxpctl run --key ops.key.pem 'disk-check.sh,check=DISK CHECKED'", "\\, and a"));

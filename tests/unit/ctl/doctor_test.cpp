@@ -14,11 +14,14 @@ protected:
     DoctorTest() {
         namespace fs = std::filesystem;
         for (const char* const directory :
-             {"bin", "lib", "etc/plugins/qxpmaint", "etc/trusted-keys", "data/qxpmaint/policyfile", "data/qxpagent"})
+             {"bin", "lib", "etc/plugins/qxpmaint", "etc/trusted-keys", "data/qxpmaint/policyfile", "data/qxpagent"}) {
             fs::create_directories(directory_ / directory);
+        }
         Program("#!/bin/sh\nexit 0\n");
-        for (const char* const file : {"lib/libqxpmaint.so", "lib/libqxhost.so", "etc/plugins/qxpmaint/qxpmaint.conf"})
+        for (const char* const file :
+             {"lib/libqxpmaint.so", "lib/libqxhost.so", "etc/plugins/qxpmaint/qxpmaint.conf"}) {
             directory_.Write(file, "x");
+        }
         EXPECT_EQ(RunTool({"keygen", "--scheme", "ed25519", "--out", directory_ / "k"}).code, 0);
         fs::rename(directory_ / "k.pub.pem", directory_ / "etc/trusted-keys/ops.pem");
         status_ = FakeJournal::StatusObject(7, 7);
@@ -53,8 +56,9 @@ protected:
     static std::string Texts(const Json& result, const std::string& level, const std::string& check) {
         std::string texts;
         for (const Json& finding : result["findings"]) {
-            if (finding["level"] == level && finding["check"] == check)
+            if (finding["level"] == level && finding["check"] == check) {
                 texts += finding["text"].get<std::string>() + "; " + finding["advice"].get<std::string>() + "\n";
+            }
         }
         return texts;
     }

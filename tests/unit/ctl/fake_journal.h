@@ -25,20 +25,25 @@ public:
         : pages_(pages.begin(), pages.end()), telling_(std::move(telling)) {}
 
     std::optional<std::string> operator()(const FakeAgent::Request& request) {
-        if (request.target == "/v1/status")
+        if (request.target == "/v1/status") {
             return FakeAgent::Answer(200, Status().dump());
-        if (request.target == "/v1/health")
+        }
+        if (request.target == "/v1/health") {
             return FakeAgent::Answer(200, R"({"status":"ok"})");
-        if (request.target == "/v1/reports/acknowledge")
+        }
+        if (request.target == "/v1/reports/acknowledge") {
             return Acknowledge(Json::parse(request.body));
+        }
         if (request.method == "POST") {
             id_ = Json::parse(request.body)["ID"];
             return FakeAgent::Answer(telling_.status, Command().dump());
         }
-        if (request.target.starts_with("/v1/commands?"))
+        if (request.target.starts_with("/v1/commands?")) {
             return FakeAgent::Answer(200, Json{{"commands", {Command()}}, {"sequence", sequence_}}.dump());
-        if (request.target.starts_with("/v1/commands/"))
+        }
+        if (request.target.starts_with("/v1/commands/")) {
             return FakeAgent::Answer(200, Json{{"command", Command()}, {"reports", Json::array()}}.dump());
+        }
         return NextPage();
     }
 
@@ -65,24 +70,27 @@ private:
     Json Status() const { return StatusObject(cursor_, sequence_); }
     Json Command() const {
         Json command = CommandObject(id_, pages_.empty() ? telling_.state : "delivered", sequence_);
-        if (pages_.empty())
+        if (pages_.empty()) {
             command["reason"] = telling_.reason;
+        }
         return command;
     }
     std::string NextPage() {
         Json reports = Json::array();
         if (!pages_.empty()) {
-            for (const Json& document : pages_.front())
+            for (const Json& document : pages_.front()) {
                 reports.push_back(
                     {{"cursor", ++cursor_}, {"id", id_}, {"source", telling_.source}, {"document", document}});
+            }
             pages_.pop_front();
             ++sequence_;
         }
         return FakeAgent::Answer(200, Json{{"reports", reports}, {"cursor", cursor_}}.dump());
     }
     std::string Acknowledge(const Json& body) {
-        for (const Json& cursor : body["cursors"])
+        for (const Json& cursor : body["cursors"]) {
             acknowledged.push_back(cursor);
+        }
         return FakeAgent::Answer(200, Json{{"acknowledged", body["cursors"].size()}}.dump());
     }
 

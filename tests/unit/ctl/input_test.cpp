@@ -38,9 +38,10 @@ TEST(ScriptArgumentTest, WrongAttributesAreRefusedWithTheirName) {
         {"a,path=/opt/a b", "than letters"},
         {"a,check=one\ntwo", "check marker"},
     };
-    for (const auto& [argument, fault] : cases)
+    for (const auto& [argument, fault] : cases) {
         EXPECT_THAT([&text = argument] { ParseScriptArgument(text); }, ThrowsMessage<BadInput>(HasSubstr(fault)))
             << argument;
+    }
     EXPECT_NO_THROW(CheckId(std::string(128, 'i'), "ID"));
     EXPECT_THROW(CheckId(std::string(129, 'i'), "ID"), BadInput);
     EXPECT_NO_THROW(CheckScriptDirectory("/opt/..x/a_b@c+d=e,f-g"));
@@ -95,8 +96,9 @@ TEST_F(InputTest, KeyFilesAreSafeFromBirthAndNeverReplacedUnasked) {
 
     const std::string before = ReadFile(directory_ / "k.key.pem");
     std::filesystem::remove(directory_ / "e.key.pem");
-    for (const char* const prefix : {"k", "e"})
+    for (const char* const prefix : {"k", "e"}) {
         EXPECT_THAT(RunTool({"keygen", "--out", directory_ / prefix}), Ends(2, Has("exists already", "--force")));
+    }
     EXPECT_EQ(ReadFile(directory_ / "k.key.pem"), before);
     EXPECT_THAT(Names(directory_.Path()), ElementsAre("a.sh", "e.pub.pem", "k.key.pem", "k.pub.pem"));
     EXPECT_EQ(RunTool({"keygen", "--force", "--out", directory_ / "k"}).code, 0);
@@ -130,17 +132,19 @@ TEST_F(InputTest, EachUnusableScriptOrKeyGetsOneLineThatNamesIt) {
                                                  {"long.pem", "a.sh", "2048 bits"},
                                                  {"three.pem", "a.sh", "exponent 65537"},
                                                  {"x25519.pem", "a.sh", "X25519"},
-                                                 {"locked.pem", "a.sh", "locked.pem is protected by a passphrase"}})
+                                                 {"locked.pem", "a.sh", "locked.pem is protected by a passphrase"}}) {
         EXPECT_THAT(
             RunTool({"pack", "--key", directory_ / signer, "--output", directory_ / "out.json", directory_ / script}),
             Ends(2, MatchesRegex("[^\n]*" + fault + "[^\n]*\n"), ""));
+    }
     EXPECT_FALSE(std::filesystem::exists(directory_ / "out.json"));
 
     EXPECT_THAT(RunTool({"pack", "--key", directory_ / key, directory_ / "a.sh", directory_ / "directory/../a.sh"}),
                 Ends(2, HasSubstr("two scripts have the id 'a.sh'")));
     std::vector<std::string> many{"pack", "--key", directory_ / key};
-    for (int number = 0; number < 64; ++number)
+    for (int number = 0; number < 64; ++number) {
         many.push_back((directory_ / "a.sh") + ",id=" + std::to_string(number));
+    }
     EXPECT_THAT(RunTool(many).remarks, HasSubstr("64 scripts are too many"));
     many.pop_back();
     EXPECT_EQ(RunTool(many).code, 0);
@@ -171,8 +175,9 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
         {{"--generate", "fish"}, "fish"},
         {{"submit", "--socket", std::string(108, 's'), directory_.Write("p.json", R"({"ID":"p"})")}, "longer than"},
     };
-    for (const auto& [arguments, fault] : cases)
+    for (const auto& [arguments, fault] : cases) {
         EXPECT_THAT(RunTool(arguments), Ends(2, HasSubstr(fault), ""));
+    }
 }
 
 TEST_F(InputTest, AnOutputFileIsReplacedWholeOrNotAtAll) {

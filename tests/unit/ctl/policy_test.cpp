@@ -40,8 +40,9 @@ TEST_P(PolicyTest, WhatIsPackedIsAcceptedAndOneChangedByteIsNot) {
     MakeKeys(GetParam(), "other");
     // Every length of the last Base64 group, and a body that is encoded in several steps.
     std::string large(150001, '\0');
-    for (size_t at = 0; at < large.size(); ++at)
+    for (size_t at = 0; at < large.size(); ++at) {
         large[at] = static_cast<char>(at * 7);
+    }
     const Json policy = PackJson({directory_.Write("1.sh", "a"), directory_.Write("2.sh", "ab"),
                                   directory_.Write("3.sh", "abc"), directory_.Write("4", large) + ",type=exe"});
     const PolicyVerdict verdict = Check(policy.dump());
@@ -144,8 +145,9 @@ TEST_F(PolicyTest, FaultsOfTheWholeDocumentAreNamed) {
         {[](Json& policy) {
              auto& scripts = policy["param"]["scriptinfo"];
              const Json script = scripts[0];
-             while (scripts.size() < 64)
+             while (scripts.size() < 64) {
                  scripts.push_back(script);
+             }
          },
          "64 scripts are more"},
     };

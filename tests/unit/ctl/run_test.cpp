@@ -34,12 +34,14 @@ TEST_F(RunTest, CollectsEveryResultAndCountsFromTheLastCursor) {
     std::string sent;
     const auto agent = [&](const FakeAgent::Request& request) {
         const std::string& target = request.target;
-        if (IsReportPoll(request))
+        if (IsReportPoll(request)) {
             targets.push_back(target.substr(0, target.find("&limit")) + target.substr(target.find("&id")));
-        else if (!target.starts_with("/v1/commands?"))
+        } else if (!target.starts_with("/v1/commands?")) {
             targets.push_back(target);
-        if (target == "/v1/commands")
+        }
+        if (target == "/v1/commands") {
             sent = Json::parse(request.body)["ID"];
+        }
         return journal(request);
     };
     const auto command =
@@ -87,8 +89,9 @@ TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
               HasSubstr(R"("outcome":"interrupted","reason":"power cut")"))},
         {FakeJournal(), {"--wait", "0"}, Ends(4, Has("no result yet", "look later with: qxpctl show p"), "")},
     };
-    for (const auto& [agent, options, end] : cases)
+    for (const auto& [agent, options, end] : cases) {
         EXPECT_THAT(RunOne(agent, options), end);
+    }
 }
 
 TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {
@@ -97,10 +100,12 @@ TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {
         std::vector<std::string> sent;
         std::string first_poll;
         const ToolResult result = RunOne([&](const FakeAgent::Request& request) {
-            if (request.target == "/v1/commands")
+            if (request.target == "/v1/commands") {
                 sent.push_back(request.body);
-            if (IsReportPoll(request) && first_poll.empty())
+            }
+            if (IsReportPoll(request) && first_poll.empty()) {
                 first_poll = request.target;
+            }
             return lost && sent.size() == 1 && request.method == "POST" ? std::string() : *journal(request);
         });
         EXPECT_THAT(result, Ends(0, lost ? _ : TextMatcher(HasSubstr("knew this policy already")), "out\n"));
@@ -134,24 +139,29 @@ TEST_F(RunTest, ARestartOfTheAgentIsWaitedOutAndNothingIsShownTwice) {
     int polls = 0;
     // The first agent ends during the first poll; its socket stays behind.
     auto agent = std::make_unique<FakeAgent>(Socket(), [&](const FakeAgent::Request& request) {
-        if (!IsReportPoll(request))
+        if (!IsReportPoll(request)) {
             return *journal(request);
-        if (!std::exchange(asked, true))
+        }
+        if (!std::exchange(asked, true)) {
             polled.set_value();
+        }
         return std::string();
     });
     auto other = std::async(std::launch::async, [&] {
-        if (polled.get_future().wait_for(DEADLINE) != std::future_status::ready)
+        if (polled.get_future().wait_for(DEADLINE) != std::future_status::ready) {
             return;
+        }
         agent.reset();
         // The next one answers each poll from the beginning, as if it had not seen the cursor.
         agent = std::make_unique<FakeAgent>(Socket(), [&](const FakeAgent::Request& request) {
-            if (!IsReportPoll(request))
+            if (!IsReportPoll(request)) {
                 return *journal(request);
+            }
             Json reports =
                 Json::array({{{"cursor", 8}, {"document", ResultDocument("p", {RunEntry("a.sh", "1", "once\n")})}}});
-            if (++polls > 1)
+            if (++polls > 1) {
                 reports.push_back({{"cursor", 9}, {"document", ResultDocument("p", {RunEntry("b.sh", "1", "two\n")})}});
+            }
             return FakeAgent::Answer(200, Json{{"reports", reports}, {"cursor", 7 + reports.size()}}.dump());
         });
     });
@@ -171,8 +181,9 @@ TEST_F(RunTest, AnAgentThatStaysAwayEndsTheWaitAndAnotherStoreEndsItAtOnce) {
     bool gone = false;
     const auto other_store = [&](const FakeAgent::Request& request) {
         gone = gone || IsReportPoll(request);
-        if (gone && request.target == "/v1/status")
+        if (gone && request.target == "/v1/status") {
             return FakeAgent::Answer(200, FakeJournal::StatusObject(0, 0).dump());
+        }
         return away(request);
     };
     EXPECT_THAT(RunOne(other_store),
@@ -180,8 +191,9 @@ TEST_F(RunTest, AnAgentThatStaysAwayEndsTheWaitAndAnotherStoreEndsItAtOnce) {
 }
 
 TEST_F(RunTest, HostileOutputCannotDriveATerminal) {
-    if (access("/dev/ptmx", R_OK | W_OK) != 0 || access("/dev/pts/ptmx", F_OK) != 0)
+    if (access("/dev/ptmx", R_OK | W_OK) != 0 || access("/dev/pts/ptmx", F_OK) != 0) {
         GTEST_SKIP() << "no pseudo-terminals here: is /dev/pts mounted?";
+    }
     const std::string hostile =
         "ok\ttab\nx\033]0;owned\007\r\b\x7F\xC2\x9B"
         "2J\xC3\xA9\n";
@@ -206,8 +218,9 @@ TEST_F(RunTest, HostileOutputCannotDriveATerminal) {
 TEST_F(RunTest, CtrlCLeavesTheRunAloneAndSaysHowToLookLater) {
     FakeJournal journal;
     const auto agent = [&](const FakeAgent::Request& request) -> std::optional<std::string> {
-        if (!IsReportPoll(request))
+        if (!IsReportPoll(request)) {
             return journal(request);
+        }
         EXPECT_EQ(kill(getpid(), SIGINT), 0);
         return std::nullopt;
     };

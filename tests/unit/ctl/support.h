@@ -59,8 +59,9 @@ inline std::string ReadFromStart(int descriptor) {
 
 inline int RunToolOn(int output, int remarks, const std::vector<std::string>& arguments) {
     std::vector<const char*> argv{"qxpctl"};
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
         argv.push_back(argument.c_str());
+    }
     return qxpctl::Run(static_cast<int>(argv.size()), argv.data(), qxpctl::Console(output, remarks));
 }
 
@@ -86,13 +87,15 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments, int output 
 inline ToolResult RunToolOnTerminal(const std::vector<std::string>& arguments) {
     int master = -1;
     int terminal = -1;
-    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0)
+    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0) {
         throw std::runtime_error("no pseudo-terminal");
+    }
     std::string text;
     std::thread reader([master, &text] {
         std::array<char, 4096> buffer{};
-        for (ssize_t count = 0; (count = read(master, buffer.data(), buffer.size())) > 0;)
+        for (ssize_t count = 0; (count = read(master, buffer.data(), buffer.size())) > 0;) {
             text.append(buffer.data(), static_cast<size_t>(count));
+        }
     });
     const int code = RunToolOn(terminal, terminal, arguments);
     close(terminal);
@@ -119,8 +122,9 @@ inline int RunToolWithFileLimit(rlim_t bytes, const std::vector<std::string>& ar
 /// The names in a directory in their order, hidden ones too: nothing half-made may be left.
 inline std::vector<std::string> Names(const std::filesystem::path& directory) {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
         names.push_back(entry.path().filename());
+    }
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -144,8 +148,9 @@ public:
         socket.copy(address.sun_path, sizeof(address.sun_path) - 1);
         listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            listen(listener_, 8) != 0)
+            listen(listener_, 8) != 0) {
             throw std::runtime_error("cannot listen on " + socket);
+        }
         thread_ = std::thread([this] { Serve(); });
     }
     ~FakeAgent() {
@@ -180,13 +185,15 @@ private:
         std::array<char, 4096> buffer{};
         for (size_t size = std::string::npos; text.size() < size;) {
             const ssize_t count = recv(client, buffer.data(), buffer.size(), 0);
-            if (count <= 0)
+            if (count <= 0) {
                 return {};
+            }
             text.append(buffer.data(), static_cast<size_t>(count));
             const size_t end = text.find("\r\n\r\n");
             const size_t length = text.find("Content-Length: ");
-            if (end != std::string::npos)
+            if (end != std::string::npos) {
                 size = end + 4 + (length < end ? std::stoul(text.substr(length + 16)) : 0);
+            }
         }
         Request request;
         std::istringstream(text) >> request.method >> request.target;

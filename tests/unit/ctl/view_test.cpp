@@ -16,8 +16,9 @@ protected:
     FakeAgent::Handler Changing(std::vector<std::vector<Json>> pages) {
         targets_.clear();
         return [this, pages = std::move(pages)](const FakeAgent::Request& request) {
-            if (request.target == "/v1/status")
+            if (request.target == "/v1/status") {
                 return FakeAgent::Answer(200, FakeJournal::StatusObject(0, sequence_).dump());
+            }
             const size_t page = targets_.size();
             targets_.push_back(request.target);
             return page < pages.size() ? Commands(pages[page], 20 + page) : Commands({}, 20 + pages.size());
@@ -74,8 +75,9 @@ TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
     // An answer that holds some of the reports.
     const auto paging = [&](const FakeAgent::Request& request) {
         Json page = {{"reports", Json::array()}, {"cursor", 9}};
-        if (request.target.find("after=4&") != std::string::npos)
+        if (request.target.find("after=4&") != std::string::npos) {
             page["reports"].push_back({{"cursor", 9}, {"bytes", 1}, {"document", {{"msg_type", "4"}}}});
+        }
         Json first = detail;
         first["more"] = true;
         return FakeAgent::Answer(200, (request.target.starts_with("/v1/reports?") ? page : first).dump());
@@ -96,10 +98,12 @@ std::string ReportPageAt(const std::string& target) {
         return entry;
     };
     Json page = {{"reports", Json::array()}, {"cursor", 5}};
-    if (target.find("after=0&") != std::string::npos)
+    if (target.find("after=0&") != std::string::npos) {
         page = {{"reports", {report(1, nullptr), report(2, "2026-11-21T09:21:30.123+08:00")}}, {"cursor", 2}};
-    if (target.find("after=2&") != std::string::npos)
+    }
+    if (target.find("after=2&") != std::string::npos) {
         page["reports"].push_back(report(5, nullptr));
+    }
     return page.dump();
 }
 
@@ -131,8 +135,9 @@ TEST_F(ViewTest, AResultFileIsFetchedByteForByte) {
     const std::string bytes("{\"a\":\"\xFF\"}\0\n", 11);
     std::string acknowledged;
     const auto agent = [&](const FakeAgent::Request& request) {
-        if (request.method == "POST")
+        if (request.method == "POST") {
             acknowledged = request.body;
+        }
         return FakeAgent::Answer(200, request.target == "/v1/results/42" ? bytes : R"({"acknowledged":1})");
     };
     EXPECT_EQ(Run(agent, {"results", "--raw", "42"}).output, bytes);
@@ -155,8 +160,9 @@ TEST_F(ViewTest, WatchFollowsTheNamedCommandsToTheirEnd) {
         sequence_ = 30;
         return Run(
             [&](const FakeAgent::Request& request) {
-                if (targets_.size() != 1 || !std::exchange(away, false))
+                if (targets_.size() != 1 || !std::exchange(away, false)) {
                     return *good(request);
+                }
                 sequence_ = sequence;
                 return std::string();
             },
@@ -180,8 +186,9 @@ TEST_F(ViewTest, WatchOfAllBeginsNowAndEndsByCtrlC) {
     const auto changing = Changing({{}, {FakeJournal::CommandObject("p", "received", 21)}});
     const ToolResult result = Run(
         [&](const FakeAgent::Request& request) -> std::optional<std::string> {
-            if (targets_.size() < 2)
+            if (targets_.size() < 2) {
                 return changing(request);
+            }
             EXPECT_EQ(kill(getpid(), SIGINT), 0);
             return std::nullopt;
         },
@@ -192,8 +199,9 @@ TEST_F(ViewTest, WatchOfAllBeginsNowAndEndsByCtrlC) {
 }
 
 TEST_F(ViewTest, WatchOnATerminalDrawsOneTableOverAndOver) {
-    if (access("/dev/ptmx", R_OK | W_OK) != 0 || access("/dev/pts/ptmx", F_OK) != 0)
+    if (access("/dev/ptmx", R_OK | W_OK) != 0 || access("/dev/pts/ptmx", F_OK) != 0) {
         GTEST_SKIP() << "no pseudo-terminals here: is /dev/pts mounted?";
+    }
     const auto command = FakeJournal::CommandObject;
     const FakeAgent agent(Socket(), Changing({{command("p", "delivered", 20), command("q\033[2J", "reported", 20)},
                                               {command("p", "reported", 21)}}));
@@ -212,8 +220,9 @@ TEST_F(ViewTest, RunOnceTellsWhetherThePolicyWasAccepted) {
     Json status = FakeJournal::StatusObject(0, 0);
     status["process_directory"] = directory_.Path();
     const auto agent = [&](const FakeAgent::Request& request) {
-        if (request.target == "/v1/status")
+        if (request.target == "/v1/status") {
             return FakeAgent::Answer(200, status.dump());
+        }
         body = request.body;
         return FakeAgent::Answer(200, Json{{"name", "n.json"}, {"accepted", accepted}}.dump());
     };
@@ -235,8 +244,9 @@ TEST(TimeTextTest, ReadsWhatTheAgentWritesAndNothingElse) {
     EXPECT_EQ(seconds("1970-01-02T08:00:00.999+08:00"), 86400);
     EXPECT_EQ(seconds("1970-01-01T20:30:00.1-03:30"), 86400);
     for (const char* const text : {"", "1970-01-02", "1970-01-02T00:00:00", "1970-01-02T00:00:00x+08:00",
-                                   "1970-01-02T00:00:00+8", "1970-13-02T00:00:00Z", "soon"})
+                                   "1970-01-02T00:00:00+8", "1970-13-02T00:00:00Z", "soon"}) {
         EXPECT_EQ(seconds(text), -1) << text;
+    }
     EXPECT_EQ(DurationText(std::chrono::seconds(90061)), "1 d 1 h");
     EXPECT_EQ(DurationText(std::chrono::seconds(86405)), "1 d");
     EXPECT_EQ(DurationText(std::chrono::seconds(-1)), "0 s");

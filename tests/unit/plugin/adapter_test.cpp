@@ -25,8 +25,9 @@ int Init(PluginInitParam* param) {
 
 int Recv(const char* message) {
     g_calls.push_back(std::string("recv ") + message);
-    if (g_during_recv)
+    if (g_during_recv) {
         g_during_recv();
+    }
     return 0;
 }
 
@@ -57,8 +58,9 @@ void* ThreadResult(std::function<void()> body) {
         (*static_cast<std::function<void()>*>(argument))();
         return nullptr;
     };
-    if (pthread_create(&thread, nullptr, run, &body) == 0)
+    if (pthread_create(&thread, nullptr, run, &body) == 0) {
         pthread_join(thread, &result);
+    }
     return result;
 }
 
@@ -116,13 +118,15 @@ std::string Envelope(uint32_t type, int value4, int value8, std::string name1, s
                      const std::string& json) {
     std::string bytes;
     const auto put = [&](uint32_t number) {
-        for (int shift = 0; shift < 32; shift += 8)
+        for (int shift = 0; shift < 32; shift += 8) {
             bytes += static_cast<char>(number >> shift);
+        }
     };
     name1.resize(64);
     name2.resize(64);
-    for (const uint32_t number : {type, static_cast<uint32_t>(value4), static_cast<uint32_t>(value8), 0U})
+    for (const uint32_t number : {type, static_cast<uint32_t>(value4), static_cast<uint32_t>(value8), 0U}) {
         put(number);
+    }
     bytes += name1 + name2;
     put(static_cast<uint32_t>(json.size()));
     return bytes + json + '\0';
@@ -198,8 +202,9 @@ TEST_F(AdapterTest, EachMessageMeetsItsHandlerAndIsAcknowledged) {
     g_during_recv = [] { throw std::runtime_error("handler"); };
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{}"), Calls{"recv {}"});
     manager_->m_stPluginInit = {};
-    for (const long type : {20001L, 1000L, 1001L, 6L})
+    for (const long type : {20001L, 1000L, 1001L, 6L}) {
         EXPECT_EQ(Receive(type, type == 20001 ? SERVER_DATA : AGENT_CONNECT, "{}"), Calls{});
+    }
     manager_->m_stReceive.m_pPluginInit = nullptr;
     EXPECT_EQ(Receive(20001, SERVER_DATA, "{}"), Calls{});
 
@@ -259,8 +264,9 @@ TEST_F(AdapterTest, RegistryTypesAreRegisteredAndUnregisteredInOrder) {
     EXPECT_EQ(manager_->Stop(), 't');
     EXPECT_TRUE(manager_->m_stReceive.msg_type_registry.empty());
     std::string calls;
-    for (const BusCall& call : endpoint_.Calls())
+    for (const BusCall& call : endpoint_.Calls()) {
         calls += call.operation + (call.type ? " " + std::to_string(call.type) : "") + ";";
+    }
     EXPECT_EQ(calls,
               "Initialize;RegisterReceive 20001;RegisterReceive 1000;RegisterReceive 1001;RegisterReceive -1;"
               "RegisterReceive 30;SendRequest 10012;UnregisterReceive 20001;UnregisterReceive 1000;"

@@ -25,8 +25,9 @@ bool g_bEncodesToNothing = false;
 
 // In place of the host's: a library that returns an empty text for what needs no encoding.
 extern "C" char* QxJsonEncodeStr(const char* text) {
-    if (g_bEncodesToNothing)
+    if (g_bEncodesToNothing) {
         return strdup("");
+    }
     return reinterpret_cast<decltype(&QxJsonEncodeStr)>(dlsym(RTLD_NEXT, "QxJsonEncodeStr"))(text);
 }
 
@@ -118,8 +119,9 @@ TEST_F(CoreTest, InitFailuresLeaveThePluginUninitialised) {
 }
 
 TEST_F(CoreTest, JsonFilesOfADirectory) {
-    for (const char* name : {"a.JSON", "b.json.bak", ".json", "json", "c.json"})
+    for (const char* name : {"a.JSON", "b.json.bak", ".json", "json", "c.json"}) {
         directory_.Write(name, "x");
+    }
     std::filesystem::create_directory(directory_ / "d.json");
     std::filesystem::create_symlink("c.json", directory_ / "e.json");
     ASSERT_EQ(mkfifo((directory_ / "f.json").c_str(), 0600), 0);
@@ -156,8 +158,9 @@ TEST_F(CoreTest, RefusedCommandsAreAnsweredWhenTheyHaveAnId) {
     const std::string longId(300, 'i');
     EXPECT_EQ(replyTo(("{\"ID\":\"" + longId + "\"}").c_str()), ("{\"ID\":\"" + longId).substr(0, 255));
     for (const char* unanswered : {"", "not json", "{}", R"({"ID":"","Command":"Reboot"})",
-                                   R"({"ID":"\u00007","Command":"Reboot"})", R"({"Command":"Reboot"})"})
+                                   R"({"ID":"\u00007","Command":"Reboot"})", R"({"Command":"Reboot"})"}) {
         EXPECT_EQ(replyTo(unanswered), "(none)") << unanswered;
+    }
     EXPECT_EQ(plugin_recv_handler(nullptr), 0);
     uninit();
     EXPECT_EQ(replyTo(R"({"ID":"7","Command":"Reboot"})"), "(none)");

@@ -56,8 +56,9 @@ TEST_F(RunTest, UninitIsCompleteAndLeavesTheCallersCancellationAsItWasWhateverFa
         manager_->Stop();  // no work thread: leaves the run alone
         EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U);
         g_pfnTestPoint = [](const char* point) {
-            if (std::string_view(point) != "disposing")
+            if (std::string_view(point) != "disposing") {
                 return;
+            }
             g_pfnTestPoint = nullptr;
             throw std::bad_alloc();
         };

@@ -12,8 +12,9 @@ constexpr size_t LIMIT = COutputCapture::PART_LIMIT;
 class ChunkReaderTest : public testing::Test {
 protected:
     ChunkReaderTest() {
-        if (pipe(pipe_) != 0)
+        if (pipe(pipe_) != 0) {
             abort();
+        }
     }
     ~ChunkReaderTest() override {
         close(pipe_[0]);
@@ -21,8 +22,9 @@ protected:
     }
 
     void EndOutput() {
-        if (pipe_[1] >= 0)
+        if (pipe_[1] >= 0) {
             close(pipe_[1]);
+        }
         pipe_[1] = -1;
     }
 
@@ -80,8 +82,9 @@ std::string NumberedChunk(size_t number) {
 TEST(OutputCaptureTest, HeadTakesAChunkAtItsLimitAndTheTailKeepsTheRestWhole) {
     COutputCapture capture;
     std::string expected(LIMIT, 'h');
-    for (size_t at = 0; at < LIMIT; at += 1023)
+    for (size_t at = 0; at < LIMIT; at += 1023) {
         capture.Append(std::string_view(expected).substr(at, 1023));
+    }
     capture.Append("this chunk still goes to the head");
     expected += "this chunk still goes to the head";
     for (size_t tail = 0; tail <= LIMIT; tail += 1000) {
@@ -110,10 +113,12 @@ TEST(OutputCaptureTest, BeyondBothPartsOnlyTheNewestChunksStayBehindAMark) {
 
 TEST(OutputCaptureTest, OneByteChunksKeepTheirBoundaries) {
     COutputCapture capture;
-    for (size_t count = 0; count < 3 * LIMIT; ++count)
+    for (size_t count = 0; count < 3 * LIMIT; ++count) {
         capture.Append("\n");
-    for (size_t count = 0; count < LIMIT; ++count)
+    }
+    for (size_t count = 0; count < LIMIT; ++count) {
         capture.Append("");
+    }
     EXPECT_EQ(capture.Take(), std::string(LIMIT + 1, '\n') + "\n...\n" + std::string(LIMIT, '\n'));
 }
 

@@ -98,8 +98,9 @@ protected:
             return manager_->GetPRunScriptListSize() == 0;
         }));
         std::map<std::string, Result> results;
-        for (const Result& result : Reported())
+        for (const Result& result : Reported()) {
             results[result.script] = result;
+        }
         return results;
     }
 

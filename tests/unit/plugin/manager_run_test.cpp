@@ -86,8 +86,9 @@ TEST_F(RunTest, ARunThatCannotStartIsReportedWithEmptyOutput) {
 std::string OutputOf(const std::string& command) {
     std::string output;
     FILE* pipe = popen(command.c_str(), "re");  // NOLINT(cert-env33-c): the launcher whose behaviour is compared
-    for (int character = 0; (character = fgetc(pipe)) != EOF;)
+    for (int character = 0; (character = fgetc(pipe)) != EOF;) {
         output += static_cast<char>(character);
+    }
     pclose(pipe);
     return output;
 }
@@ -172,8 +173,9 @@ TEST_F(RunTest, TimeOutsAreEnforcedOnlyBeyond32Runs) {
     slow.dwTimeOut = 4294968;  // times 1000 wraps to 704 milliseconds
     auto patient = Script("exec sleep 1000", "patient");
     Launch(slow);
-    for (unsigned int count = 1; count < 32; ++count)
+    for (unsigned int count = 1; count < 32; ++count) {
         Launch(patient);
+    }
     const auto oldEnough = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
     EXPECT_TRUE(WaitUntil([&] { return std::chrono::steady_clock::now() > oldEnough; }));
     manager_->DisposeScriptList(MT_RUNTIMEOUT);

@@ -85,14 +85,17 @@ TEST_F(RunTest, FreshExecutablesAreNeverBusyBesideOtherLaunches) {
         }
     };
     std::vector<std::thread> launchers;
-    for (const char* name : {"a", "b", "c"})
+    for (const char* name : {"a", "b", "c"}) {
         launchers.emplace_back(launch, name);
-    for (std::thread& launcher : launchers)
+    }
+    for (std::thread& launcher : launchers) {
         launcher.join();
+    }
     const auto results = Collect();
     EXPECT_EQ(results.size(), 3U * EACH);
-    for (const auto& [script, result] : results)
+    for (const auto& [script, result] : results) {
         EXPECT_EQ(result.output, "ran\n") << script;
+    }
 }
 
 }  // namespace

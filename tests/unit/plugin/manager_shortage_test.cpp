@@ -40,15 +40,17 @@ int CountProcesses(const std::string& command) {
     std::string wanted = command + ' ';
     std::replace(wanted.begin(), wanted.end(), ' ', '\0');
     int count = 0;
-    for (const auto& process : std::filesystem::directory_iterator("/proc"))
+    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
         count += ReadFile(process.path() / "cmdline") == wanted ? 1 : 0;
+    }
     return count;
 }
 
 TEST_F(RunTest, ScriptsThatForkInTheMomentOfTheirEndingLeaveNothing) {
     const std::string sleeper = Sleeper();
-    for (int run = 0; run < 8; ++run)
+    for (int run = 0; run < 8; ++run) {
         Launch(Script("exec >&- 2>&-; while :; do " + sleeper + " & sleep 0.002; done"));
+    }
     EXPECT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) > 20; }));
     manager_->DisposeScriptList(MT_STOPPLUGIN);
     EXPECT_TRUE(WaitThreadsGone());
@@ -67,8 +69,9 @@ TEST_F(RunTest, AChildThatAppearsDuringTheLookThatFindsItsParentStoppedIsEnded) 
                 ".go'; sleep 1000 & echo $! > '" + path + "'; wait");
     parent = PidIn("pid");
     g_pfnTestPoint = [](const char* point) {
-        if (std::string_view(point) != "process scan" || ++looks != 2)
+        if (std::string_view(point) != "process scan" || ++looks != 2) {
             return;
+        }
         kill(parent, SIGCONT);
         std::ofstream(path + ".go") << "\n";
         WaitUntil([] { return ReadFile(path).ends_with('\n'); });
@@ -85,16 +88,18 @@ TEST_F(RunTest, RunsThatEndTogetherLeaveNothingHoweverFewDescriptorsAreFree) {
     const std::string sleeper = Sleeper();
     const std::string two = sleeper + " >/dev/null & " + sleeper;
     for (const int free : {0, 1, 8}) {
-        for (int run = 0; run < RUNS; ++run)
+        for (int run = 0; run < RUNS; ++run) {
             Launch(Script(two));
+        }
         ASSERT_TRUE(WaitUntil([&] { return CountProcesses(sleeper) == 2 * RUNS; }));
         std::vector<CUniqueDescriptor> hoard;
         rlimit before{};
         getrlimit(RLIMIT_NOFILE, &before);
         const rlimit few{256, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &few);
-        for (int descriptor = 0; (descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+        for (int descriptor = 0; (descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
             hoard.emplace_back(descriptor);
+        }
         hoard.resize(hoard.size() - static_cast<size_t>(free));
         manager_->DisposeScriptList(MT_STOPPLUGIN);
         EXPECT_TRUE(WaitThreadsGone());
@@ -137,15 +142,17 @@ TEST(ProcessScanTest, ThoseWhoWaitShareTheNextLook) {
         EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(thread); }));
     }
     barrier.Release();
-    for (auto& look : looks)
+    for (auto& look : looks) {
         EXPECT_TRUE(look.get());
+    }
     EXPECT_LE(barrier.Count("process scan"), 3) << "one was held, one more for all the others; hardly another";
 }
 
 TEST_F(RunTest, ARunWhoseThreadRunsOutOfMemoryHasFailed) {
     g_pfnTestPoint = [](const char* point) {
-        if (std::string_view(point) == "run waiting")
+        if (std::string_view(point) == "run waiting") {
             throw std::bad_alloc();
+        }
     };
     Launch(Script("echo half"));
     const auto results = Collect();
@@ -171,8 +178,9 @@ TEST_F(RunTest, AReportThatThrowsLosesNoOther) {
     EXPECT_TRUE(WaitThreadsGone());
     qxpmaint_impl::g_qxpmaint_send_to_mgr = [](auto... arguments) {
         static bool thrown = false;
-        if (!std::exchange(thrown, true))
+        if (!std::exchange(thrown, true)) {
             throw std::bad_alloc();
+        }
         return KeepReport(arguments...);
     };
     testing::internal::CaptureStderr();
@@ -188,8 +196,9 @@ TEST_F(RunTest, AProcessThatOnlyReadsTheOutputIsNoPartOfTheRun) {
     const pid_t pid = PidIn("pid");
     const pid_t reader = fork();  // holds copies of all that this process has open
     if (reader == 0) {
-        for (;;)
+        for (;;) {
             pause();
+        }
     }
     manager_->DisposeScriptList(MT_STOPPLUGIN);
     EXPECT_TRUE(WaitThreadsGone());

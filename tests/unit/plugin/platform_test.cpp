@@ -96,8 +96,9 @@ TEST(ToolDirectory, ParentsAreCreatedWithTheirModeWhateverTheUmask) {
         EXPECT_TRUE(CMainTTool::RecursiveCreateDir((directory / root + "a/b").c_str()));
         EXPECT_FALSE(CMainTTool::RecursiveCreateDir((directory / root + "d/").c_str())) << "created, and then met";
         EXPECT_EQ(umask(before), mask);
-        for (const char* created : {"", "a", "a/b", "d"})
+        for (const char* created : {"", "a", "a/b", "d"}) {
             EXPECT_EQ(Mode(directory / root + created), 0755U) << root << created;
+        }
     }
 
     directory.Write("file", "");
@@ -106,8 +107,9 @@ TEST(ToolDirectory, ParentsAreCreatedWithTheirModeWhateverTheUmask) {
     EXPECT_FALSE(CMainTTool::RecursiveCreateDir(""));
     // What a sender may name as a script's directory: deep enough to exhaust a stack that recurses on it.
     std::string deep = directory.Path().string();
-    for (int i = 0; i < 1000000; ++i)
+    for (int i = 0; i < 1000000; ++i) {
         deep += "/x";
+    }
     EXPECT_FALSE(CMainTTool::RecursiveCreateDir(deep.c_str()));
 }
 

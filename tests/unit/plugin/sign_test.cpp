@@ -39,8 +39,9 @@ TEST_F(SignTest, OnlyTheSignedBytesAreAccepted) {
     EXPECT_EQ(signature.size(), 264U);
     // Often enough that a message above the modulus would show, and each with a padding of its own.
     std::set<std::string> signatures;
-    for (int round = 0; round < 64; ++round)
+    for (int round = 0; round < 64; ++round) {
         EXPECT_TRUE(IsValid(*signatures.insert(Sign()).first));
+    }
     EXPECT_EQ(signatures.size(), 64U);
     EXPECT_TRUE(IsValid(signature));
     for (size_t i = 0; i < sizeof(SCRIPT) - 1; ++i) {
@@ -72,17 +73,20 @@ TEST_F(SignTest, TheMessageIsCheckedInItsDigestAlone) {
         EXPECT_EQ(EVP_PKEY_sign(context.get(), block.data(), &size, message.data(), message.size()), 1);
         return "01100000" + qxpctl::HexEncode(block);
     };
-    for (const size_t byte : {33U, 127U})
+    for (const size_t byte : {33U, 127U}) {
         EXPECT_TRUE(IsValid(sign(byte, 0xFF))) << "byte " << byte;
-    for (const size_t byte : {1U, 32U})
+    }
+    for (const size_t byte : {1U, 32U}) {
         EXPECT_FALSE(IsValid(sign(byte, 1))) << "byte " << byte;
+    }
 }
 
 TEST_F(SignTest, TheTextOfASignatureIsReadToIts264thDigit) {
     const std::string signature = Sign();
     std::string upper = signature;
-    for (char& digit : upper)
+    for (char& digit : upper) {
         digit = static_cast<char>(toupper(static_cast<unsigned char>(digit)));
+    }
     EXPECT_TRUE(IsValid(upper));
     EXPECT_TRUE(IsValid(signature + "not hexadecimal"));
     EXPECT_TRUE(IsValid(signature + std::string(LIMIT - signature.size(), 'x')));
@@ -116,8 +120,9 @@ TEST_F(SignTest, ChecksRunSideBySideAndLeaveTheErrorQueueAsItWas) {
     for (std::thread& thread : threads) {
         thread = std::thread([&] {
             for (const bool host_error : {false, true}) {
-                if (host_error)
+                if (host_error) {
                     ERR_raise(ERR_LIB_USER, 42);
+                }
                 EXPECT_TRUE(CMaintSign().VerifySignContent(signature.c_str(), SCRIPT));
                 EXPECT_FALSE(CMaintSign().VerifySignContent(too_large.c_str(), SCRIPT));
                 EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), host_error ? 42 : 0);
@@ -125,8 +130,9 @@ TEST_F(SignTest, ChecksRunSideBySideAndLeaveTheErrorQueueAsItWas) {
             }
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
 }
 
 TEST_F(SignTest, HexStopsAtTheShorterEnd) {

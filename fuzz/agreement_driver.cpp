@@ -175,7 +175,7 @@ Fate Send(AgentClient& agent, const std::string& document, const std::string& id
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
             continue;
         }
-        fate.refused = detail.command.state == CommandState::Refused;
+        fate.refused = detail.command.state == CommandState::kRefused;
         for (const Report& report : detail.reports) {
             for (const RunResult& run : ReadReportContent(report.content).runs)
                 fate.results.insert(run.script_id);

@@ -124,8 +124,8 @@ private:
 std::optional<Answer> Perform(const std::string& socket_path, const std::string& target, const std::string* body,
                               milliseconds timeout, const Tick& tick) {
     using Cause = RequestError::Cause;
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_NOTHING);
-    if (initialised != CURLE_OK) {
+    static const CURLcode kInitialised = curl_global_init(CURL_GLOBAL_NOTHING);
+    if (kInitialised != CURLE_OK) {
         throw RequestError(Cause::kNoClient, "libcurl cannot be initialised");
     }
     // The host's name is not looked at: the socket is the address.

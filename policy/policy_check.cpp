@@ -47,18 +47,18 @@ ScriptVerdict Judge(ScriptVerdict script, Verdict verdict, std::string reason) {
 ScriptVerdict JudgeBody(ScriptVerdict script, const std::string& base64_text) {
     const std::optional<std::string> body = Decode(base64_text);
     script.reported = true;
-    const bool shell = HandlingOf(script.type) == TypeHandling::Shell;
+    const bool shell = HandlingOf(script.type) == TypeHandling::kShell;
     const size_t nul = body && shell ? body->find('\0') : std::string::npos;
     if (!body) {
-        return Judge(std::move(script), Verdict::NotRun, "\"scriptdata\" is not Base64: an empty file would be run");
+        return Judge(std::move(script), Verdict::kNotRun, "\"scriptdata\" is not Base64: an empty file would be run");
     }
     if (nul == 0) {
-        return Judge(std::move(script), Verdict::NotRun, "it begins with a NUL byte: an empty file would be run");
+        return Judge(std::move(script), Verdict::kNotRun, "it begins with a NUL byte: an empty file would be run");
     }
     if (nul != std::string::npos) {
-        return Judge(std::move(script), Verdict::CutShort, "it would be run up to its first NUL byte only");
+        return Judge(std::move(script), Verdict::kCutShort, "it would be run up to its first NUL byte only");
     }
-    return Judge(std::move(script), Verdict::Accepted, "");
+    return Judge(std::move(script), Verdict::kAccepted, "");
 }
 
 ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys& keys) {
@@ -69,25 +69,25 @@ ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys
 
     const std::optional<std::string> data = Member(json, node, "scriptdata");
     if (!data) {
-        return Judge(script, Verdict::Dropped, "there is no \"scriptdata\"");
+        return Judge(script, Verdict::kDropped, "there is no \"scriptdata\"");
     }
     const std::optional<std::string> sign = Member(json, node, "sign");
     if (!sign) {
-        return Judge(script, Verdict::Dropped, "there is no \"sign\"");
+        return Judge(script, Verdict::kDropped, "there is no \"sign\"");
     }
     if (const std::string reason = keys.ValidateSignature(*sign, *data); !reason.empty()) {
-        return Judge(script, Verdict::Dropped, "bad signature: " + reason);
+        return Judge(script, Verdict::kDropped, "bad signature: " + reason);
     }
     if (!type) {
-        return Judge(script, Verdict::Dropped, "there is no \"scripttype\"");
+        return Judge(script, Verdict::kDropped, "there is no \"scripttype\"");
     }
     switch (HandlingOf(*type)) {
-        case TypeHandling::Unsupported:
-            return Judge(script, Verdict::Dropped, "the type \"" + *type + "\" is not supported");
-        case TypeHandling::NeverRun:
-            return Judge(script, Verdict::NotRun, "scripts of the type \"" + *type + "\" are never run");
-        case TypeHandling::Shell:
-        case TypeHandling::Program:
+        case TypeHandling::kUnsupported:
+            return Judge(script, Verdict::kDropped, "the type \"" + *type + "\" is not supported");
+        case TypeHandling::kNeverRun:
+            return Judge(script, Verdict::kNotRun, "scripts of the type \"" + *type + "\" are never run");
+        case TypeHandling::kShell:
+        case TypeHandling::kProgram:
             break;
     }
     return JudgeBody(script, *data);
@@ -133,7 +133,7 @@ void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdic
     }
     const auto accepted = static_cast<size_t>(
         std::count_if(verdict.scripts.begin(), verdict.scripts.end(),
-                      [](const ScriptVerdict& script) { return script.verdict != Verdict::Dropped; }));
+                      [](const ScriptVerdict& script) { return script.verdict != Verdict::kDropped; }));
     if (accepted == 0) {
         verdict.faults.emplace_back("no script is left to run");
     }
@@ -147,7 +147,7 @@ void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdic
 
 bool PolicyVerdict::Good() const {
     return readable && faults.empty() && std::all_of(scripts.begin(), scripts.end(), [](const ScriptVerdict& script) {
-               return script.verdict == Verdict::Accepted;
+               return script.verdict == Verdict::kAccepted;
            });
 }
 

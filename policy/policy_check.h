@@ -9,16 +9,16 @@
 namespace qxppolicy {
 
 enum class Verdict {
-    Accepted,  // runs
-    NotRun,    // accepted, but nothing of it would run
-    CutShort,  // accepted, but only a part of it would run
-    Dropped,
+    kAccepted,  // runs
+    kNotRun,    // accepted, but nothing of it would run
+    kCutShort,  // accepted, but only a part of it would run
+    kDropped,
 };
 
 struct ScriptVerdict {
     std::string id;    // as in the document; may be empty
     std::string type;  // likewise
-    Verdict verdict = Verdict::Dropped;
+    Verdict verdict = Verdict::kDropped;
     std::string reason;  // in plain words; empty when accepted
     /// True when the plugin starts it, be it as an empty file, and so reports a result of it.
     bool reported = false;

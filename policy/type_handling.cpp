@@ -9,15 +9,15 @@ TypeHandling HandlingOf(const std::string& type) {
     const CPString text(type);
     const auto is = [&text](const char* name) { return text.CompareNoCase(name) == 0; };
     if (is("bat") || is("vbs")) {
-        return TypeHandling::Unsupported;
+        return TypeHandling::kUnsupported;
     }
     if (is("sh")) {
-        return TypeHandling::Shell;
+        return TypeHandling::kShell;
     }
     if (is("exe")) {
-        return TypeHandling::Program;
+        return TypeHandling::kProgram;
     }
-    return TypeHandling::NeverRun;
+    return TypeHandling::kNeverRun;
 }
 
 }  // namespace qxppolicy

@@ -29,10 +29,10 @@ std::string AgentConnect::ConnectInformation() const {
     return information.dump();
 }
 
-void AgentConnect::ReceiveCallback(const GUID& /*stComponentID*/, long /*i64MsgType*/, const unsigned char* /*pData*/,
-                                   unsigned int /*uiDataLength*/, void* pReplyCtx, void* /*pEndPoint*/) {
-    if (pReplyCtx != nullptr) {
-        bus_.Reply(kAgentConnectId, pReplyCtx, {0, ConnectInformation()});
+void AgentConnect::ReceiveCallback(const GUID& /*component_id*/, long /*message_type*/, const unsigned char* /*data*/,
+                                   unsigned int /*data_length*/, void* reply_context, void* /*endpoint*/) {
+    if (reply_context != nullptr) {
+        bus_.Reply(kAgentConnectId, reply_context, {0, ConnectInformation()});
     }
 }
 

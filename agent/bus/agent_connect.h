@@ -19,8 +19,8 @@ public:
     AgentConnect& operator=(const AgentConnect&) = delete;
 
 private:
-    void ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
-                         unsigned int uiDataLength, void* pReplyCtx, void* pEndPoint) override;
+    void ReceiveCallback(const GUID& component_id, long message_type, const unsigned char* data,
+                         unsigned int data_length, void* reply_context, void* endpoint) override;
     std::string ConnectInformation() const;
 
     // Constant after construction.

@@ -33,15 +33,15 @@ std::optional<GUID> Endpoint::Id() const {
     return id_;
 }
 
-int Endpoint::Initialize(const GUID& stComponentID) {
+int Endpoint::Initialize(const GUID& component_id) {
     return NoThrow([&]() -> int {
         std::lock_guard lock(mutex_);
         if (id_.has_value()) {
             return kBusNameTaken;
         }
-        const int status = bus_.Attach(stComponentID);
+        const int status = bus_.Attach(component_id);
         if (status == kBusOk) {
-            id_ = stComponentID;
+            id_ = component_id;
         }
         return status;
     });
@@ -60,27 +60,27 @@ int Endpoint::Uninitialize() {
     return status;
 }
 
-int Endpoint::SendRequest(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
-                          unsigned int* puiStatus, unsigned char** ppReply, unsigned int* puiReplyLength,
-                          unsigned int uiTimeOut) {
-    if (puiStatus == nullptr || ppReply == nullptr || puiReplyLength == nullptr ||
-        (pData == nullptr && uiLength != 0)) {
+int Endpoint::SendRequest(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
+                          unsigned int* status_out, unsigned char** reply_out, unsigned int* reply_length_out,
+                          unsigned int timeout_ms) {
+    if (status_out == nullptr || reply_out == nullptr || reply_length_out == nullptr ||
+        (data == nullptr && length != 0)) {
         return kBusBadArgument;
     }
-    *ppReply = nullptr;
-    *puiReplyLength = 0;
+    *reply_out = nullptr;
+    *reply_length_out = 0;
     return NoThrow([&]() -> int {
         const std::optional<GUID> id = Id();
         if (!id.has_value()) {
             return kBusNotAttached;
         }
         BusAnswer answer;
-        const int status = bus_.Request(*id, stTarget, i64MsgType, ToBytes(pData, uiLength),
-                                        std::chrono::milliseconds(uiTimeOut), answer);
+        const int status = bus_.Request(*id, target, message_type, ToBytes(data, length),
+                                        std::chrono::milliseconds(timeout_ms), answer);
         if (status == kBusOk) {
-            *ppReply = KeepReply(answer.bytes);
-            *puiReplyLength = static_cast<unsigned int>(answer.bytes.size());
-            *puiStatus = static_cast<unsigned int>(answer.status);
+            *reply_out = KeepReply(answer.bytes);
+            *reply_length_out = static_cast<unsigned int>(answer.bytes.size());
+            *status_out = static_cast<unsigned int>(answer.status);
         }
         return status;
     });
@@ -98,42 +98,42 @@ unsigned char* Endpoint::KeepReply(const std::string& bytes) {
     return address;
 }
 
-int Endpoint::FreeReply(unsigned char* pReply) {
+int Endpoint::FreeReply(unsigned char* reply_bytes) {
     std::lock_guard lock(mutex_);
-    return replies_.erase(pReply) == 1 ? kBusOk : kBusBadArgument;
+    return replies_.erase(reply_bytes) == 1 ? kBusOk : kBusBadArgument;
 }
 
-int Endpoint::RegisterReceive(long i64MsgType, IMRReceiveComplete* pSink, void* pContext) {
+int Endpoint::RegisterReceive(long message_type, IMRReceiveComplete* sink, void* context) {
     return NoThrow([&]() -> int {
         const std::optional<GUID> id = Id();
-        return id.has_value() ? bus_.Register(*id, i64MsgType, pSink, pContext) : kBusNotAttached;
+        return id.has_value() ? bus_.Register(*id, message_type, sink, context) : kBusNotAttached;
     });
 }
 
-int Endpoint::UnregisterReceive(long i64MsgType) {
+int Endpoint::UnregisterReceive(long message_type) {
     const std::optional<GUID> id = Id();
-    return id.has_value() ? bus_.Unregister(*id, i64MsgType) : kBusNotAttached;
+    return id.has_value() ? bus_.Unregister(*id, message_type) : kBusNotAttached;
 }
 
-int Endpoint::Reply(int iStatus, long /*i64MsgType*/, const unsigned char* pData, unsigned int uiLength,
-                    void* pReplyCtx) {
-    if (pReplyCtx == nullptr || (pData == nullptr && uiLength != 0)) {
+int Endpoint::Reply(int status, long /*message_type*/, const unsigned char* data, unsigned int length,
+                    void* reply_context) {
+    if (reply_context == nullptr || (data == nullptr && length != 0)) {
         return kBusBadArgument;
     }
     return NoThrow([&]() -> int {
         const std::optional<GUID> id = Id();
-        return id.has_value() ? bus_.Reply(*id, pReplyCtx, {iStatus, ToBytes(pData, uiLength)}) : kBusNotAttached;
+        return id.has_value() ? bus_.Reply(*id, reply_context, {status, ToBytes(data, length)}) : kBusNotAttached;
     });
 }
 
-int Endpoint::SendAsync(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
-                        IMRSendComplete* pSink, void* pContext, unsigned long* pOut, unsigned int uiTimeOut) {
-    if (pData == nullptr && uiLength != 0) {
+int Endpoint::SendAsync(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
+                        IMRSendComplete* sink, void* context, unsigned long* number_out, unsigned int timeout_ms) {
+    if (data == nullptr && length != 0) {
         return kBusBadArgument;
     }
     return NoThrow([&]() -> int {
         std::optional<GUID> id;
-        BusCompletion completion{pSink, pContext, 0};
+        BusCompletion completion{sink, context, 0};
         {
             std::lock_guard lock(mutex_);
             id = id_;
@@ -142,11 +142,11 @@ int Endpoint::SendAsync(const GUID& stTarget, long i64MsgType, const unsigned ch
         if (!id.has_value()) {
             return kBusNotAttached;
         }
-        if (pOut != nullptr) {
-            *pOut = completion.number;  // before the sink can be told
+        if (number_out != nullptr) {
+            *number_out = completion.number;  // before the sink can be told
         }
-        const std::string_view body{reinterpret_cast<const char*>(pData), uiLength};
-        return bus_.Post(*id, stTarget, i64MsgType, body, completion, std::chrono::milliseconds(uiTimeOut));
+        const std::string_view body{reinterpret_cast<const char*>(data), length};
+        return bus_.Post(*id, target, message_type, body, completion, std::chrono::milliseconds(timeout_ms));
     });
 }
 

@@ -20,18 +20,18 @@ public:
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
 
-    int Initialize(const GUID& stComponentID) override;
+    int Initialize(const GUID& component_id) override;
     int Uninitialize() override;
-    int SendRequest(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
-                    unsigned int* puiStatus, unsigned char** ppReply, unsigned int* puiReplyLength,
-                    unsigned int uiTimeOut) override;
-    int FreeReply(unsigned char* pReply) override;
-    int RegisterReceive(long i64MsgType, IMRReceiveComplete* pSink, void* pContext) override;
-    int UnregisterReceive(long i64MsgType) override;
-    int Reply(int iStatus, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
-              void* pReplyCtx) override;
-    int SendAsync(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
-                  IMRSendComplete* pSink, void* pContext, unsigned long* pOut, unsigned int uiTimeOut) override;
+    int SendRequest(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
+                    unsigned int* status_out, unsigned char** reply_out, unsigned int* reply_length_out,
+                    unsigned int timeout_ms) override;
+    int FreeReply(unsigned char* reply_bytes) override;
+    int RegisterReceive(long message_type, IMRReceiveComplete* sink, void* context) override;
+    int UnregisterReceive(long message_type) override;
+    int Reply(int status, long message_type, const unsigned char* data, unsigned int length,
+              void* reply_context) override;
+    int SendAsync(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
+                  IMRSendComplete* sink, void* context, unsigned long* number_out, unsigned int timeout_ms) override;
 
 private:
     std::optional<GUID> Id() const;

@@ -55,7 +55,7 @@ bool HasMoreThan(std::vector<std::string> all, std::vector<std::string>& some) {
 std::string FirstDropped(const qxppolicy::PolicyVerdict& verdict) {
     const auto dropped = std::find_if(
         verdict.scripts.begin(), verdict.scripts.end(),
-        [](const qxppolicy::ScriptVerdict& script) { return script.verdict == qxppolicy::Verdict::Dropped; });
+        [](const qxppolicy::ScriptVerdict& script) { return script.verdict == qxppolicy::Verdict::kDropped; });
     return dropped == verdict.scripts.end()
                ? ""
                : "; script " + std::to_string(dropped - verdict.scripts.begin() + 1) + ": " + dropped->reason;

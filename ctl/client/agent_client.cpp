@@ -67,7 +67,7 @@ static auto Interpret(const AgentHttp& http, Json json, Reader reader) {
 AgentStatus AgentClient::GetStatus(const Tick& tick) {
     std::optional<Json> json = Get("/v1/status", timeout_, tick);
     if (!json) {
-        throw Error(ExitCode::Interrupted, "interrupted");
+        throw Error(ExitCode::kInterrupted, "interrupted");
     }
     return Interpret(http_, std::move(*json), ReadStatus);
 }
@@ -210,7 +210,7 @@ void AgentClient::FailRefused(const Answer& answer) const {
     }
     const std::string text = "the agent on " + SocketPath() + " cannot do this now: " + Clause(detail) + "; ";
     if (answer.status == kUnavailable) {
-        throw AgentAway(AgentAway::Cause::Busy, text + WhenToTryAgain(answer));
+        throw AgentAway(AgentAway::Cause::kBusy, text + WhenToTryAgain(answer));
     }
     if (answer.status == kStorageFull) {
         throw AgentUnavailable(text + "make room on its disk, and try again");

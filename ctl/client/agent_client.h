@@ -86,7 +86,7 @@ private:
 class CommandRefused : public Error {
 public:
     explicit CommandRefused(const std::string& reason)
-        : Error(ExitCode::Negative, "the agent refuses the policy: " + reason), reason_(reason) {}
+        : Error(ExitCode::kNegative, "the agent refuses the policy: " + reason), reason_(reason) {}
 
     const std::string& Reason() const { return reason_; }
 
@@ -97,7 +97,7 @@ private:
 /// The plugin has not acknowledged a command in time. The agent has it, and it may still run.
 class NotAcknowledged : public Error {
 public:
-    explicit NotAcknowledged(const std::string& text) : Error(ExitCode::WaitTimedOut, text) {}
+    explicit NotAcknowledged(const std::string& text) : Error(ExitCode::kWaitTimedOut, text) {}
 };
 
 }  // namespace qxpctl

@@ -31,13 +31,13 @@ std::optional<Answer> AgentHttp::Perform(const std::string& target, const std::s
             case Cause::kTooLarge:
                 FailForeign(fmt::format("its answer is larger than {} bytes", qxphttp::kMaxAnswerBytes));
             case Cause::kUnreachable:
-                FailUnreachable(AgentAway::Cause::Unreachable, "nothing answers on " + socket_path_);
+                FailUnreachable(AgentAway::Cause::kUnreachable, "nothing answers on " + socket_path_);
             case Cause::kTimedOut:
-                FailUnreachable(AgentAway::Cause::Broken, "the agent on " + socket_path_ + " does not answer in time");
+                FailUnreachable(AgentAway::Cause::kBroken, "the agent on " + socket_path_ + " does not answer in time");
             case Cause::kBroken:
                 break;
         }
-        FailUnreachable(AgentAway::Cause::Broken,
+        FailUnreachable(AgentAway::Cause::kBroken,
                         fmt::format("the connection to the agent on {} broke ({})", socket_path_, error.what()));
     }
 }

@@ -16,9 +16,9 @@ using qxphttp::Tick;
 class AgentAway : public AgentUnavailable {
 public:
     enum class Cause {
-        Unreachable,  // the request was not delivered
-        Broken,       // the connection ended, or took too long, before the answer was there: it may have been delivered
-        Busy,         // the agent answered that it takes nothing now
+        kUnreachable,  // the request was not delivered
+        kBroken,  // the connection ended, or took too long, before the answer was there: it may have been delivered
+        kBusy,    // the agent answered that it takes nothing now
     };
     AgentAway(Cause cause, const std::string& text) : AgentUnavailable(text), cause_(cause) {}
 

@@ -66,7 +66,7 @@ const char* StateName(CommandState state) {
 }
 
 bool IsFinal(CommandState state) {
-    return state != CommandState::Received && state != CommandState::Delivered;
+    return state != CommandState::kReceived && state != CommandState::kDelivered;
 }
 
 const Json* FindMember(const Json& object, const char* key) {

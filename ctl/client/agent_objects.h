@@ -17,7 +17,7 @@
 namespace qxpctl {
 
 /// The names that the agent gives to a command's states; the last three are final.
-enum class CommandState { Received, Delivered, Refused, Reported, Interrupted };
+enum class CommandState { kReceived, kDelivered, kRefused, kReported, kInterrupted };
 
 const char* StateName(CommandState state);
 bool IsFinal(CommandState state);
@@ -28,7 +28,7 @@ bool IsFinal(CommandState state);
 struct Command {
     std::string id;
     std::string command;
-    CommandState state = CommandState::Received;
+    CommandState state = CommandState::kReceived;
     std::string reason;  // empty when there is none
     uint64_t sequence = 0;
     uint64_t scripts = 0;

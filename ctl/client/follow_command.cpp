@@ -42,19 +42,19 @@ public:
             if (const auto outcome = Outcome(final && reports == 0)) {
                 return *outcome;
             }
-            if (end == RetryingRequest::End::GivenUp) {
-                return FollowOutcome::GivenUp;
+            if (end == RetryingRequest::End::kGivenUp) {
+                return FollowOutcome::kGivenUp;
             }
-            if (end == RetryingRequest::End::TimedOut || request_.Expired()) {
-                return FollowOutcome::TimedOut;
+            if (end == RetryingRequest::End::kTimedOut || request_.Expired()) {
+                return FollowOutcome::kTimedOut;
             }
-            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::GivenUp) {
-                return FollowOutcome::GivenUp;
+            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::kGivenUp) {
+                return FollowOutcome::kGivenUp;
             }
             const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (reports == 0 && !IsFinal(command_.state) && elapsed < kMinPollInterval &&
                 !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
-                return FollowOutcome::GivenUp;
+                return FollowOutcome::kGivenUp;
             }
         }
     }
@@ -104,16 +104,16 @@ private:
     // The final word, once all reports before it have been taken.
     std::optional<FollowOutcome> Outcome(bool drained) const {
         if (collector_.Complete()) {
-            return FollowOutcome::Complete;
+            return FollowOutcome::kComplete;
         }
-        if (collector_.Refused() || (drained && command_.state == CommandState::Refused)) {
-            return FollowOutcome::Refused;
+        if (collector_.Refused() || (drained && command_.state == CommandState::kRefused)) {
+            return FollowOutcome::kRefused;
         }
-        if (collector_.Interrupted() || (drained && command_.state == CommandState::Interrupted)) {
-            return FollowOutcome::Interrupted;
+        if (collector_.Interrupted() || (drained && command_.state == CommandState::kInterrupted)) {
+            return FollowOutcome::kInterrupted;
         }
         if (drained) {
-            return FollowOutcome::Complete;
+            return FollowOutcome::kComplete;
         }
         return std::nullopt;
     }

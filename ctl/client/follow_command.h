@@ -12,11 +12,11 @@
 namespace qxpctl {
 
 enum class FollowOutcome {
-    Complete,     // every result that there will be is there
-    Refused,      // by the plugin
-    Interrupted,  // the agent ended before all results were there; the rest will never come
-    TimedOut,     // the wait ended first
-    GivenUp,      // the user ended the wait
+    kComplete,     // every result that there will be is there
+    kRefused,      // by the plugin
+    kInterrupted,  // the agent ended before all results were there; the rest will never come
+    kTimedOut,     // the wait ended first
+    kGivenUp,      // the user ended the wait
 };
 
 /// Follows a command to its final word, over restarts of the agent.

@@ -30,7 +30,7 @@ void ReadRuns(const Json& data, ReportContent& content) {
     if (!runs || !runs->is_array()) {
         return;
     }
-    content.kind = ReportContent::Kind::Results;
+    content.kind = ReportContent::Kind::kResults;
     for (const Json& run : *runs) {
         const Json* const script = FindMember(run, "scriptid");
         if (script && script->is_string()) {
@@ -40,7 +40,7 @@ void ReadRuns(const Json& data, ReportContent& content) {
 }
 
 void ReadInterruption(const Json& data, ReportContent& content) {
-    content.kind = ReportContent::Kind::Interruption;
+    content.kind = ReportContent::Kind::kInterruption;
     content.reason = TextMember(data, "reason");
     const Json* const unreported = FindMember(data, "unreported");
     if (!unreported || !unreported->is_array()) {
@@ -61,7 +61,7 @@ ReportContent ReadReportContent(const Json& document) {
     const std::string type = TextMember(document, "msg_type");
     const Json* const data = FindMember(document, "data");
     if (type == kRefusal) {
-        content.kind = ReportContent::Kind::Refusal;
+        content.kind = ReportContent::Kind::kRefusal;
     } else if (type == kInterruption) {
         ReadInterruption(data ? *data : Json(), content);
     } else if (type == kResult && data) {
@@ -81,12 +81,12 @@ std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
     }
     last_cursor_ = report.cursor;
     ReportContent content = ReadReportContent(report.content);
-    if (content.id != policy_id_ || content.kind == ReportContent::Kind::Unknown) {
+    if (content.id != policy_id_ || content.kind == ReportContent::Kind::kUnknown) {
         return added;
     }
     cursors_.push_back(report.cursor);
-    refused_ = refused_ || content.kind == ReportContent::Kind::Refusal;
-    if (content.kind == ReportContent::Kind::Interruption) {
+    refused_ = refused_ || content.kind == ReportContent::Kind::kRefusal;
+    if (content.kind == ReportContent::Kind::kInterruption) {
         interrupted_ = true;
         reason_ = content.reason;
     }

@@ -23,8 +23,8 @@ struct RunResult {
 
 /// What a report's document is.
 struct ReportContent {
-    enum class Kind { Unknown, Results, Refusal, Interruption };
-    Kind kind = Kind::Unknown;
+    enum class Kind { kUnknown, kResults, kRefusal, kInterruption };
+    Kind kind = Kind::kUnknown;
     std::string id;
     std::vector<RunResult> runs;          // of Results
     std::string reason;                   // of Interruption; may be empty

@@ -31,13 +31,13 @@ RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) 
                 on_return_();
             }
             if (!request()) {
-                return End::GivenUp;
+                return End::kGivenUp;
             }
             if (away_) {
                 Say("the agent is back");
             }
             away_ = false;
-            return End::Done;
+            return End::kDone;
         } catch (const AgentAway&) {
             if (!away_) {
                 Say("the agent has gone away; waiting for it to come back");
@@ -45,10 +45,10 @@ RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) 
             away_ = true;
         }
         if (Expired()) {
-            return End::TimedOut;
+            return End::kTimedOut;
         }
         if (!Pause(pause)) {
-            return End::GivenUp;
+            return End::kGivenUp;
         }
     }
 }

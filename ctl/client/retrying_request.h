@@ -15,7 +15,7 @@ namespace qxpctl {
 class RetryingRequest {
 public:
     using Clock = std::chrono::steady_clock;
-    enum class End { Done, TimedOut, GivenUp };
+    enum class End { kDone, kTimedOut, kGivenUp };
 
     /// @param limit  how long in all; not set means for as long as it takes. Counts from here.
     /// @param tick   false gives up.

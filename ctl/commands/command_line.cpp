@@ -56,14 +56,14 @@ ExitCode Explain(const CLI::App& program, const CLI::ParseError& error, const Co
     std::ostringstream faults;
     if (program.exit(error, output, faults) == 0) {
         console.Print(output.str());
-        return ExitCode::Success;
+        return ExitCode::kSuccess;
     }
     std::string command = "qxpctl";
     for (const CLI::App* const chosen : program.get_subcommands()) {
         command += " " + chosen->get_name();
     }
     console.Remark(std::string(error.what()) + " (see '" + command + " --help')");
-    return ExitCode::BadInput;
+    return ExitCode::kBadInput;
 }
 
 // The parser would take the next argument for the value of "--id=".
@@ -112,11 +112,11 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
     }
     if (!generate.empty()) {
         console.Print(Generate(program, generate));
-        return ExitCode::Success;
+        return ExitCode::kSuccess;
     }
     if (!invocation.action) {
         static_cast<void>(console.Remarks().Write(program.help()));
-        return ExitCode::BadInput;
+        return ExitCode::kBadInput;
     }
     return invocation.action(console, invocation.common);
 }
@@ -124,7 +124,7 @@ ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) 
 }  // namespace
 
 int Run(int argc, const char* const* argv, const Console& console) {
-    ExitCode code = ExitCode::LocalFailure;
+    ExitCode code = ExitCode::kLocalFailure;
     try {
         code = ParseAndRun(argc, argv, console);
     } catch (const Error& error) {

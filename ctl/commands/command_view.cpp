@@ -19,21 +19,21 @@ std::string Progress(const Command& command) {
 
 Color StateColor(CommandState state) {
     switch (state) {
-        case CommandState::Received:
-        case CommandState::Delivered:
-            return Color::Yellow;
-        case CommandState::Reported:
-            return Color::Green;
-        case CommandState::Refused:
-        case CommandState::Interrupted:
+        case CommandState::kReceived:
+        case CommandState::kDelivered:
+            return Color::kYellow;
+        case CommandState::kReported:
+            return Color::kGreen;
+        case CommandState::kRefused:
+        case CommandState::kInterrupted:
             break;
     }
-    return Color::Red;
+    return Color::kRed;
 }
 
 Row CommandHeadings() {
-    return {{"RECEIVED", Color::Bold}, {"STATE", Color::Bold}, {"RESULTS", Color::Bold}, {"COMMAND", Color::Bold},
-            {"USER", Color::Bold},     {"ID", Color::Bold},    {"REASON", Color::Bold}};
+    return {{"RECEIVED", Color::kBold}, {"STATE", Color::kBold}, {"RESULTS", Color::kBold}, {"COMMAND", Color::kBold},
+            {"USER", Color::kBold},     {"ID", Color::kBold},    {"REASON", Color::kBold}};
 }
 
 Row CommandRow(const Command& command) {

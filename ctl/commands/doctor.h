@@ -8,11 +8,11 @@
 
 namespace qxpctl {
 
-enum class Level { Ok, Warn, Fail };
+enum class Level { kOk, kWarn, kFail };
 
 /// One thing that was looked at.
 struct Finding {
-    Level level = Level::Ok;
+    Level level = Level::kOk;
     std::string check;   // a stable name, for programs
     std::string text;    // what was found
     std::string advice;  // what to do about it; empty when all is well
@@ -22,10 +22,10 @@ struct Finding {
 class Findings {
 public:
     void Warn(const std::string& check, const std::string& text, const std::string& advice) {
-        all_.push_back({Level::Warn, check, text, advice});
+        all_.push_back({Level::kWarn, check, text, advice});
     }
     void Fail(const std::string& check, const std::string& text, const std::string& advice) {
-        all_.push_back({Level::Fail, check, text, advice});
+        all_.push_back({Level::kFail, check, text, advice});
     }
     /// Adds an "ok" when there is nothing of this check so far.
     void OkUnlessFound(const std::string& check, const std::string& text);

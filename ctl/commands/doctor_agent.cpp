@@ -133,19 +133,19 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
     const ChildResult result = RunChild(program, {"--check-config"}, kConfigurationDeadline);
     const std::string advice = "mend it; '" + program + " --check-config' tells when it is good";
     switch (result.end) {
-        case ChildResult::End::NotStarted:
+        case ChildResult::End::kNotStarted:
             findings.Fail(kConfigurationCheck, program + " cannot be run: " + qxpbase::ErrnoText(result.code),
                           "install it again");
             break;
-        case ChildResult::End::TimedOut:
+        case ChildResult::End::kTimedOut:
             findings.Fail(kConfigurationCheck,
                           "the agent was not done with it in " + DurationText(kConfigurationDeadline), advice);
             break;
-        case ChildResult::End::Killed:
+        case ChildResult::End::kKilled:
             findings.Fail(kConfigurationCheck,
                           "the agent was killed by signal " + std::to_string(result.code) + " over it", advice);
             break;
-        case ChildResult::End::Exited:
+        case ChildResult::End::kExited:
             if (result.code != 0) {
                 AddMistakes(result.output, advice, findings);
             }
@@ -170,7 +170,7 @@ void CheckAgent(const fs::path& root, const std::string& socket, Findings& findi
         }
         findings.OkUnlessFound(kAgentCheck, "qxpagent " + status.version);
     } catch (const AgentAway& error) {
-        const bool busy = error.Why() == AgentAway::Cause::Busy;
+        const bool busy = error.Why() == AgentAway::Cause::kBusy;
         findings.Fail(busy ? kAgentCheck : kSocketCheck, error.what(),
                       busy ? "wait, and check again"
                            : "start qxpagent: the socket was left behind by one that has ended, or it hangs");

@@ -23,21 +23,21 @@ Exit codes: 0 nothing failed; 1 something did.)";
 
 const char* LevelName(Level level) {
     switch (level) {
-        case Level::Ok:
+        case Level::kOk:
             return "ok";
-        case Level::Warn:
+        case Level::kWarn:
             return "warn";
-        case Level::Fail:
+        case Level::kFail:
             break;
     }
     return "fail";
 }
 
 Color LevelColor(Level level) {
-    if (level == Level::Ok) {
-        return Color::Green;
+    if (level == Level::kOk) {
+        return Color::kGreen;
     }
-    return level == Level::Warn ? Color::Yellow : Color::Red;
+    return level == Level::kWarn ? Color::kYellow : Color::kRed;
 }
 
 std::string AsText(const Findings& findings, const Stream& output) {
@@ -52,7 +52,7 @@ std::string AsText(const Findings& findings, const Stream& output) {
 
 std::string AsJson(const std::string& root, const std::string& socket, const Findings& findings) {
     Json document = {
-        {"installation", root}, {"socket", socket}, {"ok", !findings.Any(Level::Fail)}, {"findings", Json::array()}};
+        {"installation", root}, {"socket", socket}, {"ok", !findings.Any(Level::kFail)}, {"findings", Json::array()}};
     for (const Finding& finding : findings.All()) {
         document["findings"].push_back({{"level", LevelName(finding.level)},
                                         {"check", finding.check},
@@ -74,14 +74,14 @@ ExitCode Examine(const std::string& root_option, const Console& console, const C
     CheckClock(root, findings);
     CheckAgent(root, socket, findings);
     console.Print(common.json ? AsJson(root.string(), socket, findings) : AsText(findings, console.Output()));
-    return findings.Any(Level::Fail) ? ExitCode::Negative : ExitCode::Success;
+    return findings.Any(Level::kFail) ? ExitCode::kNegative : ExitCode::kSuccess;
 }
 
 }  // namespace
 
 void Findings::OkUnlessFound(const std::string& check, const std::string& text) {
     if (std::none_of(all_.begin(), all_.end(), [&](const Finding& finding) { return finding.check == check; })) {
-        all_.push_back({Level::Ok, check, text, {}});
+        all_.push_back({Level::kOk, check, text, {}});
     }
 }
 

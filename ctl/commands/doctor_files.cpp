@@ -112,7 +112,7 @@ uid_t OwnerOf(const fs::path& path) {
 
 void CheckKeyFile(const fs::path& path, Findings& findings) {
     try {
-        if (ReadPublicKey(path.string()).scheme != Scheme::Ed25519) {
+        if (ReadPublicKey(path.string()).scheme != Scheme::kEd25519) {
             findings.Warn(kKeysCheck, path.string() + " is an RSA key, which counts only when it is built in",
                           "move it away");
         }

@@ -70,7 +70,7 @@ std::string NameFor(const std::string& source) {
 }
 
 std::vector<Drop> Prepare(const DropOptions& options, const std::string& directory) {
-    const PolicyRoad road = options.process ? PolicyRoad::RunOnce : PolicyRoad::Command;
+    const PolicyRoad road = options.process ? PolicyRoad::kRunOnce : PolicyRoad::kCommand;
     std::vector<Drop> drops;
     for (const std::string& file : options.files) {
         Drop drop{file, (std::filesystem::path(directory) / NameFor(file)).string(), ReadReadyPolicy(file, road),
@@ -115,7 +115,7 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
     if (common.json) {
         console.Print(ToLine(result));
     }
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 }  // namespace

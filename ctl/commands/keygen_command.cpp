@@ -33,14 +33,14 @@ The private half (.key.pem, mode 0600) signs whatever will run as root: keep it 
 where only you can get at it.)";
 
 std::string PublicHalfAdvice(Scheme scheme, const std::string& file) {
-    if (scheme == Scheme::Plugin) {
+    if (scheme == Scheme::kPlugin) {
         return "build the plugin with it (-DQXPMAINT_PUBLIC_KEY=" + ShellWord(file) + ")";
     }
     return "copy it into etc/trusted-keys/ of every installation that shall trust it";
 }
 
 ExitCode MakeKeys(const KeygenOptions& options, const Console& console, bool json) {
-    const Scheme scheme = options.scheme == SchemeName(Scheme::Plugin) ? Scheme::Plugin : Scheme::Ed25519;
+    const Scheme scheme = options.scheme == SchemeName(Scheme::kPlugin) ? Scheme::kPlugin : Scheme::kEd25519;
     const std::string private_file = options.prefix + ".key.pem";
     const std::string public_file = options.prefix + ".pub.pem";
     // Both halves are on the disk before either gets its name.
@@ -55,11 +55,11 @@ ExitCode MakeKeys(const KeygenOptions& options, const Console& console, bool jso
         const Json result = {
             {"scheme", SchemeName(scheme)}, {"private_key", private_file}, {"public_key", public_file}};
         console.Print(ToLine(result));
-        return ExitCode::Success;
+        return ExitCode::kSuccess;
     }
     console.Print(OneLine(private_file) + ": private; keep it secret and sign with it (qxpctl pack --key)\n" +
                   OneLine(public_file) + ": public; " + OneLine(PublicHalfAdvice(scheme, public_file)) + "\n");
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 }  // namespace

@@ -27,10 +27,10 @@ A policy for an agent's policy directory or for run-once is the same document in
 void WarnOfTypesThatDoNotRun(const Policy& policy, const Console& console) {
     for (const PackedScript& script : policy.scripts) {
         const TypeHandling handling = HandlingOf(script.type);
-        if (handling == TypeHandling::Unsupported) {
+        if (handling == TypeHandling::kUnsupported) {
             console.Warn(script.id + ": the plugin drops scripts of the type " + script.type);
         }
-        if (handling == TypeHandling::NeverRun) {
+        if (handling == TypeHandling::kNeverRun) {
             console.Warn(script.id + ": the plugin accepts scripts of the type " + script.type + ", but runs none");
         }
     }
@@ -55,7 +55,7 @@ ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, 
     WarnOfTypesThatDoNotRun(packed.policy, console);
     if (options.output.empty() || options.output == "-") {
         console.Print(packed.policy.document + "\n");
-        return ExitCode::Success;
+        return ExitCode::kSuccess;
     }
     WriteOutputFile(options.output, packed.policy.document + "\n");
     if (json) {
@@ -64,7 +64,7 @@ ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, 
         console.Remark(options.output + ": policy " + packed.policy.id + ", " +
                        std::to_string(packed.policy.scripts.size()) + " signed (" + SchemeName(packed.scheme) + ")");
     }
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 }  // namespace

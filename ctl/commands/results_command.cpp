@@ -37,7 +37,7 @@ could not be written: nothing is acknowledged then.)";
 Row Headings() {
     Row row;
     for (const char* const text : {"CURSOR", "RECEIVED", "SOURCE", "BYTES", "ACKNOWLEDGED", "ID", "FILE"}) {
-        row.push_back({text, Color::Bold});
+        row.push_back({text, Color::kBold});
     }
     return row;
 }
@@ -47,7 +47,7 @@ Row RowOf(const Report& report) {
             {ShortTime(report.received)},
             {report.source},
             {std::to_string(report.bytes)},
-            report.acknowledged ? Cell{"yes"} : Cell{"no", Color::Yellow},
+            report.acknowledged ? Cell{"yes"} : Cell{"no", Color::kYellow},
             {report.id},
             {report.file}};
 }
@@ -118,7 +118,7 @@ ExitCode List(const ResultsOptions& options, const Console& console, const Commo
     if (options.acknowledge) {
         Acknowledge(agent, listing.pending, console);
     }
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 uint64_t ReadCursor(const std::string& text) {
@@ -146,7 +146,7 @@ ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const C
     if (options.acknowledge) {
         Acknowledge(agent, {cursor}, console);
     }
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ input, nothing was sent; 3 the agent cannot be reached or takes nothing; 4 the w
 void CheckThatAllRun(const Policy& policy) {
     for (const PackedScript& script : policy.scripts) {
         const TypeHandling handling = HandlingOf(script.type);
-        if (handling != TypeHandling::Shell && handling != TypeHandling::Program) {
+        if (handling != TypeHandling::kShell && handling != TypeHandling::kProgram) {
             throw BadInput("the plugin runs no scripts of the type '" + script.type + "' (" + script.file +
                            "); run takes sh and exe");
         }
@@ -63,17 +63,17 @@ std::string Waiting(const ResultCollector& collector) {
 
 ExitCode ExitCodeOf(FollowOutcome outcome, bool all_succeeded) {
     switch (outcome) {
-        case FollowOutcome::Complete:
-            return all_succeeded ? ExitCode::Success : ExitCode::Negative;
-        case FollowOutcome::Refused:
-        case FollowOutcome::Interrupted:
-            return ExitCode::Negative;
-        case FollowOutcome::TimedOut:
-            return ExitCode::WaitTimedOut;
-        case FollowOutcome::GivenUp:
+        case FollowOutcome::kComplete:
+            return all_succeeded ? ExitCode::kSuccess : ExitCode::kNegative;
+        case FollowOutcome::kRefused:
+        case FollowOutcome::kInterrupted:
+            return ExitCode::kNegative;
+        case FollowOutcome::kTimedOut:
+            return ExitCode::kWaitTimedOut;
+        case FollowOutcome::kGivenUp:
             break;
     }
-    return ExitCode::Interrupted;
+    return ExitCode::kInterrupted;
 }
 
 std::vector<std::string> ScriptIdsOf(const Policy& policy) {
@@ -109,7 +109,7 @@ public:
         } catch (const CommandRefused& refusal) {
             submission.command.id = policy_.id;
             submission.command.reason = refusal.Reason();
-            return Finish(submission.command, FollowOutcome::Refused);
+            return Finish(submission.command, FollowOutcome::kRefused);
         }
         spinner_.Clear();
         if (!submission.taken) {
@@ -149,22 +149,22 @@ private:
             }
             return submission.has_value();
         };
-        RetryingRequest::End end = RetryingRequest::End::Done;
+        RetryingRequest::End end = RetryingRequest::End::kDone;
         try {
-            end = send() ? RetryingRequest::End::Done : RetryingRequest::End::GivenUp;
+            end = send() ? RetryingRequest::End::kDone : RetryingRequest::End::kGivenUp;
         } catch (const AgentAway& error) {
-            if (error.Why() != AgentAway::Cause::Broken) {
+            if (error.Why() != AgentAway::Cause::kBroken) {
                 throw;
             }
             // The agent may have the policy or not; sent again, it is run once all the same.
             end = request_.Try(send);
         }
         const std::string unsure = "; it may have the policy " + policy_.id + " all the same: see 'qxpctl show'";
-        if (end == RetryingRequest::End::TimedOut) {
+        if (end == RetryingRequest::End::kTimedOut) {
             throw AgentUnavailable("the agent went away while the policy was being sent" + unsure);
         }
-        if (end == RetryingRequest::End::GivenUp) {
-            throw Error(ExitCode::Interrupted, "interrupted while the policy was being sent to the agent" + unsure);
+        if (end == RetryingRequest::End::kGivenUp) {
+            throw Error(ExitCode::kInterrupted, "interrupted while the policy was being sent to the agent" + unsure);
         }
         return std::move(*submission);
     }
@@ -196,23 +196,23 @@ private:
     }
 
     void Explain(FollowOutcome outcome, const std::string& reason) const {
-        if (outcome == FollowOutcome::Refused) {
+        if (outcome == FollowOutcome::kRefused) {
             console_.Remark("the policy " + policy_.id + " was refused: " +
                             (reason.empty() ? "the plugin trusts another key, or too many scripts are in progress; its "
                                               "log tells which, and 'qxpctl verify' checks the key"
                                             : reason));
         }
-        if (outcome == FollowOutcome::Interrupted) {
+        if (outcome == FollowOutcome::kInterrupted) {
             console_.Remark("the policy " + policy_.id + " was interrupted: " +
                             (reason.empty() ? "the agent ended before its results were there" : reason));
         }
-        if (outcome == FollowOutcome::TimedOut && request_.IsAway()) {
+        if (outcome == FollowOutcome::kTimedOut && request_.IsAway()) {
             console_.Remark("the wait is over, and the agent is away: look later with: qxpctl show " +
                             ShellWord(policy_.id));
-        } else if (outcome == FollowOutcome::TimedOut) {
+        } else if (outcome == FollowOutcome::kTimedOut) {
             console_.Remark("the wait is over: " + HowToLookLater(policy_.id));
         }
-        if (outcome == FollowOutcome::GivenUp) {
+        if (outcome == FollowOutcome::kGivenUp) {
             console_.Remark("interrupted: " + HowToLookLater(policy_.id));
         }
     }

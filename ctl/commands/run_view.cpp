@@ -11,15 +11,15 @@ namespace {
 
 const char* OutcomeName(FollowOutcome outcome, bool all_succeeded) {
     switch (outcome) {
-        case FollowOutcome::Complete:
+        case FollowOutcome::kComplete:
             return all_succeeded ? "succeeded" : "failed";
-        case FollowOutcome::Refused:
+        case FollowOutcome::kRefused:
             return "refused";
-        case FollowOutcome::Interrupted:
+        case FollowOutcome::kInterrupted:
             return "interrupted";
-        case FollowOutcome::TimedOut:
+        case FollowOutcome::kTimedOut:
             return "wait timed out";
-        case FollowOutcome::GivenUp:
+        case FollowOutcome::kGivenUp:
             break;
     }
     return "given up";
@@ -29,23 +29,23 @@ const char* OutcomeName(FollowOutcome outcome, bool all_succeeded) {
 
 RunState StateOf(const RunResult* result, FollowOutcome outcome) {
     if (result && result->succeeded) {
-        return {"succeeded", Color::Green};
+        return {"succeeded", Color::kGreen};
     }
     if (result) {
-        return result->timed_out ? RunState{"timed out", Color::Red} : RunState{"failed", Color::Red};
+        return result->timed_out ? RunState{"timed out", Color::kRed} : RunState{"failed", Color::kRed};
     }
     switch (outcome) {
-        case FollowOutcome::Complete:
-            return {"not run", Color::Red};
-        case FollowOutcome::Refused:
-            return {"refused", Color::Red};
-        case FollowOutcome::Interrupted:
-            return {"interrupted", Color::Red};
-        case FollowOutcome::TimedOut:
-        case FollowOutcome::GivenUp:
+        case FollowOutcome::kComplete:
+            return {"not run", Color::kRed};
+        case FollowOutcome::kRefused:
+            return {"refused", Color::kRed};
+        case FollowOutcome::kInterrupted:
+            return {"interrupted", Color::kRed};
+        case FollowOutcome::kTimedOut:
+        case FollowOutcome::kGivenUp:
             break;
     }
-    return {"no result yet", Color::Yellow};
+    return {"no result yet", Color::kYellow};
 }
 
 std::string ReasonOf(const Command& command, const ResultCollector& collector) {
@@ -60,7 +60,7 @@ std::string RunOutput(const RunResult& result, bool heading, const Stream& outpu
     if (!text.empty() && text.back() != '\n') {
         text += '\n';
     }
-    return output.Paint(Color::Bold, "==> " + OneLine(result.script_id) + " <==") + "\n" + text;
+    return output.Paint(Color::kBold, "==> " + OneLine(result.script_id) + " <==") + "\n" + text;
 }
 
 std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, const Stream& stream) {
@@ -78,8 +78,8 @@ std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, 
     }
     const size_t total = collector.ScriptIds().size();
     return text +
-           stream.Paint(Color::Bold, std::to_string(succeeded) + " of " + std::to_string(total) +
-                                         (total == 1 ? " script" : " scripts") + " succeeded") +
+           stream.Paint(Color::kBold, std::to_string(succeeded) + " of " + std::to_string(total) +
+                                          (total == 1 ? " script" : " scripts") + " succeeded") +
            "\n";
 }
 

@@ -54,7 +54,7 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
         });
     }
     if (!accepted) {
-        throw Error(ExitCode::Interrupted, "interrupted; the scripts go on: see 'qxpctl results'");
+        throw Error(ExitCode::kInterrupted, "interrupted; the scripts go on: see 'qxpctl results'");
     }
     if (common.json) {
         console.Print(ToLine({{"name", name}, {"accepted", *accepted}}));
@@ -63,7 +63,7 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
     } else {
         console.Remark(name + " was not accepted: " + ReasonNotAccepted(name, missing_from));
     }
-    return *accepted ? ExitCode::Success : ExitCode::Negative;
+    return *accepted ? ExitCode::kSuccess : ExitCode::kNegative;
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ Examples:
 Exit codes: 0 the command is known; 2 it is not; 3 the agent cannot be reached.)";
 
 std::string Head(const Command& command, const Stream& output) {
-    const auto label = [](const char* text) { return Cell{text, Color::Bold}; };
+    const auto label = [](const char* text) { return Cell{text, Color::kBold}; };
     std::vector<Row> rows = {
         {label("ID"), {command.id}},
         {label("Command"), {command.command + ", " + Count(command.scripts, "script")}},
@@ -44,8 +44,8 @@ std::string Head(const Command& command, const Stream& output) {
 
 std::string ResultText(const RunResult& result, const Stream& output) {
     const char* const state = result.succeeded ? "succeeded" : result.timed_out ? "timed out" : "failed";
-    std::string text = "\n" + output.Paint(Color::Bold, "==> " + OneLine(result.script_id) + " <==") + " " +
-                       output.Paint(result.succeeded ? Color::Green : Color::Red, state);
+    std::string text = "\n" + output.Paint(Color::kBold, "==> " + OneLine(result.script_id) + " <==") + " " +
+                       output.Paint(result.succeeded ? Color::kGreen : Color::kRed, state);
     if (!result.timed_out) {
         text += " in " + OneLine(result.seconds) + " s";
     }
@@ -55,20 +55,20 @@ std::string ResultText(const RunResult& result, const Stream& output) {
 
 std::string ReportText(const Report& report, const Stream& output) {
     const ReportContent content = ReadReportContent(report.content);
-    const std::string heading = "\n" + output.Paint(Color::Bold, "report " + std::to_string(report.cursor)) + ": ";
+    const std::string heading = "\n" + output.Paint(Color::kBold, "report " + std::to_string(report.cursor)) + ": ";
     std::string text;
     switch (content.kind) {
-        case ReportContent::Kind::Results:
+        case ReportContent::Kind::kResults:
             for (const RunResult& result : content.runs) {
                 text += ResultText(result, output);
             }
             return text;
-        case ReportContent::Kind::Refusal:
-            return heading + output.Paint(Color::Red, "refused by the plugin") + "\n";
-        case ReportContent::Kind::Interruption:
-            return heading + output.Paint(Color::Red, "interrupted") +
+        case ReportContent::Kind::kRefusal:
+            return heading + output.Paint(Color::kRed, "refused by the plugin") + "\n";
+        case ReportContent::Kind::kInterruption:
+            return heading + output.Paint(Color::kRed, "interrupted") +
                    (content.reason.empty() ? "" : ": " + OneLine(content.reason)) + "\n";
-        case ReportContent::Kind::Unknown:
+        case ReportContent::Kind::kUnknown:
             break;
     }
     return heading + "of an unknown form, " + SizeText(report.bytes) + "; 'qxpctl show --json' shows it\n";
@@ -108,7 +108,7 @@ ExitCode Show(const std::string& id, const Console& console, const CommonOptions
         detail.document.erase("more");
         console.Print(ToLine(detail.document));
     }
-    return ExitCode::Success;
+    return ExitCode::kSuccess;
 }
 
 }  // namespace

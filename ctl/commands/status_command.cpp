@@ -17,8 +17,8 @@ Exit codes: 0 the agent says that all is well; 1 it names a problem; 3 it cannot
 std::string CommandCounts(const Json& status) {
     const Json* const counts = FindMember(status, "commands");
     std::string text;
-    for (const CommandState state : {CommandState::Received, CommandState::Delivered, CommandState::Reported,
-                                     CommandState::Refused, CommandState::Interrupted}) {
+    for (const CommandState state : {CommandState::kReceived, CommandState::kDelivered, CommandState::kReported,
+                                     CommandState::kRefused, CommandState::kInterrupted}) {
         const uint64_t number = counts ? NumberMember(*counts, StateName(state)) : 0;
         text += (text.empty() ? "" : ", ") + std::to_string(number) + " " + StateName(state);
     }
@@ -38,27 +38,27 @@ std::string ReportCounts(const AgentStatus& status) {
 
 Cell StoreCell(const AgentStatus& status) {
     if (!status.store_fault.empty()) {
-        return {"takes nothing: " + status.store_fault, Color::Red};
+        return {"takes nothing: " + status.store_fault, Color::kRed};
     }
     const Json* const store = FindMember(status.document, "store");
     return {SizeText(store ? NumberMember(*store, "bytes") : 0)};
 }
 
 std::string AsTable(const AgentStatus& status, const Health& health, const Stream& output) {
-    const auto label = [](const char* text) { return Cell{text, Color::Bold}; };
+    const auto label = [](const char* text) { return Cell{text, Color::kBold}; };
     const bool started = status.plugin_status == kPluginStarted;
     const auto uptime = std::chrono::seconds(NumberMember(status.document, "uptime_seconds"));
     std::vector<Row> rows = {
         {label("Agent"), {"qxpagent " + status.version + ", up for " + DurationText(uptime)}},
-        {label("Health"), health.ok ? Cell{"ok", Color::Green} : Cell{"failing", Color::Red}},
+        {label("Health"), health.ok ? Cell{"ok", Color::kGreen} : Cell{"failing", Color::kRed}},
     };
     for (const std::string& problem : health.problems) {
-        rows.push_back({{""}, {problem, Color::Red}});
+        rows.push_back({{""}, {problem, Color::kRed}});
     }
     rows.push_back(
         {label("Plugin"),
          {status.plugin_version + (status.plugin_version.empty() ? "" : ", ") + PluginStateName(status.plugin_status),
-          started ? Color::Plain : Color::Red}});
+          started ? Color::kPlain : Color::kRed}});
     rows.push_back({label("Commands"), {CommandCounts(status.document)}});
     rows.push_back({label("Scripts"), {std::to_string(NumberMember(status.document, "scripts_waiting")) + " waiting"}});
     rows.push_back({label("Reports"), {ReportCounts(status)}});
@@ -79,7 +79,7 @@ ExitCode ShowStatus(const Console& console, const CommonOptions& common) {
     } else {
         console.Print(AsTable(status, health, console.Output()));
     }
-    return health.ok ? ExitCode::Success : ExitCode::Negative;
+    return health.ok ? ExitCode::kSuccess : ExitCode::kNegative;
 }
 
 }  // namespace

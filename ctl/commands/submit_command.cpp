@@ -24,7 +24,7 @@ policy under this ID; 3 the agent cannot be reached or takes nothing; 4 the agen
 time.)";
 
 ExitCode Submit(const std::string& path, const Console& console, const CommonOptions& common) {
-    const ReadyPolicy policy = ReadReadyPolicy(path, PolicyRoad::Command);
+    const ReadyPolicy policy = ReadReadyPolicy(path, PolicyRoad::kCommand);
     AgentClient agent(FindSocket(common.socket));
     std::optional<Submission> submission;
     {
@@ -35,7 +35,7 @@ ExitCode Submit(const std::string& path, const Console& console, const CommonOpt
         });
     }
     const Command& command = submission.value().command;
-    const bool refused = command.state == CommandState::Refused;
+    const bool refused = command.state == CommandState::kRefused;
     if (common.json) {
         Json result = command.document;
         result["taken"] = submission->taken;
@@ -45,7 +45,7 @@ ExitCode Submit(const std::string& path, const Console& console, const CommonOpt
         console.Remark(std::string(submission->taken ? "taken" : "known already") + ", " + StateName(command.state) +
                        (command.reason.empty() ? "" : ": " + command.reason));
     }
-    return refused ? ExitCode::Negative : ExitCode::Success;
+    return refused ? ExitCode::kNegative : ExitCode::kSuccess;
 }
 
 }  // namespace

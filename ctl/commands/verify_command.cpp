@@ -56,23 +56,23 @@ TrustedKeys ReadKeys(const VerifyOptions& options) {
 
 const char* VerdictName(Verdict verdict) {
     switch (verdict) {
-        case Verdict::Accepted:
+        case Verdict::kAccepted:
             return "accepted";
-        case Verdict::NotRun:
+        case Verdict::kNotRun:
             return "accepted but not run";
-        case Verdict::CutShort:
+        case Verdict::kCutShort:
             return "accepted but cut short";
-        case Verdict::Dropped:
+        case Verdict::kDropped:
             break;
     }
     return "dropped";
 }
 
 Color VerdictColor(Verdict verdict) {
-    if (verdict == Verdict::Accepted) {
-        return Color::Green;
+    if (verdict == Verdict::kAccepted) {
+        return Color::kGreen;
     }
-    return verdict == Verdict::Dropped ? Color::Red : Color::Yellow;
+    return verdict == Verdict::kDropped ? Color::kRed : Color::kYellow;
 }
 
 std::string AsJson(const PolicyVerdict& verdict) {
@@ -93,7 +93,7 @@ std::string AsJson(const PolicyVerdict& verdict) {
 std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
     std::string text;
     for (const std::string& fault : verdict.faults) {
-        text += "policy: " + output.Paint(Color::Red, "refused") + ": " + OneLine(fault) + "\n";
+        text += "policy: " + output.Paint(Color::kRed, "refused") + ": " + OneLine(fault) + "\n";
     }
     size_t number = 0;
     for (const ScriptVerdict& script : verdict.scripts) {
@@ -124,7 +124,7 @@ ExitCode Verify(const VerifyOptions& options, const Console& console, bool json)
         verdict.faults.push_back("an agent does not take it: " + reason);
     }
     console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
-    return verdict.Good() ? ExitCode::Success : ExitCode::Negative;
+    return verdict.Good() ? ExitCode::kSuccess : ExitCode::kNegative;
 }
 
 }  // namespace

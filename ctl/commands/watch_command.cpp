@@ -102,8 +102,8 @@ public:
             const RetryingRequest::Clock::time_point asked = RetryingRequest::Clock::now();
             size_t changes = 0;
             const RetryingRequest::End end = request_.Try([&] { return ReadChanges(!first, changes); });
-            if (end == RetryingRequest::End::GivenUp) {
-                return ExitCode::Interrupted;
+            if (end == RetryingRequest::End::kGivenUp) {
+                return ExitCode::kInterrupted;
             }
             if (live_ && (first || changes > 0)) {
                 table_.Draw(commands_);
@@ -112,12 +112,12 @@ public:
                 return Verdict();
             }
             if (request_.Expired()) {
-                return ExitCode::WaitTimedOut;
+                return ExitCode::kWaitTimedOut;
             }
             const auto elapsed = RetryingRequest::Clock::now() - asked;
             if (!first && changes == 0 && elapsed < kMinPollInterval &&
                 !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
-                return ExitCode::Interrupted;
+                return ExitCode::kInterrupted;
             }
         }
     }
@@ -161,8 +161,8 @@ private:
 
     ExitCode Verdict() const {
         const bool good = std::all_of(commands_.begin(), commands_.end(),
-                                      [](const auto& entry) { return entry.second.state == CommandState::Reported; });
-        return good ? ExitCode::Success : ExitCode::Negative;
+                                      [](const auto& entry) { return entry.second.state == CommandState::kReported; });
+        return good ? ExitCode::kSuccess : ExitCode::kNegative;
     }
 
     void StartOverInANewStore() {

@@ -11,7 +11,7 @@ namespace qxpctl {
 
 void TrustedKeys::AddKeyFile(const std::string& path) {
     Key key = ReadPublicKey(path);
-    if (key.scheme == Scheme::Ed25519) {
+    if (key.scheme == Scheme::kEd25519) {
         AddEd25519Key(std::move(key.key));
         return;
     }

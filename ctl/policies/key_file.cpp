@@ -39,10 +39,10 @@ bool HasExpectedExponent(const EVP_PKEY* key) {
 
 Scheme SchemeOf(const EVP_PKEY* key, const std::string& path) {
     if (EVP_PKEY_is_a(key, "ED25519") == 1) {
-        return Scheme::Ed25519;
+        return Scheme::kEd25519;
     }
     if (EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) == kRsaBits && HasExpectedExponent(key)) {
-        return Scheme::Plugin;
+        return Scheme::kPlugin;
     }
     const char* const name = EVP_PKEY_get0_type_name(key);
     throw BadInput(path + " is a key of another kind (" + (name ? name : "unknown") + ", " +
@@ -80,12 +80,12 @@ private:
 }  // namespace
 
 const char* SchemeName(Scheme scheme) {
-    return scheme == Scheme::Plugin ? "plugin" : "ed25519";
+    return scheme == Scheme::kPlugin ? "plugin" : "ed25519";
 }
 
 Key GenerateKey(Scheme scheme) {
-    KeyPtr key(scheme == Scheme::Plugin ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{kRsaBits})
-                                        : EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
+    KeyPtr key(scheme == Scheme::kPlugin ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{kRsaBits})
+                                         : EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
     if (!key) {
         ERR_clear_error();
         throw LocalFailure(std::string("OpenSSL cannot make a key for the scheme ") + SchemeName(scheme));

@@ -9,7 +9,7 @@ namespace qxpctl {
 using qxppolicy::KeyPtr;
 
 /// The signature form that a key makes or checks.
-enum class Scheme { Plugin, Ed25519 };
+enum class Scheme { kPlugin, kEd25519 };
 
 /// The name that options and documents use.
 const char* SchemeName(Scheme scheme);

@@ -58,7 +58,7 @@ void AddScript(const std::string& text, const ScriptAttributes& defaults, const 
     script.id = IdOf(argument, attributes);
     script.type = attributes.type ? *attributes.type : GuessType(argument.file, file);
     script.file = argument.file;
-    if (HandlingOf(script.type) == TypeHandling::Shell && file.bytes.find('\0') != std::string::npos) {
+    if (HandlingOf(script.type) == TypeHandling::kShell && file.bytes.find('\0') != std::string::npos) {
         throw BadInput(argument.file +
                        " holds a NUL byte, and the plugin would run a script of the type sh only up to it");
     }

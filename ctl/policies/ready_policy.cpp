@@ -48,7 +48,7 @@ ReadyPolicy ReadReadyPolicy(const std::string& path, PolicyRoad road) {
     policy.id = Member(json, "ID");
     policy.command = Member(json, "Command");
     policy.scripts = CountScripts(json);
-    if (road == PolicyRoad::Command) {
+    if (road == PolicyRoad::kCommand) {
         CheckCommandId(name, policy.id);
     }
     return policy;

@@ -13,8 +13,8 @@ struct ReadyPolicy {
 };
 
 enum class PolicyRoad {
-    Command,  // to the agent, or to the policy directory: needs an ID and a command
-    RunOnce,  // the process directory: its ID is the file's name
+    kCommand,  // to the agent, or to the policy directory: needs an ID and a command
+    kRunOnce,  // the process directory: its ID is the file's name
 };
 
 /// Reads a document as the plugin does and applies the agent's rules for it. The path "-" is the standard input. Throws

@@ -81,8 +81,8 @@ std::string SignWithEd25519(EVP_PKEY* key, std::string_view base64_text) {
 }  // namespace
 
 std::string Sign(const Key& private_key, std::string_view base64_text) {
-    return private_key.scheme == Scheme::Plugin ? SignForPlugin(private_key.key.get(), base64_text)
-                                                : SignWithEd25519(private_key.key.get(), base64_text);
+    return private_key.scheme == Scheme::kPlugin ? SignForPlugin(private_key.key.get(), base64_text)
+                                                 : SignWithEd25519(private_key.key.get(), base64_text);
 }
 
 }  // namespace qxpctl

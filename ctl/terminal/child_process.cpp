@@ -66,12 +66,12 @@ ChildResult RunChild(const std::string& program, const std::vector<std::string>&
                      std::chrono::milliseconds deadline) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return {ChildResult::End::NotStarted, errno, {}};
+        return {ChildResult::End::kNotStarted, errno, {}};
     }
     pid_t child = 0;
     const int failure = Spawn(program, arguments, ends[1], child);
     close(ends[1]);
-    ChildResult result{ChildResult::End::NotStarted, failure, {}};
+    ChildResult result{ChildResult::End::kNotStarted, failure, {}};
     if (failure == 0) {
         const bool ended = ReadUntil(ends[0], Clock::now() + deadline, result.output);
         if (!ended) {
@@ -80,9 +80,9 @@ ChildResult RunChild(const std::string& program, const std::vector<std::string>&
         int status = 0;
         while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }
-        result.end = !ended                ? ChildResult::End::TimedOut
-                     : WIFSIGNALED(status) ? ChildResult::End::Killed
-                                           : ChildResult::End::Exited;
+        result.end = !ended                ? ChildResult::End::kTimedOut
+                     : WIFSIGNALED(status) ? ChildResult::End::kKilled
+                                           : ChildResult::End::kExited;
         result.code = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     }
     close(ends[0]);

@@ -8,8 +8,8 @@ namespace qxpctl {
 
 /// How a program that was started has ended.
 struct ChildResult {
-    enum class End { NotStarted, Exited, Killed, TimedOut };
-    End end = End::NotStarted;
+    enum class End { kNotStarted, kExited, kKilled, kTimedOut };
+    End end = End::kNotStarted;
     int code = 0;        // Exited: the exit code. Killed: the signal. NotStarted: errno.
     std::string output;  // standard output and standard error together, at most 64 KiB
 };

@@ -31,10 +31,10 @@ std::vector<std::string> ChoicesOf(const std::string& type_name) {
 
 ValueKind KindOf(const std::string& value) {
     if (value == "DIR") {
-        return ValueKind::Directory;
+        return ValueKind::kDirectory;
     }
     const bool file = value == "FILE" || value == "PATH" || value == "PREFIX" || value == "POLICY" || value == "SCRIPT";
-    return file ? ValueKind::File : ValueKind::Text;
+    return file ? ValueKind::kFile : ValueKind::kText;
 }
 
 OptionModel ReadOption(const CLI::Option& option) {
@@ -58,7 +58,7 @@ OptionModel ReadOption(const CLI::Option& option) {
     const std::string type = option.get_type_name();
     model.value = option.get_positional() ? model.names.front() : type.substr(0, type.find(':'));
     model.choices = ChoicesOf(type);
-    model.kind = model.choices.empty() ? KindOf(model.value) : ValueKind::Choice;
+    model.kind = model.choices.empty() ? KindOf(model.value) : ValueKind::kChoice;
     return model;
 }
 

@@ -10,11 +10,11 @@ class App;
 namespace qxpctl {
 
 /// What an option's value is completed with.
-enum class ValueKind { None, Text, File, Directory, Choice };
+enum class ValueKind { kNone, kText, kFile, kDirectory, kChoice };
 
 struct OptionModel {
     std::vector<std::string> names;  // with their dashes, long ones first; of a positional, its one name
-    ValueKind kind = ValueKind::None;
+    ValueKind kind = ValueKind::kNone;
     std::string value;                 // the name of the value, as in "FILE"
     std::vector<std::string> choices;  // of Choice
     std::string description;           // on one line

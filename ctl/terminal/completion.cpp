@@ -16,14 +16,14 @@ std::string Join(const std::vector<std::string>& words, std::string_view separat
 
 std::string BashAction(const OptionModel& option) {
     switch (option.kind) {
-        case ValueKind::File:
+        case ValueKind::kFile:
             return "_qxpctl_files -f";
-        case ValueKind::Directory:
+        case ValueKind::kDirectory:
             return "_qxpctl_files -d";
-        case ValueKind::Choice:
+        case ValueKind::kChoice:
             return "_qxpctl_words '" + Join(option.choices, " ") + "'";
-        case ValueKind::Text:
-        case ValueKind::None:
+        case ValueKind::kText:
+        case ValueKind::kNone:
             break;
     }
     return ":";
@@ -35,7 +35,7 @@ std::string BashCommand(const CommandModel& command) {
     std::vector<std::string> names;
     for (const OptionModel& option : command.options) {
         names.insert(names.end(), option.names.begin(), option.names.end());
-        if (option.kind != ValueKind::None) {
+        if (option.kind != ValueKind::kNone) {
             text += "                " + Join(option.names, "|") + ") " + BashAction(option) + "; return ;;\n";
         }
     }
@@ -88,14 +88,14 @@ std::string ZshText(const std::string& text) {
 
 std::string ZshAction(const OptionModel& option) {
     switch (option.kind) {
-        case ValueKind::File:
+        case ValueKind::kFile:
             return "_files";
-        case ValueKind::Directory:
+        case ValueKind::kDirectory:
             return "_files -/";
-        case ValueKind::Choice:
+        case ValueKind::kChoice:
             return "(" + Join(option.choices, " ") + ")";
-        case ValueKind::Text:
-        case ValueKind::None:
+        case ValueKind::kText:
+        case ValueKind::kNone:
             break;
     }
     return " ";
@@ -107,11 +107,11 @@ std::string ZshOption(const OptionModel& option, const std::string& indent) {
     const std::string excluded = option.repeated ? "*" : "(" + Join(option.names, " ") + ")";
     for (const std::string& name : option.names) {
         text.append(" \\\n").append(indent).append("'").append(excluded).append(name);
-        if (option.kind != ValueKind::None) {
+        if (option.kind != ValueKind::kNone) {
             text += name.starts_with("--") ? "=" : "+";
         }
         text += "[" + ZshText(option.description) + "]";
-        if (option.kind != ValueKind::None) {
+        if (option.kind != ValueKind::kNone) {
             text += ":" + ZshText(option.value) + ":" + ZshAction(option);
         }
         text += "'";
@@ -140,7 +140,7 @@ std::string BashCompletion(const CommandModel& program) {
     std::string values;
     for (const OptionModel& option : program.options) {
         names.insert(names.end(), option.names.begin(), option.names.end());
-        if (option.kind != ValueKind::None) {
+        if (option.kind != ValueKind::kNone) {
             values += (values.empty() ? "" : "|") + Join(option.names, "|");
         }
     }
@@ -156,7 +156,7 @@ std::string BashCompletion(const CommandModel& program) {
         "                ;;\n        esac\n    done\n    case $command in\n        '')\n            case $previous "
         "in\n";
     for (const OptionModel& option : program.options) {
-        if (option.kind != ValueKind::None) {
+        if (option.kind != ValueKind::kNone) {
             text += "                " + Join(option.names, "|") + ") " + BashAction(option) + "; return ;;\n";
         }
     }

@@ -22,15 +22,15 @@ bool WantsColor() {
 // ECMA-48 select graphic rendition.
 std::string_view Sequence(Color color) {
     switch (color) {
-        case Color::Green:
+        case Color::kGreen:
             return "\033[32m";
-        case Color::Red:
+        case Color::kRed:
             return "\033[31m";
-        case Color::Yellow:
+        case Color::kYellow:
             return "\033[33m";
-        case Color::Bold:
+        case Color::kBold:
             return "\033[1m";
-        case Color::Plain:
+        case Color::kPlain:
             break;
     }
     return "";
@@ -43,7 +43,7 @@ Stream::Stream(int descriptor)
 }
 
 std::string Stream::Paint(Color color, std::string_view text) const {
-    if (!color_ || color == Color::Plain) {
+    if (!color_ || color == Color::kPlain) {
         return std::string(text);
     }
     return std::string(Sequence(color)).append(text).append("\033[0m");
@@ -87,7 +87,7 @@ void Console::Remark(std::string_view text) const {
 }
 
 void Console::Warn(std::string_view text) const {
-    static_cast<void>(error_.Write("qxpctl: " + error_.Paint(Color::Yellow, "warning:") + " " + OneLine(text) + "\n"));
+    static_cast<void>(error_.Write("qxpctl: " + error_.Paint(Color::kYellow, "warning:") + " " + OneLine(text) + "\n"));
 }
 
 }  // namespace qxpctl

@@ -6,7 +6,7 @@
 
 namespace qxpctl {
 
-enum class Color { Plain, Green, Red, Yellow, Bold };
+enum class Color { kPlain, kGreen, kRed, kYellow, kBold };
 
 struct TerminalSize {
     size_t columns;

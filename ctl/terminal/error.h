@@ -7,19 +7,19 @@ namespace qxpctl {
 
 /// What the process ends with. Part of the command-line interface: scripts depend on the numbers.
 enum class ExitCode {
-    Success = 0,
+    kSuccess = 0,
     /// The answer is no: a run failed or was refused, a script would not be accepted.
-    Negative = 1,
+    kNegative = 1,
     /// Wrong options, or input that cannot be used; nothing was sent and nothing was written.
-    BadInput = 2,
+    kBadInput = 2,
     /// The agent cannot be reached, or cannot take work now.
-    AgentUnavailable = 3,
+    kAgentUnavailable = 3,
     /// Waiting ended before the results were there.
-    WaitTimedOut = 4,
+    kWaitTimedOut = 4,
     /// This machine failed: a file or the standard output could not be written.
-    LocalFailure = 5,
+    kLocalFailure = 5,
     /// Ctrl-C while waiting.
-    Interrupted = 130,
+    kInterrupted = 130,
 };
 
 /// A failure that ends the command. The text is one line for the operator: what is wrong, and what to do about it.
@@ -35,17 +35,17 @@ private:
 
 class BadInput : public Error {
 public:
-    explicit BadInput(const std::string& text) : Error(ExitCode::BadInput, text) {}
+    explicit BadInput(const std::string& text) : Error(ExitCode::kBadInput, text) {}
 };
 
 class AgentUnavailable : public Error {
 public:
-    explicit AgentUnavailable(const std::string& text) : Error(ExitCode::AgentUnavailable, text) {}
+    explicit AgentUnavailable(const std::string& text) : Error(ExitCode::kAgentUnavailable, text) {}
 };
 
 class LocalFailure : public Error {
 public:
-    explicit LocalFailure(const std::string& text) : Error(ExitCode::LocalFailure, text) {}
+    explicit LocalFailure(const std::string& text) : Error(ExitCode::kLocalFailure, text) {}
 };
 
 }  // namespace qxpctl

@@ -69,7 +69,7 @@ std::string OptionText(const OptionModel& option) {
     for (const std::string& name : option.names) {
         names += (names.empty() ? "\\fB" : ", \\fB") + Escape(name) + "\\fR";
     }
-    if (option.kind != ValueKind::None && option.value != option.names.front()) {
+    if (option.kind != ValueKind::kNone && option.value != option.names.front()) {
         names += " \\fI" + Escape(option.value) + "\\fR";
     }
     std::string choices;

@@ -9,7 +9,7 @@ namespace qxpctl {
 
 struct Cell {
     std::string text;
-    Color color = Color::Plain;
+    Color color = Color::kPlain;
 };
 
 using Row = std::vector<Cell>;

@@ -35,8 +35,8 @@ void ExpectProblem(const Reply& reply, long status, const std::string& detail) {
 
 // The text with "time" for each time. Those are local: only their form can be compared.
 std::string WithoutTimes(const Json& object) {
-    static const std::regex time(R"("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.123[+-][0-9]{2}:[0-9]{2}")");
-    return std::regex_replace(object.dump(), time, R"("time")");
+    static const std::regex kTime(R"("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.123[+-][0-9]{2}:[0-9]{2}")");
+    return std::regex_replace(object.dump(), kTime, R"("time")");
 }
 
 TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {

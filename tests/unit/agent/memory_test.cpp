@@ -42,11 +42,11 @@ protected:
 };
 
 TEST_F(LargestReportTest, SixtyThreeFullOutputsPeakBelowFourTimesTheirSize) {
-    constexpr size_t RUNS = 63;
+    constexpr size_t kRuns = 63;
     if (SANITIZED) {
         GTEST_SKIP() << "a sanitizer keeps memory of its own";
     }
-    for (size_t run = 0; run < RUNS; ++run) {
+    for (size_t run = 0; run < kRuns; ++run) {
         Launch(Script("head -c 2300000 /dev/zero | tr '\\0' x", std::to_string(run)));
     }
     ASSERT_TRUE(WaitUntil([&] { return gate_->Count() == 0; }));
@@ -58,9 +58,9 @@ TEST_F(LargestReportTest, SixtyThreeFullOutputsPeakBelowFourTimesTheirSize) {
     const size_t size = reports[0].bytes;
     std::cout << "report of " << size << " bytes, peak " << peak << " bytes, "
               << static_cast<double>(peak) / static_cast<double>(size) << " times its size" << std::endl;
-    EXPECT_GT(size, RUNS * 2 * COutputCapture::PART_LIMIT);
+    EXPECT_GT(size, kRuns * 2 * COutputCapture::PART_LIMIT);
     EXPECT_LT(peak, 4 * size);
-    EXPECT_EQ(counters_.Get().runs_succeeded, RUNS);
+    EXPECT_EQ(counters_.Get().runs_succeeded, kRuns);
 }
 
 }  // namespace

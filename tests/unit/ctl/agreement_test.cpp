@@ -32,8 +32,8 @@ protected:
         const PolicyVerdict verdict = CheckPolicy(document, keys_);
         std::vector<std::string> tool;
         for (const ScriptVerdict& script : verdict.scripts) {
-            if (script.verdict != Verdict::Dropped) {
-                tool.push_back(script.id + (script.verdict == Verdict::NotRun ? "" : " runs"));
+            if (script.verdict != Verdict::kDropped) {
+                tool.push_back(script.id + (script.verdict == Verdict::kNotRun ? "" : " runs"));
             }
         }
         EXPECT_EQ(tool, plugin) << document;

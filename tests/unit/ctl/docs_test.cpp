@@ -20,7 +20,7 @@ protected:
     }
     static ChildResult Bash(const std::string& script) {
         ChildResult result = RunChild("/bin/bash", {"--norc", "-c", script}, kDeadline);
-        EXPECT_EQ(result.end, ChildResult::End::Exited);
+        EXPECT_EQ(result.end, ChildResult::End::kExited);
         return result;
     }
     // What bash offers for the last of these words, a word a line.

@@ -63,10 +63,10 @@ TEST_P(PolicyTest, WhatIsPackedIsAcceptedAndOneChangedByteIsNot) {
         text[text.size() / 2] = text[text.size() / 2] == '1' ? '2' : '1';
         changed["param"]["scriptinfo"][1][member] = text;
         const PolicyVerdict spoiled = Check(changed.dump());
-        EXPECT_EQ(spoiled.scripts[0].verdict, Verdict::Accepted);
-        EXPECT_EQ(spoiled.scripts[1].verdict, Verdict::Dropped) << member;
+        EXPECT_EQ(spoiled.scripts[0].verdict, Verdict::kAccepted);
+        EXPECT_EQ(spoiled.scripts[1].verdict, Verdict::kDropped) << member;
         EXPECT_THAT(spoiled.scripts[1].reason, HasSubstr("bad signature"));
-        EXPECT_EQ(spoiled.scripts[2].verdict, Verdict::Accepted);
+        EXPECT_EQ(spoiled.scripts[2].verdict, Verdict::kAccepted);
         EXPECT_FALSE(spoiled.Good());
     }
 }
@@ -88,41 +88,41 @@ TEST_F(PolicyTest, EveryReasonToDropAScriptIsTold) {
     const Json good = OneScript();
     const std::tuple<std::function<void(Json&)>, Verdict, const char*> cases[] = {
         // What comes first in the plugin's order is what is told, however much else is missing.
-        {[](Json& script) { script = Json::object(); }, Verdict::Dropped, "no \"scriptdata\""},
-        {[](Json& script) { script = 7; }, Verdict::Dropped, "no \"scriptdata\""},
-        {[](Json& script) { script.erase("sign"), script.erase("scripttype"); }, Verdict::Dropped, "no \"sign\""},
-        {[](Json& script) { script["sign"] = "", script.erase("scripttype"); }, Verdict::Dropped, "\"sign\" is empty"},
-        {[](Json& script) { script["sign"] = "01100000"; }, Verdict::Dropped, "too short"},
-        {[](Json& script) { script["sign"] = "0110000x1"; }, Verdict::Dropped, "hexadecimal"},
-        {[](Json& script) { script["sign"].get_ref<std::string&>().pop_back(); }, Verdict::Dropped, "263 characters"},
-        {[](Json& script) { script["sign"].get_ref<std::string&>()[263] = 'g'; }, Verdict::Dropped, "hexadecimal"},
-        {[](Json& script) { script["sign"] = "01300000" + std::string(256, 'a'); }, Verdict::Dropped, "no known form"},
-        {[](Json& script) { script["sign"] = "01200000" + std::string(128, 'a'); }, Verdict::Dropped, "no key in"},
-        {[](Json& script) { script["sign"] = "01100000" + std::string(256, 'f'); }, Verdict::Dropped, "this key"},
-        {[](Json& script) { script["scriptdata"] = ""; }, Verdict::Dropped, "\"scriptdata\" is empty"},
-        {[](Json& script) { script.erase("scripttype"); }, Verdict::Dropped, "no \"scripttype\""},
-        {[](Json& script) { script["scripttype"] = "Bat"; }, Verdict::Dropped, "not supported"},
-        {[](Json& script) { script["scripttype"] = "vbs"; }, Verdict::Dropped, "not supported"},
-        {[](Json& script) { script["scripttype"] = "zip"; }, Verdict::NotRun, "are never run"},
-        {[](Json& script) { script["scripttype"] = "py"; }, Verdict::NotRun, "are never run"},
-        {[](Json& script) { script["scripttype"] = "SH"; }, Verdict::Accepted, ""},
+        {[](Json& script) { script = Json::object(); }, Verdict::kDropped, "no \"scriptdata\""},
+        {[](Json& script) { script = 7; }, Verdict::kDropped, "no \"scriptdata\""},
+        {[](Json& script) { script.erase("sign"), script.erase("scripttype"); }, Verdict::kDropped, "no \"sign\""},
+        {[](Json& script) { script["sign"] = "", script.erase("scripttype"); }, Verdict::kDropped, "\"sign\" is empty"},
+        {[](Json& script) { script["sign"] = "01100000"; }, Verdict::kDropped, "too short"},
+        {[](Json& script) { script["sign"] = "0110000x1"; }, Verdict::kDropped, "hexadecimal"},
+        {[](Json& script) { script["sign"].get_ref<std::string&>().pop_back(); }, Verdict::kDropped, "263 characters"},
+        {[](Json& script) { script["sign"].get_ref<std::string&>()[263] = 'g'; }, Verdict::kDropped, "hexadecimal"},
+        {[](Json& script) { script["sign"] = "01300000" + std::string(256, 'a'); }, Verdict::kDropped, "no known form"},
+        {[](Json& script) { script["sign"] = "01200000" + std::string(128, 'a'); }, Verdict::kDropped, "no key in"},
+        {[](Json& script) { script["sign"] = "01100000" + std::string(256, 'f'); }, Verdict::kDropped, "this key"},
+        {[](Json& script) { script["scriptdata"] = ""; }, Verdict::kDropped, "\"scriptdata\" is empty"},
+        {[](Json& script) { script.erase("scripttype"); }, Verdict::kDropped, "no \"scripttype\""},
+        {[](Json& script) { script["scripttype"] = "Bat"; }, Verdict::kDropped, "not supported"},
+        {[](Json& script) { script["scripttype"] = "vbs"; }, Verdict::kDropped, "not supported"},
+        {[](Json& script) { script["scripttype"] = "zip"; }, Verdict::kNotRun, "are never run"},
+        {[](Json& script) { script["scripttype"] = "py"; }, Verdict::kNotRun, "are never run"},
+        {[](Json& script) { script["scripttype"] = "SH"; }, Verdict::kAccepted, ""},
         // What follows the 264 digits is not read.
-        {[](Json& script) { script["sign"].get_ref<std::string&>() += "zz"; }, Verdict::Accepted, ""},
+        {[](Json& script) { script["sign"].get_ref<std::string&>() += "zz"; }, Verdict::kAccepted, ""},
     };
     for (const auto& [spoil, expected, reason] : cases) {
         Json policy = good;
         spoil(policy["param"]["scriptinfo"][0]);
         const PolicyVerdict verdict = Check(policy.dump());
-        EXPECT_EQ(verdict.Good(), expected == Verdict::Accepted) << reason;
+        EXPECT_EQ(verdict.Good(), expected == Verdict::kAccepted) << reason;
         EXPECT_EQ(verdict.scripts.at(0).verdict, expected) << reason;
         EXPECT_THAT(verdict.scripts.at(0).reason, HasSubstr(reason));
     }
 
     const Key key = ReadPrivateKey(directory_ / "k.key.pem");
-    for (const auto& [text, verdict] : {std::pair{"not base64!", Verdict::NotRun},
-                                        {"AGE=", Verdict::NotRun},
-                                        {"YQBh", Verdict::CutShort},
-                                        {"YWFh", Verdict::Accepted}}) {
+    for (const auto& [text, verdict] : {std::pair{"not base64!", Verdict::kNotRun},
+                                        {"AGE=", Verdict::kNotRun},
+                                        {"YQBh", Verdict::kCutShort},
+                                        {"YWFh", Verdict::kAccepted}}) {
         Json signed_text = good;
         signed_text["param"]["scriptinfo"][0]["scriptdata"] = text;
         signed_text["param"]["scriptinfo"][0]["sign"] = Sign(key, text);

@@ -22,7 +22,7 @@ using qxpctl::Sign;
 const std::string kScript = "#!/bin/sh\nuptime\n";
 
 Key NewKey(const char* type = "ED25519") {
-    return {qxpctl::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxpctl::Scheme::Ed25519};
+    return {qxpctl::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxpctl::Scheme::kEd25519};
 }
 
 std::string PublicPem(const Key& key) {

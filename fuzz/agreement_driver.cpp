@@ -31,8 +31,9 @@ public:
 
     std::string Next() {
         Json list = Json::array();
-        for (unsigned script = 0, scripts = 1 + Below(3); script < scripts; ++script)
+        for (unsigned script = 0, scripts = 1 + Below(3); script < scripts; ++script) {
             list.push_back(Script("s" + std::to_string(Below(3))));
+        }
         Json document = {
             {"ID", "m" + std::to_string(seed_) + "-" + std::to_string(++count_)},
             {"Command", Pick({"RunScriptNormal", "RunScriptNormal", "RunScriptFile", "RunScriptProcess", "Nothing"})},
@@ -41,12 +42,14 @@ public:
             Json& scripts = document["param"]["scriptinfo"];
             const bool in_script = scripts.is_array() && !scripts.empty() && scripts[0].is_object() && Below(4) != 0;
             ChangeMember(in_script ? scripts[Below(static_cast<unsigned>(scripts.size()))] : document);
-            if (!document["param"].is_object())
+            if (!document["param"].is_object()) {
                 break;
+            }
         }
         std::string text = document.dump(-1, ' ', Below(2) == 0, Json::error_handler_t::ignore);
-        if (Below(4) == 0)
+        if (Below(4) == 0) {
             ChangeText(text);
+        }
         return text;
     }
 
@@ -65,8 +68,9 @@ private:
     }
 
     void ChangeMember(Json& object) {
-        if (!object.is_object() || object.empty())
+        if (!object.is_object() || object.empty()) {
             return;
+        }
         auto member = object.begin();
         std::advance(member, Below(static_cast<unsigned>(object.size())));
         const std::string odd =
@@ -139,8 +143,9 @@ struct Fate {
 
 std::ostream& operator<<(std::ostream& out, const Fate& fate) {
     out << (!fate.refusal.empty() ? "not taken: " + fate.refusal : fate.refused ? "refused" : "results of");
-    for (const std::string& script : fate.results)
+    for (const std::string& script : fate.results) {
         out << ' ' << script;
+    }
     return out;
 }
 
@@ -149,14 +154,16 @@ Fate Foretell(const std::string& document, const qxppolicy::TrustedKeys& keys, s
     Fate fate;
     fate.refusal = qxppolicy::ValidateForAdmission(
         document, json, [](const std::string&) { return "lies in none of the agent's script-directories"; });
-    if (!fate.refusal.empty())
+    if (!fate.refusal.empty()) {
         return fate;
+    }
     const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys);
     id = verdict.id;
     fate.refused = !verdict.faults.empty();
     for (const qxppolicy::ScriptVerdict& script : verdict.scripts) {
-        if (script.reported && !fate.refused)
+        if (script.reported && !fate.refused) {
             fate.results.insert(script.id);
+        }
     }
     return fate;
 }
@@ -177,8 +184,9 @@ Fate Send(AgentClient& agent, const std::string& document, const std::string& id
         }
         fate.refused = detail.command.state == CommandState::kRefused;
         for (const Report& report : detail.reports) {
-            for (const RunResult& run : ReadReportContent(report.content).runs)
+            for (const RunResult& run : ReadReportContent(report.content).runs) {
                 fate.results.insert(run.script_id);
+            }
         }
         return fate;
     }
@@ -200,13 +208,15 @@ int Drive(const std::vector<std::string>& arguments) {
         const std::string document = mutator.Next();
         std::string id;
         const Fate foretold = Foretell(document, keys, id);
-        if (foretold.refusal.empty() && !ids.insert(id).second)
+        if (foretold.refusal.empty() && !ids.insert(id).second) {
             continue;  // that ID is another document's
+        }
         const Fate met = Send(agent, document, id);
         taken += met.refusal.empty() ? 1 : 0;
         refused += met.refused ? 1 : 0;
-        if (foretold == met)
+        if (foretold == met) {
             continue;
+        }
         ++disagreements;
         std::cout << document << "\n  foretold: " << foretold << "\n  met:      " << met << '\n';
     }

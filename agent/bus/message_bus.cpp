@@ -117,7 +117,7 @@ MessageBus::Component* MessageBus::FindAttached(const GUID& component) {
 }
 
 void MessageBus::WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& lock) {
-    Delivery* const delivery = current_delivery_;
+    Delivery* const delivery = current_delivery;
     const bool within = delivery != nullptr && delivery->channel == &channel;
     if (within && !delivery->leaving) {
         delivery->leaving = true;

@@ -153,7 +153,7 @@ private:
         Channel* channel;
         bool leaving;
     };
-    static thread_local Delivery* current_delivery_;
+    static thread_local Delivery* current_delivery;
 
     Component* FindAttached(const GUID& component);
     int Enqueue(Message message);

@@ -9,7 +9,7 @@
 
 namespace qxpagent {
 
-thread_local MessageBus::Delivery* MessageBus::current_delivery_ = nullptr;
+thread_local MessageBus::Delivery* MessageBus::current_delivery = nullptr;
 
 namespace {
 
@@ -41,12 +41,12 @@ int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& ch
     ++reserved_;
     ++channel.in_flight;
     Delivery delivery{&channel, false};
-    Delivery* const outer = std::exchange(current_delivery_, &delivery);  // a sink may post
+    Delivery* const outer = std::exchange(current_delivery, &delivery);  // a sink may post
     lock.unlock();
     bool taken = false;
     const bool returned = Guarded("receiver", completion.front().type, [&] { taken = (*receiver)(body); });
     lock.lock();
-    current_delivery_ = outer;
+    current_delivery = outer;
     EndDelivery(channel, delivery);
     --reserved_;
     if (returned && taken && completion.front().exchange != nullptr) {
@@ -100,14 +100,14 @@ int MessageBus::Deliver(const Message& message, std::unique_lock<std::mutex>& lo
     }
     ++channel.in_flight;
     Delivery delivery{&channel, false};
-    current_delivery_ = &delivery;
+    current_delivery = &delivery;
     lock.unlock();
     const bool taken = Guarded("receiver", message.type, [&] {
         sink->ReceiveCallback(message.sender, message.type, reinterpret_cast<const unsigned char*>(message.body.data()),
                               static_cast<unsigned int>(message.body.size()), token, context);
     });
     lock.lock();
-    current_delivery_ = nullptr;
+    current_delivery = nullptr;
     EndDelivery(channel, delivery);
     return taken ? kBusOk : kBusReceiverFailed;
 }

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr char ClassName[] = "CqxpmaintMgr";
-constexpr char PluginName[] = "qxpmaint";
+constexpr char CLASS_NAME[] = "CqxpmaintMgr";
+constexpr char PLUGIN_NAME[] = "qxpmaint";
 
 // A late message may meet the block while it is being emptied; the handlers are what bus threads read.
 void ClearInitParam(PluginInitParam& stInit) {
@@ -60,59 +60,59 @@ void CqxpmaintMgr::DestroyInstance() {
 bool CqxpmaintMgr::CreateObject(const char* pszName) {
     if (!pszName) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject", "**qxpadapterplugin %s::CreateObject Error pszName is NULL",
-                    ClassName);
+                    CLASS_NAME);
         return false;
     }
     auto* pPluginFun = static_cast<PluginFunTable*>(create_plugin(pszName));
     if (!pPluginFun) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject",
-                    "**qxpadapterplugin %s::CreateObject Error create_plugin pPluginFun is NULL", ClassName);
+                    "**qxpadapterplugin %s::CreateObject Error create_plugin pPluginFun is NULL", CLASS_NAME);
         return false;
     }
     CPString strName(pszName);  // may throw; nothing after it does
     m_pPluginFun = pPluginFun;
     plugin_name = std::move(strName);
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "CreateObject", "qxpadapterplugin %s::CreateObject OK pszName[%s] pPluginFun[%p]",
-                ClassName, pszName, static_cast<void*>(pPluginFun));
+                CLASS_NAME, pszName, static_cast<void*>(pPluginFun));
     return true;
 }
 
 void CqxpmaintMgr::DestroyObject(const char* pszName) {
     if (!pszName) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "DestroyObject", "**qxpadapterplugin %s::DestroyObject Error pszName is NULL",
-                    ClassName);
+                    CLASS_NAME);
         return;
     }
     if (const int iRet = destroy_plugin(pszName); iRet != 0) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "DestroyObject",
-                    "*qxpadapterplugin %s::DestroyObject Error destroy_plugin iRet[%x]", ClassName,
+                    "*qxpadapterplugin %s::DestroyObject Error destroy_plugin iRet[%x]", CLASS_NAME,
                     static_cast<unsigned int>(iRet));
         return;
     }
     m_pPluginFun = nullptr;
     plugin_name.clear();
-    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "DestroyObject", "qxpadapterplugin %s::DestroyObject OK pszName[%s]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_NOTICE, "DestroyObject", "qxpadapterplugin %s::DestroyObject OK pszName[%s]", CLASS_NAME,
                 pszName);
 }
 
 void CqxpmaintMgr::SetCtx(void* pData) {
     if (!pData) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "SetCtx", "**qxpadapterplugin %s::SetCtx Error pData is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "SetCtx", "**qxpadapterplugin %s::SetCtx Error pData is NULL", CLASS_NAME);
         return;
     }
     m_pCompCtx = static_cast<IXBusMREndPoint4*>(pData);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx OK m_pCompCtx[%p]", ClassName, pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx OK m_pCompCtx[%p]", CLASS_NAME, pData);
 }
 
 int CqxpmaintMgr::Initialize(void* pInitParam) {
     if (!m_pPluginFun) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "Initialize", "**qxpadapterplugin %s::Initialize Error m_pPluginFun is NULL",
-                    ClassName);
+                    CLASS_NAME);
         return ADAPTER_E_NO_FUN_TABLE;
     }
     if (!pInitParam) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "Initialize", "**qxpadapterplugin %s::Initialize Error pPluginInitParam is NULL",
-                    ClassName);
+                    CLASS_NAME);
         return ADAPTER_E_INVALID_ARG;
     }
     m_stPluginInit.notify_to_mgr = AdapterNotifyToMgr;
@@ -120,30 +120,30 @@ int CqxpmaintMgr::Initialize(void* pInitParam) {
     CPString strDefault;
     const char* pszKv = static_cast<const QxInitBlock*>(pInitParam)->pszInitParam;
     if (!pszKv || !*pszKv) {
-        strDefault.Format("agent_type=KSTL:conf_path=../etc/plugins/%s/%s.conf", PluginName, PluginName);
+        strDefault.Format("agent_type=KSTL:conf_path=../etc/plugins/%s/%s.conf", PLUGIN_NAME, PLUGIN_NAME);
         pszKv = strDefault.c_str();
     }
     status = STATUS_INITIALIZED;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin", CLASS_NAME);
     m_stReceive.m_pPluginInit = &m_stPluginInit;
     const CKvLifetime kvLifetime(m_stPluginInit, pszKv);
     const int iRet = m_pPluginFun->init(&m_stPluginInit);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize End iRet[%x]", CLASS_NAME,
                 static_cast<unsigned int>(iRet));
     return iRet;
 }
 
 int CqxpmaintMgr::Stop() {
     if (!m_pPluginFun) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Stop", "**qxpadapterplugin %s::Stop Error m_pPluginFun is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Stop", "**qxpadapterplugin %s::Stop Error m_pPluginFun is NULL", CLASS_NAME);
         return ADAPTER_E_NOT_READY;
     }
     IXBusMREndPoint4* pEndPoint = m_pCompCtx;
     if (!pEndPoint) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Stop", "**qxpadapterplugin %s::Stop Error m_pCompCtx is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Stop", "**qxpadapterplugin %s::Stop Error m_pCompCtx is NULL", CLASS_NAME);
         return ADAPTER_E_NOT_READY;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", CLASS_NAME);
     pEndPoint->UnregisterReceive(MSG_TYPE_PLUGIN_DATA);
     pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_CONNECT);
     pEndPoint->UnregisterReceive(MSG_TYPE_AGENT_DISCONNECT);
@@ -154,7 +154,7 @@ int CqxpmaintMgr::Stop() {
     const int iRet = m_pPluginFun->stop();
     status = STATUS_STOPPED;
     pEndPoint->Uninitialize();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", CLASS_NAME,
                 static_cast<unsigned int>(iRet));
     return iRet;
 }
@@ -162,12 +162,12 @@ int CqxpmaintMgr::Stop() {
 void CqxpmaintMgr::Uninitialize() {
     if (!m_pPluginFun) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "Uninitialize", "**qxpadapterplugin %s::Uninitialize Error m_pPluginFun is NULL",
-                    ClassName);
+                    CLASS_NAME);
         return;
     }
     status = STATUS_UNINITIALIZED;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", CLASS_NAME);
     m_pPluginFun->uninit();
     ClearInitParam(m_stPluginInit);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", CLASS_NAME);
 }

@@ -9,10 +9,10 @@
 
 namespace {
 
-constexpr char ClassName[] = "CqxpmaintMgr";
+constexpr char CLASS_NAME[] = "CqxpmaintMgr";
 
 constexpr long MSG_TYPE_GET_CONNECT = 10012;
-constexpr unsigned int ConnectQueryTimeOutMs = 5000;
+constexpr unsigned int CONNECT_QUERY_TIME_OUT_MS = 5000;
 
 unsigned long MonotonicMs() {
     const auto sinceBoot = std::chrono::steady_clock::now().time_since_epoch();
@@ -55,7 +55,7 @@ int RequestConnectInfo(IXBusMREndPoint4* pEndPoint, CReply& reply) {
     }
     const unsigned char empty[1] = {};
     const int iRet = pEndPoint->SendRequest(ParseGuid(AGENT_CONNECT_COMPONENT_ID), MSG_TYPE_GET_CONNECT, empty, 0,
-                                            &reply.uiStatus, &reply.pBytes, &reply.uiLength, ConnectQueryTimeOutMs);
+                                            &reply.uiStatus, &reply.pBytes, &reply.uiLength, CONNECT_QUERY_TIME_OUT_MS);
     return iRet == 0 ? static_cast<int>(reply.uiStatus) : iRet;
 }
 
@@ -69,14 +69,14 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
     const unsigned long ulTick = MonotonicMs() - ulStart;
     if (iRet != 0) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "GetServerConnectInfo",
-                    "*qxpadapterplugin %s::GetServerConnectInfo Error AgentGetConnect iRet[%x] Tick[%lu]", ClassName,
+                    "*qxpadapterplugin %s::GetServerConnectInfo Error AgentGetConnect iRet[%x] Tick[%lu]", CLASS_NAME,
                     static_cast<unsigned int>(iRet), ulTick);
         return false;
     }
     if (reply.uiLength == 0 || !reply.pBytes) {
         ADAPTER_LOG(ADAPTER_LOG_NOTICE, "GetServerConnectInfo",
                     "qxpadapterplugin %s::GetServerConnectInfo retrun empty uiLength[%u] pReply[%p] Tick[%lu]",
-                    ClassName, reply.uiLength, static_cast<void*>(reply.pBytes), ulTick);
+                    CLASS_NAME, reply.uiLength, static_cast<void*>(reply.pBytes), ulTick);
         return false;
     }
     ConnectInfo stInfo;
@@ -86,14 +86,14 @@ bool CqxpmaintMgr::GetServerConnectInfo(CPString& strFlag, CPString& strServerIp
     wPort = stInfo.wPort;
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "GetServerConnectInfo",
                 "qxpadapterplugin %s::GetServerConnectInfo bStatus[%d] strFlag[%s] strServerIp[%s] wPort[%d] Tick[%lu]",
-                ClassName, bStatus, strFlag.c_str(), strServerIp.c_str(), wPort, ulTick);
+                CLASS_NAME, bStatus, strFlag.c_str(), strServerIp.c_str(), wPort, ulTick);
     return bStatus;
 }
 
 void CqxpmaintMgr::RegisterOnBus(IXBusMREndPoint4& endPoint) {
     if (const int iRet = endPoint.Initialize(ParseGuid(plugin_name.c_str())); iRet != 0) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "Start", "*qxpadapterplugin %s::Start Warn Initialize iRet[%x] guid[%s]",
-                    ClassName, static_cast<unsigned int>(iRet), plugin_name.c_str());
+                    CLASS_NAME, static_cast<unsigned int>(iRet), plugin_name.c_str());
         return;
     }
     // The endpoint comes back with each message as the context, and answers it.
@@ -118,27 +118,27 @@ void CqxpmaintMgr::ConnectIfOnline() {
     if (dwFlag == 0 && !strServerIp.empty() && strFlag == "1" && pfnConnect) {
         pfnConnect(strServerIp.c_str(), wPort);
         ADAPTER_LOG(ADAPTER_LOG_NOTICE, "Start", "qxpadapterplugin %s::Start plugin_connect strServerIp[%s] wPort[%d]",
-                    ClassName, strServerIp.c_str(), wPort);
+                    CLASS_NAME, strServerIp.c_str(), wPort);
         return;
     }
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "Start",
                 "qxpadapterplugin %s::Start not call connect strServerIp[%s] wPort[%d] dwFlag[%d] strFlag[%s] "
                 "plugin_connect[%p]",
-                ClassName, strServerIp.c_str(), wPort, static_cast<int>(dwFlag), strFlag.c_str(),
+                CLASS_NAME, strServerIp.c_str(), wPort, static_cast<int>(dwFlag), strFlag.c_str(),
                 reinterpret_cast<void*>(pfnConnect));
 }
 
 int CqxpmaintMgr::Start() {
     if (!m_pPluginFun) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pPluginFun is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pPluginFun is NULL", CLASS_NAME);
         return ADAPTER_E_NOT_READY;
     }
     IXBusMREndPoint4* pEndPoint = m_pCompCtx;
     if (!pEndPoint) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pCompCtx is NULL", ClassName);
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, "Start", "**qxpadapterplugin %s::Start Error m_pCompCtx is NULL", CLASS_NAME);
         return ADAPTER_E_NOT_READY;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", CLASS_NAME);
     // An assignment writes even when there is nothing to copy.
     if (!msg_type_registry.empty() || !m_stReceive.msg_type_registry.empty()) {
         m_stReceive.msg_type_registry = msg_type_registry;
@@ -149,7 +149,7 @@ int CqxpmaintMgr::Start() {
     }
     const int iRet = m_pPluginFun->start();
     status = STATUS_STARTED;
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", CLASS_NAME,
                 static_cast<unsigned int>(iRet));
     return iRet;
 }

@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr char CreateClassName[] = "CqxpmaintCreateObject";
-constexpr char DestroyClassName[] = "CqxpmaintDestroyObject";
+constexpr char CREATE_CLASS_NAME[] = "CqxpmaintCreateObject";
+constexpr char DESTROY_CLASS_NAME[] = "CqxpmaintDestroyObject";
 
 PluginFunTable g_stPluginFunTable;
 
@@ -142,14 +142,14 @@ QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject", "**qxpadapterplugin %s::CreateObject Error pAdapterMgr is NULL",
-                    CreateClassName);
+                    CREATE_CLASS_NAME);
         return nullptr;
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "CreateObject", "qxpadapterplugin %s::CreateObject Begin pszName[%s]",
-                CreateClassName, TextOrNull(pszName));
+                CREATE_CLASS_NAME, TextOrNull(pszName));
     if (!pAdapterMgr->CreateObject(pszName)) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject", "**qxpadapterplugin %s::CreateObject Error FALSE pszName[%s]",
-                    CreateClassName, TextOrNull(pszName));
+                    CREATE_CLASS_NAME, TextOrNull(pszName));
         return nullptr;
     }
     auto* pPluginObj = new (std::nothrow)
@@ -158,12 +158,12 @@ QXPMAINT_EXPORT void* CreateObject(const char* pszName) try {
                            CqxpmaintPluginObj::SetCtx,     CqxpmaintPluginObj::Info};
     if (!pPluginObj) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "CreateObject",
-                    "**qxpadapterplugin %s::CreateObject Error pPluginObj is NULL pszName[%s]", CreateClassName,
+                    "**qxpadapterplugin %s::CreateObject Error pPluginObj is NULL pszName[%s]", CREATE_CLASS_NAME,
                     pszName);
         return nullptr;
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "CreateObject", "qxpadapterplugin %s::CreateObject End pszName[%s] pPluginObj[%p]",
-                CreateClassName, pszName, static_cast<void*>(pPluginObj));
+                CREATE_CLASS_NAME, pszName, static_cast<void*>(pPluginObj));
     return pPluginObj;
 } catch (...) {
     StopException(__FUNCTION__);
@@ -174,11 +174,11 @@ QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "DestroyObject",
-                    "**qxpadapterplugin %s::DestroyObject Error pAdapterMgr is NULL", DestroyClassName);
+                    "**qxpadapterplugin %s::DestroyObject Error pAdapterMgr is NULL", DESTROY_CLASS_NAME);
         return;
     }
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "DestroyObject",
-                "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]", DestroyClassName,
+                "qxpadapterplugin %s::DestroyObject Begin pszName[%s] pInterface[%p]", DESTROY_CLASS_NAME,
                 TextOrNull(pszName), pInterface);
     std::unique_ptr<PluginObjInterface> pPluginObj(static_cast<PluginObjInterface*>(pInterface));
     if (pszName) {
@@ -187,7 +187,7 @@ QXPMAINT_EXPORT void DestroyObject(const char* pszName, void* pInterface) try {
     pPluginObj.reset();
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the value is printed, nothing is read through it
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "DestroyObject", "qxpadapterplugin %s::DestroyObject End pszName[%s] pInterface[%p]",
-                DestroyClassName, TextOrNull(pszName), pInterface);
+                DESTROY_CLASS_NAME, TextOrNull(pszName), pInterface);
 } catch (...) {
     StopException(__FUNCTION__);
 }

@@ -5,13 +5,13 @@
 
 namespace {
 
-constexpr char ClassName[] = "CqxpmaintPluginObj";
+constexpr char CLASS_NAME[] = "CqxpmaintPluginObj";
 
 // The manager, or null with a log line of the operation.
 CqxpmaintMgr* GetManager(const char* pszOperation) {
     CqxpmaintMgr* pAdapterMgr = CqxpmaintMgr::Instance();
     if (!pAdapterMgr) {
-        ADAPTER_LOG(ADAPTER_LOG_ERROR, pszOperation, "**qxpadapterplugin %s::%s Error pAdapterMgr is NULL", ClassName,
+        ADAPTER_LOG(ADAPTER_LOG_ERROR, pszOperation, "**qxpadapterplugin %s::%s Error pAdapterMgr is NULL", CLASS_NAME,
                     pszOperation);
     }
     return pAdapterMgr;
@@ -24,11 +24,11 @@ int CqxpmaintPluginObj::Initialize(void* pInitParam) try {
     if (!pAdapterMgr) {
         return -1;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin pInitParam[%p]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize Begin pInitParam[%p]", CLASS_NAME,
                 pInitParam);
     const int iRet = pAdapterMgr->Initialize(pInitParam);
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Initialize", "qxpadapterplugin %s::Initialize End iRet[%x] pInitParam[%p]",
-                ClassName, static_cast<unsigned int>(iRet), pInitParam);
+                CLASS_NAME, static_cast<unsigned int>(iRet), pInitParam);
     return iRet;
 } catch (...) {
     StopException(__FUNCTION__);
@@ -40,10 +40,10 @@ void CqxpmaintPluginObj::Uninitialize() try {
     if (!pAdapterMgr) {
         return;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize Begin", CLASS_NAME);
     pAdapterMgr->Uninitialize();
     CqxpmaintMgr::DestroyInstance();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", CLASS_NAME);
 } catch (...) {
     StopException(__FUNCTION__);
 }
@@ -53,9 +53,9 @@ int CqxpmaintPluginObj::Start() try {
     if (!pAdapterMgr) {
         return -1;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start Begin", CLASS_NAME);
     const int iRet = pAdapterMgr->Start();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Start", "qxpadapterplugin %s::Start End iRet[%x]", CLASS_NAME,
                 static_cast<unsigned int>(iRet));
     return iRet;
 } catch (...) {
@@ -68,9 +68,9 @@ int CqxpmaintPluginObj::Stop() try {
     if (!pAdapterMgr) {
         return -1;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", ClassName);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop Begin", CLASS_NAME);
     const int iRet = pAdapterMgr->Stop();
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", ClassName,
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "Stop", "qxpadapterplugin %s::Stop End iRet[%x]", CLASS_NAME,
                 static_cast<unsigned int>(iRet));
     return iRet;
 } catch (...) {
@@ -99,9 +99,9 @@ void CqxpmaintPluginObj::SetCtx(void* pData) try {
     if (!pAdapterMgr) {
         return;
     }
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx Begin pData[%p]", ClassName, pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx Begin pData[%p]", CLASS_NAME, pData);
     pAdapterMgr->SetCtx(pData);
-    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx End pData[%p]", ClassName, pData);
+    ADAPTER_LOG(ADAPTER_LOG_TRACE, "SetCtx", "qxpadapterplugin %s::SetCtx End pData[%p]", CLASS_NAME, pData);
 } catch (...) {
     StopException(__FUNCTION__);
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr char ClassName[] = "CqxpmaintReceive";
+constexpr char CLASS_NAME[] = "CqxpmaintReceive";
 
 // A handler of the block, read once: the host's thread may null the field at any moment.
 template <typename Function>
@@ -24,9 +24,9 @@ void Acknowledge(void* pEndPoint, long i64MsgType, void* pReplyCtx) {
     if (!pEndPoint || !pReplyCtx) {
         return;
     }
-    constexpr char szSuccess[] = "success";
-    static_cast<IXBusMREndPoint4*>(pEndPoint)->Reply(0, i64MsgType, reinterpret_cast<const unsigned char*>(szSuccess),
-                                                     sizeof(szSuccess) - 1, pReplyCtx);
+    constexpr char SUCCESS_TEXT[] = "success";
+    static_cast<IXBusMREndPoint4*>(pEndPoint)->Reply(
+        0, i64MsgType, reinterpret_cast<const unsigned char*>(SUCCESS_TEXT), sizeof(SUCCESS_TEXT) - 1, pReplyCtx);
 }
 
 }  // namespace
@@ -51,7 +51,7 @@ void CqxpmaintReceive::Dispatch(const Message& stMessage) {
     PluginInitParam* pPluginInit = m_pPluginInit;
     if (!pPluginInit) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
-                    "**qxpadapterplugin %s::ReceiveCallback Error m_pPluginInit is NULL stComponentID[%s]", ClassName,
+                    "**qxpadapterplugin %s::ReceiveCallback Error m_pPluginInit is NULL stComponentID[%s]", CLASS_NAME,
                     stMessage.strComponentID.c_str());
         return;
     }
@@ -72,17 +72,17 @@ void CqxpmaintReceive::OnPluginData(PluginInitParam& stInit, const Message& stMe
     const auto pfnRecv = LoadHandler(stInit.plugin_recv);
     if (!pfnRecv) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
-                    "**qxpadapterplugin %s::ReceiveCallback Error plugin_recv is NULL stComponentID[%s]", ClassName,
+                    "**qxpadapterplugin %s::ReceiveCallback Error plugin_recv is NULL stComponentID[%s]", CLASS_NAME,
                     pszComponentID);
         return;
     }
     const CPString strMsg = stMessage.Body();
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
-                "qxpadapterplugin %s::ReceiveCallback plugin_recv Begin strMsg[%s] stComponentID[%s]", ClassName,
+                "qxpadapterplugin %s::ReceiveCallback plugin_recv Begin strMsg[%s] stComponentID[%s]", CLASS_NAME,
                 strMsg.c_str(), pszComponentID);
     const int iRet = pfnRecv(strMsg.c_str());
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
-                "qxpadapterplugin %s::ReceiveCallback plugin_recv End iRet[%d] stComponentID[%s]", ClassName, iRet,
+                "qxpadapterplugin %s::ReceiveCallback plugin_recv End iRet[%d] stComponentID[%s]", CLASS_NAME, iRet,
                 pszComponentID);
 }
 
@@ -94,7 +94,7 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const Message& st
     const auto pfnConnect = LoadHandler(stInit.plugin_connect);
     if (!pfnConnect) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
-                    "**qxpadapterplugin %s::ReceiveCallback Error plugin_connect is NULL stComponentID[%s]", ClassName,
+                    "**qxpadapterplugin %s::ReceiveCallback Error plugin_connect is NULL stComponentID[%s]", CLASS_NAME,
                     pszComponentID);
         return;
     }
@@ -105,18 +105,18 @@ void CqxpmaintReceive::OnAgentConnect(PluginInitParam& stInit, const Message& st
         ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error plugin_connect wrap_cJSON_Parse stComponentID[%s] "
                     "strData[%s]",
-                    ClassName, pszComponentID, strData.c_str());
+                    CLASS_NAME, pszComponentID, strData.c_str());
         return;
     }
     const char* pszIp = stInfo.strServerIp.c_str();
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_connect Begin strIp[%s] wPort[%d] stComponentID[%s]",
-                ClassName, pszIp, stInfo.wPort, pszComponentID);
+                CLASS_NAME, pszIp, stInfo.wPort, pszComponentID);
     const int iRet = pfnConnect(pszIp, stInfo.wPort);
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback plugin_connect End iRet[%d] strIp[%s] wPort[%d] "
                 "stComponentID[%s]",
-                ClassName, iRet, pszIp, stInfo.wPort, pszComponentID);
+                CLASS_NAME, iRet, pszIp, stInfo.wPort, pszComponentID);
 }
 
 void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const Message& stMessage) {
@@ -127,15 +127,15 @@ void CqxpmaintReceive::OnAgentDisconnect(PluginInitParam& stInit, const Message&
     if (!pfnDisconnect) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error plugin_disconnect is NULL stComponentID[%s]",
-                    ClassName, pszComponentID);
+                    CLASS_NAME, pszComponentID);
         return;
     }
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
-                "qxpadapterplugin %s::ReceiveCallback plugin_disconnect Begin stComponentID[%s]", ClassName,
+                "qxpadapterplugin %s::ReceiveCallback plugin_disconnect Begin stComponentID[%s]", CLASS_NAME,
                 pszComponentID);
     const int iRet = pfnDisconnect();
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
-                "qxpadapterplugin %s::ReceiveCallback plugin_disconnect End iRet[%d] stComponentID[%s]", ClassName,
+                "qxpadapterplugin %s::ReceiveCallback plugin_disconnect End iRet[%d] stComponentID[%s]", CLASS_NAME,
                 iRet, pszComponentID);
 }
 
@@ -145,7 +145,7 @@ void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const Message& st
     if (!pfnNotify) {
         ADAPTER_LOG(ADAPTER_LOG_ERROR, "ReceiveCallback",
                     "**qxpadapterplugin %s::ReceiveCallback Error notify_mgr_to_plugin is NULL stComponentID[%s]",
-                    ClassName, pszComponentID);
+                    CLASS_NAME, pszComponentID);
         return;
     }
     const auto entry = msg_type_registry.find(stMessage.i64MsgType);
@@ -153,7 +153,7 @@ void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const Message& st
         ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error not find i64MsgType[%ld] uiDataLength[%u] "
                     "stComponentID[%s]",
-                    ClassName, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID);
+                    CLASS_NAME, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID);
         return;
     }
     const CPString strMsg = stMessage.Body();
@@ -165,16 +165,16 @@ void CqxpmaintReceive::OnNotification(PluginInitParam& stInit, const Message& st
         ADAPTER_LOG(ADAPTER_LOG_WARN, "ReceiveCallback",
                     "*qxpadapterplugin %s::ReceiveCallback Error not find guid i64MsgType[%ld] uiDataLength[%u] "
                     "stComponentID[%s] strMsg[%s]",
-                    ClassName, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID, strMsg.c_str());
+                    CLASS_NAME, stMessage.i64MsgType, stMessage.uiDataLength, pszComponentID, strMsg.c_str());
         return;
     }
     const int iMsgType = static_cast<int>(stMessage.i64MsgType);
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback notify_mgr_to_plugin Begin i64MsgType[%ld][%d] "
                 "stComponentID[%s] strMsg[%s]",
-                ClassName, stMessage.i64MsgType, iMsgType, pszComponentID, strMsg.c_str());
+                CLASS_NAME, stMessage.i64MsgType, iMsgType, pszComponentID, strMsg.c_str());
     pfnNotify(iMsgType, strMsg.c_str());
     ADAPTER_LOG(ADAPTER_LOG_NOTICE, "ReceiveCallback",
                 "qxpadapterplugin %s::ReceiveCallback notify_mgr_to_plugin End i64MsgType[%ld][%d] stComponentID[%s]",
-                ClassName, stMessage.i64MsgType, iMsgType, pszComponentID);
+                CLASS_NAME, stMessage.i64MsgType, iMsgType, pszComponentID);
 }

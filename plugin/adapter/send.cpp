@@ -13,9 +13,9 @@
 
 namespace {
 
-constexpr char ClassName[] = "CqxpmaintMgr";
+constexpr char CLASS_NAME[] = "CqxpmaintMgr";
 
-constexpr unsigned int SendTimeOutMs = 60000;
+constexpr unsigned int SEND_TIME_OUT_MS = 60000;
 
 // The envelope, packed, numbers with the least significant byte first:
 //
@@ -23,14 +23,14 @@ constexpr unsigned int SendTimeOutMs = 60000;
 //   4  s32  caller's value        80  char[64]  second name, NUL-padded
 //   8  s32  second value         144  u32       length L of the text
 //  12  u32  zero                 148  text and one NUL, L + 1 bytes
-constexpr size_t TypeOffset = 0;
-constexpr size_t Value4Offset = 4;
-constexpr size_t Value8Offset = 8;
-constexpr size_t Name1Offset = 16;
-constexpr size_t Name2Offset = 80;
-constexpr size_t NameLimit = 63;
-constexpr size_t LengthOffset = 144;
-constexpr size_t TextOffset = 148;
+constexpr size_t TYPE_OFFSET = 0;
+constexpr size_t VALUE4_OFFSET = 4;
+constexpr size_t VALUE8_OFFSET = 8;
+constexpr size_t NAME1_OFFSET = 16;
+constexpr size_t NAME2_OFFSET = 80;
+constexpr size_t NAME_LIMIT = 63;
+constexpr size_t LENGTH_OFFSET = 144;
+constexpr size_t TEXT_OFFSET = 148;
 
 void PutU32(unsigned char* pTarget, uint32_t uValue) {
     for (int i = 0; i < 4; ++i) {
@@ -44,7 +44,7 @@ void PutText(unsigned char* pTarget, std::string_view text) {
 
 int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
                  int value8, std::string_view json) {
-    const size_t uSize = TextOffset + json.size() + 1;
+    const size_t uSize = TEXT_OFFSET + json.size() + 1;
     if (json.empty() || uSize > std::numeric_limits<uint32_t>::max()) {
         return ADAPTER_E_INVALID_ARG;
     }
@@ -54,15 +54,15 @@ int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* nam
     }
 
     unsigned char* pBytes = pEnvelope.get();
-    PutU32(pBytes + TypeOffset, static_cast<uint32_t>(json_data_type));
-    PutU32(pBytes + Value4Offset, static_cast<uint32_t>(value4));
-    PutU32(pBytes + Value8Offset, static_cast<uint32_t>(value8));
+    PutU32(pBytes + TYPE_OFFSET, static_cast<uint32_t>(json_data_type));
+    PutU32(pBytes + VALUE4_OFFSET, static_cast<uint32_t>(value4));
+    PutU32(pBytes + VALUE8_OFFSET, static_cast<uint32_t>(value8));
     if (*name1 && *name2) {
-        PutText(pBytes + Name1Offset, {name1, strnlen(name1, NameLimit)});
-        PutText(pBytes + Name2Offset, {name2, strnlen(name2, NameLimit)});
+        PutText(pBytes + NAME1_OFFSET, {name1, strnlen(name1, NAME_LIMIT)});
+        PutText(pBytes + NAME2_OFFSET, {name2, strnlen(name2, NAME_LIMIT)});
     }
-    PutU32(pBytes + LengthOffset, static_cast<uint32_t>(json.size()));
-    PutText(pBytes + TextOffset, json);
+    PutU32(pBytes + LENGTH_OFFSET, static_cast<uint32_t>(json.size()));
+    PutText(pBytes + TEXT_OFFSET, json);
 
     // In storage that nothing destroys: the plugin's threads may send while the process exits, and the host answer.
     alignas(CLogCacheAsynCallback) static unsigned char s_storage[sizeof(CLogCacheAsynCallback)];
@@ -70,7 +70,7 @@ int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* nam
     unsigned long ulOut = 0;
     // The envelope is freed on return: SendAsync copies it.
     return endPoint.SendAsync(ParseGuid(MGR_COMPONENT_ID), MSG_TYPE_JSON_COMBO, pBytes,
-                              static_cast<unsigned int>(uSize), s_pCompletionSink, nullptr, &ulOut, SendTimeOutMs);
+                              static_cast<unsigned int>(uSize), s_pCompletionSink, nullptr, &ulOut, SEND_TIME_OUT_MS);
 }
 
 bool IsJsonDataType(int json_data_type) {
@@ -94,20 +94,20 @@ int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, co
                                    const unsigned char* data, unsigned int len) try {
     if (!data || len == 0 || !*data) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", ClassName,
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", CLASS_NAME,
                     static_cast<const void*>(data), static_cast<int>(len));
         return -1;
     }
     const CqxpmaintMgr* pAdapterMgr = Instance();
     if (!pAdapterMgr) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", ClassName);
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", CLASS_NAME);
         return -1;
     }
     IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
     if (!IsJsonDataType(json_data_type)) {
         ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", ClassName, json_data_type);
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", CLASS_NAME, json_data_type);
         return -1;
     }
     if (!pEndPoint) {

@@ -30,13 +30,13 @@ unsigned int PolicyType(const CPString& strCommand) {
     return 0;
 }
 
-enum class EAccepted { Accepted, Refused, NoManager };
+enum class EAcceptance { ACCEPTED, REFUSED, NO_MANAGER };
 
 // Unless it is accepted, strID and strCommand hold what could be read of it.
-EAccepted AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString& strID, CPString& strCommand) {
+EAcceptance AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPString& strID, CPString& strCommand) {
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv empty msg");
-        return EAccepted::Refused;
+        return EAcceptance::REFUSED;
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint recv msg:%s", pJsonData);
     {
@@ -45,36 +45,36 @@ EAccepted AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, CPS
         if (!json.LoadBuffer(pJsonData)) {
             QXLogPrint(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                        "qxpmaint CMaintMgr::SetPolicy LoadBuffer Error pJsonData[%s]", pJsonData);
-            return EAccepted::Refused;
+            return EAcceptance::REFUSED;
         }
         void* pID = json.GetNode(nullptr, "ID");
         if (!pID) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode ID Error");
-            return EAccepted::Refused;
+            return EAcceptance::REFUSED;
         }
         strID = CPString(json.GetValue(pID).c_str());  // up to a NUL
         if (strID.empty()) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__, "qxpmaint CMaintMgr::SetPolicy ID is NULL");
-            return EAccepted::Refused;
+            return EAcceptance::REFUSED;
         }
         void* pCommand = json.GetNode(nullptr, "Command");
         if (!pCommand) {
             QXLogPrintStr(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,
                           "qxpmaint CMaintMgr::SetPolicy GetNode Command Error");
-            return EAccepted::Refused;
+            return EAcceptance::REFUSED;
         }
         strCommand = CPString(json.GetValue(pCommand).c_str());
     }
     const unsigned int dwPolicyType = PolicyType(strCommand);
     if (dwPolicyType == 0) {
-        return EAccepted::Refused;
+        return EAcceptance::REFUSED;
     }
     if (!maintMgr) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint recv msg pMaintMgr is NULL");
-        return EAccepted::NoManager;
+        return EAcceptance::NO_MANAGER;
     }
-    return maintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0 ? EAccepted::Accepted : EAccepted::Refused;
+    return maintMgr->SetPolicy(pJsonData, strID, dwPolicyType) != 0 ? EAcceptance::ACCEPTED : EAcceptance::REFUSED;
 }
 
 void SendRefusal(const CPString& strID, const CPString& strCommand) {
@@ -106,9 +106,9 @@ int plugin_recv_handler(const char* pJsonData) {
     const CMaintMgrUse maintMgr = CMaintMgr::Use();  // to the end: an uninit waits for the refusal as well
     CPString strID;
     CPString strCommand;
-    EAccepted eTaken = EAccepted::Refused;
-    Attempt(RECV_FUNCTION, [&] { eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand); });
-    if (eTaken != EAccepted::Accepted) {
+    EAcceptance eAcceptance = EAcceptance::REFUSED;
+    Attempt(RECV_FUNCTION, [&] { eAcceptance = AcceptCommand(maintMgr, pJsonData, strID, strCommand); });
+    if (eAcceptance != EAcceptance::ACCEPTED) {
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     }
     return 0;
@@ -118,11 +118,11 @@ bool AcceptPolicyFile(const char* pJsonData) {
     const CMaintMgrUse maintMgr = CMaintMgr::Use();
     CPString strID;
     CPString strCommand;
-    const EAccepted eTaken = AcceptCommand(maintMgr, pJsonData, strID, strCommand);
-    if (eTaken == EAccepted::Refused) {
+    const EAcceptance eAcceptance = AcceptCommand(maintMgr, pJsonData, strID, strCommand);
+    if (eAcceptance == EAcceptance::REFUSED) {
         Attempt(RECV_FUNCTION, [&] { SendRefusal(strID, strCommand); });
     }
-    return eTaken != EAccepted::NoManager;
+    return eAcceptance != EAcceptance::NO_MANAGER;
 }
 
 int connect(const char* pszHost, int iPort) {

@@ -55,16 +55,16 @@ void LayOutDirectories() {
     CMainTTool::RecursiveCreateDir(g_szResultFilePath);
 }
 
-enum class ERegistration { Done, DoneBefore, InvalidParameters, UnreadableConfiguration };
+enum class ERegistration { DONE, DONE_BEFORE, INVALID_PARAMETERS, UNREADABLE_CONFIGURATION };
 
 // The part of init that runs under g_InitLock.
 ERegistration RegisterCallbacks(PluginInitParam* pParam) {
     const CMaintLockGuard lock(g_InitLock);
     if (g_bInited) {
-        return ERegistration::DoneBefore;
+        return ERegistration::DONE_BEFORE;
     }
     if (!pParam || !pParam->send_to_mgr || !pParam->notify_to_mgr) {
-        return ERegistration::InvalidParameters;
+        return ERegistration::INVALID_PARAMETERS;
     }
     if (!analyze_set_init_kv(pParam->kv)) {
         LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint qxpmaint_init analyze_set_init_kv error kv[%s]", OrEmpty(pParam->kv));
@@ -72,7 +72,7 @@ ERegistration RegisterCallbacks(PluginInitParam* pParam) {
     if (g_szConfPath[0] && ini_parse(g_szConfPath, qxpmaint_ini_parse_handler, nullptr) != 0) {
         LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint qxpmaint_init qxpmaint_ini_parse_handler error g_szConfPath[%s]",
                   g_szConfPath);
-        return ERegistration::UnreadableConfiguration;
+        return ERegistration::UNREADABLE_CONFIGURATION;
     }
     g_bInited = true;
     g_qxpmaint_send_to_mgr = pParam->send_to_mgr;
@@ -82,7 +82,7 @@ ERegistration RegisterCallbacks(PluginInitParam* pParam) {
     std::atomic_ref(pParam->plugin_connect).store(CallConnect);
     std::atomic_ref(pParam->plugin_disconnect).store(disconnect);
     std::atomic_ref(pParam->notify_mgr_to_plugin).store(notify_mgr_to_plugin);
-    return ERegistration::Done;
+    return ERegistration::DONE;
 }
 
 // False when there was nothing to undo. Without a block the handlers stay in it, which is the adapter's to clear.
@@ -161,15 +161,15 @@ int qxpmaint_ini_parse_handler(void* /*pUser*/, const char* pszSection, const ch
 int qxpmaint_init(PluginInitParam* pParam) {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint init in");
     switch (RegisterCallbacks(pParam)) {
-        case ERegistration::Done:
+        case ERegistration::DONE:
             break;
-        case ERegistration::DoneBefore:
+        case ERegistration::DONE_BEFORE:
             LogPrintC(QXPMAINT_MODULE, 2, "*qxpmaint init what??");
             return 0;
-        case ERegistration::InvalidParameters:
+        case ERegistration::INVALID_PARAMETERS:
             LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint init params invalid");
             return -1;
-        case ERegistration::UnreadableConfiguration:
+        case ERegistration::UNREADABLE_CONFIGURATION:
             return -2;
     }
     try {

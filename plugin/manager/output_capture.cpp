@@ -21,9 +21,9 @@ CChunkReader::EState CChunkReader::Next(std::string_view& chunk) {
     if (pNewline || m_uChunk == CHUNK_LIMIT || (m_bEnded && m_uChunk != 0)) {
         m_bHandedOut = true;
         chunk = {m_szChunk, m_uChunk};
-        return EState::Chunk;
+        return EState::CHUNK;
     }
-    return m_bEnded ? EState::End : EState::NeedData;
+    return m_bEnded ? EState::END : EState::NEED_DATA;
 }
 
 void CChunkReader::Fill(int iDescriptor) {

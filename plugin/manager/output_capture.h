@@ -9,7 +9,7 @@
 /// including a newline. A chunk is complete only then or at the end of the output, however the bytes arrive.
 class CChunkReader {
 public:
-    enum class EState { Chunk, NeedData, End };
+    enum class EState { CHUNK, NEED_DATA, END };
 
     /// Chunk: the next chunk is in chunk, valid until the next call. NeedData: call Fill once the descriptor is
     /// readable. End: the output has ended, by its end or a read error.

@@ -47,7 +47,7 @@ void CRunThread::Begin() {
     {
         const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
         if (m_spControl->iStopFlag) {
-            m_ePhase = EPhase::Over;
+            m_ePhase = EPhase::OVER;
             return;
         }
         m_pRunData->piStopFlag = &m_spControl->iStopFlag;
@@ -63,18 +63,18 @@ void CRunThread::Begin() {
 
 bool CRunThread::Step() {
     switch (m_ePhase) {
-        case EPhase::Reading:
+        case EPhase::READING:
             TestPoint("run reading");
             m_ePhase = ReadStep();
             break;
-        case EPhase::WaitingForExit:
+        case EPhase::WAITING_FOR_EXIT:
             TestPoint("run waiting");
             m_ePhase = WaitStep();
             break;
-        case EPhase::Over:
+        case EPhase::OVER:
             break;
     }
-    return m_ePhase != EPhase::Over;
+    return m_ePhase != EPhase::OVER;
 }
 
 CRunThread::EPhase CRunThread::ReadStep() {
@@ -82,29 +82,29 @@ CRunThread::EPhase CRunThread::ReadStep() {
         return LeaveReading();
     }
     if (StopRequested()) {
-        return EPhase::Over;
+        return EPhase::OVER;
     }
     if (!m_spControl->Child.Stream()) {
-        return EPhase::Over;
+        return EPhase::OVER;
     }
     std::string_view chunk;
     const CChunkReader::EState eState = m_Reader.Next(chunk);
-    m_bChunkBegins = eState == CChunkReader::EState::Chunk;
-    if (eState == CChunkReader::EState::Chunk) {
+    m_bChunkBegins = eState == CChunkReader::EState::CHUNK;
+    if (eState == CChunkReader::EState::CHUNK) {
         StoreChunk(chunk);
-    } else if (eState == CChunkReader::EState::NeedData) {
+    } else if (eState == CChunkReader::EState::NEED_DATA) {
         WaitForOutput();
     }
-    return eState == CChunkReader::EState::End ? EPhase::WaitingForExit : EPhase::Reading;
+    return eState == CChunkReader::EState::END ? EPhase::WAITING_FOR_EXIT : EPhase::READING;
 }
 
 // Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
 CRunThread::EPhase CRunThread::LeaveReading() {
     if (!m_spControl->Child.Stream()) {
-        return EPhase::Over;
+        return EPhase::OVER;
     }
     CloseReadEnd(m_spControl->Child.Stream(), m_spControl->WakeDescriptor());
-    return EPhase::WaitingForExit;
+    return EPhase::WAITING_FOR_EXIT;
 }
 
 void CRunThread::StoreChunk(std::string_view chunk) {
@@ -128,7 +128,7 @@ void CRunThread::WaitForOutput() {
 CRunThread::EPhase CRunThread::WaitStep() {
     CRunControl& control = *m_spControl;
     if (StopRequested()) {
-        return EPhase::Over;
+        return EPhase::OVER;
     }
     control.Child.FindAgain();
     // Of a child that is not known nothing tells the exit but the close of its stream, which nothing could wake.
@@ -136,10 +136,10 @@ CRunThread::EPhase CRunThread::WaitStep() {
         CRunControl::CloseStream(m_spControl);
     }
     if (control.bChildReaped || control.Child.HasExited()) {
-        return EPhase::Over;
+        return EPhase::OVER;
     }
     control.Child.WaitExit(control.WakeDescriptor(), WAIT_TICK_MS);
-    return EPhase::WaitingForExit;
+    return EPhase::WAITING_FOR_EXIT;
 }
 
 bool CRunThread::StopRequested() {
@@ -207,15 +207,15 @@ void CRunThread::EndProcesses(CRunControl& control, std::chrono::milliseconds gr
     CMaintMgr& mgr = control.Mgr;
     const int iPid = control.Child.Identity().iPid;
     switch (CProcessTree(control.Child, mgr.m_ProcReader, mgr.m_ProcessScan).End(grace)) {
-        case CProcessTree::EEnd::Gone:
+        case CProcessTree::EEnd::GONE:
             break;
-        case CProcessTree::EEnd::Left:
+        case CProcessTree::EEnd::LEFT:
             Attempt("RunScriptThread", [&] {
                 QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
                            "*qxpmaint CMaintMgr::RunScriptThread processes left of pid[%d]", iPid);
             });
             break;
-        case CProcessTree::EEnd::Unknown:
+        case CProcessTree::EEnd::UNKNOWN:
             Attempt("RunScriptThread", [&] {
                 QXLogPrint(3, MAINT_LOG_SOURCE, "RunScriptThread", __LINE__,
                            "*qxpmaint CMaintMgr::RunScriptThread processes may be left of pid[%d], they could not be "

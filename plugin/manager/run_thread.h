@@ -38,7 +38,7 @@ public:
     static void CloseStream(const std::shared_ptr<CRunControl>& spControl);
 
 private:
-    enum class EPhase { Reading, WaitingForExit, Over };
+    enum class EPhase { READING, WAITING_FOR_EXIT, OVER };
 
     void Begin();
     EPhase ReadStep();
@@ -53,7 +53,7 @@ private:
     CMaintMgr& m_Mgr;
     _RunScriptData* const m_pRunData;
     const std::shared_ptr<CRunControl> m_spControl;
-    EPhase m_ePhase = EPhase::Reading;
+    EPhase m_ePhase = EPhase::READING;
     bool m_bAbandoned = false;
     bool m_bProcessesEnded = false;
     bool m_bChunkBegins = true;

@@ -109,7 +109,7 @@ pid_t CChildProcess::FindByPipe() {
     for (const pid_t iPid : pids) {
         ProcessStat stat;
         if (CProcReader::HasPipeAt(iPid, STDOUT_FILENO, m_strPipe) &&
-            m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::Done && stat.iParent == getpid()) {
+            m_Reader.ReadStat(iPid, stat) == CProcReader::ERead::DONE && stat.iParent == getpid()) {
             return iPid;
         }
     }
@@ -120,7 +120,7 @@ pid_t CChildProcess::FindByPipe() {
 // nobody else, so its number stays its own in between, and it also does without a pidfd.
 bool CChildProcess::Accept(pid_t iPid) {
     ProcessStat stat;
-    if (iPid <= 0 || m_Reader.ReadStat(iPid, stat) != CProcReader::ERead::Done || stat.iParent != getpid() ||
+    if (iPid <= 0 || m_Reader.ReadStat(iPid, stat) != CProcReader::ERead::DONE || stat.iParent != getpid() ||
         stat.stIdentity.u64StartTime < m_u64LaunchTime) {
         return false;
     }

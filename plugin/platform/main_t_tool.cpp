@@ -122,8 +122,8 @@ unsigned long CMainTTool::MaintGetTickCount() {
 }
 
 unsigned long CMainTTool::GetDiffCount(unsigned long ulStart, unsigned long ulEnd) {
-    constexpr unsigned long ulTickRange = 4294967296UL;
-    return ulEnd >= ulStart ? ulEnd - ulStart : ulEnd - ulStart + ulTickRange;
+    constexpr unsigned long TICK_RANGE = 4294967296UL;
+    return ulEnd >= ulStart ? ulEnd - ulStart : ulEnd - ulStart + TICK_RANGE;
 }
 
 void* CMainTTool::MaintCreateEvent(void* pAttributes, int iManualReset, int iInitiallySet, const char* pszName) {
@@ -245,11 +245,11 @@ bool CMainTTool::RecursiveCreateDir(const char* pszPath) {
     if (!RecursiveCreateDir(strParent.c_str())) {
         return false;
     }
-    constexpr mode_t uMode = 0755;
-    if (mkdir(pszPath, uMode) != 0) {
+    constexpr mode_t DIRECTORY_MODE = 0755;
+    if (mkdir(pszPath, DIRECTORY_MODE) != 0) {
         return false;
     }
     // mkdir leaves out what the umask masks; the umask is the host's and stays as it is.
-    chmod(pszPath, uMode);
+    chmod(pszPath, DIRECTORY_MODE);
     return true;
 }

@@ -41,7 +41,7 @@ public:
 
     static ERead FailureOf(int iError) {
         const bool bGone = iError == ENOENT || iError == ESRCH || iError == EACCES || iError == EPERM;
-        return bGone ? ERead::Gone : ERead::Failed;
+        return bGone ? ERead::GONE : ERead::FAILED;
     }
 
 private:
@@ -153,7 +153,7 @@ CProcReader::ERead CProcReader::ReadStat(pid_t iPid, ProcessStat& stat) {
         return COpened::FailureOf(errno);
     }
     stat.stIdentity.iPid = iPid;
-    return iRead > 0 && ParseStat(szStat, stat) ? ERead::Done : ERead::Gone;
+    return iRead > 0 && ParseStat(szStat, stat) ? ERead::DONE : ERead::GONE;
 }
 
 bool CProcReader::ListProcesses(std::vector<pid_t>& pids) {
@@ -196,11 +196,11 @@ CProcReader::ERead CProcReader::IsOpenForWriting(pid_t iPid, int iDescriptor, bo
     }
     const char* pszFlags = strstr(szInfo, "flags:");
     if (!pszFlags) {
-        return ERead::Gone;
+        return ERead::GONE;
     }
     const unsigned long uMode = strtoul(pszFlags + strlen("flags:"), nullptr, 8) & O_ACCMODE;
     bWriting = uMode == O_WRONLY || uMode == O_RDWR;
-    return ERead::Done;
+    return ERead::DONE;
 }
 
 CProcReader::ERead CProcReader::FindWrittenPipes(pid_t iPid, const std::vector<std::string>& sortedPipes,
@@ -225,17 +225,17 @@ CProcReader::ERead CProcReader::FindWrittenPipes(pid_t iPid, const std::vector<s
         }
         bool bWriting = false;
         const ERead eRead = IsOpenForWriting(iPid, iDescriptor, bWriting);
-        if (eRead == ERead::Failed) {
+        if (eRead == ERead::FAILED) {
             return eRead;
         }
-        if (eRead == ERead::Done) {
+        if (eRead == ERead::DONE) {
             (bWriting ? found : alsoRead).push_back(*pipe);
         }
     }
     std::erase_if(found, [&](const std::string& strPipe) {
         return std::find(alsoRead.begin(), alsoRead.end(), strPipe) != alsoRead.end();
     });
-    return ERead::Done;
+    return ERead::DONE;
 }
 
 std::string CProcReader::PipeName(int iDescriptor) {

@@ -38,7 +38,7 @@ struct ProcessStat {
 /// no other left. Any thread.
 class CProcReader {
 public:
-    enum class ERead { Done, Gone, Failed };
+    enum class ERead { DONE, GONE, FAILED };
 
     CProcReader();
 

@@ -68,7 +68,7 @@ std::shared_ptr<const ProcessSnapshot> CProcessScan::Scan(const Request* pReques
     for (const pid_t iPid : pids) {
         ProcessStat stat;
         CProcReader::ERead eRead = m_Reader.ReadStat(iPid, stat);
-        if (eRead == CProcReader::ERead::Done) {
+        if (eRead == CProcReader::ERead::DONE) {
             spSnapshot->processes.push_back(stat);
             // Nothing older than a run's child is part of its run, and this spares most processes the costly look.
             if (!pipes.empty() && stat.stIdentity.u64StartTime >= u64Since && iPid != getpid()) {
@@ -79,7 +79,7 @@ std::shared_ptr<const ProcessSnapshot> CProcessScan::Scan(const Request* pReques
                 }
             }
         }
-        if (eRead == CProcReader::ERead::Failed) {
+        if (eRead == CProcReader::ERead::FAILED) {
             spSnapshot->bComplete = false;
         }
     }

@@ -90,19 +90,19 @@ bool CProcessTree::Collect() try {
 CProcessTree::EEnd CProcessTree::Look() {
     const bool bComplete = Collect();
     if (!m_Alive.empty() || (m_Child.IsKnown() && !m_Child.HasExited())) {
-        return EEnd::Left;
+        return EEnd::LEFT;
     }
-    return bComplete && m_Child.IsKnown() && !m_Child.PipeName().empty() ? EEnd::Gone : EEnd::Unknown;
+    return bComplete && m_Child.IsKnown() && !m_Child.PipeName().empty() ? EEnd::GONE : EEnd::UNKNOWN;
 }
 
 bool CProcessTree::IsAlive(const ProcessIdentity& stIdentity) {
     ProcessStat stat;
     switch (m_Reader.ReadStat(stIdentity.iPid, stat)) {
-        case CProcReader::ERead::Done:
+        case CProcReader::ERead::DONE:
             return stat.stIdentity == stIdentity && !stat.HasEnded();
-        case CProcReader::ERead::Gone:
+        case CProcReader::ERead::GONE:
             return false;
-        case CProcReader::ERead::Failed:
+        case CProcReader::ERead::FAILED:
             break;
     }
     return true;  // for all that is known
@@ -115,11 +115,11 @@ bool CProcessTree::SignalProcess(const ProcessIdentity& stIdentity, int iSignal)
     const CUniqueDescriptor pidFd = OpenPidFd(stIdentity.iPid);
     ProcessStat stat;
     const CProcReader::ERead eRead = m_Reader.ReadStat(stIdentity.iPid, stat);
-    if (eRead == CProcReader::ERead::Done && stat.stIdentity == stIdentity &&
+    if (eRead == CProcReader::ERead::DONE && stat.stIdentity == stIdentity &&
         (!pidFd || !SignalPidFd(pidFd, iSignal))) {
         kill(stIdentity.iPid, iSignal);
     }
-    return eRead != CProcReader::ERead::Failed;
+    return eRead != CProcReader::ERead::FAILED;
 }
 
 void CProcessTree::Signal(int iSignal) {
@@ -150,7 +150,7 @@ void CProcessTree::WaitGone(milliseconds time) {
 // stopped; so a look more must find all as they were. The kernel may take its time over a process in an uninterruptible
 // wait, or need another one to be continued for it (vfork): it is waited for within limits.
 CProcessTree::EEnd CProcessTree::Freeze() {
-    EEnd eEnd = EEnd::Unknown;
+    EEnd eEnd = EEnd::UNKNOWN;
     int iFailures = 0;
     int iQuietLooks = 0;      // in a row, at which all were stopped already
     m_Child.Signal(SIGSTOP);  // at once: it is the one that is known without a look
@@ -160,8 +160,8 @@ CProcessTree::EEnd CProcessTree::Freeze() {
         }
         eEnd = Look();
         const EStop eStop = StopAll();
-        iFailures += eEnd == EEnd::Unknown || eStop == EStop::Failed ? 1 : 0;
-        iQuietLooks = eEnd != EEnd::Unknown && eStop == EStop::AllStopped ? iQuietLooks + 1 : 0;
+        iFailures += eEnd == EEnd::UNKNOWN || eStop == EStop::FAILED ? 1 : 0;
+        iQuietLooks = eEnd != EEnd::UNKNOWN && eStop == EStop::ALL_STOPPED ? iQuietLooks + 1 : 0;
     }
     return eEnd;
 }
@@ -186,17 +186,17 @@ CProcessTree::EStop CProcessTree::StopAll() {
     }
     m_iLooksLeft -= bUninterruptible ? 1 : 0;
     if (bFailed) {
-        return EStop::Failed;
+        return EStop::FAILED;
     }
-    return bAllStopped ? EStop::AllStopped : EStop::NotYet;
+    return bAllStopped ? EStop::ALL_STOPPED : EStop::NOT_YET;
 }
 
 CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
     const auto deadline = steady_clock::now() + grace;
-    EEnd eEnd = EEnd::Unknown;
+    EEnd eEnd = EEnd::UNKNOWN;
     if (grace.count() > 0) {
         eEnd = Freeze();
-        while (eEnd != EEnd::Gone) {
+        while (eEnd != EEnd::GONE) {
             Signal(SIGTERM);
             Signal(SIGCONT);
             const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
@@ -208,7 +208,7 @@ CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
         }
         m_Frozen.clear();
     }
-    for (int iRound = 0; iRound < KILL_ROUNDS && eEnd != EEnd::Gone; ++iRound) {
+    for (int iRound = 0; iRound < KILL_ROUNDS && eEnd != EEnd::GONE; ++iRound) {
         Freeze();
         Signal(SIGKILL);
         WaitGone(KILL_ROUND);

@@ -13,9 +13,9 @@ class CProcessTree {
 public:
     /// What is known of the processes of a run after they were ended.
     enum class EEnd {
-        Gone,
-        Left,     ///< Some could not be ended.
-        Unknown,  ///< They could not be looked for: some may be left.
+        GONE,
+        LEFT,     ///< Some could not be ended.
+        UNKNOWN,  ///< They could not be looked for: some may be left.
     };
 
     /// The child must outlive this. Of one that is not known, holders of the pipe alone are ended.
@@ -28,9 +28,9 @@ public:
 
 private:
     enum class EStop {
-        AllStopped,  ///< before this
-        NotYet,
-        Failed,  ///< Some could not be signalled, because they could not be looked at.
+        ALL_STOPPED,  ///< before this
+        NOT_YET,
+        FAILED,  ///< Some could not be signalled, because they could not be looked at.
     };
 
     EEnd Look();

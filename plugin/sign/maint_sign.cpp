@@ -19,16 +19,16 @@
 namespace {
 
 // A signature of the plugin's own form: the mark, least significant byte first, then the RSA block.
-constexpr uint32_t MaintSignMark = 0x1001;
-constexpr uint32_t MarkSize = 4;
-constexpr uint32_t BlockSize = 128;
-constexpr uint32_t SignSize = MarkSize + BlockSize;
-constexpr uint32_t MarkDigits = 2 * MarkSize;
-constexpr uint32_t SignDigits = 2 * SignSize;
+constexpr uint32_t MAINT_SIGN_MARK = 0x1001;
+constexpr uint32_t MARK_SIZE = 4;
+constexpr uint32_t BLOCK_SIZE = 128;
+constexpr uint32_t SIGN_SIZE = MARK_SIZE + BLOCK_SIZE;
+constexpr uint32_t MARK_DIGITS = 2 * MARK_SIZE;
+constexpr uint32_t SIGN_DIGITS = 2 * SIGN_SIZE;
 /// Where the digest lies in the message that the public-key operation gives back.
-constexpr uint32_t DigestOffset = 1;
+constexpr uint32_t DIGEST_OFFSET = 1;
 /// The longest signature text and the longest script, 50 MiB each.
-constexpr uint32_t MaxSize = 52428800;
+constexpr uint32_t MAX_SIZE = 52428800;
 
 struct CBignumFree {
     void operator()(BIGNUM* pNumber) const { BN_free(pNumber); }
@@ -48,7 +48,7 @@ public:
     CErrorQueueScope& operator=(const CErrorQueueScope&) = delete;
 };
 
-uint32_t ReadMark(const unsigned char (&mark)[MarkSize]) {
+uint32_t ReadMark(const unsigned char (&mark)[MARK_SIZE]) {
     return mark[0] | uint32_t{mark[1]} << 8 | uint32_t{mark[2]} << 16 | uint32_t{mark[3]} << 24;
 }
 
@@ -92,47 +92,47 @@ bool CMaintSign::VerifySignContent(const char* pszSign, const char* pszContent) 
 }
 
 bool CMaintSign::VerifySignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pszSign || !pData || uLength == 0 || strnlen(pszSign, MarkDigits + 1) <= MarkDigits) {
+    if (!pszSign || !pData || uLength == 0 || strnlen(pszSign, MARK_DIGITS + 1) <= MARK_DIGITS) {
         return false;
     }
-    unsigned char mark[MarkSize] = {};
-    if (Hex2Bin(pszSign, MarkDigits, mark, MarkSize) <= 0) {
+    unsigned char mark[MARK_SIZE] = {};
+    if (Hex2Bin(pszSign, MARK_DIGITS, mark, MARK_SIZE) <= 0) {
         return false;
     }
-    if (ReadMark(mark) == MaintSignMark) {
+    if (ReadMark(mark) == MAINT_SIGN_MARK) {
         return VerifyMaintSignContent(pszSign, pData, uLength) == 0;
     }
     return qxchksign_buffer(pszSign, pData, uLength) == 0;
 }
 
 int CMaintSign::VerifyMaintSignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pData || uLength == 0 || uLength > MaxSize || !pszSign) {
+    if (!pData || uLength == 0 || uLength > MAX_SIZE || !pszSign) {
         return -1;
     }
-    const size_t uDigits = strnlen(pszSign, size_t{MaxSize} + 1);
-    if (uDigits < SignDigits || uDigits > MaxSize) {
-        return -1;
-    }
-
-    unsigned char sign[SignSize] = {};
-    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, SignSize) != static_cast<int>(SignSize)) {
-        return -1;
-    }
-    unsigned char mark[MarkSize];
-    std::copy_n(sign, MarkSize, mark);
-    if (ReadMark(mark) != MaintSignMark) {
+    const size_t uDigits = strnlen(pszSign, size_t{MAX_SIZE} + 1);
+    if (uDigits < SIGN_DIGITS || uDigits > MAX_SIZE) {
         return -1;
     }
 
-    unsigned char message[BlockSize] = {};
-    if (RsaPublicDecrypt(sign + MarkSize, message) != static_cast<int>(BlockSize)) {
+    unsigned char sign[SIGN_SIZE] = {};
+    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, SIGN_SIZE) != static_cast<int>(SIGN_SIZE)) {
+        return -1;
+    }
+    unsigned char mark[MARK_SIZE];
+    std::copy_n(sign, MARK_SIZE, mark);
+    if (ReadMark(mark) != MAINT_SIGN_MARK) {
+        return -1;
+    }
+
+    unsigned char message[BLOCK_SIZE] = {};
+    if (RsaPublicDecrypt(sign + MARK_SIZE, message) != static_cast<int>(BLOCK_SIZE)) {
         return -1;
     }
     unsigned char digest[SHA256_DIGEST_LENGTH] = {};
     if (!Sha256Hash(pData, uLength, digest)) {
         return -1;
     }
-    return memcmp(digest, message + DigestOffset, sizeof(digest)) == 0 ? 0 : -1;
+    return memcmp(digest, message + DIGEST_OFFSET, sizeof(digest)) == 0 ? 0 : -1;
 }
 
 int CMaintSign::RsaPublicDecrypt(const unsigned char* pInput, unsigned char* pOutput) {
@@ -146,7 +146,7 @@ int CMaintSign::RsaPublicDecrypt(const unsigned char* pInput, unsigned char* pOu
     }
     const int iSize = RSA_size(pKey.get());
     // The build takes no key of another size; a larger one would run over the caller's buffers.
-    if (iSize <= 0 || iSize > static_cast<int>(BlockSize)) {
+    if (iSize <= 0 || iSize > static_cast<int>(BLOCK_SIZE)) {
         return -1;
     }
     return RSA_public_decrypt(iSize, pInput, pOutput, pKey.get(), RSA_NO_PADDING);
@@ -196,11 +196,11 @@ int CMaintSign::Bin2Hex(const unsigned char* pData, uint32_t uLength, char* pOut
     if (!pData || !pOutput || uLength == 0 || uOutputSize < 2) {
         return 0;
     }
-    constexpr char szDigits[] = "0123456789ABCDEF";
+    constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
     const uint32_t uCount = std::min(uLength, uOutputSize / 2);
     for (uint32_t i = 0; i < uCount; ++i) {
-        *pOutput++ = szDigits[pData[i] >> 4];
-        *pOutput++ = szDigits[pData[i] & 0x0F];
+        *pOutput++ = HEX_DIGITS[pData[i] >> 4];
+        *pOutput++ = HEX_DIGITS[pData[i] & 0x0F];
     }
     return static_cast<int>(2 * uCount);
 }

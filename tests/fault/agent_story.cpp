@@ -48,8 +48,9 @@ std::string ReportText(size_t i, const std::string& script) {
 std::string Envelope(const std::string& text) {
     std::string bytes(kEnvelopeHeaderBytes, '\0');
     bytes[0] = 1;
-    for (size_t i = 0; i < 4; ++i)
+    for (size_t i = 0; i < 4; ++i) {
         bytes[144 + i] = static_cast<char>(text.size() >> (8 * i));
+    }
     return bytes + text + '\0';
 }
 
@@ -84,8 +85,9 @@ public:
     void Report(size_t i) {
         const std::string bytes = Envelope(ReportText(i, "a"));
         if (plugin_.SendAsync(kManagerId, kReportMessage, reinterpret_cast<const unsigned char*>(bytes.data()),
-                              static_cast<unsigned int>(bytes.size()), nullptr, nullptr, nullptr, 5000) == kBusOk)
+                              static_cast<unsigned int>(bytes.size()), nullptr, nullptr, nullptr, 5000) == kBusOk) {
             record_[i].reported = intake_.StoreWaiting() == 0;
+        }
     }
     void StoreFile(size_t i) {
         const std::string text = ReportText(i, "b");
@@ -94,8 +96,9 @@ public:
     }
     void Acknowledge(size_t i) {
         const auto reports = store_.ListReports({.id = Id(i), .source = ReportSource::kPlugin});
-        if (!reports.empty() && store_.Acknowledge({reports[0].cursor}) == 1)
+        if (!reports.empty() && store_.Acknowledge({reports[0].cursor}) == 1) {
             record_[i].acknowledged = true;
+        }
     }
     void Maintain() {
         store_.Probe();
@@ -107,8 +110,9 @@ public:
 
 private:
     static void Require(int status) {
-        if (status != kBusOk)
+        if (status != kBusOk) {
             throw std::runtime_error("the plugin is not on the bus");
+        }
     }
     void ReceiveCallback(const GUID&, long type, const unsigned char* data, unsigned int length, void* token,
                          void*) override {
@@ -145,20 +149,24 @@ public:
     Story() {
         keys_.AddKeyFile(QXPMAINT_TEST_PUBLIC_KEY);
         const qxpctl::Key signer = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
-        for (size_t i = 0; i < kCommands; ++i)
+        for (size_t i = 0; i < kCommands; ++i) {
             documents_[i] = MakePolicy(signer, Id(i), "RunScriptNormal",
                                        {{.id = "a", .body = "echo"}, {.id = "b", .body = std::string(9000, '#')}});
+        }
     }
 
     int Tell() {
         auto* arm = reinterpret_cast<unsigned (*)(int)>(dlsym(RTLD_DEFAULT, "qxp_faults_arm"));
-        if (arm)
+        if (arm) {
             arm(1);
+        }
         // What cannot begin is begun again, as a service manager does.
-        if (!Try([&] { Live(); }))
+        if (!Try([&] { Live(); })) {
             Try([&] { Live(); });
-        if (arm)
+        }
+        if (arm) {
             arm(0);
+        }
         try {
             Check();
         } catch (const std::exception& error) {
@@ -172,11 +180,13 @@ private:
         Life life(options_, keys_, record_);
         Try([&] { life.LoadOrphans(); });
         for (size_t i = 0; i < kCommands; ++i) {
-            if (record_[i].taken || record_[i].refused)
+            if (record_[i].taken || record_[i].refused) {
                 continue;
+            }
             Try([&] { life.Submit(i, documents_[i]); });
-            if (i == 0)
+            if (i == 0) {
                 continue;  // is never heard of
+            }
             Try([&] { life.Report(i); });
             Try([&] { life.StoreFile(i); });
             Try([&] { life.Acknowledge(i); });
@@ -186,39 +196,49 @@ private:
     }
 
     void Check() {
-        for (const auto& file : std::filesystem::directory_iterator(directory_.Path()))
-            if (file.path().string().find(".corrupt-") != std::string::npos)
+        for (const auto& file : std::filesystem::directory_iterator(directory_.Path())) {
+            if (file.path().string().find(".corrupt-") != std::string::npos) {
                 Complain(0, "the store was found to be damaged: " + file.path().filename().string());
+            }
+        }
         const Record before = record_;
         Life life(options_, keys_, record_);
         life.LoadOrphans();
         for (size_t i = 0; i < kCommands; ++i) {
             const auto command = life.store().FindCommand(Id(i));
-            if ((before[i].taken || before[i].handed_over != 0) && !command.has_value())
+            if ((before[i].taken || before[i].handed_over != 0) && !command.has_value()) {
                 Complain(i, "was acknowledged or handed over and is not in the journal");
-            if (command.has_value() && record_[i].handed_over != 0 && command->state == CommandState::kReceived)
+            }
+            if (command.has_value() && record_[i].handed_over != 0 && command->state == CommandState::kReceived) {
                 Complain(i, "was handed over and is journalled as if it had not been");
-            if (record_[i].handed_over > 1)
+            }
+            if (record_[i].handed_over > 1) {
                 Complain(i, "was handed over twice");
-            if (before[i].refused && record_[i].handed_over != 0)
+            }
+            if (before[i].refused && record_[i].handed_over != 0) {
                 Complain(i, "was handed over though its sender was told that it is not taken");
+            }
             CheckReport(life, i, ReportSource::kPlugin, before[i].reported, ReportText(i, "a"));
             CheckReport(life, i, ReportSource::kFile, before[i].file_stored, ReportText(i, "b"));
             const auto reports = life.store().ListReports({.id = Id(i), .source = ReportSource::kPlugin});
-            if (before[i].acknowledged && (reports.empty() || !reports[0].acknowledged.has_value()))
+            if (before[i].acknowledged && (reports.empty() || !reports[0].acknowledged.has_value())) {
                 Complain(i, "the acknowledgement of its report is lost");
+            }
         }
         life.End();
-        if (!life.store().IdsIn(CommandState::kDelivered).empty())
+        if (!life.store().IdsIn(CommandState::kDelivered).empty()) {
             Complain(0, "a command is left without a final state");
+        }
     }
 
     void CheckReport(Life& life, size_t i, ReportSource source, bool stored, const std::string& text) {
         const auto reports = life.store().ListReports({.id = Id(i), .source = source});
-        if (stored && (reports.empty() || reports[0].text != text))
+        if (stored && (reports.empty() || reports[0].text != text)) {
             Complain(i, "a report that was taken is lost or another");
-        if (reports.size() > 1)
+        }
+        if (reports.size() > 1) {
             Complain(i, "a report is there twice");
+        }
     }
 
     void Complain(size_t i, const std::string& what) {

@@ -88,15 +88,17 @@ const Function* Find(const std::string& fault) {
                .c_str(),
            1);
     // One check of undefined behaviour looks at memory through a pipe, and takes the want of one for a wrong object.
-    if (fault.starts_with("descriptors,"))
+    if (fault.starts_with("descriptors,")) {
         setenv("UBSAN_OPTIONS", "print_stacktrace=1:halt_on_error=0", 1);
+    }
     setenv("TMPDIR", directory.Path().c_str(), 1);
     setenv("QXP_FAULTS", fault.c_str(), 1);
     setenv("QXP_FAULT_OBJECTS", objects.c_str(), 1);
     setenv("QXP_FAULT_REPORT", (directory / "report").c_str(), 1);
     const Function* function = Find(fault);
-    if (function && *function->expected && fault.starts_with(std::string(function->name) + ",libqxpmaint.so+"))
+    if (function && *function->expected && fault.starts_with(std::string(function->name) + ",libqxpmaint.so+")) {
         setenv("QXP_FAULT_EXPECTED", function->expected, 1);
+    }
     setenv("LD_PRELOAD", shim.c_str(), 1);
     execv(story[0], story.data());
     _exit(127);
@@ -112,8 +114,9 @@ int EndProcessesLeft() {
     };
     while (!WaitUntil(all_gone, std::chrono::seconds(left == 0 ? 5 : 1))) {
         std::ifstream children("/proc/thread-self/children");
-        for (pid_t pid = 0; children >> pid; ++left)
+        for (pid_t pid = 0; children >> pid; ++left) {
             kill(pid, SIGKILL);
+        }
     }
     return left;
 }
@@ -123,8 +126,9 @@ int Tell(const std::string& fault, const std::string& survey) {
     const TempDir directory;
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t pid = fork();
-    if (pid == 0)
+    if (pid == 0) {
         Execute(fault, directory);
+    }
     int status = 0;
     std::string end;
     if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(90))) {
@@ -137,25 +141,30 @@ int Tell(const std::string& fault, const std::string& survey) {
         end = "exit code " + std::to_string(WEXITSTATUS(status));
     }
     std::istringstream out(ReadFile(directory / "out"));
-    for (std::string line; std::getline(out, line);)
+    for (std::string line; std::getline(out, line);) {
         if (line.find("runtime error:") != std::string::npos &&
-            line.find("does not point to an object of type") == std::string::npos)
+            line.find("does not point to an object of type") == std::string::npos) {
             end += line;
+        }
+    }
     // A shortage that lasts can hide processes from the product, which then says so.
     const bool lasts = fault.ends_with(",0");
     if (const int left = EndProcessesLeft();
-        left != 0 && !(lasts && ReadFile(directory / "out").find("processes may be left") != std::string::npos))
+        left != 0 && !(lasts && ReadFile(directory / "out").find("processes may be left") != std::string::npos)) {
         end += (end.empty() ? "" : ", ") + std::to_string(left) + " processes left";
+    }
     const std::string report = ReadFile(directory / "report");
-    if (!survey.empty())
+    if (!survey.empty()) {
         std::ofstream(survey) << report;
+    }
     if (!end.empty()) {
         std::ostringstream line;
         line << "FAILED: " << end << '\n'
              << ReadFile(directory / "out").substr(0, 6000) << report << "  repeat with: QXP_FAULTS=" << fault
              << " fault_driver " << shim << ' ' << objects << " 1 1";
-        for (const char* argument : story)
+        for (const char* argument : story) {
             line << ' ' << (argument ? argument : "\n");
+        }
         std::cout << line.str() << std::flush;
         return Failed;
     }
@@ -176,21 +185,27 @@ std::vector<std::string> FaultsOf(const std::string& survey, size_t most) {
         const auto add = [&](unsigned turn) {
             (function->memory && !all ? memory : faults).push_back(where + std::to_string(turn));
         };
-        if (!function)
+        if (!function) {
             throw std::runtime_error("unknown function in the survey: " + call);
-        for (unsigned turn = 1; turn <= count; turn += all || turn + 1 >= count ? 1 : count - turn)
-            if (all || turn == 1 || !function->memory)
+        }
+        for (unsigned turn = 1; turn <= count; turn += all || turn + 1 >= count ? 1 : count - turn) {
+            if (all || turn == 1 || !function->memory) {
                 add(turn);
+            }
+        }
         const bool log = call == "write" && place.starts_with("libqxhost.so");  // which is then missing as a witness
-        if ((all || !function->memory) && !log)
+        if ((all || !function->memory) && !log) {
             add(0);
+        }
     }
     faults.insert(faults.end(), memory.begin(), memory.end());
-    if (all || faults.size() <= most)
+    if (all || faults.size() <= most) {
         return faults;
+    }
     // By even steps, so that every part of the road has its share.
-    for (size_t i = 0; i < most; ++i)
+    for (size_t i = 0; i < most; ++i) {
         faults[i] = faults[i * faults.size() / most];
+    }
     faults.resize(most);
     return faults;
 }
@@ -211,8 +226,9 @@ int main(int argc, char** argv) try {
         return outcome;
     }
     const TempDir directory;
-    if (Tell("survey", directory / "survey") != Passed)
+    if (Tell("survey", directory / "survey") != Passed) {
         return 2;
+    }
     const std::vector<std::string> faults = FaultsOf(directory / "survey", std::stoul(argv[3]));
     struct Tally {
         unsigned calls = 0, not_reached = 0, failed = 0;
@@ -242,8 +258,9 @@ int main(int argc, char** argv) try {
         const int outcome = WIFEXITED(status) ? WEXITSTATUS(status) : static_cast<int>(Failed);
         ++(outcome == Passed ? tally.calls : outcome == NotReached ? tally.not_reached : tally.failed);
         running.erase(pid);
-        if (isatty(STDOUT_FILENO))
+        if (isatty(STDOUT_FILENO)) {
             std::cout << '\r' << next << " of " << faults.size() << std::flush;
+        }
     }
     unsigned failed = 0;
     for (const auto& [call, tally] : tallies) {

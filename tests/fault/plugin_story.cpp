@@ -45,19 +45,23 @@ public:
         char once[] = "once.json";
         host_.runonce_plugin(once);
         AwaitOutcomes(true);
-        if (with_timeout)
+        if (with_timeout) {
             EndSleepersByTimeOut();  // after the run-once, which would wait for those that are left
+        }
         Send("held", "RunScriptNormal", {Sleeper("held", "0")}, false);
         WaitUntil([&] { return Ran({"held", ""}) || IsQuiet(); });
         Shutdown();
         const unsigned failed = Arm(0);
         CheckNothingIsLeft();
-        for (const Script& script : scripts_)
+        for (const Script& script : scripts_) {
             Check(script);
-        if (const char* expected = getenv("QXP_FAULT_EXPECTED"); expected && failed > 0 && !SaysOneOf(expected))
+        }
+        if (const char* expected = getenv("QXP_FAULT_EXPECTED"); expected && failed > 0 && !SaysOneOf(expected)) {
             Complain(std::string("the log has none of ") + expected);
-        if (complaints_ != 0 && getenv("QXP_FAULT_LOG"))
+        }
+        if (complaints_ != 0 && getenv("QXP_FAULT_LOG")) {
             std::cout << Log();
+        }
         return complaints_ == 0 ? 0 : 1;
     }
 
@@ -73,8 +77,9 @@ private:
     void Shutdown() {
         PluginObjInterface* const object = host_.object;
         host_.Shutdown();
-        if (Says("DestroyObject Error pAdapterMgr is NULL"))
+        if (Says("DestroyObject Error pAdapterMgr is NULL")) {
             host_.destroy_object(PLUGIN_CLSID, object);
+        }
     }
 
     // What fails at first is tried again, as a host may.
@@ -108,16 +113,19 @@ private:
         return script;
     }
     std::string MakePolicy(const std::string& id, const std::string& command, const std::vector<ScriptSpec>& scripts) {
-        for (const ScriptSpec& script : scripts)
+        for (const ScriptSpec& script : scripts) {
             scripts_.push_back({script.id, id});
+        }
         return ::MakePolicy(host_.signer, id, command, scripts);
     }
     void Send(const std::string& id, const std::string& command, const std::vector<ScriptSpec>& scripts,
               bool await = true) {
-        if (!host_.SendCommand(MakePolicy(id, command, scripts)))
+        if (!host_.SendCommand(MakePolicy(id, command, scripts))) {
             refused_ = true;  // it is not on the bus: nothing was accepted
-        if (await)
+        }
+        if (await) {
             AwaitOutcomes();
+        }
     }
     void PutFile(const std::string& name, const std::string& content) {
         fs::create_directories((host_.Data() / name).parent_path());
@@ -129,8 +137,9 @@ private:
     void EndSleepersByTimeOut() {
         std::vector<ScriptSpec> sleepers;
         sleepers.reserve(SLEEPERS);
-        for (int i = 0; i < SLEEPERS; ++i)
+        for (int i = 0; i < SLEEPERS; ++i) {
             sleepers.push_back(Sleeper("sleeper" + std::to_string(i), "2"));
+        }
         const size_t first = scripts_.size();
         Send("sleepers", "RunScriptNormal", sleepers, false);
         const auto all_run = [&] {
@@ -147,19 +156,24 @@ private:
     const std::string& Log() {
         char part[65536];
         ssize_t got = 0;
-        while ((got = pread(log_, part, sizeof part, static_cast<off_t>(text_.size()))) > 0)
+        while ((got = pread(log_, part, sizeof part, static_cast<off_t>(text_.size()))) > 0) {
             text_.append(part, static_cast<size_t>(got));
-        for (size_t end = 0; (end = text_.find('\n', read_)) != std::string::npos; read_ = end + 1)
+        }
+        for (size_t end = 0; (end = text_.find('\n', read_)) != std::string::npos; read_ = end + 1) {
             TakeLine(text_.substr(read_, end - read_));
+        }
         return text_;
     }
     void TakeLine(const std::string& line) {
-        if (line.find(" maintloadfile/") == std::string::npos)  // which says the same in every cycle
+        if (line.find(" maintloadfile/") == std::string::npos) {  // which says the same in every cycle
             grown_ = std::chrono::steady_clock::now();
-        if (line.find(" error ") < line.find('/') || line.find(" warn ") < line.find('/'))
+        }
+        if (line.find(" error ") < line.find('/') || line.find(" warn ") < line.find('/')) {
             errors_.push_back(line);
-        if (line.find("pszSendData[") != std::string::npos)
+        }
+        if (line.find("pszSendData[") != std::string::npos) {
             sent_.push_back(line);
+        }
     }
     bool IsQuiet() {
         Log();
@@ -168,9 +182,11 @@ private:
     bool Says(const std::string& part) { return Log().find(part) != std::string::npos; }
     bool SaysOneOf(const std::string& parts) {
         std::istringstream in(parts);
-        for (std::string part; std::getline(in, part, '|');)
-            if (Says(part))
+        for (std::string part; std::getline(in, part, '|');) {
+            if (Says(part)) {
                 return true;
+            }
+        }
         return false;
     }
     static bool Has(const std::vector<std::string>& lines, const std::string& part) {
@@ -193,18 +209,21 @@ private:
                        [&](const Script& script) { return (script.id == "once" && !once_too) || IsTold(script); }) ||
                    IsQuiet();
         });
-        if (!over)
+        if (!over) {
             Complain("the plugin does not come to rest");
+        }
     }
 
     // The reports that name a script: those that were sent and those in files.
     std::vector<Json> ReportsOf(const Script& script) {
         if (runs_.empty()) {
-            for (const BusCall& call : host_.endpoint.Calls("SendAsync"))
+            for (const BusCall& call : host_.endpoint.Calls("SendAsync")) {
                 TakeReport(call.data.substr(148, call.data.size() - 149));  // out of its envelope
-            std::error_code none;                                           // without the directory there are no files
-            for (const auto& file : fs::directory_iterator(host_.Data() / "result", none))
+            }
+            std::error_code none;  // without the directory there are no files
+            for (const auto& file : fs::directory_iterator(host_.Data() / "result", none)) {
                 TakeReport(ReadFile(file.path()));
+            }
         }
         std::vector<Json> found;
         std::copy_if(runs_.begin(), runs_.end(), std::back_inserter(found),
@@ -214,27 +233,32 @@ private:
     // A refusal and a file that a fault has cut hold no runs.
     void TakeReport(const std::string& text) {
         const Json report = Json::parse(text, nullptr, false);
-        if (report.contains("data"))
+        if (report.contains("data")) {
             runs_.insert(runs_.end(), report["data"]["result"].begin(), report["data"]["result"].end());
+        }
     }
 
     void Check(const Script& script) {
         const auto reports = ReportsOf(script);
         const bool ran = Ran(script);
-        if (reports.size() > 1)
+        if (reports.size() > 1) {
             Complain(script.id + ": reported more than once");
+        }
         for (const Json& report : reports) {
             const std::string output = report.at("run_outdata");
             if (report.at("run_result") == "1" &&
-                (!ran || output != "begin " + script.id + "\nend " + script.id + "\n"))
+                (!ran || output != "begin " + script.id + "\nend " + script.id + "\n")) {
                 Complain(script.id + ": a success with the output [" + output + "]");
+            }
         }
         // What a stop ends has no report by design: a line about its end names it.
-        if (reports.empty() && ran && !IsNamed(script) && !Says("strScriptId[" + script.id + "]"))
+        if (reports.empty() && ran && !IsNamed(script) && !Says("strScriptId[" + script.id + "]")) {
             Complain(script.id + ": ran, and nothing tells of it");
+        }
         if (reports.empty() && !ran && !refused_ && errors_.empty() &&
-            !fs::exists(host_.Data() / "policyfile/file.json"))
+            !fs::exists(host_.Data() / "policyfile/file.json")) {
             Complain(script.id + ": neither ran nor is there an error");
+        }
     }
 
     void CheckNothingIsLeft() {
@@ -249,15 +273,20 @@ private:
             std::cout << "processes may be left\n";
             return;
         }
-        if (!WaitUntil([&] { return !our_threads(); }, std::chrono::seconds(10)))
+        if (!WaitUntil([&] { return !our_threads(); }, std::chrono::seconds(10))) {
             Complain("a thread is left");
-        if (waitpid(-1, nullptr, WNOHANG) != -1)
+        }
+        if (waitpid(-1, nullptr, WNOHANG) != -1) {
             Complain("a child process is left");
-        if (const long open = CountEntries("/proc/self/fd"); open != descriptors_)
+        }
+        if (const long open = CountEntries("/proc/self/fd"); open != descriptors_) {
             Complain("descriptors are left: " + std::to_string(open) + " instead of " + std::to_string(descriptors_));
-        for (const auto& file : fs::directory_iterator(host_.Data()))
-            if (file.is_regular_file())
+        }
+        for (const auto& file : fs::directory_iterator(host_.Data())) {
+            if (file.is_regular_file()) {
                 Complain("a script file is left: " + file.path().filename().string());
+            }
+        }
     }
 
     PluginHost host_;

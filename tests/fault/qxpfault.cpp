@@ -90,16 +90,18 @@ void PrintPlace(char* text, size_t size, const Place& place) {
     size_t used = 0;
     text[0] = '\0';
     for (const uintptr_t frame : place) {
-        if (frame != 0 && used < size)
+        if (frame != 0 && used < size) {
             used += static_cast<size_t>(snprintf(text + used, size - used, "%s%s+%lx", used ? "/" : "",
                                                  objects[(frame >> 48) - 1].name, frame & 0xffffffffffff));
+        }
     }
 }
 
 template <typename Function>
 Function Next(Function& real, const char* name) {
-    if (real == nullptr)
+    if (real == nullptr) {
         real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+    }
     return real;
 }
 // Calls the function that this library stands before.
@@ -126,17 +128,20 @@ unsigned NextTurn(const char* call, const Place& place) {
                      std::size(counts);
          ; at = (at + 1) % std::size(counts)) {
         Count& count = counts[at];
-        if (count.call == nullptr)
+        if (count.call == nullptr) {
             count = {call, place, 0};
-        if (count.call == call && count.place == place)
+        }
+        if (count.call == call && count.place == place) {
             return ++count.turns;
+        }
     }
 }
 
 // The error that this call is to fail with; 0 when it is not to fail.
 int Fault(const char* call, int error, const char* path = nullptr) {
-    if (!armed || inside)
+    if (!armed || inside) {
         return 0;
+    }
     const Inside guard;
     const int before = errno;
     Walk walk;
@@ -152,8 +157,9 @@ int Fault(const char* call, int error, const char* path = nullptr) {
             PrintPlace(text, sizeof text, walk.place);
             fails = strcmp(text, wanted_place) == 0;
         }
-        if (fails && ++fired < 5)
+        if (fails && ++fired < 5) {
             Report("failed", walk.place, turn);
+        }
     }
     errno = fails ? error : before;
     return fails ? error : 0;
@@ -165,13 +171,15 @@ int FindObject(dl_phdr_info* info, size_t, void*) {
     const char* name = is_program ? program_invocation_short_name : slash ? slash + 1 : info->dlpi_name;
     uintptr_t begin = UINTPTR_MAX, end = 0;
     for (const ElfW(Phdr)* part = info->dlpi_phdr; part != info->dlpi_phdr + info->dlpi_phnum; ++part) {
-        if (part->p_type != PT_LOAD)
+        if (part->p_type != PT_LOAD) {
             continue;
+        }
         begin = std::min<uintptr_t>(begin, info->dlpi_addr + part->p_vaddr);
         end = std::max<uintptr_t>(end, info->dlpi_addr + part->p_vaddr + part->p_memsz);
     }
-    if (is_program)
+    if (is_program) {
         program_begin = begin, program_end = end;
+    }
     const char* names = getenv("QXP_FAULT_OBJECTS");
     const char* at = names ? strstr(names, name) : nullptr;
     const size_t length = strlen(name);
@@ -191,11 +199,13 @@ size_t filler_count = 0;
 
 void LeaveDescriptors(unsigned count) {
     int highest = 0;
-    for (int number = 0; number < 256; ++number)
+    for (int number = 0; number < 256; ++number) {
         highest = fcntl(number, F_GETFD) >= 0 ? number : highest;
+    }
     for (int number = 0; number < highest; ++number) {
-        if (fcntl(number, F_GETFD) < 0)
+        if (fcntl(number, F_GETFD) < 0) {
             fillers[filler_count++] = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, number);
+        }
     }
     getrlimit(RLIMIT_NOFILE, &limit_before);
     const rlimit limit{static_cast<rlim_t>(highest) + 1 + count, limit_before.rlim_max};
@@ -205,13 +215,15 @@ void LeaveDescriptors(unsigned count) {
 
 void Release() {
     setrlimit(RLIMIT_NOFILE, &limit_before);
-    while (filler_count > 0)
+    while (filler_count > 0) {
         close(fillers[--filler_count]);
+    }
 }
 
 void* Allocate(void* (*real)(size_t), size_t size) {
-    if (Fault("new", ENOMEM))
+    if (Fault("new", ENOMEM)) {
         return nullptr;
+    }
     const Inside guard;  // what it is made of is the same call
     return real(size);
 }
@@ -235,18 +247,22 @@ __attribute__((visibility("default"))) unsigned qxp_faults_arm(int on) {
         sscanf(faults ? faults : "", "%31[^,],%511[^,],%u", wanted_call, wanted_place, &wanted_turn);
         snprintf(report_path, sizeof report_path, "%s", getenv("QXP_FAULT_REPORT"));
         dl_iterate_phdr(FindObject, nullptr);
-        if (strcmp(wanted_call, "descriptors") == 0)
+        if (strcmp(wanted_call, "descriptors") == 0) {
             LeaveDescriptors(static_cast<unsigned>(strtoul(wanted_place, nullptr, 10)));
+        }
         armed = true;
         return 0;
     }
     armed = false;
-    if (strcmp(wanted_call, "descriptors") == 0)
+    if (strcmp(wanted_call, "descriptors") == 0) {
         Release();
+    }
     if (strcmp(wanted_call, "survey") == 0) {
-        for (const Count& count : counts)
-            if (count.call)
+        for (const Count& count : counts) {
+            if (count.call) {
                 Report(count.call, count.place, count.turns);
+            }
+        }
     }
     return fired;
 }
@@ -316,11 +332,13 @@ EXPORT long syscall(long number, ...) noexcept {
     va_list rest;
     va_start(rest, number);
     long arguments[6];
-    for (long& argument : arguments)
+    for (long& argument : arguments) {
         argument = va_arg(rest, long);
+    }
     va_end(rest);
-    if (number == SYS_pidfd_open && Fault("pidfd_open", EMFILE))
+    if (number == SYS_pidfd_open && Fault("pidfd_open", EMFILE)) {
         return -1;
+    }
     return NEXT(syscall)(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 }

@@ -34,12 +34,12 @@ protected:
         std::string_view chunk;
         for (;;) {
             switch (reader_.Next(chunk)) {
-                case CChunkReader::EState::Chunk:
+                case CChunkReader::EState::CHUNK:
                     result += std::string(chunk) + "|";
                     break;
-                case CChunkReader::EState::NeedData:
+                case CChunkReader::EState::NEED_DATA:
                     return result;
-                case CChunkReader::EState::End:
+                case CChunkReader::EState::END:
                     return result + "$";
             }
         }

@@ -174,7 +174,9 @@ protected:
     // What a connection of its own answers to these bytes, at most so many.
     std::string Raw(const std::string& request, size_t most = 100000) const {
         const int fd = Connect();
-        EXPECT_EQ(static_cast<ssize_t>(request.size()), send(fd, request.data(), request.size(), MSG_NOSIGNAL));
+        if (!request.empty()) {  // a refused connection may be shut by now
+            EXPECT_EQ(static_cast<ssize_t>(request.size()), send(fd, request.data(), request.size(), MSG_NOSIGNAL));
+        }
         std::string answer(most, '\0');
         answer.resize(static_cast<size_t>(std::max<ssize_t>(0, recv(fd, answer.data(), most, MSG_WAITALL))));
         close(fd);

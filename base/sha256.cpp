@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "base/hex.h"
+#include "base/encoding.h"
 
 namespace qxpbase {
 

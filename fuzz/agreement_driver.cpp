@@ -14,11 +14,11 @@
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
 #include "ctl/policies/installed_keys.h"
-#include "ctl/policies/key_file.h"
-#include "ctl/policies/signer.h"
 #include "ctl/terminal/error.h"
-#include "policy/admission.h"
-#include "policy/policy_check.h"
+#include "policy/document.h"
+#include "policy/forecast.h"
+#include "policy/key_file.h"
+#include "policy/signer.h"
 
 namespace {
 

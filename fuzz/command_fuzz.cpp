@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "policy/admission.h"
-#include "policy/policy_check.h"
+#include "policy/document.h"
+#include "policy/forecast.h"
 #include "policy/rules.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {

@@ -9,7 +9,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "base/hex.h"
+#include "base/encoding.h"
 #include "policy/signature_format.h"
 #include "qxhost/signature.h"
 

@@ -6,7 +6,7 @@
 #include "agent/bus/message_bus.h"
 #include "agent/log.h"
 #include "base/sha256.h"
-#include "policy/policy_check.h"
+#include "policy/forecast.h"
 
 namespace qxpagent {
 

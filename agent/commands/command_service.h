@@ -12,7 +12,7 @@
 #include "agent/commands/submit_outcome.h"
 #include "agent/reports/run_counters.h"
 #include "agent/store/store.h"
-#include "policy/admission.h"
+#include "policy/document.h"
 #include "policy/trusted_keys.h"
 #include "qxhost/json.h"
 

@@ -15,7 +15,7 @@
 #include "agent/reports/result_collector.h"
 #include "base/entry_names.h"
 #include "base/unique_fd.h"
-#include "policy/policy_check.h"
+#include "policy/forecast.h"
 
 namespace qxpagent {
 

@@ -7,7 +7,7 @@
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
 #include "ctl/client/retrying_request.h"
-#include "ctl/policies/policy.h"
+#include "policy/policy_builder.h"
 
 namespace qxpctl {
 

@@ -11,10 +11,10 @@
 #include "base/names.h"
 #include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
-#include "ctl/policies/key_file.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 #include "ctl/terminal/time_text.h"
+#include "policy/key_file.h"
 
 namespace qxpctl {
 

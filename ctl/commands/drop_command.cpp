@@ -5,7 +5,7 @@
 
 #include "ctl/client/agent_client.h"
 #include "ctl/commands/commands.h"
-#include "ctl/policies/ready_policy.h"
+#include "ctl/commands/ready_policy.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"

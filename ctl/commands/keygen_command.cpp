@@ -1,10 +1,10 @@
 #include <memory>
 
 #include "ctl/commands/commands.h"
-#include "ctl/policies/key_file.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
+#include "policy/key_file.h"
 
 namespace qxpctl {
 

@@ -1,8 +1,8 @@
 #include <memory>
 
 #include "ctl/commands/commands.h"
-#include "ctl/policies/pack_options.h"
-#include "ctl/policies/script_type.h"
+#include "ctl/commands/pack_options.h"
+#include "ctl/commands/script_type.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"

@@ -2,7 +2,7 @@
 
 #include "ctl/client/agent_client.h"
 #include "ctl/commands/commands.h"
-#include "ctl/policies/ready_policy.h"
+#include "ctl/commands/ready_policy.h"
 #include "ctl/terminal/spinner.h"
 
 namespace qxpctl {

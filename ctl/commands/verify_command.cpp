@@ -3,12 +3,12 @@
 
 #include "ctl/client/agent_http.h"
 #include "ctl/commands/commands.h"
-#include "ctl/policies/policy.h"
 #include "ctl/policies/policy_check.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
-#include "policy/admission.h"
+#include "policy/document.h"
+#include "policy/policy_builder.h"
 
 namespace qxpctl {
 

@@ -7,7 +7,7 @@
 #include "ctl/client/retrying_request.h"
 #include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
-#include "ctl/policies/script_argument.h"
+#include "ctl/commands/script_argument.h"
 #include "ctl/terminal/interrupt.h"
 #include "ctl/terminal/text.h"
 

@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "ctl/policies/key_file.h"
 #include "ctl/terminal/error.h"
+#include "policy/key_file.h"
 #include "qxhost/signature.h"
 
 namespace qxpctl {

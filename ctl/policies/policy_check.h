@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ctl/policies/installed_keys.h"
-#include "policy/policy_check.h"
+#include "policy/forecast.h"
 
 // The shared check of a policy, under the names of the tool.
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/hex.h"
+#include "base/encoding.h"
 #include "policy/text.h"
 
 namespace qxpctl {

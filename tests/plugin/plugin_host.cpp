@@ -7,8 +7,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "ctl/policies/signer.h"
 #include "ctl/terminal/text.h"
+#include "policy/signer.h"
 
 namespace fs = std::filesystem;
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "ctl/policies/key_file.h"
 #include "plugin/adapter/entry_points.h"
 #include "plugin/adapter/plugin_fun_table.h"
+#include "policy/key_file.h"
 #include "qxhost/init_block.h"
 #include "tests/plugin/scripted_endpoint.h"
 #include "tests/support/temp_dir.h"

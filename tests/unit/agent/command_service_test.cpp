@@ -6,8 +6,8 @@
 
 #include "agent/bus/message_bus.h"
 #include "ctl/policies/installed_keys.h"
-#include "ctl/policies/key_file.h"
-#include "ctl/policies/signer.h"
+#include "policy/key_file.h"
+#include "policy/signer.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/policies/policy.h"
 #include "ctl/policies/policy_check.h"
-#include "ctl/policies/signer.h"
 #include "plugin/manager/maint_mgr.h"
+#include "policy/policy_builder.h"
+#include "policy/signer.h"
 #include "tests/unit/ctl/support.h"
 
 namespace qxpctl {

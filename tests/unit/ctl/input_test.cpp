@@ -2,8 +2,8 @@
 
 #include <sys/stat.h>
 
-#include "ctl/policies/script_argument.h"
-#include "ctl/policies/script_type.h"
+#include "ctl/commands/script_argument.h"
+#include "ctl/commands/script_type.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/files.h"
 #include "tests/unit/ctl/support.h"

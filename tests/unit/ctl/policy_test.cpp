@@ -1,10 +1,10 @@
 // Policies: what pack signs, verify accepts, and the two agree with the form that a plugin checks.
 
-#include "ctl/policies/policy.h"
 #include "ctl/policies/policy_check.h"
-#include "ctl/policies/signer.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/text.h"
+#include "policy/policy_builder.h"
+#include "policy/signer.h"
 #include "qxhost/base64.h"
 #include "tests/unit/ctl/support.h"
 

@@ -11,10 +11,10 @@
 #include <set>
 #include <thread>
 
-#include "ctl/policies/signer.h"
 #include "ctl/terminal/text.h"
 #include "plugin/sign/rsa_public_key.h"
 #include "policy/openssl_ptr.h"
+#include "policy/signer.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "ctl/policies/signer.h"
+#include "policy/signer.h"
 #include "qxhost/signature.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"

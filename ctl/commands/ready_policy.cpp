@@ -1,10 +1,10 @@
-#include "ctl/policies/ready_policy.h"
+#include "ctl/commands/ready_policy.h"
 
 #include <list>
 
-#include "ctl/policies/policy.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/files.h"
+#include "policy/policy_builder.h"
 #include "policy/rules.h"
 #include "qxhost/json.h"
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "ctl/policies/key_file.h"
-#include "ctl/policies/script_argument.h"
+#include "ctl/commands/script_argument.h"
 #include "policy/command.h"
+#include "policy/key_file.h"
 
 namespace qxpctl {
 

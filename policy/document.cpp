@@ -1,4 +1,4 @@
-#include "policy/admission.h"
+#include "policy/document.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "ctl/policies/policy.h"
+#include "policy/policy_builder.h"
 
 #include <openssl/rand.h>
 
@@ -6,12 +6,12 @@
 #include <filesystem>
 #include <set>
 
-#include "ctl/policies/script_type.h"
-#include "ctl/policies/signer.h"
+#include "ctl/commands/script_type.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
 #include "policy/signature_format.h"
+#include "policy/signer.h"
 
 namespace qxpctl {
 

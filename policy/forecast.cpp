@@ -1,4 +1,4 @@
-#include "policy/policy_check.h"
+#include "policy/forecast.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "ctl/policies/key_file.h"
+#include "policy/key_file.h"
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>

@@ -1,4 +1,4 @@
-#include "base/hex.h"
+#include "base/encoding.h"
 
 namespace qxpbase {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "ctl/policies/key_file.h"
+#include "policy/key_file.h"
 
 namespace qxpctl {
 

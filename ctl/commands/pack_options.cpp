@@ -1,4 +1,4 @@
-#include "ctl/policies/pack_options.h"
+#include "ctl/commands/pack_options.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "ctl/policies/script_type.h"
+#include "ctl/commands/script_type.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "ctl/policies/script_argument.h"
+#include "ctl/commands/script_argument.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "ctl/policies/signer.h"
+#include "policy/signer.h"
 
 #include <openssl/err.h>
 #include <openssl/rand.h>

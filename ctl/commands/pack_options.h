@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "ctl/policies/policy.h"
 #include "ctl/terminal/command_setup.h"
+#include "policy/policy_builder.h"
 
 namespace qxpctl {
 

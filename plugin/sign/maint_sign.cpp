@@ -13,22 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include "plugin/sign/rsa_public_key.h"
-#include "qxhost/signature.h"
-
 namespace {
-
-// A signature of the plugin's own form: the mark, least significant byte first, then the RSA block.
-constexpr uint32_t MAINT_SIGN_MARK = 0x1001;
-constexpr uint32_t MARK_SIZE = 4;
-constexpr uint32_t BLOCK_SIZE = 128;
-constexpr uint32_t SIGN_SIZE = MARK_SIZE + BLOCK_SIZE;
-constexpr uint32_t MARK_DIGITS = 2 * MARK_SIZE;
-constexpr uint32_t SIGN_DIGITS = 2 * SIGN_SIZE;
-/// Where the digest lies in the message that the public-key operation gives back.
-constexpr uint32_t DIGEST_OFFSET = 1;
-/// The longest signature text and the longest script, 50 MiB each.
-constexpr uint32_t MAX_SIZE = 52428800;
 
 struct CBignumFree {
     void operator()(BIGNUM* pNumber) const { BN_free(pNumber); }
@@ -48,10 +33,6 @@ public:
     CErrorQueueScope& operator=(const CErrorQueueScope&) = delete;
 };
 
-uint32_t ReadMark(const unsigned char (&mark)[MARK_SIZE]) {
-    return mark[0] | uint32_t{mark[1]} << 8 | uint32_t{mark[2]} << 16 | uint32_t{mark[3]} << 24;
-}
-
 CBignumPtr ReadNumber(const char* pszHex) {
     BIGNUM* pNumber = nullptr;
     if (BN_hex2bn(&pNumber, pszHex) == 0) {
@@ -60,13 +41,13 @@ CBignumPtr ReadNumber(const char* pszHex) {
     return CBignumPtr(pNumber);
 }
 
-CRsaPtr MakeBuiltInKey() {
+CRsaPtr MakeKey(const SMaintSignKey& stKey) {
     CRsaPtr pKey(RSA_new());
     if (!pKey) {
         return nullptr;
     }
-    CBignumPtr pExponent = ReadNumber(g_szRsaPublicExponent);
-    CBignumPtr pModulus = ReadNumber(g_szRsaModulus);
+    CBignumPtr pExponent = ReadNumber(stKey.pszExponent);
+    CBignumPtr pModulus = ReadNumber(stKey.pszModulus);
     if (!pExponent || !pModulus || RSA_set0_key(pKey.get(), pModulus.get(), pExponent.get(), nullptr) != 1) {
         return nullptr;
     }
@@ -78,75 +59,49 @@ CRsaPtr MakeBuiltInKey() {
 
 }  // namespace
 
-bool CMaintSign::VerifySignContent(const char* pszSign, const char* pszContent) {
-    if (!pszSign || !pszContent) {
-        return false;
-    }
-    const size_t uLength = strlen(pszContent);
-    // A length cut to 32 bits would leave the rest of the text unsigned.
-    if (uLength > UINT32_MAX) {
-        return false;
-    }
-    return VerifySignContent(pszSign, reinterpret_cast<const unsigned char*>(pszContent),
-                             static_cast<uint32_t>(uLength));
-}
-
-bool CMaintSign::VerifySignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pszSign || !pData || uLength == 0 || strnlen(pszSign, MARK_DIGITS + 1) <= MARK_DIGITS) {
-        return false;
-    }
-    unsigned char mark[MARK_SIZE] = {};
-    if (Hex2Bin(pszSign, MARK_DIGITS, mark, MARK_SIZE) <= 0) {
-        return false;
-    }
-    if (ReadMark(mark) == MAINT_SIGN_MARK) {
-        return VerifyMaintSignContent(pszSign, pData, uLength) == 0;
-    }
-    return qxchksign_buffer(pszSign, pData, uLength) == 0;
-}
-
-int CMaintSign::VerifyMaintSignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength) {
-    if (!pData || uLength == 0 || uLength > MAX_SIZE || !pszSign) {
+int CMaintSign::VerifyMaintSignContent(const char* pszSign, const unsigned char* pData, uint32_t uLength,
+                                       const SMaintSignKey& stKey) {
+    if (!pData || uLength == 0 || uLength > MAINT_SIGN_MAX_SIZE || !pszSign) {
         return -1;
     }
-    const size_t uDigits = strnlen(pszSign, size_t{MAX_SIZE} + 1);
-    if (uDigits < SIGN_DIGITS || uDigits > MAX_SIZE) {
+    const size_t uDigits = strnlen(pszSign, size_t{MAINT_SIGN_MAX_SIZE} + 1);
+    if (uDigits < MAINT_SIGN_DIGITS || uDigits > MAINT_SIGN_MAX_SIZE) {
         return -1;
     }
 
-    unsigned char sign[SIGN_SIZE] = {};
-    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, SIGN_SIZE) != static_cast<int>(SIGN_SIZE)) {
+    unsigned char sign[MAINT_SIGN_SIZE] = {};
+    if (Hex2Bin(pszSign, static_cast<uint32_t>(uDigits), sign, MAINT_SIGN_SIZE) != static_cast<int>(MAINT_SIGN_SIZE)) {
         return -1;
     }
-    unsigned char mark[MARK_SIZE];
-    std::copy_n(sign, MARK_SIZE, mark);
-    if (ReadMark(mark) != MAINT_SIGN_MARK) {
+    unsigned char mark[MAINT_SIGN_MARK_SIZE];
+    std::copy_n(sign, MAINT_SIGN_MARK_SIZE, mark);
+    if (ReadMaintSignMark(mark) != MAINT_SIGN_MARK) {
         return -1;
     }
 
-    unsigned char message[BLOCK_SIZE] = {};
-    if (RsaPublicDecrypt(sign + MARK_SIZE, message) != static_cast<int>(BLOCK_SIZE)) {
+    unsigned char message[MAINT_SIGN_BLOCK_SIZE] = {};
+    if (RsaPublicDecrypt(sign + MAINT_SIGN_MARK_SIZE, message, stKey) != static_cast<int>(MAINT_SIGN_BLOCK_SIZE)) {
         return -1;
     }
     unsigned char digest[SHA256_DIGEST_LENGTH] = {};
     if (!Sha256Hash(pData, uLength, digest)) {
         return -1;
     }
-    return memcmp(digest, message + DIGEST_OFFSET, sizeof(digest)) == 0 ? 0 : -1;
+    return memcmp(digest, message + MAINT_SIGN_DIGEST_OFFSET, sizeof(digest)) == 0 ? 0 : -1;
 }
 
-int CMaintSign::RsaPublicDecrypt(const unsigned char* pInput, unsigned char* pOutput) {
+int CMaintSign::RsaPublicDecrypt(const unsigned char* pInput, unsigned char* pOutput, const SMaintSignKey& stKey) {
     if (!pInput || !pOutput) {
         return -1;
     }
     const CErrorQueueScope errorQueueScope;
-    const CRsaPtr pKey = MakeBuiltInKey();
+    const CRsaPtr pKey = MakeKey(stKey);
     if (!pKey) {
         return -1;
     }
     const int iSize = RSA_size(pKey.get());
     // The build takes no key of another size; a larger one would run over the caller's buffers.
-    if (iSize <= 0 || iSize > static_cast<int>(BLOCK_SIZE)) {
+    if (iSize <= 0 || iSize > static_cast<int>(MAINT_SIGN_BLOCK_SIZE)) {
         return -1;
     }
     return RSA_public_decrypt(iSize, pInput, pOutput, pKey.get(), RSA_NO_PADDING);

@@ -1,50 +1,46 @@
 #include "base/encoding.h"
 
+#include <fmt/format.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+
 namespace qxpbase {
 
-namespace {
-
-int HexValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    if (digit >= 'a' && digit <= 'f') {
-        return digit - 'a' + 10;
-    }
-    if (digit >= 'A' && digit <= 'F') {
-        return digit - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
-
 std::string HexEncode(std::span<const unsigned char> bytes) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string digits;
-    digits.reserve(2 * bytes.size());
-    for (const unsigned char byte : bytes) {
-        digits += kDigits[byte >> 4];
-        digits += kDigits[byte & 0x0F];
-    }
-    return digits;
+    return fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
 std::optional<std::vector<unsigned char>> HexDecode(std::string_view digits) {
-    if (digits.size() % 2 != 0) {
+    std::vector<unsigned char> bytes(digits.size() / 2 + 1);  // never empty: a null buffer would only be measured
+    size_t size = 0;
+    // What is not hexadecimal is no error of OpenSSL's that anybody else should find in its queue.
+    ERR_set_mark();
+    const int decoded = OPENSSL_hexstr2buf_ex(bytes.data(), bytes.size(), &size, std::string(digits).c_str(), '\0');
+    ERR_pop_to_mark();
+    if (decoded != 1 || 2 * size != digits.size()) {
         return std::nullopt;
     }
-    std::vector<unsigned char> bytes;
-    bytes.reserve(digits.size() / 2);
-    for (size_t at = 0; at < digits.size(); at += 2) {
-        const int high = HexValue(digits[at]);
-        const int low = HexValue(digits[at + 1]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<unsigned char>(high * 16 + low));
-    }
+    bytes.resize(size);
     return bytes;
+}
+
+std::string Base64Encode(std::string_view bytes) {
+    // A whole number of 3-byte groups a call, so that only the last call pads; each fits the int that OpenSSL takes.
+    constexpr size_t kStep = 3 * 16384;
+    std::array<unsigned char, 4 * 16384 + 1> encoded{};
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(kStep, bytes.size()))) {
+        const std::string_view part = bytes.substr(0, kStep);
+        const int length = EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(part.data()),
+                                           static_cast<int>(part.size()));
+        text.append(reinterpret_cast<const char*>(encoded.data()), static_cast<size_t>(length));
+    }
+    return text;
 }
 
 }  // namespace qxpbase

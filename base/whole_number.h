@@ -15,4 +15,10 @@ inline std::optional<uint64_t> WholeNumber(std::string_view text) {
     return error == std::errc() && parsed == end ? std::optional(number) : std::nullopt;
 }
 
+/// The same from 0 to a limit.
+inline std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit) {
+    const std::optional<uint64_t> number = WholeNumber(text);
+    return number.has_value() && *number <= limit ? std::optional(static_cast<uint32_t>(*number)) : std::nullopt;
+}
+
 }  // namespace qxpbase

@@ -5,7 +5,7 @@
 
 namespace qxppolicy {
 
-/// The length of the well-formed UTF-8 sequence (Unicode 15, table 3-7) that the text begins with; 0 when there is
+/// The length of the well-formed UTF-8 sequence that the text begins with, as the host SDK reads it; 0 when there is
 /// none.
 size_t Utf8SequenceLength(std::string_view text);
 

@@ -1,4 +1,4 @@
-// Mutated command documents against a running agent: what is foretold of a document (as 'qxpctl verify' does), what the
+// Mutated policies against a running agent: what is forecast of a document (as 'qxpctl verify' does), what the
 // agent answers and what the plugin makes of it have to be one. Prints each disagreement and their count; the exit code
 // is 0 when there is none.
 //
@@ -13,16 +13,19 @@
 
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
-#include "ctl/policies/installed_keys.h"
 #include "ctl/terminal/error.h"
 #include "policy/document.h"
 #include "policy/forecast.h"
 #include "policy/key_file.h"
-#include "policy/signer.h"
+#include "policy/trusted_keys.h"
 
 namespace {
 
 using namespace qxpctl;
+using qxppolicy::Key;
+using qxppolicy::ReadPrivateKey;
+using qxppolicy::Sign;
+using qxppolicy::TrustedKeys;
 
 // One document after the other, each a good one with a few changes.
 class Mutator {
@@ -149,18 +152,19 @@ std::ostream& operator<<(std::ostream& out, const Fate& fate) {
     return out;
 }
 
-Fate Foretell(const std::string& document, const qxppolicy::TrustedKeys& keys, std::string& id) {
-    qxtools::CPJsonParse json;
+Fate ForecastOf(const std::string& document, const qxppolicy::TrustedKeys& keys, std::string& id) {
+    const qxppolicy::PolicyDocument read(document);
     Fate fate;
-    fate.refusal = qxppolicy::ValidateForAdmission(
-        document, json, [](const std::string&) { return "lies in none of the agent's script-directories"; });
+    fate.refusal =
+        read.ValidateForAdmission([](const std::string&) { return "lies in none of the agent's script-directories"; })
+            .value_or("");
     if (!fate.refusal.empty()) {
         return fate;
     }
-    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys);
-    id = verdict.id;
-    fate.refused = !verdict.faults.empty();
-    for (const qxppolicy::ScriptVerdict& script : verdict.scripts) {
+    const qxppolicy::PolicyForecast forecast = qxppolicy::Forecast(read, keys);
+    id = forecast.id;
+    fate.refused = !forecast.faults.empty();
+    for (const qxppolicy::ScriptForecast& script : forecast.scripts) {
         if (script.reported && !fate.refused) {
             fate.results.insert(script.id);
         }
@@ -190,7 +194,7 @@ Fate Send(AgentClient& agent, const std::string& document, const std::string& id
         }
         return fate;
     }
-    fate.refusal = "no final word within 15 s";
+    fate.refusal = "no final state within 15 s";
     return fate;
 }
 
@@ -207,18 +211,18 @@ int Drive(const std::vector<std::string>& arguments) {
     for (unsigned long i = 0; i < count; ++i) {
         const std::string document = mutator.Next();
         std::string id;
-        const Fate foretold = Foretell(document, keys, id);
-        if (foretold.refusal.empty() && !ids.insert(id).second) {
+        const Fate forecast = ForecastOf(document, keys, id);
+        if (forecast.refusal.empty() && !ids.insert(id).second) {
             continue;  // that ID is another document's
         }
         const Fate met = Send(agent, document, id);
         taken += met.refusal.empty() ? 1 : 0;
         refused += met.refused ? 1 : 0;
-        if (foretold == met) {
+        if (forecast == met) {
             continue;
         }
         ++disagreements;
-        std::cout << document << "\n  foretold: " << foretold << "\n  met:      " << met << '\n';
+        std::cout << document << "\n  forecast: " << forecast << "\n  met:      " << met << '\n';
     }
     std::cout << count << " documents of seed " << arguments.at(5) << ": " << taken << " taken, " << refused
               << " of them refused by the plugin, " << disagreements << " disagreements\n";

@@ -1,4 +1,4 @@
-// A command document from anywhere: the agent's admission and its forecast of what the plugin will make of it.
+// A policy from anywhere: the agent's admission and its forecast of what the plugin will make of it.
 
 #include <cstdlib>
 #include <string>
@@ -10,13 +10,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static const qxppolicy::TrustedKeys keys;
     const std::string text(reinterpret_cast<const char*>(data), size);
-    qxtools::CPJsonParse document;
-    if (!qxppolicy::ValidateForAdmission(text, document).empty())
+    const qxppolicy::PolicyDocument document(text);
+    const qxppolicy::PolicyForecast forecast = qxppolicy::Forecast(document, keys);
+    if (document.ValidateForAdmission())
         return 0;
-    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys);
     // Both speak of one document, whose ID is fit for all that it becomes part of, and nobody signs the fuzzer's
     // scripts.
-    if (!verdict.readable || !qxppolicy::ValidateId(verdict.id).empty() || verdict.Good())
+    if (!document.IsReadable() || qxppolicy::ValidateId(forecast.id) || forecast.IsGood())
         abort();
     return 0;
 }

@@ -1,59 +1,18 @@
 #include "policy/document.h"
 
-#include <algorithm>
-#include <array>
-#include <list>
-#include <optional>
-#include <string_view>
+#include <fmt/format.h>
 
-#include "policy/command.h"
-#include "policy/rules.h"
+#include <list>
+
 #include "policy/text.h"
-#include "qxhost/cpstring.h"
 
 namespace qxppolicy {
 
 namespace {
 
-using qxtools::CPJsonParse;
+constexpr size_t kMaxShownBytes = 64;  // of a name in a sentence
 
-constexpr std::array<const char*, 5> kTypes{"sh", "exe", "bat", "vbs", "zip"};
-constexpr size_t kMostShown = 64;  // bytes of a name in a sentence
-
-std::string Member(const CPJsonParse& json, void* parent, const char* key) {
-    return json.GetValue(json.GetNode(parent, key)).c_str();
-}
-
-bool IsKnownType(const std::string& type) {
-    const CPString text(type);
-    return std::any_of(kTypes.begin(), kTypes.end(), [&](const char* known) { return text.CompareNoCase(known) == 0; });
-}
-
-std::string ValidateScript(const CPJsonParse& json, void* script, const DirectoryRule& directory_rule) {
-    const std::string path = Member(json, script, "scriptpath");
-    std::string reason = ValidateScriptDirectory(path);
-    if (reason.empty() && !path.empty() && directory_rule) {
-        reason = directory_rule(path);
-    }
-    if (!reason.empty()) {
-        return "the member \"scriptpath\" " + reason;
-    }
-    if (json.GetNode(script, "scripttype") && !IsKnownType(Member(json, script, "scripttype"))) {
-        return "the member \"scripttype\" is none of sh, exe, bat, vbs and zip";
-    }
-    if (!IsValidUtf8(Member(json, script, "scriptid"))) {
-        return "the member \"scriptid\" is not UTF-8 text";
-    }
-    return {};
-}
-
-std::string NameOf(const CPJsonParse& json, void* script, size_t number) {
-    const std::string id = Member(json, script, "scriptid");
-    const bool shown = !id.empty() && id.size() <= kMostShown && IsValidUtf8(id) && !HasControlCharacter(id);
-    return "script " + std::to_string(number) + (shown ? " (" + id + ")" : "");
-}
-
-std::string ParseDocument(const std::string& text, CPJsonParse& document) {
+Fault ValidateText(const std::string& text) {
     if (text.empty()) {
         return "The document is empty; it must be one JSON object.";
     }
@@ -63,57 +22,101 @@ std::string ParseDocument(const std::string& text, CPJsonParse& document) {
     if (!IsValidUtf8(text)) {
         return "The document is not UTF-8 text.";
     }
-    if (!document.LoadBuffer(text.c_str())) {
-        return "The document is not one JSON document of at most 512 levels.";
-    }
-    return {};
+    return std::nullopt;
 }
 
-std::string ValidateCommand(const CPJsonParse& document) {
-    void* const id = document.GetNode(nullptr, "ID");
-    if (!id) {
-        return "The document is not a JSON object with the string member \"ID\".";
-    }
-    if (!document.IsString(id)) {
-        return "The member \"ID\" must be a string.";
-    }
-    if (const std::string reason = ValidateId(document.GetValue(id).c_str()); !reason.empty()) {
-        return "The member \"ID\" " + reason + ".";
-    }
-    const std::string command = Member(document, nullptr, "Command");
-    if (command.find_first_of("\"\\") != std::string::npos || !IsValidUtf8(command) || HasControlCharacter(command)) {
-        return "The member \"Command\" holds '\"', '\\' or a control character.";
-    }
-    return {};
+// The ID is untrusted: what could disguise the sentence is not shown.
+std::string ScriptName(const std::string& id, size_t number) {
+    const bool shown = !id.empty() && id.size() <= kMaxShownBytes && IsValidUtf8(id) && !HasControlCharacter(id);
+    return shown ? fmt::format("script {} ({})", number, id) : fmt::format("script {}", number);
 }
 
 }  // namespace
 
-std::string ValidateForAdmission(const std::string& text, CPJsonParse& document, const DirectoryRule& directory_rule) {
-    if (std::string reason = ParseDocument(text, document); !reason.empty()) {
-        return reason;
+PolicyDocument::PolicyDocument(const std::string& text) : text_fault_(ValidateText(text)) {
+    readable_ = json_.LoadBuffer(text.c_str());
+    if (!readable_ && !text_fault_) {
+        text_fault_ = "The document is not one JSON document of at most 512 levels.";
     }
-    if (std::string reason = ValidateCommand(document); !reason.empty()) {
-        return reason;
+    ReadScripts();
+}
+
+void PolicyDocument::ReadScripts() {
+    // A null parent would mean the root.
+    const Node param = json_.GetNode(nullptr, "param");
+    const Node list = param != nullptr ? json_.GetNode(param, "scriptinfo") : nullptr;
+    std::list<Node> scripts;
+    if (param == nullptr) {
+        scripts_fault_ = "there is no \"param\"";
+    } else if (list == nullptr) {
+        scripts_fault_ = "there is no \"scriptinfo\" in \"param\"";
+    } else if (!json_.GetAllNode(list, scripts)) {
+        scripts_fault_ = "\"scriptinfo\" is not a list";
     }
-    void* const param = document.GetNode(nullptr, "param");
-    void* const list = param ? document.GetNode(param, "scriptinfo") : nullptr;
-    std::list<void*> scripts;
-    if (!list || !document.GetAllNode(list, scripts)) {
-        return {};  // the plugin will refuse it
+    scripts_.assign(scripts.begin(), scripts.end());
+}
+
+std::optional<std::string> PolicyDocument::Member(const char* key, Node script) const {
+    const Node node = json_.GetNode(script, key);
+    return node != nullptr ? std::optional<std::string>(json_.GetValue(node).c_str()) : std::nullopt;
+}
+
+Fault PolicyDocument::ValidateHead() const {
+    const Node id = json_.GetNode(nullptr, "ID");
+    if (id == nullptr) {
+        return "The document is not a JSON object with the string member \"ID\".";
     }
-    if (scripts.size() > kMaxScripts) {
-        return "The member \"scriptinfo\" holds " + std::to_string(scripts.size()) + " scripts; at most " +
-               std::to_string(kMaxScripts) + " may run at once.";
+    if (!json_.IsString(id)) {
+        return "The member \"ID\" must be a string.";
     }
-    size_t number = 0;
-    for (void* const script : scripts) {
-        ++number;
-        if (const std::string reason = ValidateScript(document, script, directory_rule); !reason.empty()) {
-            return "In " + NameOf(document, script, number) + " " + reason + ".";
+    if (const Fault fault = ValidateId(json_.GetValue(id).c_str())) {
+        return fmt::format("The member \"ID\" {}.", *fault);
+    }
+    const std::string command = Member("Command").value_or("");
+    if (command.find_first_of("\"\\") != std::string::npos || !IsValidUtf8(command) || HasControlCharacter(command)) {
+        return "The member \"Command\" holds '\"', '\\' or a control character.";
+    }
+    return std::nullopt;
+}
+
+Fault PolicyDocument::ValidateScript(Node script, const DirectoryRule& directory_rule) const {
+    const std::string path = Member("scriptpath", script).value_or("");
+    Fault fault = ValidateScriptDirectory(path);
+    if (!fault && !path.empty() && directory_rule) {
+        fault = directory_rule(path);
+    }
+    if (fault) {
+        return "the member \"scriptpath\" " + *fault;
+    }
+    const std::optional<std::string> type = Member("scripttype", script);
+    if (const Fault type_fault = type ? ValidateType(*type) : std::nullopt) {
+        return "the member \"scripttype\" " + *type_fault;
+    }
+    if (!IsValidUtf8(Member("scriptid", script).value_or(""))) {
+        return "the member \"scriptid\" is not UTF-8 text";
+    }
+    return std::nullopt;
+}
+
+Fault PolicyDocument::ValidateForAdmission(const DirectoryRule& directory_rule) const {
+    if (text_fault_) {
+        return text_fault_;
+    }
+    if (Fault fault = ValidateHead()) {
+        return fault;
+    }
+    // No list of scripts is no harm: the plugin will refuse it.
+    if (scripts_.size() > kMaxScripts) {
+        return fmt::format("The member \"scriptinfo\" holds {} scripts; at most {} may run at once.", scripts_.size(),
+                           kMaxScripts);
+    }
+    for (size_t number = 1; const Node script : scripts_) {
+        if (const Fault fault = ValidateScript(script, directory_rule)) {
+            return fmt::format("In {} {}.", ScriptName(Member("scriptid", script).value_or(""), number), *fault);
         }
+        ++number;
     }
-    return {};
+    return std::nullopt;
 }
 
 }  // namespace qxppolicy

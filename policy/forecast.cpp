@@ -1,167 +1,129 @@
 #include "policy/forecast.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdlib>
-#include <list>
 #include <memory>
-#include <optional>
+#include <tuple>
+#include <utility>
 
-#include "policy/command.h"
-#include "policy/type_handling.h"
+#include "policy/vocabulary.h"
 #include "qxhost/base64.h"
-#include "qxhost/json.h"
 
 namespace qxppolicy {
 
 namespace {
 
-using qxtools::CPJsonParse;
-
-std::optional<std::string> Member(const CPJsonParse& json, void* parent, const char* key) {
-    void* const node = json.GetNode(parent, key);
-    if (!node) {
-        return std::nullopt;
-    }
-    // Every value ends at its first NUL, as in the plugin.
-    return json.GetValue(node).c_str();
-}
+using Outcome = std::pair<Verdict, std::string>;
 
 // The body that the plugin would write to the script file; nothing when it cannot be decoded.
 std::optional<std::string> Decode(const std::string& base64_text) {
     int size = 0;
     const std::unique_ptr<unsigned char, decltype(&free)> bytes(
         base64Decode2(base64_text.data(), base64_text.size(), &size), free);
-    if (!bytes || size <= 0) {
+    if (bytes == nullptr || size <= 0) {
         return std::nullopt;
     }
     return std::string(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(size));
 }
 
-ScriptVerdict Judge(ScriptVerdict script, Verdict verdict, std::string reason) {
-    script.verdict = verdict;
-    script.reason = std::move(reason);
-    return script;
-}
-
-// A script that the plugin accepts: what it would run of it.
-ScriptVerdict JudgeBody(ScriptVerdict script, const std::string& base64_text) {
+// What the plugin would run of a script that it accepts. It keeps a shell's script as text, which ends at a NUL.
+Outcome ForecastBody(const std::string& base64_text, bool is_text) {
     const std::optional<std::string> body = Decode(base64_text);
-    script.reported = true;
-    const bool shell = HandlingOf(script.type) == TypeHandling::kShell;
-    const size_t nul = body && shell ? body->find('\0') : std::string::npos;
+    const size_t nul = body && is_text ? body->find('\0') : std::string::npos;
     if (!body) {
-        return Judge(std::move(script), Verdict::kNotRun, "\"scriptdata\" is not Base64: an empty file would be run");
+        return {Verdict::kNotRun, "\"scriptdata\" is not Base64: an empty file would be run"};
     }
     if (nul == 0) {
-        return Judge(std::move(script), Verdict::kNotRun, "it begins with a NUL byte: an empty file would be run");
+        return {Verdict::kNotRun, "it begins with a NUL byte: an empty file would be run"};
     }
     if (nul != std::string::npos) {
-        return Judge(std::move(script), Verdict::kCutShort, "it would be run up to its first NUL byte only");
+        return {Verdict::kCutShort, "it would be run up to its first NUL byte only"};
     }
-    return Judge(std::move(script), Verdict::kAccepted, "");
+    return {Verdict::kAccepted, ""};
 }
 
-ScriptVerdict CheckScript(const CPJsonParse& json, void* node, const TrustedKeys& keys) {
-    ScriptVerdict script;
-    script.id = Member(json, node, "scriptid").value_or("");
-    const std::optional<std::string> type = Member(json, node, "scripttype");
+// In the plugin's order, so that of several faults the one that it meets is told.
+Outcome ForecastScript(const PolicyDocument& document, PolicyDocument::Node node, const TrustedKeys& keys,
+                       ScriptForecast& script) {
+    const std::optional<std::string> type = document.Member("scripttype", node);
+    script.id = document.Member("scriptid", node).value_or("");
     script.type = type.value_or("");
-
-    const std::optional<std::string> data = Member(json, node, "scriptdata");
+    const std::optional<std::string> data = document.Member("scriptdata", node);
     if (!data) {
-        return Judge(script, Verdict::kDropped, "there is no \"scriptdata\"");
+        return {Verdict::kDropped, "there is no \"scriptdata\""};
     }
-    const std::optional<std::string> sign = Member(json, node, "sign");
+    const std::optional<std::string> sign = document.Member("sign", node);
     if (!sign) {
-        return Judge(script, Verdict::kDropped, "there is no \"sign\"");
+        return {Verdict::kDropped, "there is no \"sign\""};
     }
-    if (const std::string reason = keys.ValidateSignature(*sign, *data); !reason.empty()) {
-        return Judge(script, Verdict::kDropped, "bad signature: " + reason);
+    if (const Fault fault = keys.ValidateSignature(*sign, *data)) {
+        return {Verdict::kDropped, "bad signature: " + *fault};
     }
     if (!type) {
-        return Judge(script, Verdict::kDropped, "there is no \"scripttype\"");
+        return {Verdict::kDropped, "there is no \"scripttype\""};
     }
-    switch (HandlingOf(*type)) {
-        case TypeHandling::kUnsupported:
-            return Judge(script, Verdict::kDropped, "the type \"" + *type + "\" is not supported");
-        case TypeHandling::kNeverRun:
-            return Judge(script, Verdict::kNotRun, "scripts of the type \"" + *type + "\" are never run");
-        case TypeHandling::kShell:
-        case TypeHandling::kProgram:
-            break;
+    const TypeHandling handling = HandlingOf(*type);
+    if (handling == TypeHandling::kUnsupported) {
+        return {Verdict::kDropped, fmt::format("the type \"{}\" is not supported", *type)};
     }
-    return JudgeBody(script, *data);
+    if (handling == TypeHandling::kNeverRun) {
+        return {Verdict::kNotRun, fmt::format("scripts of the type \"{}\" are never run", *type)};
+    }
+    script.reported = true;
+    return ForecastBody(*data, handling == TypeHandling::kShell);
 }
 
-// The command around the scripts.
-void CheckCommand(const CPJsonParse& json, PolicyVerdict& verdict) {
-    const std::optional<std::string> id = Member(json, nullptr, "ID");
-    const std::optional<std::string> command = Member(json, nullptr, "Command");
-    verdict.id = id.value_or("");
-    verdict.command = command.value_or("");
-    if (!id) {
-        verdict.faults.emplace_back("there is no \"ID\"");
-    } else if (id->empty()) {
-        verdict.faults.emplace_back("\"ID\" is empty");
+void ForecastCommand(const PolicyDocument& document, PolicyForecast& forecast) {
+    const std::optional<std::string> id = document.Member("ID");
+    const std::optional<std::string> command = document.Member("Command");
+    forecast.id = id.value_or("");
+    forecast.command = command.value_or("");
+    if (forecast.id.empty()) {
+        forecast.faults.emplace_back(id ? "\"ID\" is empty" : "there is no \"ID\"");
     }
     if (!command) {
-        verdict.faults.emplace_back("there is no \"Command\"");
+        forecast.faults.emplace_back("there is no \"Command\"");
     } else if (!IsRunCommand(*command)) {
-        verdict.faults.emplace_back("the \"Command\" \"" + *command + "\" is none of " + kRunNormal + ", " + kRunFile +
-                                    " and " + kRunProcess);
+        forecast.faults.push_back(fmt::format("the \"Command\" \"{}\" is none of {}, {} and {}", *command, kRunNormal,
+                                              kRunFile, kRunProcess));
     }
 }
 
-void CheckScripts(const CPJsonParse& json, const TrustedKeys& keys, PolicyVerdict& verdict) {
-    void* const param = json.GetNode(nullptr, "param");
-    void* const scripts = param ? json.GetNode(param, "scriptinfo") : nullptr;
-    std::list<void*> nodes;
-    if (!param) {
-        verdict.faults.emplace_back("there is no \"param\"");
+void ForecastScripts(const PolicyDocument& document, const TrustedKeys& keys, PolicyForecast& forecast) {
+    if (document.ScriptsFault()) {
+        forecast.faults.push_back(*document.ScriptsFault());
         return;
     }
-    if (!scripts) {
-        verdict.faults.emplace_back("there is no \"scriptinfo\" in \"param\"");
-        return;
+    size_t accepted = 0;
+    for (const PolicyDocument::Node node : document.Scripts()) {
+        ScriptForecast& script = forecast.scripts.emplace_back();
+        std::tie(script.verdict, script.reason) = ForecastScript(document, node, keys, script);
+        accepted += script.verdict != Verdict::kDropped ? 1 : 0;
     }
-    if (!json.GetAllNode(scripts, nodes)) {
-        verdict.faults.emplace_back("\"scriptinfo\" is not a list");
-        return;
-    }
-    for (void* const node : nodes) {
-        verdict.scripts.push_back(CheckScript(json, node, keys));
-    }
-    const auto accepted = static_cast<size_t>(
-        std::count_if(verdict.scripts.begin(), verdict.scripts.end(),
-                      [](const ScriptVerdict& script) { return script.verdict != Verdict::kDropped; }));
     if (accepted == 0) {
-        verdict.faults.emplace_back("no script is left to run");
+        forecast.faults.emplace_back("no script is left to run");
     }
     if (accepted > kMaxScripts) {
-        verdict.faults.emplace_back(std::to_string(accepted) + " scripts are more than the " +
-                                    std::to_string(kMaxScripts) + " that may run at once");
+        forecast.faults.push_back(
+            fmt::format("{} scripts are more than the {} that may run at once", accepted, kMaxScripts));
     }
 }
 
 }  // namespace
 
-bool PolicyVerdict::Good() const {
-    return readable && faults.empty() && std::all_of(scripts.begin(), scripts.end(), [](const ScriptVerdict& script) {
+bool PolicyForecast::IsGood() const {
+    return faults.empty() && std::all_of(scripts.begin(), scripts.end(), [](const ScriptForecast& script) {
                return script.verdict == Verdict::kAccepted;
            });
 }
 
-PolicyVerdict CheckPolicy(const std::string& document, const TrustedKeys& keys) {
-    CPJsonParse json;
-    return json.LoadBuffer(document.c_str()) ? CheckPolicy(json, keys) : PolicyVerdict();
-}
-
-PolicyVerdict CheckPolicy(const CPJsonParse& document, const TrustedKeys& keys) {
-    PolicyVerdict verdict;
-    verdict.readable = true;
-    CheckCommand(document, verdict);
-    CheckScripts(document, keys, verdict);
-    return verdict;
+PolicyForecast Forecast(const PolicyDocument& document, const TrustedKeys& keys) {
+    PolicyForecast forecast;
+    ForecastCommand(document, forecast);
+    ForecastScripts(document, keys, forecast);
+    return forecast;
 }
 
 }  // namespace qxppolicy

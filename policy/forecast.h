@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "policy/document.h"
 #include "policy/trusted_keys.h"
-#include "qxhost/json.h"
 
 namespace qxppolicy {
 
@@ -15,7 +15,7 @@ enum class Verdict {
     kDropped,
 };
 
-struct ScriptVerdict {
+struct ScriptForecast {
     std::string id;    // as in the document; may be empty
     std::string type;  // likewise
     Verdict verdict = Verdict::kDropped;
@@ -24,24 +24,20 @@ struct ScriptVerdict {
     bool reported = false;
 };
 
-struct PolicyVerdict {
-    /// False when the plugin cannot read the text as JSON; nothing else is then set.
-    bool readable = false;
+struct PolicyForecast {
     std::string id;
     std::string command;
-    /// Why the policy is refused as a whole, whatever its scripts.
+    /// Why the plugin will refuse the policy as a whole, whatever its scripts.
     std::vector<std::string> faults;
     /// In document order; empty when the document cannot be read down to its scripts.
-    std::vector<ScriptVerdict> scripts;
+    std::vector<ScriptForecast> scripts;
 
     /// True when nothing is refused and every script would be accepted and run.
-    bool Good() const;
+    bool IsGood() const;
 };
 
-/// What the plugin would make of a command document. Read with the plugin's own JSON reader, and checked in the
-/// plugin's own order, so that the two cannot disagree.
-PolicyVerdict CheckPolicy(const std::string& document, const TrustedKeys& keys);
-/// The same for a document that has been read.
-PolicyVerdict CheckPolicy(const qxtools::CPJsonParse& document, const TrustedKeys& keys);
+/// What the plugin would make of a policy. Checked in the plugin's own order and with its own code where that can be
+/// shared, so that the two cannot disagree.
+PolicyForecast Forecast(const PolicyDocument& document, const TrustedKeys& keys);
 
 }  // namespace qxppolicy

@@ -1,21 +1,19 @@
 #include "policy/key_file.h"
 
+#include <fmt/format.h>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
-#include "ctl/terminal/error.h"
-#include "ctl/terminal/files.h"
-#include "ctl/terminal/text.h"
+#include "base/error.h"
+#include "base/input_file.h"
 #include "policy/signature_format.h"
 
-namespace qxpctl {
+namespace qxppolicy {
 
-using qxppolicy::BignumPtr;
-using qxppolicy::BioPtr;
-using qxppolicy::kRsaBits;
-using qxppolicy::kRsaExponent;
+using qxpbase::InputError;
+using qxpbase::LocalError;
 
 namespace {
 
@@ -45,21 +43,16 @@ Scheme SchemeOf(const EVP_PKEY* key, const std::string& path) {
         return Scheme::kPlugin;
     }
     const char* const name = EVP_PKEY_get0_type_name(key);
-    throw BadInput(path + " is a key of another kind (" + (name ? name : "unknown") + ", " +
-                   std::to_string(EVP_PKEY_get_bits(key)) +
-                   " bits); signatures are made with RSA of 1024 bits and exponent 65537, or with Ed25519: make a key "
-                   "with 'qxpctl keygen'");
+    throw InputError(fmt::format(
+        "{} is a key of another kind ({}, {} bits); signatures are made with RSA of {} bits and exponent {}, "
+        "or with Ed25519: make a key with 'qxpctl keygen'",
+        path, name != nullptr ? name : "unknown", EVP_PKEY_get_bits(key), kRsaBits, kRsaExponent));
 }
 
 std::string BioText(BIO* bio) {
     char* data = nullptr;
     const long size = BIO_get_mem_data(bio, &data);
     return {data, static_cast<size_t>(size)};
-}
-
-std::string Unwritable() {
-    ERR_clear_error();
-    return "the key cannot be written as PEM";
 }
 
 // Wipes the text of a key file when it goes out of use.
@@ -86,41 +79,42 @@ const char* SchemeName(Scheme scheme) {
 Key GenerateKey(Scheme scheme) {
     KeyPtr key(scheme == Scheme::kPlugin ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{kRsaBits})
                                          : EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
-    if (!key) {
+    if (key == nullptr) {
         ERR_clear_error();
-        throw LocalFailure(std::string("OpenSSL cannot make a key for the scheme ") + SchemeName(scheme));
+        throw LocalError(fmt::format("OpenSSL cannot make a key for the scheme {}", SchemeName(scheme)));
     }
     return {std::move(key), scheme};
 }
 
 Key ReadPrivateKey(const std::string& path) {
-    const SecretText text(ReadDocument(path, kMaxKeyFileBytes, "private key"));
+    const SecretText text(qxpbase::ReadDocument(path, kMaxKeyFileBytes, "private key"));
     bool encrypted = false;
     KeyPtr key(PEM_read_bio_PrivateKey(text.Open().get(), nullptr, NoteEncrypted, &encrypted));
     ERR_clear_error();
     if (encrypted) {
-        throw BadInput(path + " is protected by a passphrase; write an unprotected copy with 'openssl pkey -in " +
-                       ShellWord(path) + " -out KEY.pem' in a place that only you can read");
+        throw InputError(path +
+                         " is protected by a passphrase; write an unprotected copy with 'openssl pkey -in LOCKED.pem "
+                         "-out KEY.pem' in a place that only you can read");
     }
-    if (!key && text.Contains("PUBLIC KEY")) {
-        throw BadInput(path + " is a public key; signing needs the private half (.key.pem)");
+    if (key == nullptr && text.Contains("PUBLIC KEY")) {
+        throw InputError(path + " is a public key; signing needs the private half (.key.pem)");
     }
-    if (!key) {
-        throw BadInput(path + " is not a private key in PEM form; make one with 'qxpctl keygen'");
+    if (key == nullptr) {
+        throw InputError(path + " is not a private key in PEM form; make one with 'qxpctl keygen'");
     }
     const Scheme scheme = SchemeOf(key.get(), path);
     return {std::move(key), scheme};
 }
 
 Key ReadPublicKey(const std::string& path) {
-    const SecretText text(ReadDocument(path, kMaxKeyFileBytes, "public key"));
+    const SecretText text(qxpbase::ReadDocument(path, kMaxKeyFileBytes, "public key"));
     KeyPtr key(PEM_read_bio_PUBKEY(text.Open().get(), nullptr, nullptr, nullptr));
     ERR_clear_error();
-    if (!key && text.Contains("PRIVATE KEY")) {
-        throw BadInput(path + " is a private key; checking needs the public half (.pub.pem)");
+    if (key == nullptr && text.Contains("PRIVATE KEY")) {
+        throw InputError(path + " is a private key; checking needs the public half (.pub.pem)");
     }
-    if (!key) {
-        throw BadInput(path + " is not a public key in PEM form");
+    if (key == nullptr) {
+        throw InputError(path + " is not a public key in PEM form");
     }
     const Scheme scheme = SchemeOf(key.get(), path);
     return {std::move(key), scheme};
@@ -133,10 +127,11 @@ KeyPairText::~KeyPairText() {
 KeyPairText WriteKeyPair(const Key& key) {
     const BioPtr private_half(BIO_new(BIO_s_secmem()));
     const BioPtr public_half(BIO_new(BIO_s_mem()));
-    if (!private_half || !public_half ||
+    if (private_half == nullptr || public_half == nullptr ||
         PEM_write_bio_PrivateKey(private_half.get(), key.key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
         PEM_write_bio_PUBKEY(public_half.get(), key.key.get()) != 1) {
-        throw LocalFailure(Unwritable());
+        ERR_clear_error();
+        throw LocalError("the key cannot be written as PEM");
     }
     KeyPairText text;
     text.private_pem = BioText(private_half.get());
@@ -144,4 +139,4 @@ KeyPairText WriteKeyPair(const Key& key) {
     return text;
 }
 
-}  // namespace qxpctl
+}  // namespace qxppolicy

@@ -1,145 +1,100 @@
 #include "policy/policy_builder.h"
 
-#include <openssl/rand.h>
+#include <fmt/format.h>
+#include <uuid/uuid.h>
 
+#include <algorithm>
 #include <array>
-#include <filesystem>
-#include <set>
+#include <nlohmann/json.hpp>
+#include <utility>
 
-#include "ctl/commands/script_type.h"
-#include "ctl/terminal/error.h"
-#include "ctl/terminal/json.h"
-#include "ctl/terminal/text.h"
+#include "base/encoding.h"
+#include "base/error.h"
+#include "policy/rules.h"
 #include "policy/signature_format.h"
-#include "policy/signer.h"
+#include "policy/vocabulary.h"
 
-namespace qxpctl {
+namespace qxppolicy {
+
+using qxpbase::InputError;
+
+// Base64 makes four characters of three bytes.
+const size_t kMaxScriptBytes = MAINT_SIGN_MAX_SIZE / 4 * 3;
 
 namespace {
 
-using qxppolicy::kMaxSignedBytes;
-
-// Base64 makes four characters of three bytes.
-constexpr size_t kMaxScriptBytes = kMaxSignedBytes / 4 * 3;
+using Json = nlohmann::ordered_json;
 
 std::string RandomUuid() {
-    std::array<unsigned char, 16> bytes{};
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
-        throw LocalFailure("the system gives no random numbers");
-    }
-    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
-    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
-    std::string text = HexEncode(bytes);
-    for (const size_t at : {8, 13, 18, 23}) {
-        text.insert(at, "-");
-    }
-    return text;
+    uuid_t uuid;
+    std::array<char, UUID_STR_LEN> text{};
+    uuid_generate_random(uuid);
+    uuid_unparse_lower(uuid, text.data());
+    return text.data();
 }
 
-std::string IdOf(const ScriptArgument& argument, const ScriptAttributes& attributes) {
-    if (attributes.id) {
-        return *attributes.id;
-    }
-    std::string name = std::filesystem::path(argument.file).filename().string();
-    try {
-        CheckId(name, "script id");
-    } catch (const BadInput& error) {
-        throw BadInput(std::string(error.what()) + "; give another with '" + argument.file + ",id=NAME'");
-    }
-    return name;
-}
-
-// Adds one script to the policy and its member to the list.
-void AddScript(const std::string& text, const ScriptAttributes& defaults, const Key& key, Policy& policy, Json& list) {
-    const ScriptArgument argument = ParseScriptArgument(text);
-    const ScriptAttributes attributes = WithDefaults(argument.attributes, defaults);
-    const ScriptFile file = ReadScriptFile(argument.file, kMaxScriptBytes);
-    PackedScript script;
-    script.id = IdOf(argument, attributes);
-    script.type = attributes.type ? *attributes.type : GuessType(argument.file, file);
-    script.file = argument.file;
-    if (HandlingOf(script.type) == TypeHandling::kShell && file.bytes.find('\0') != std::string::npos) {
-        throw BadInput(argument.file +
-                       " holds a NUL byte, and the plugin would run a script of the type sh only up to it");
-    }
-    script.bytes = file.bytes.size();
-    script.timeout = attributes.timeout.value_or(0);
-
-    std::string base64_text = Base64Encode(file.bytes);
-    // Every value is a string in this format, numbers included.
-    Json member;
-    member["scriptid"] = script.id;
-    member["scripttype"] = script.type;
-    if (attributes.path && !attributes.path->empty()) {
-        member["scriptpath"] = *attributes.path;
-    }
-    if (attributes.check && !attributes.check->empty()) {
-        member["checkret"] = *attributes.check;
-    }
-    if (attributes.timeout) {
-        member["timeout"] = std::to_string(*attributes.timeout);
-    }
-    if (attributes.action) {
-        member["timeoutaction"] = std::to_string(*attributes.action);
-    }
-    member["sign"] = Sign(key, base64_text);
-    member["scriptdata"] = std::move(base64_text);
-    list.push_back(std::move(member));
-    policy.scripts.push_back(std::move(script));
-}
-
-void CheckDistinctIds(const std::vector<PackedScript>& scripts) {
-    std::set<std::string> ids;
-    for (const PackedScript& script : scripts) {
-        if (!ids.insert(script.id).second) {
-            throw BadInput("two scripts have the id '" + script.id + "'; give one another with '" + script.file +
-                           ",id=NAME'");
-        }
+void RequireRoom(size_t bytes) {
+    if (bytes > kMaxPolicyBytes) {
+        throw InputError(fmt::format(
+            "the policy would be larger than {} bytes, more than the agent takes: pack the scripts in several",
+            kMaxPolicyBytes));
     }
 }
 
 }  // namespace
 
-Policy BuildPolicy(const PolicyRequest& request, const Key& private_key) {
-    if (request.scripts.empty()) {
-        throw BadInput("no script is given");
+PolicyBuilder::PolicyBuilder(const std::optional<std::string>& id, const std::string& command, const Key& key)
+    : key_(key) {
+    if (!IsRunCommand(command)) {
+        throw InputError(
+            fmt::format("the command '{}' is none of {}, {} and {}", command, kRunNormal, kRunFile, kRunProcess));
     }
-    if (request.scripts.size() > kMaxScripts) {
-        throw BadInput(std::to_string(request.scripts.size()) + " scripts are too many for one policy; the limit is " +
-                       std::to_string(kMaxScripts) + ": pack them in several");
+    policy_.id = id ? *id : RandomUuid();
+    policy_.command = command;
+    policy_.scheme = key.scheme;
+    if (const Fault fault = ValidateId(policy_.id)) {
+        throw InputError(fmt::format("the policy ID '{}' {}", policy_.id, *fault));
     }
-    if (!IsRunCommand(request.command)) {
-        throw BadInput("the command '" + request.command + "' is none of " + kRunNormal + ", " + kRunFile + " and " +
-                       kRunProcess);
-    }
-    Policy policy;
-    policy.id = request.id ? *request.id : RandomUuid();
-    policy.command = request.command;
-    CheckId(policy.id, "policy ID");
-
-    Json list = Json::array();
-    size_t total = 0;
-    for (const std::string& script : request.scripts) {
-        AddScript(script, request.defaults, private_key, policy, list);
-        // While they are read, so that many large scripts do not fill the memory first.
-        total += list.back()["scriptdata"].get_ref<const std::string&>().size();
-        if (total > kMaxPolicyBytes) {
-            break;
-        }
-    }
-    CheckDistinctIds(policy.scripts);
-    if (total <= kMaxPolicyBytes) {
-        Json document;
-        document["ID"] = policy.id;
-        document["Command"] = policy.command;
-        document["param"]["scriptinfo"] = std::move(list);
-        policy.document = document.dump();
-    }
-    if (total > kMaxPolicyBytes || policy.document.size() > kMaxPolicyBytes) {
-        throw BadInput("the policy would be larger than " + std::to_string(kMaxPolicyBytes) +
-                       " bytes, more than the agent takes: pack the scripts in several");
-    }
-    return policy;
+    policy_.document = Json{{"ID", policy_.id}, {"Command", command}}.dump();
+    policy_.document.pop_back();  // its '}' comes last
+    policy_.document += R"(,"param":{"scriptinfo":[)";
 }
 
-}  // namespace qxpctl
+void PolicyBuilder::Add(const ScriptMembers& members, const std::string& file, std::string_view body) {
+    if (HandlingOf(members.type) == TypeHandling::kShell && body.find('\0') != std::string_view::npos) {
+        throw InputError(file + " holds a NUL byte, and the plugin would run a script of the type sh only up to it");
+    }
+    if (std::any_of(policy_.scripts.begin(), policy_.scripts.end(),
+                    [&members](const PackedScript& script) { return script.id == members.id; })) {
+        throw InputError(
+            fmt::format("two scripts have the id '{}'; give one another with '{},id=NAME'", members.id, file));
+    }
+    std::string base64_text = qxpbase::Base64Encode(body);
+    // Every value is a string in this format, numbers included.
+    Json member{{"scriptid", members.id}, {"scripttype", members.type}};
+    if (!members.directory.empty()) {
+        member["scriptpath"] = members.directory;
+    }
+    if (!members.marker.empty()) {
+        member["checkret"] = members.marker;
+    }
+    if (members.timeout) {
+        member["timeout"] = std::to_string(*members.timeout);
+    }
+    if (members.action) {
+        member["timeoutaction"] = std::to_string(*members.action);
+    }
+    member["sign"] = Sign(key_, base64_text);
+    RequireRoom(policy_.document.size() + base64_text.size());
+    member["scriptdata"] = std::move(base64_text);
+    policy_.document += (policy_.scripts.empty() ? "" : ",") + member.dump();
+    policy_.scripts.push_back({members.id, members.type, file, body.size(), members.timeout.value_or(0)});
+}
+
+PackedPolicy PolicyBuilder::Finish() {
+    policy_.document += "]}}";
+    RequireRoom(policy_.document.size());
+    return std::move(policy_);
+}
+
+}  // namespace qxppolicy

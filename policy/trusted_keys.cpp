@@ -1,15 +1,16 @@
 #include "policy/trusted_keys.h"
 
+#include <fmt/format.h>
 #include <openssl/core_names.h>
 #include <openssl/err.h>
-#include <openssl/param_build.h>
-#include <openssl/rsa.h>
 
-#include <algorithm>
-#include <array>
-#include <stdexcept>
+#include <filesystem>
+#include <system_error>
+#include <utility>
 
 #include "base/encoding.h"
+#include "base/error.h"
+#include "policy/key_file.h"
 #include "policy/signature_format.h"
 #include "qxhost/signature.h"
 
@@ -17,136 +18,121 @@ namespace qxppolicy {
 
 namespace {
 
-// Undoes the private-key operation. False when the block is no signature block of this key.
-bool RecoverMessage(EVP_PKEY* key, const unsigned char* block, std::array<unsigned char, kPluginBlockBytes>& message) {
-    const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
-    size_t size = message.size();
-    const bool recovered =
-        context && EVP_PKEY_verify_recover_init(context.get()) == 1 &&
-        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) == 1 &&
-        EVP_PKEY_verify_recover(context.get(), message.data(), &size, block, kPluginBlockBytes) == 1 &&
-        size == message.size();
-    ERR_clear_error();
-    return recovered;
+const unsigned char* Bytes(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
 }
 
 bool VerifiesEd25519(EVP_PKEY* key, const std::vector<unsigned char>& signature, const std::string& data) {
     const DigestContextPtr context(EVP_MD_CTX_new());
-    const bool valid =
-        context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
-        EVP_DigestVerify(context.get(), signature.data() + kMarkDigits / 2, signature.size() - kMarkDigits / 2,
-                         reinterpret_cast<const unsigned char*>(data.data()), data.size()) == 1;
+    const bool valid = context != nullptr && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
+                       EVP_DigestVerify(context.get(), signature.data() + MAINT_SIGN_MARK_SIZE,
+                                        signature.size() - MAINT_SIGN_MARK_SIZE, Bytes(data), data.size()) == 1;
     ERR_clear_error();
     return valid;
 }
 
-BignumPtr ReadNumber(const char* digits) {
+BignumPtr ParseHexNumber(const std::string& digits) {
     BIGNUM* number = nullptr;
-    return BignumPtr(BN_hex2bn(&number, digits) != 0 ? number : nullptr);
+    return BignumPtr(BN_hex2bn(&number, digits.c_str()) != 0 ? number : nullptr);
 }
 
-// Null when the two are no public key that a plugin can be built with.
-KeyPtr MakeRsaKey(const char* modulus_digits, const char* exponent_digits) {
-    const BignumPtr modulus = ReadNumber(modulus_digits);
-    const BignumPtr exponent = ReadNumber(exponent_digits);
-    if (!modulus || !exponent || BN_num_bits(modulus.get()) != kRsaBits || !BN_is_word(exponent.get(), kRsaExponent)) {
-        return nullptr;
-    }
-    const ParamBuilderPtr builder(OSSL_PARAM_BLD_new());
-    const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    if (!builder || !context || OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) != 1 ||
-        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) != 1) {
-        return nullptr;
-    }
-    const ParamsPtr parameters(OSSL_PARAM_BLD_to_param(builder.get()));
-    EVP_PKEY* key = nullptr;
-    const bool made = parameters && EVP_PKEY_fromdata_init(context.get()) == 1 &&
-                      EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters.get()) == 1;
-    ERR_clear_error();
-    return KeyPtr(made ? key : nullptr);
-}
-
-uint32_t MarkValue(const std::vector<unsigned char>& mark) {
-    return mark[0] | uint32_t{mark[1]} << 8 | uint32_t{mark[2]} << 16 | uint32_t{mark[3]} << 24;
+std::string HexNumberOf(const EVP_PKEY* key, const char* parameter) {
+    BIGNUM* value = nullptr;
+    EVP_PKEY_get_bn_param(key, parameter, &value);
+    const BignumPtr number(value);
+    const TextPtr digits(number != nullptr ? BN_bn2hex(number.get()) : nullptr);
+    return digits != nullptr ? digits.get() : "";
 }
 
 }  // namespace
 
-bool TrustedKeys::SetPluginKey(KeyPtr key) {
-    if (plugin_key_ != nullptr || key == nullptr) {
+bool TrustedKeys::SetPluginKey(const std::string& modulus, const std::string& exponent) {
+    const BignumPtr modulus_number = ParseHexNumber(modulus);
+    const BignumPtr exponent_number = ParseHexNumber(exponent);
+    if (!modulus_.empty() || modulus_number == nullptr || exponent_number == nullptr ||
+        BN_num_bits(modulus_number.get()) != kRsaBits || BN_is_word(exponent_number.get(), kRsaExponent) != 1) {
         return false;
     }
-    plugin_key_ = std::move(key);
+    modulus_ = modulus;
+    exponent_ = exponent;
     return true;
 }
 
-bool TrustedKeys::SetPluginKey(const char* modulus, const char* exponent) {
-    return SetPluginKey(MakeRsaKey(modulus, exponent));
+void TrustedKeys::AddKeyFile(const std::string& path) {
+    Key key = ReadPublicKey(path);
+    if (key.scheme == Scheme::kEd25519) {
+        ed25519_keys_.push_back(std::move(key.key));
+    } else if (!SetPluginKey(HexNumberOf(key.key.get(), OSSL_PKEY_PARAM_RSA_N),
+                             HexNumberOf(key.key.get(), OSSL_PKEY_PARAM_RSA_E))) {
+        throw qxpbase::InputError(path + " is a second RSA key; a plugin is built with one");
+    }
 }
 
-std::string TrustedKeys::ValidateSignature(const std::string& sign, const std::string& data) const {
+void TrustedKeys::SetDirectory(const std::string& directory) {
+    std::error_code failure;
+    if (!std::filesystem::is_directory(directory, failure)) {
+        throw qxpbase::InputError(directory +
+                                  " is not a directory; --trust-dir takes the directory of the trusted *.pem files");
+    }
+    directory_ = directory;
+    QxSetTrustDirectory(directory.c_str());
+}
+
+Fault TrustedKeys::ValidateSignature(const std::string& sign, const std::string& data) const {
     if (sign.empty()) {
         return "\"sign\" is empty";
     }
     if (data.empty()) {
         return "\"scriptdata\" is empty";
     }
-    if (sign.size() <= kMarkDigits) {
+    if (sign.size() <= MAINT_SIGN_MARK_DIGITS) {
         return "\"sign\" is too short to be a signature";
     }
-    const auto mark = qxpbase::HexDecode(std::string_view(sign).substr(0, kMarkDigits));
-    if (!mark) {
+    if (!qxpbase::HexDecode(std::string_view(sign).substr(0, MAINT_SIGN_MARK_DIGITS))) {
         return "\"sign\" does not begin with hexadecimal digits";
     }
-    if (MarkValue(*mark) == kPluginMarkValue) {
-        return ValidatePluginSignature(sign, data);
-    }
-    return ValidateHostSignature(sign, data, MarkValue(*mark));
+    return sign.starts_with(kPluginMark) ? ValidatePluginSignature(sign, data) : ValidateHostSignature(sign, data);
 }
 
-std::string TrustedKeys::ValidatePluginSignature(std::string_view sign, std::string_view data) const {
-    if (!plugin_key_) {
+// The plugin's code gives the verdict; the rest only finds words for it.
+Fault TrustedKeys::ValidatePluginSignature(const std::string& sign, const std::string& data) const {
+    if (modulus_.empty()) {
         return "it is signed for the plugin's own key, and no --key names an RSA key";
     }
-    if (sign.size() < kPluginSignatureDigits) {
-        return "\"sign\" has " + std::to_string(sign.size()) + " characters of " +
-               std::to_string(kPluginSignatureDigits);
+    if (sign.size() > MAINT_SIGN_MAX_SIZE || data.size() > MAINT_SIGN_MAX_SIZE) {
+        return fmt::format("\"sign\" or \"scriptdata\" is longer than {} bytes", MAINT_SIGN_MAX_SIZE);
     }
-    if (sign.size() > kMaxSignedBytes || data.size() > kMaxSignedBytes) {
-        return "\"sign\" or \"scriptdata\" is longer than " + std::to_string(kMaxSignedBytes) + " bytes";
+    const SMaintSignKey key{modulus_.c_str(), exponent_.c_str()};
+    CMaintSign checker;
+    if (checker.VerifyMaintSignContent(sign.c_str(), Bytes(data), static_cast<uint32_t>(data.size()), key) == 0) {
+        return std::nullopt;
     }
-    const auto signature = qxpbase::HexDecode(sign.substr(0, kPluginSignatureDigits));
+    if (sign.size() < MAINT_SIGN_DIGITS) {
+        return fmt::format("\"sign\" has {} characters of {}", sign.size(), MAINT_SIGN_DIGITS);
+    }
+    const auto signature = qxpbase::HexDecode(std::string_view(sign).substr(0, MAINT_SIGN_DIGITS));
     if (!signature) {
         return "\"sign\" holds characters that are not hexadecimal digits";
     }
-    std::array<unsigned char, kPluginBlockBytes> message{};
-    if (!RecoverMessage(plugin_key_.get(), signature->data() + kMarkDigits / 2, message)) {
+    unsigned char message[MAINT_SIGN_BLOCK_SIZE];
+    if (checker.RsaPublicDecrypt(signature->data() + MAINT_SIGN_MARK_SIZE, message, key) < 0) {
         return "it was not made with this key";
     }
-    std::array<unsigned char, kDigestBytes> digest{};
-    size_t size = 0;
-    if (EVP_Q_digest(nullptr, "SHA256", nullptr, data.data(), data.size(), digest.data(), &size) != 1) {
-        throw std::runtime_error("OpenSSL cannot compute SHA-256");
-    }
-    if (!std::equal(digest.begin(), digest.end(), message.begin() + kPluginDigestOffset)) {
-        return "it was made with another key, or the script was changed after signing";
-    }
-    return {};
+    return "it was made with another key, or the script was changed after signing";
 }
 
-std::string TrustedKeys::ValidateHostSignature(const std::string& sign, const std::string& data, uint32_t mark) const {
+Fault TrustedKeys::ValidateHostSignature(const std::string& sign, const std::string& data) const {
     // The plugin gives lengths as 32 bits.
     const auto size = static_cast<unsigned int>(data.size());
-    if (data.size() == size &&
-        qxchksign_buffer(sign.c_str(), reinterpret_cast<const unsigned char*>(data.data()), size) == 0) {
-        return {};
+    if (data.size() == size && qxchksign_buffer(sign.c_str(), Bytes(data), size) == 0) {
+        return std::nullopt;
     }
-    if (mark != kEd25519MarkValue) {
-        return "\"sign\" begins with " + sign.substr(0, kMarkDigits) + ", which is no known form";
+    if (!sign.starts_with(kEd25519Mark)) {
+        return fmt::format("\"sign\" begins with {}, which is no known form", sign.substr(0, MAINT_SIGN_MARK_DIGITS));
     }
     if (sign.size() != kEd25519SignatureDigits) {
-        return "\"sign\" has " + std::to_string(sign.size()) + " characters, an Ed25519 signature has " +
-               std::to_string(kEd25519SignatureDigits);
+        return fmt::format("\"sign\" has {} characters, an Ed25519 signature has {}", sign.size(),
+                           kEd25519SignatureDigits);
     }
     const auto signature = qxpbase::HexDecode(sign);
     if (!signature) {
@@ -154,12 +140,14 @@ std::string TrustedKeys::ValidateHostSignature(const std::string& sign, const st
     }
     for (const KeyPtr& key : ed25519_keys_) {
         if (VerifiesEd25519(key.get(), *signature, data)) {
-            return {};
+            return std::nullopt;
         }
     }
-    return "no key in " + (directory_.empty() ? "the trust directory of this installation" : directory_) +
-           (ed25519_keys_.empty() ? "" : " or of --key") +
-           " verifies it: it was made with another key, or the script was changed after signing";
+    return fmt::format(
+        "no key in {}{} verifies it: it was made with another key, or the script was changed after "
+        "signing",
+        directory_.empty() ? "the trust directory of this installation" : directory_,
+        ed25519_keys_.empty() ? "" : " or of --key");
 }
 
 }  // namespace qxppolicy

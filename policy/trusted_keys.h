@@ -1,12 +1,11 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "policy/openssl_ptr.h"
+#include "policy/rules.h"
 
 namespace qxppolicy {
 
@@ -14,27 +13,28 @@ namespace qxppolicy {
 /// keys are set.
 class TrustedKeys {
 public:
-    /// Sets the RSA key that the plugin was built with. False when one is set already; it then stays.
-    bool SetPluginKey(KeyPtr key);
-    /// The same, from the texts that a plugin exports: modulus and exponent in hexadecimal digits. False also when they
-    /// are no key of the one kind that a plugin can be built with.
-    bool SetPluginKey(const char* modulus, const char* exponent);
-    /// Adds an Ed25519 key, as from the trust directory.
-    void AddEd25519Key(KeyPtr key) { ed25519_keys_.push_back(std::move(key)); }
-    /// Names the directory that the host trusts, for the texts; setting it is the caller's.
-    void NameDirectory(const std::string& directory) { directory_ = directory; }
+    /// Sets the RSA key that the plugin was built with, from the texts that it exports: modulus and exponent in
+    /// hexadecimal digits. False when they are no key of the one kind that a plugin can be built with, and when a key
+    /// is set already; that then stays.
+    bool SetPluginKey(const std::string& modulus, const std::string& exponent);
+    /// Adds a public key from a file: the RSA key that the plugin was built with, of which there can be one, or an
+    /// Ed25519 key as from the trust directory. Throws InputError.
+    void AddKeyFile(const std::string& path);
+    /// Sets the directory whose *.pem files the host trusts; process-wide. Throws InputError when there is none.
+    void SetDirectory(const std::string& directory);
 
-    /// Checks the signature of a text as the plugin does. Returns an empty text when it is valid, else the reason in
-    /// plain words.
-    std::string ValidateSignature(const std::string& sign, const std::string& data) const;
+    /// Checks the signature of a script's Base64 text as the plugin does, whose own code is asked for its own form, and
+    /// the host's for any other. Returns the reason in plain words when it is not valid.
+    Fault ValidateSignature(const std::string& sign, const std::string& data) const;
 
 private:
-    std::string ValidatePluginSignature(std::string_view sign, std::string_view data) const;
-    std::string ValidateHostSignature(const std::string& sign, const std::string& data, uint32_t mark) const;
+    Fault ValidatePluginSignature(const std::string& sign, const std::string& data) const;
+    Fault ValidateHostSignature(const std::string& sign, const std::string& data) const;
 
-    KeyPtr plugin_key_;
+    std::string modulus_;  // empty when there is no RSA key
+    std::string exponent_;
     std::vector<KeyPtr> ed25519_keys_;
-    std::string directory_;
+    std::string directory_;  // empty for the host's own
 };
 
 }  // namespace qxppolicy

@@ -25,8 +25,8 @@ std::string ValidatePart(const fs::path& part, const struct stat& status, bool /
 
 }  // namespace
 
-std::string ValidateScriptDirectory(const fs::path& directory, const std::vector<fs::path>& allowed,
-                                    const fs::path& base) {
+std::optional<std::string> ValidateScriptDirectory(const fs::path& directory, const std::vector<fs::path>& allowed,
+                                                   const fs::path& base) {
     const WayEnd way = FollowWay(directory, base, ValidatePart);
     if (!way.fault.empty()) {
         return way.fault;
@@ -35,7 +35,10 @@ std::string ValidateScriptDirectory(const fs::path& directory, const std::vector
         const WayEnd root = FollowWay(each, base, ValidatePart);
         return root.fault.empty() && IsAtOrBelow(way.place, root.place);
     });
-    return is_allowed ? "" : "lies in none of the agent's script-directories";
+    if (!is_allowed) {
+        return "lies in none of the agent's script-directories";
+    }
+    return std::nullopt;
 }
 
 }  // namespace qxpagent

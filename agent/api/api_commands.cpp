@@ -1,11 +1,11 @@
 // The requests about commands: submit, list, show, run once.
-#include <algorithm>
 #include <string>
 #include <utility>
 
 #include "agent/api/api.h"
 #include "agent/api/api_json.h"
 #include "agent/api/api_request.h"
+#include "policy/rules.h"
 
 namespace qxpagent {
 
@@ -50,12 +50,6 @@ int ProblemStatus(SubmitStatus status) {
     }
 }
 
-bool IsFileName(const std::string& name) {
-    return !name.empty() && std::none_of(name.begin(), name.end(), [](unsigned char character) {
-        return character == '/' || character < 0x20 || character == 0x7f;
-    });
-}
-
 }  // namespace
 
 qxphttp::Response Api::SubmitCommand(qxphttp::Request& request, const std::string& /*name*/) {
@@ -68,13 +62,13 @@ qxphttp::Response Api::SubmitCommand(qxphttp::Request& request, const std::strin
 }
 
 qxphttp::Response Api::ListCommands(qxphttp::Request& request, const std::string& /*name*/) {
-    static constexpr CommandState kStates[] = {CommandState::kReceived, CommandState::kDelivered,
-                                               CommandState::kRefused, CommandState::kReported,
-                                               CommandState::kInterrupted};
+    static constexpr auto& kStates = qxppolicy::kCommandStates;
+    using qxppolicy::StateName;
     const QueryParameters parameters(request);
     CommandQuery query;
-    if (const auto state = parameters.OneOf(
-            "state", {Word(kStates[0]), Word(kStates[1]), Word(kStates[2]), Word(kStates[3]), Word(kStates[4])})) {
+    if (const auto state =
+            parameters.OneOf("state", {StateName(kStates[0]), StateName(kStates[1]), StateName(kStates[2]),
+                                       StateName(kStates[3]), StateName(kStates[4])})) {
         query.state = kStates[*state];
     }
     query.after = parameters.After();
@@ -117,10 +111,13 @@ qxphttp::Response Api::ShowCommand(qxphttp::Request& /*request*/, const std::str
 qxphttp::Response Api::RunOnce(qxphttp::Request& request, const std::string& /*name*/) {
     const nlohmann::json body = ReadObject(request.body, {"name"});
     const auto name = body.find("name");
-    if (name == body.end() || !name->is_string() || !IsFileName(name->get_ref<const std::string&>())) {
-        throw BadRequest("The member \"name\" must be a file name, without '/' and control characters.");
+    if (name == body.end() || !name->is_string()) {
+        throw BadRequest("The member \"name\" must be a string, the name of a file.");
     }
     const auto& file = name->get_ref<const std::string&>();
+    if (const qxppolicy::Fault fault = qxppolicy::ValidateRunOnceName(file)) {
+        throw BadRequest("The member \"name\" " + *fault + ".");
+    }
     const std::optional<bool> accepted = agent_.RunOnce(file, request.peer);
     if (!accepted.has_value()) {
         return qxphttp::Problem(503, "The agent is stopping, or its plugin is not started.");

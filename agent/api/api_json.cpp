@@ -84,22 +84,6 @@ void AppendReport(qxphttp::Body& body, Report report) {
 
 }  // namespace
 
-std::string_view Word(CommandState state) {
-    switch (state) {
-        case CommandState::kReceived:
-            return "received";
-        case CommandState::kDelivered:
-            return "delivered";
-        case CommandState::kRefused:
-            return "refused";
-        case CommandState::kReported:
-            return "reported";
-        case CommandState::kInterrupted:
-            break;
-    }
-    return "interrupted";
-}
-
 std::string_view Word(ReportSource source) {
     switch (source) {
         case ReportSource::kPlugin:
@@ -116,7 +100,7 @@ Json CommandToJson(const CommandRecord& command) {
     Json json;
     json["id"] = command.id;
     json["command"] = command.command;
-    json["state"] = Word(command.state);
+    json["state"] = qxppolicy::StateName(command.state);
     json["reason"] = TextOrNull(command.reason);
     json["sequence"] = command.sequence;
     json["scripts"] = command.scripts;
@@ -158,10 +142,9 @@ Json ResultToJson(const Report& report) {
 Json StatusToJson(const AgentStatus& status) {
     const StoreFigures& store = status.store;
     Json commands;
-    for (const CommandState state : {CommandState::kReceived, CommandState::kDelivered, CommandState::kRefused,
-                                     CommandState::kReported, CommandState::kInterrupted}) {
+    for (const CommandState state : qxppolicy::kCommandStates) {
         const auto count = store.states.find(state);
-        commands[std::string(Word(state))] = count != store.states.end() ? count->second : 0;
+        commands[qxppolicy::StateName(state)] = count != store.states.end() ? count->second : 0;
     }
     Json json;
     json["version"] = status.version;

@@ -13,11 +13,7 @@ namespace qxpagent {
 /// JSON whose members stay in the order in which they were added.
 using Json = nlohmann::ordered_json;
 
-/// AgentStatus::plugin_status of a plugin that is started.
-inline constexpr unsigned int kPluginStarted = 2;
-
-/// The words of the API for these values.
-std::string_view Word(CommandState state);
+/// The word of the API for a source.
 std::string_view Word(ReportSource source);
 
 /// The objects of the API.

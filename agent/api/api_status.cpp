@@ -14,7 +14,7 @@ std::vector<std::string> Problems(AgentControl& agent) {
     std::vector<std::string> problems;
     try {
         const AgentStatus status = agent.Status();
-        if (status.plugin_status != kPluginStarted) {
+        if (status.plugin_status != qxppolicy::kPluginStarted) {
             problems.push_back("The plugin is not started: its status is " + std::to_string(status.plugin_status) +
                                ".");
         }

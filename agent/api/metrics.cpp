@@ -70,11 +70,10 @@ MetricFamily RunSeconds(const AgentCounters& counters) {
 
 MetricFamily CommandStates(const StoreFigures& store) {
     std::vector<Sample> samples;
-    for (const CommandState state : {CommandState::kReceived, CommandState::kDelivered, CommandState::kRefused,
-                                     CommandState::kReported, CommandState::kInterrupted}) {
+    for (const CommandState state : qxppolicy::kCommandStates) {
         const auto count = store.states.find(state);
         samples.push_back(
-            {count != store.states.end() ? ToDouble(count->second) : 0, {{"state", std::string(Word(state))}}});
+            {count != store.states.end() ? ToDouble(count->second) : 0, {{"state", qxppolicy::StateName(state)}}});
     }
     return Gauge("qxpagent_commands",
                  "Commands in the journal, by state: received are queued for the plugin, delivered are with it and "
@@ -96,7 +95,7 @@ std::vector<MetricFamily> OfTheAgent(const AgentStatus& status) {
             Gauge("qxpagent_uptime_seconds", "Time since the agent started.",
                   {{static_cast<double>(status.uptime.count()), {}}}),
             Gauge("qxpagent_plugin_started", "1 while the plugin is started.",
-                  {{status.plugin_status == kPluginStarted ? 1.0 : 0, {}}}),
+                  {{status.plugin_status == qxppolicy::kPluginStarted ? 1.0 : 0, {}}}),
             Gauge("qxpagent_scripts_queued",
                   "Scripts of commands in state received: journalled, and not yet handed to the plugin.",
                   {{ToDouble(status.scripts_queued), {}}}),

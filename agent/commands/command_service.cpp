@@ -1,5 +1,7 @@
 #include "agent/commands/command_service.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -7,6 +9,7 @@
 #include "agent/log.h"
 #include "base/sha256.h"
 #include "policy/forecast.h"
+#include "policy/vocabulary.h"
 
 namespace qxpagent {
 
@@ -15,17 +18,12 @@ namespace {
 constexpr char kAgentEnded[] = "The agent ended before every result was there; what was running may have been cut off.";
 constexpr char kReportLost[] = "The store took nothing for too long, and a report was lost: the scripts may have run.";
 
-const char* StateName(CommandState state) {
-    constexpr const char* kNames[] = {"received", "delivered", "refused", "reported", "interrupted"};
-    return kNames[static_cast<size_t>(state)];
-}
-
 const char* OutcomeName(const SubmitOutcome& outcome) {
     constexpr const char* kNames[] = {
         "",        "known already",  "conflict",        "refused by the admission check", "not running", "busy",
         "no room", "storage failed", "not acknowledged"};
     if (outcome.status == SubmitStatus::kTaken) {
-        return outcome.command.has_value() ? StateName(outcome.command->state) : "delivered";
+        return outcome.command.has_value() ? qxppolicy::StateName(outcome.command->state) : "delivered";
     }
     return kNames[static_cast<size_t>(outcome.status)];
 }
@@ -51,30 +49,53 @@ bool HasMoreThan(std::vector<std::string> all, std::vector<std::string>& some) {
     return !std::includes(some.begin(), some.end(), all.begin(), all.end());
 }
 
-// Why the first script that is dropped is, as the end of a sentence. Named by its place: its ID is anybody's text.
-std::string FirstDropped(const qxppolicy::PolicyVerdict& verdict) {
+// Reason why the first dropped script was rejected, as a clause. Named by its index: the ID is untrusted.
+std::string FirstDropped(const qxppolicy::PolicyForecast& forecast) {
     const auto dropped = std::find_if(
-        verdict.scripts.begin(), verdict.scripts.end(),
-        [](const qxppolicy::ScriptVerdict& script) { return script.verdict == qxppolicy::Verdict::kDropped; });
-    return dropped == verdict.scripts.end()
+        forecast.scripts.begin(), forecast.scripts.end(),
+        [](const qxppolicy::ScriptForecast& script) { return script.verdict == qxppolicy::Verdict::kDropped; });
+    return dropped == forecast.scripts.end()
                ? ""
-               : "; script " + std::to_string(dropped - verdict.scripts.begin() + 1) + ": " + dropped->reason;
+               : fmt::format("; script {}: {}", dropped - forecast.scripts.begin() + 1, dropped->reason);
 }
 
 }  // namespace
+
+// Lets documents in as long as all that are in together stay within kBytesAtOnce; the rest waits, so that many large
+// submissions at once cannot use up the memory. What alone is larger is let in alone.
+class CommandService::BytesGate {
+public:
+    BytesGate(CommandService& commands, size_t bytes) : commands_(commands), bytes_(bytes) {
+        std::unique_lock lock(commands_.mutex_);
+        commands_.left_.wait(
+            lock, [this] { return commands_.bytes_in_ == 0 || commands_.bytes_in_ + bytes_ <= kBytesAtOnce; });
+        commands_.bytes_in_ += bytes_;
+    }
+    ~BytesGate() {
+        const std::lock_guard lock(commands_.mutex_);
+        commands_.bytes_in_ -= bytes_;
+        commands_.left_.notify_all();
+    }
+    BytesGate(const BytesGate&) = delete;
+    BytesGate& operator=(const BytesGate&) = delete;
+
+private:
+    CommandService& commands_;
+    const size_t bytes_;
+};
 
 // While it lives, no other thread submits or delivers a command of this ID.
 class CommandService::Turn {
 public:
     Turn(CommandService& commands, const std::string& id) : commands_(commands), id_(id) {
         std::unique_lock lock(commands_.mutex_);
-        commands_.turn_ended_.wait(lock, [this] { return !commands_.busy_.contains(id_); });
+        commands_.left_.wait(lock, [this] { return !commands_.busy_.contains(id_); });
         commands_.busy_.insert(id_);
     }
     ~Turn() {
         const std::lock_guard lock(commands_.mutex_);
         commands_.busy_.erase(id_);
-        commands_.turn_ended_.notify_all();
+        commands_.left_.notify_all();
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
@@ -86,10 +107,13 @@ private:
 
 SubmitOutcome CommandService::Submit(std::string document, const qxpbase::Peer& peer) {
     const size_t bytes = document.size();
-    NewCommand command;
+    Candidate candidate;
+    candidate.command.submitter = peer;
+    candidate.command.received = std::chrono::system_clock::now();
+    candidate.command.text = std::move(document);
     SubmitOutcome outcome;
     try {
-        outcome = Take(std::move(document), peer, command);
+        outcome = Accept(candidate);
     } catch (const StoreError& error) {
         outcome = StorageOutcome(error);
     }
@@ -98,74 +122,72 @@ SubmitOutcome CommandService::Submit(std::string document, const qxpbase::Peer& 
     } else if (outcome.status == SubmitStatus::kUnacceptable) {
         counters_.RefusedAtAdmission();
     }
-    Audit(peer, command, bytes, outcome);
+    Audit(peer, candidate.command, bytes, outcome);
     return outcome;
 }
 
-SubmitOutcome CommandService::Take(std::string document, const qxpbase::Peer& peer, NewCommand& command) {
-    const ByteGate::Pass pass(gate_, document.size());
-    command.submitter = peer;
-    command.received = std::chrono::system_clock::now();
-    command.text = std::move(document);
+SubmitOutcome CommandService::Accept(Candidate& candidate) {
+    NewCommand& command = candidate.command;
+    const BytesGate gate(*this, command.text.size());
     command.sha256 = qxpbase::Sha256Hex(command.text);
-    Forecast forecast;
-    {
-        qxtools::CPJsonParse json;
-        std::string reason = qxppolicy::ValidateForAdmission(command.text, json, directory_rule_);
-        command.id = json.GetValue(json.GetNode(nullptr, "ID")).c_str();  // up to a NUL, as the plugin reads it
-        if (!reason.empty()) {
-            return {SubmitStatus::kUnacceptable, std::move(reason), std::nullopt};
-        }
-        forecast = MakeForecast(json);
+    if (qxppolicy::Fault fault = Examine(candidate)) {
+        return {SubmitStatus::kUnacceptable, std::move(*fault), std::nullopt};
     }
-    command.command = forecast.command;
-    command.scripts = forecast.scripts;
-    command.expected = forecast.expected;
-    command.refusal_reason = forecast.reason;
     const Turn turn(*this, command.id);
-    return Journal(command, forecast);
+    return Journal(candidate);
 }
 
-CommandService::Forecast CommandService::MakeForecast(const qxtools::CPJsonParse& document) const {
-    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(document, keys_);
-    Forecast forecast;
-    forecast.refused = !verdict.faults.empty();
-    forecast.command = verdict.command;
-    forecast.scripts = static_cast<uint32_t>(verdict.scripts.size());
-    forecast.reason = forecast.refused
-                          ? "The plugin refused it: " + verdict.faults.front() + FirstDropped(verdict) + "."
+// Reads the document once, and checks each signature once, for both the admission check and the forecast. What was read
+// is freed again before anything waits for the store or the plugin: it is larger than the document.
+qxppolicy::Fault CommandService::Examine(Candidate& candidate) const {
+    NewCommand& command = candidate.command;
+    const qxppolicy::PolicyDocument document(command.text);
+    command.id = document.Member("ID").value_or("");
+    if (qxppolicy::Fault fault = document.ValidateForAdmission(directory_rule_)) {
+        return fault;
+    }
+    const qxppolicy::PolicyForecast forecast = qxppolicy::Forecast(document, keys_);
+    candidate.refused = !forecast.faults.empty();
+    command.command = forecast.command;
+    command.scripts = static_cast<uint32_t>(forecast.scripts.size());
+    command.refusal_reason =
+        candidate.refused ? fmt::format("The plugin refused it: {}{}.", forecast.faults.front(), FirstDropped(forecast))
                           : "The plugin refused it: with the scripts that are running, its scripts are too many.";
-    for (const qxppolicy::ScriptVerdict& script : verdict.scripts) {
-        if (script.reported && !forecast.refused) {
-            forecast.expected.push_back(script.id);
+    for (const qxppolicy::ScriptForecast& script : forecast.scripts) {
+        if (script.reported && !candidate.refused) {
+            command.expected.push_back(script.id);
         }
     }
-    return forecast;
+    return std::nullopt;
 }
 
-SubmitOutcome CommandService::Journal(NewCommand& command, const Forecast& forecast) {
+SubmitOutcome CommandService::Journal(Candidate& candidate) {
+    const NewCommand& command = candidate.command;
     FinishWithdrawal(command.id);
     CommandRecord known;
     switch (store_.Admit(command, known)) {
         case Admission::kKnown:
             return {SubmitStatus::kKnown, "", std::move(known)};
         case Admission::kConflict:
-            return {SubmitStatus::kConflict, "Another document was submitted under the ID \"" + command.id + "\".",
-                    std::nullopt};
+            return {SubmitStatus::kConflict,
+                    fmt::format("Another document was submitted under the ID \"{}\".", command.id), std::nullopt};
         case Admission::kNew:
             break;
     }
+    // Marked before it is handed over: an agent that dies in between reports a command that never ran as interrupted,
+    // where the other order would run it twice.
     try {
         store_.MarkDelivered(command.id);
     } catch (const StoreError& error) {
         const SubmitOutcome outcome = StorageOutcome(error);
         return Withdraw(command.id, outcome.status, outcome.detail.c_str());
     }
-    return Deliver(command, forecast);
+    return Deliver(candidate);
 }
 
 // Gives the document away: it can be large, and the journal has it.
-SubmitOutcome CommandService::Deliver(NewCommand& command, const Forecast& forecast) {
+SubmitOutcome CommandService::Deliver(Candidate& candidate) {
+    NewCommand& command = candidate.command;
     const int status = HandOverOne(command.id, std::move(command.text), command.scripts);
     switch (status) {
         case kBusUndelivered:
@@ -180,10 +202,10 @@ SubmitOutcome CommandService::Deliver(NewCommand& command, const Forecast& forec
     }
     SubmitOutcome outcome;
     try {
-        ApplyAcknowledgement(command.id, status, forecast);
+        ApplyAcknowledgement(candidate, status);
         outcome.command = store_.FindCommand(command.id);
     } catch (const StoreError& error) {
-        // The plugin has it, and that is what counts; its final word comes with its results, or when the agent ends.
+        // The plugin has it, and that is what counts: its final state comes with its results, or when the agent ends.
         QXPAGENT_LOG(kLogError, "command [%s] was delivered, but: %s", command.id.c_str(), error.what());
     }
     if (status != kBusOk && status != kBusReceiverFailed) {
@@ -193,6 +215,8 @@ SubmitOutcome CommandService::Deliver(NewCommand& command, const Forecast& forec
     return outcome;
 }
 
+// The plugin refuses before it acknowledges. The ID is awaited until then, and for good when no acknowledgement came: a
+// refusal of any other ID was written by somebody else's document, and must not end a command.
 int CommandService::HandOverOne(const std::string& id, std::string text, uint32_t scripts) {
     {
         const std::lock_guard lock(mutex_);
@@ -211,7 +235,8 @@ bool CommandService::MayBeRefused(const std::string& id) {
     return unanswered_.contains(id);
 }
 
-// A command that never reached the plugin is as if it had not been sent.
+// A command that never reached the plugin is as if it had not been sent. What the store will not take back now is known
+// no more all the same: FinishWithdrawal makes up for it before the ID is used again.
 SubmitOutcome CommandService::Withdraw(const std::string& id, SubmitStatus status, const char* detail) {
     try {
         store_.Withdraw(id);
@@ -236,13 +261,14 @@ void CommandService::FinishWithdrawal(const std::string& id) {
 }
 
 // What is known at once, when the plugin has acknowledged the command.
-void CommandService::ApplyAcknowledgement(const std::string& id, int status, const Forecast& forecast) {
+void CommandService::ApplyAcknowledgement(const Candidate& candidate, int status) {
+    const NewCommand& command = candidate.command;
     if (status == kBusReceiverFailed) {
-        Refuse(id, "The plugin failed over the command; the log says more.");
-    } else if (status == kBusOk && forecast.refused) {
-        Refuse(id, forecast.reason);  // its own refusal, if it could be read and stored, was here before
-    } else if (status == kBusOk && forecast.expected.empty()) {
-        store_.FinishIfReported(id);
+        Refuse(command.id, "The plugin failed over the command; the log says more.");
+    } else if (status == kBusOk && candidate.refused) {
+        Refuse(command.id, command.refusal_reason);  // the plugin's own report, if there was one, was here before
+    } else if (status == kBusOk && command.expected.empty()) {
+        store_.FinishIfReported(command.id);
     }
 }
 
@@ -275,7 +301,7 @@ void CommandService::RetryPending() {
             DeliverAgain(id);
         }
     } catch (const StoreError& error) {
-        QXPAGENT_LOG(kLogError, "commands without a final word are left for later: %s", error.what());
+        QXPAGENT_LOG(kLogError, "commands without a final state are left for later: %s", error.what());
     }
 }
 
@@ -319,34 +345,30 @@ void CommandService::CloseLost() {
 void CommandService::DeliverAgain(const std::string& id) {
     const Turn turn(*this, id);
     FinishWithdrawal(id);
-    NewCommand command;
-    command.id = id;
-    command.text = store_.CommandText(id);
-    if (command.text.empty() || !store_.MarkDelivered(id)) {
+    Candidate candidate;
+    candidate.command.text = store_.CommandText(id);
+    if (candidate.command.text.empty() || !store_.MarkDelivered(id)) {
         return;  // another thread has dealt with it
     }
-    Forecast forecast;
-    {
-        qxtools::CPJsonParse json;
-        // What was good when it came may not be any more, and others may have written to the store.
-        if (const std::string reason = qxppolicy::ValidateForAdmission(command.text, json, directory_rule_);
-            !reason.empty()) {
-            QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), reason.c_str());
-            Refuse(id, reason);
-            return;
-        }
-        forecast = MakeForecast(json);
+    // What was good when it came may not be any more, and others may have written to the store.
+    if (const qxppolicy::Fault fault = Examine(candidate)) {
+        QXPAGENT_LOG(kLogError, "command [%s] was journalled and is not delivered: %s", id.c_str(), fault->c_str());
+        Refuse(id, *fault);
+        return;
     }
-    const int status = HandOverOne(id, std::move(command.text), forecast.scripts);
+    candidate.command.id = id;
+    const int status = HandOverOne(id, std::move(candidate.command.text), candidate.command.scripts);
     if (status == kBusUndelivered || status == kBusNotAttached || status == kBusQueueFull) {
         store_.MarkReceived(id);
         QXPAGENT_LOG(kLogWarn, "command [%s] is journalled and could not be delivered (%d)", id.c_str(), status);
         return;
     }
     QXPAGENT_LOG(kLogInfo, "command [%s] delivered from the journal (%d)", id.c_str(), status);
-    ApplyAcknowledgement(id, status, forecast);
+    ApplyAcknowledgement(candidate, status);
 }
 
+// An interrupted command keeps the list of the results that it was to have: the operator has to learn which scripts may
+// have run, and a result file that turns up later still belongs to it.
 void CommandService::InterruptOne(const std::string& id, const std::string& reason) {
     const std::optional<size_t> missing = store_.Interrupt(id, reason);
     if (missing.has_value()) {

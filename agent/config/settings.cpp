@@ -74,7 +74,7 @@ Mistake ApplyDirectories(std::vector<std::filesystem::path>& directories, const 
     directories.clear();
     std::istringstream list(value);
     for (std::string directory; std::getline(list, directory, ':');) {
-        if (directory.empty() || !qxppolicy::ValidateScriptDirectory(directory).empty()) {
+        if (directory.empty() || qxppolicy::ValidateScriptDirectory(directory)) {
             return "must be absolute paths parted by ':', of letters, digits and /._+@=,- alone";
         }
         directories.emplace_back(directory);

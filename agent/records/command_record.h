@@ -9,19 +9,13 @@
 
 #include "base/peer.h"
 #include "base/time_text.h"
+#include "policy/vocabulary.h"
 
 namespace qxpagent {
 
 using qxpbase::WallTime;
 
-/// The life of a command. It ends in one of the last three, its final word, and never leaves that.
-///
-///   received     journalled, not yet handed to the plugin
-///   delivered    marked before it is handed to the plugin, so that a crash never delivers twice
-///   refused      the plugin refused it, or could not take it
-///   reported     every result that it was to have is in the store
-///   interrupted  the agent ended before that
-enum class CommandState { kReceived, kDelivered, kRefused, kReported, kInterrupted };
+using qxppolicy::CommandState;
 
 /// One command as the journal has it.
 struct CommandRecord {

@@ -6,6 +6,8 @@
 #include <set>
 #include <utility>
 
+#include "policy/vocabulary.h"
+
 namespace qxpagent {
 
 namespace {
@@ -107,8 +109,8 @@ ReportContent ReadReport(std::string_view text) {
         return {};
     }
     content.readable = true;
-    content.refusal = reader.kind == "4";
-    if (reader.kind != "1") {
+    content.refusal = reader.kind == qxppolicy::kRefusalMessage;
+    if (reader.kind != qxppolicy::kResultMessage) {
         content.runs.clear();
     }
     return content;
@@ -124,8 +126,9 @@ std::string InterruptedReport(const std::string& id, const std::string& reason,
     for (const std::string& script : unreported) {
         scripts += (scripts.empty() ? "" : ",") + quoted(script);
     }
-    return R"({"ID":)" + quoted(id) + R"(,"msg_type":"5","data_type":"CommandInterrupted","data":{"reason":)" +
-           quoted(reason) + R"(,"unreported":[)" + scripts + "]}}";
+    return R"({"ID":)" + quoted(id) + R"(,"msg_type":)" + quoted(std::string(qxppolicy::kInterruptionMessage)) +
+           R"(,"data_type":"CommandInterrupted","data":{"reason":)" + quoted(reason) + R"(,"unreported":[)" + scripts +
+           "]}}";
 }
 
 }  // namespace qxpagent

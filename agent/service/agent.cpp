@@ -104,7 +104,7 @@ int Agent::HandOver(std::string document, uint32_t scripts) {
     return server_data_.Send(std::move(document));
 }
 
-std::string Agent::ValidateDirectory(const std::string& directory) const {
+qxppolicy::Fault Agent::ValidateDirectory(const std::string& directory) const {
     std::vector<std::filesystem::path> allowed = options_.script_directories;
     allowed.push_back(plugin_data_);
     return ValidateScriptDirectory(directory, allowed);

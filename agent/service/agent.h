@@ -62,7 +62,7 @@ private:
     void OpenStore();
     void LoadPluginLibrary();
     int HandOver(std::string document, uint32_t scripts);
-    std::string ValidateDirectory(const std::string& directory) const;
+    qxppolicy::Fault ValidateDirectory(const std::string& directory) const;
     void GiveFinalWords();
 
     // Constant after construction.

@@ -56,18 +56,19 @@ uint64_t RemoveFiles(int directory, const std::vector<std::string>& names, WallT
     return removed;
 }
 
-// Why the plugin will never take a policy file; empty when it may, or when nobody can tell now.
-std::string ReasonUnusable(int directory, const std::string& name, const qxppolicy::TrustedKeys& keys) {
+// Reason why the plugin will never accept a policy file; nothing when it may, or when nobody can tell now.
+qxppolicy::Fault ValidatePolicyFile(int directory, const std::string& name, const qxppolicy::TrustedKeys& keys) {
     const std::optional<ResultFile> file = ReadResultFile(directory, name);
     if (!file.has_value() || file->mark.size > kMostPolicyBytes ||
         file->mark.modified_ns > Nanoseconds(std::chrono::system_clock::now() - kSettleTime)) {
-        return {};
+        return std::nullopt;
     }
-    const qxppolicy::PolicyVerdict verdict = qxppolicy::CheckPolicy(file->text, keys);
-    if (!verdict.readable) {
+    const qxppolicy::PolicyDocument document(file->text);
+    if (!document.IsReadable()) {
         return "it is no JSON document";
     }
-    return verdict.faults.empty() ? "" : verdict.faults.front();
+    const qxppolicy::PolicyForecast forecast = qxppolicy::Forecast(document, keys);
+    return forecast.faults.empty() ? std::nullopt : qxppolicy::Fault(forecast.faults.front());
 }
 
 }  // namespace
@@ -135,10 +136,10 @@ uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys
         if (std::chrono::steady_clock::now() > deadline) {
             break;
         }
-        const std::string reason = ReasonUnusable(directory.Get(), name, keys);
-        if (!reason.empty() && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
+        const qxppolicy::Fault fault = ValidatePolicyFile(directory.Get(), name, keys);
+        if (fault && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
             ++moved;
-            example.assign(name).append(": ").append(reason);
+            example.assign(name).append(": ").append(*fault);
         }
     }
     if (moved > 0) {

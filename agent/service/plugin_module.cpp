@@ -12,6 +12,7 @@
 
 #include "agent/log.h"
 #include "base/startup_error.h"
+#include "policy/vocabulary.h"
 #include "qxhost/init_block.h"
 #include "qxhost/module.h"
 
@@ -152,7 +153,7 @@ void PluginModule::UndoFrom(Step step) {
         case Step::kInitialized:
             // The plugin's own record of its status dies in this call.
             object_->Uninitialize();
-            status_ = 4;
+            status_ = qxppolicy::kPluginUninitialised;
             [[fallthrough]];
         case Step::kCreated:
             entry_points_.destroy_object(PLUGIN_CLSID, object_);

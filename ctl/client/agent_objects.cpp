@@ -1,13 +1,10 @@
 #include "ctl/client/agent_objects.h"
 
-#include <array>
 #include <stdexcept>
 
 namespace qxpctl {
 
 namespace {
-
-constexpr std::array<const char*, 5> kStateNames = {"received", "delivered", "refused", "reported", "interrupted"};
 
 [[noreturn]] void Unreadable(const std::string& what) {
     throw std::invalid_argument(what);
@@ -30,12 +27,11 @@ std::string NeededText(const Json& object, const char* key, const char* of) {
 }
 
 CommandState ReadState(const std::string& name) {
-    for (size_t at = 0; at < kStateNames.size(); ++at) {
-        if (name == kStateNames.at(at)) {
-            return static_cast<CommandState>(at);
-        }
+    const std::optional<CommandState> state = qxppolicy::ParseState(name);
+    if (!state) {
+        Unreadable("a command has the unknown state \"" + name + "\"");
     }
-    Unreadable("a command has the unknown state \"" + name + "\"");
+    return *state;
 }
 
 std::vector<std::string> TextList(const Json& object, const char* key) {
@@ -60,14 +56,6 @@ Json& NeededList(Json& object, const char* key) {
 }
 
 }  // namespace
-
-const char* StateName(CommandState state) {
-    return kStateNames.at(static_cast<size_t>(state));
-}
-
-bool IsFinal(CommandState state) {
-    return state != CommandState::kReceived && state != CommandState::kDelivered;
-}
 
 const Json* FindMember(const Json& object, const char* key) {
     if (!object.is_object()) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ctl/terminal/json.h"
+#include "policy/vocabulary.h"
 
 // What the agent's API answers, read into values. All texts come from the agent's machine and are not to be trusted.
 // "document" members keep the answer as it came, for --json.
@@ -16,11 +17,9 @@
 
 namespace qxpctl {
 
-/// The names that the agent gives to a command's states; the last three are final.
-enum class CommandState { kReceived, kDelivered, kRefused, kReported, kInterrupted };
-
-const char* StateName(CommandState state);
-bool IsFinal(CommandState state);
+using qxppolicy::CommandState;
+using qxppolicy::IsFinal;
+using qxppolicy::StateName;
 
 // A check in the JSON library's move constructor looks as if it could throw.
 // NOLINTBEGIN(bugprone-exception-escape)

@@ -142,9 +142,9 @@ FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, Resul
     return Follower(agent, patience, collector, command, after, on_result).Run();
 }
 
-std::optional<seconds> DefaultWait(const Policy& policy) {
+std::optional<seconds> DefaultWait(const qxppolicy::PackedPolicy& policy) {
     uint32_t longest = 0;
-    for (const PackedScript& script : policy.scripts) {
+    for (const qxppolicy::PackedScript& script : policy.scripts) {
         if (script.timeout == 0) {
             return std::nullopt;
         }

@@ -19,7 +19,7 @@ enum class FollowOutcome {
     kGivenUp,      // the user ended the wait
 };
 
-/// Follows a command to its final word, over restarts of the agent.
+/// Follows a command to its final state, over restarts of the agent.
 /// @param command    as it is known; brought up to date.
 /// @param after      the cursor from which reports count.
 /// @param on_result  told of each result as it arrives.
@@ -30,6 +30,6 @@ FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, Resul
 
 /// How long to wait when nobody says: as long as the longest time-out and some grace; not set when a script may run for
 /// ever.
-std::optional<std::chrono::seconds> DefaultWait(const Policy& policy);
+std::optional<std::chrono::seconds> DefaultWait(const qxppolicy::PackedPolicy& policy);
 
 }  // namespace qxpctl

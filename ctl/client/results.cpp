@@ -2,15 +2,11 @@
 
 #include <algorithm>
 
+#include "policy/vocabulary.h"
+
 namespace qxpctl {
 
 namespace {
-
-// The "msg_type" of a result document, of the plugin's reply to a command that it refused, and of the agent's last word
-// on a command that it could not see through.
-constexpr const char* kResult = "1";
-constexpr const char* kRefusal = "4";
-constexpr const char* kInterruption = "5";
 
 RunResult ReadRun(const Json& run) {
     RunResult result;
@@ -60,11 +56,11 @@ ReportContent ReadReportContent(const Json& document) {
     content.id = TextMember(document, "ID");
     const std::string type = TextMember(document, "msg_type");
     const Json* const data = FindMember(document, "data");
-    if (type == kRefusal) {
+    if (type == qxppolicy::kRefusalMessage) {
         content.kind = ReportContent::Kind::kRefusal;
-    } else if (type == kInterruption) {
+    } else if (type == qxppolicy::kInterruptionMessage) {
         ReadInterruption(data ? *data : Json(), content);
-    } else if (type == kResult && data) {
+    } else if (type == qxppolicy::kResultMessage && data) {
         ReadRuns(*data, content);
     }
     return content;

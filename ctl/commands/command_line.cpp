@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "base/error.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/command_model.h"
 
@@ -130,6 +131,11 @@ int Run(int argc, const char* const* argv, const Console& console) {
     } catch (const Error& error) {
         console.Remark(error.what());
         code = error.Code();
+    } catch (const qxpbase::InputError& error) {
+        console.Remark(error.what());
+        code = ExitCode::kBadInput;
+    } catch (const qxpbase::LocalError& error) {
+        console.Remark(error.what());
     } catch (const std::bad_alloc&) {
         console.Remark("out of memory");
     } catch (const std::exception& error) {

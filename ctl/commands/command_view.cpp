@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "base/time_text.h"
 #include "ctl/terminal/text.h"
-#include "ctl/terminal/time_text.h"
 
 namespace qxpctl {
 
@@ -37,7 +37,7 @@ Row CommandHeadings() {
 }
 
 Row CommandRow(const Command& command) {
-    return {{ShortTime(command.received)},
+    return {{qxpbase::ShortTime(command.received)},
             {StateName(command.state), StateColor(command.state)},
             {Progress(command)},
             {command.command},

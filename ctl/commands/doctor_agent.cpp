@@ -7,13 +7,12 @@
 #include <system_error>
 
 #include "base/errno_text.h"
-#include "ctl/client/plugin_state.h"
+#include "base/time_text.h"
 #include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
 #include "ctl/terminal/child_process.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
-#include "ctl/terminal/time_text.h"
 
 namespace qxpctl {
 
@@ -101,8 +100,8 @@ void CheckStatus(const AgentStatus& status, Findings& findings) {
         findings.Warn(kAgentCheck, "the agent has version " + status.version + ", this tool " QXPCTL_VERSION,
                       "restart the agent after an upgrade, and use the tool that came with it");
     }
-    if (status.plugin_status != kPluginStarted) {
-        findings.Fail(kPluginCheck, "the plugin is " + PluginStateName(status.plugin_status),
+    if (status.plugin_status != qxppolicy::kPluginStarted) {
+        findings.Fail(kPluginCheck, "the plugin is " + qxppolicy::PluginStateName(status.plugin_status),
                       "see the agent's log, and restart the agent");
     }
     findings.OkUnlessFound(kPluginCheck, "started, version " + status.plugin_version);
@@ -111,11 +110,12 @@ void CheckStatus(const AgentStatus& status, Findings& findings) {
                       "make room on its disk, or see the agent's log");
     }
     findings.OkUnlessFound(kStoreCheck, "takes commands and reports");
-    const auto oldest = ParseTime(status.oldest_pending);
-    const auto age = oldest ? std::chrono::duration_cast<seconds>(WallClock::now() - *oldest) : seconds(0);
+    const auto oldest = qxpbase::ParseTime(status.oldest_pending);
+    const auto age =
+        oldest ? std::chrono::duration_cast<seconds>(std::chrono::system_clock::now() - *oldest) : seconds(0);
     const std::string pending = Count(status.reports_pending, "report") + " pending";
     if (age > kOldReport) {
-        findings.Warn(kReportsCheck, pending + ", the oldest for " + DurationText(age),
+        findings.Warn(kReportsCheck, pending + ", the oldest for " + qxpbase::DurationText(age),
                       "nobody takes them: check the link to the server, or read them with 'qxpctl results --pending "
                       "--acknowledge'");
     }
@@ -139,7 +139,7 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
             break;
         case ChildResult::End::kTimedOut:
             findings.Fail(kConfigurationCheck,
-                          "the agent was not done with it in " + DurationText(kConfigurationDeadline), advice);
+                          "the agent was not done with it in " + qxpbase::DurationText(kConfigurationDeadline), advice);
             break;
         case ChildResult::End::kKilled:
             findings.Fail(kConfigurationCheck,

@@ -8,12 +8,12 @@
 #include <system_error>
 
 #include "base/errno_text.h"
+#include "base/error.h"
 #include "base/names.h"
 #include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
-#include "ctl/terminal/time_text.h"
 #include "policy/key_file.h"
 
 namespace qxpctl {
@@ -112,11 +112,11 @@ uid_t OwnerOf(const fs::path& path) {
 
 void CheckKeyFile(const fs::path& path, Findings& findings) {
     try {
-        if (ReadPublicKey(path.string()).scheme != Scheme::kEd25519) {
+        if (qxppolicy::ReadPublicKey(path.string()).scheme != qxppolicy::Scheme::kEd25519) {
             findings.Warn(kKeysCheck, path.string() + " is an RSA key, which counts only when it is built in",
                           "move it away");
         }
-    } catch (const Error& error) {
+    } catch (const qxpbase::InputError& error) {
         findings.Fail(kKeysCheck, error.what(), "move it away; make keys with 'qxpctl keygen --scheme ed25519'");
     }
 }
@@ -203,9 +203,10 @@ void CheckData(const fs::path& root, Findings& findings) {
 
 void CheckClock(const fs::path& root, Findings& findings) {
     struct stat status {};
-    const auto now = WallClock::now();
+    const auto now = std::chrono::system_clock::now();
     const fs::path program = root / "bin/qxpagent";
-    if (stat(program.c_str(), &status) == 0 && WallClock::from_time_t(status.st_mtime) > now + kClockSlack) {
+    if (stat(program.c_str(), &status) == 0 &&
+        std::chrono::system_clock::from_time_t(status.st_mtime) > now + kClockSlack) {
         findings.Fail(kClockCheck, "the clock is behind the time at which " + program.string() + " was made",
                       "set it: reports carry its time, and what is kept goes by it");
     }

@@ -9,6 +9,7 @@
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -73,8 +74,12 @@ std::vector<Drop> Prepare(const DropOptions& options, const std::string& directo
     const PolicyRoad road = options.process ? PolicyRoad::kRunOnce : PolicyRoad::kCommand;
     std::vector<Drop> drops;
     for (const std::string& file : options.files) {
-        Drop drop{file, (std::filesystem::path(directory) / NameFor(file)).string(), ReadReadyPolicy(file, road),
-                  nullptr};
+        const std::string name = NameFor(file);
+        const qxppolicy::Fault fault = qxppolicy::ValidateRunOnceName(name);
+        if (options.process && fault) {
+            throw BadInput("the name '" + name + "', which is the ID of the results, " + *fault + "; rename the file");
+        }
+        Drop drop{file, (std::filesystem::path(directory) / name).string(), ReadReadyPolicy(file, road), nullptr};
         if (drop.policy.scripts == 0) {
             throw BadInput(file + " is no policy: it has no list of scripts (\"param\", \"scriptinfo\")");
         }

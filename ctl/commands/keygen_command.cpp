@@ -32,6 +32,9 @@ Examples:
 The private half (.key.pem, mode 0600) signs whatever will run as root: keep it on the signing machine, and keep a copy
 where only you can get at it.)";
 
+using qxppolicy::Scheme;
+using qxppolicy::SchemeName;
+
 std::string PublicHalfAdvice(Scheme scheme, const std::string& file) {
     if (scheme == Scheme::kPlugin) {
         return "build the plugin with it (-DQXPMAINT_PUBLIC_KEY=" + ShellWord(file) + ")";
@@ -46,7 +49,7 @@ ExitCode MakeKeys(const KeygenOptions& options, const Console& console, bool jso
     // Both halves are on the disk before either gets its name.
     StagedFile private_half(private_file, 0600);
     StagedFile public_half(public_file, 0644);
-    const KeyPairText text = WriteKeyPair(GenerateKey(scheme));
+    const qxppolicy::KeyPairText text = qxppolicy::WriteKeyPair(qxppolicy::GenerateKey(scheme));
     private_half.Write(text.private_pem);
     public_half.Write(text.public_pem);
     StagedFile::CommitBoth(private_half, public_half, options.force);

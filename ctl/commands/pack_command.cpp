@@ -2,10 +2,10 @@
 
 #include "ctl/commands/commands.h"
 #include "ctl/commands/pack_options.h"
-#include "ctl/commands/script_type.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -24,25 +24,25 @@ constexpr const char* kFooter = R"(Examples:
 
 A policy for an agent's policy directory or for run-once is the same document in a file named *.json.)";
 
-void WarnOfTypesThatDoNotRun(const Policy& policy, const Console& console) {
-    for (const PackedScript& script : policy.scripts) {
-        const TypeHandling handling = HandlingOf(script.type);
-        if (handling == TypeHandling::kUnsupported) {
+void WarnOfTypesThatDoNotRun(const qxppolicy::PackedPolicy& policy, const Console& console) {
+    for (const qxppolicy::PackedScript& script : policy.scripts) {
+        const qxppolicy::TypeHandling handling = qxppolicy::HandlingOf(script.type);
+        if (handling == qxppolicy::TypeHandling::kUnsupported) {
             console.Warn(script.id + ": the plugin drops scripts of the type " + script.type);
         }
-        if (handling == TypeHandling::kNeverRun) {
+        if (handling == qxppolicy::TypeHandling::kNeverRun) {
             console.Warn(script.id + ": the plugin accepts scripts of the type " + script.type + ", but runs none");
         }
     }
 }
 
-std::string Summary(const PackedPolicy& packed, const std::string& output) {
-    Json summary = {{"id", packed.policy.id},
-                    {"command", packed.policy.command},
-                    {"scheme", SchemeName(packed.scheme)},
+std::string Summary(const qxppolicy::PackedPolicy& policy, const std::string& output) {
+    Json summary = {{"id", policy.id},
+                    {"command", policy.command},
+                    {"scheme", qxppolicy::SchemeName(policy.scheme)},
                     {"output", output},
                     {"scripts", Json::array()}};
-    for (const PackedScript& script : packed.policy.scripts) {
+    for (const qxppolicy::PackedScript& script : policy.scripts) {
         summary["scripts"].push_back(
             {{"scriptid", script.id}, {"scripttype", script.type}, {"file", script.file}, {"bytes", script.bytes}});
     }
@@ -50,19 +50,19 @@ std::string Summary(const PackedPolicy& packed, const std::string& output) {
 }
 
 ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, bool json) {
-    const PackedPolicy packed = Pack(options.pack);
+    const qxppolicy::PackedPolicy policy = Pack(options.pack);
     WarnOfOpenKeyFile(options.pack.key_file, console);
-    WarnOfTypesThatDoNotRun(packed.policy, console);
+    WarnOfTypesThatDoNotRun(policy, console);
     if (options.output.empty() || options.output == "-") {
-        console.Print(packed.policy.document + "\n");
+        console.Print(policy.document + "\n");
         return ExitCode::kSuccess;
     }
-    WriteOutputFile(options.output, packed.policy.document + "\n");
+    WriteOutputFile(options.output, policy.document + "\n");
     if (json) {
-        console.Print(Summary(packed, options.output));
+        console.Print(Summary(policy, options.output));
     } else {
-        console.Remark(options.output + ": policy " + packed.policy.id + ", " +
-                       std::to_string(packed.policy.scripts.size()) + " signed (" + SchemeName(packed.scheme) + ")");
+        console.Remark(options.output + ": policy " + policy.id + ", " + std::to_string(policy.scripts.size()) +
+                       " signed (" + qxppolicy::SchemeName(policy.scheme) + ")");
     }
     return ExitCode::kSuccess;
 }

@@ -1,9 +1,18 @@
 #include "ctl/commands/pack_options.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <optional>
+#include <utility>
+
+#include "base/input_file.h"
+#include "ctl/commands/script_argument.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/text.h"
+#include "policy/key_file.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -41,29 +50,56 @@ void AddPackOptions(const CommandSetup& command, PackOptions& options) {
         .Required();
 }
 
-PackedPolicy Pack(const PackOptions& options) {
-    PolicyRequest request;
-    request.command = options.command;
-    request.scripts = options.scripts;
-    if (options.id_option.Given()) {
-        request.id = options.id;
+namespace {
+
+// An option that is not given says nothing about the scripts.
+ScriptAttributes GeneralAttributes(const PackOptions& options) {
+    ScriptAttributes attributes;
+    for (const auto& [key, value] : {std::pair{"type", &options.type},
+                                     {"timeout", &options.timeout},
+                                     {"check", &options.check},
+                                     {"path", &options.path},
+                                     {"action", &options.action}}) {
+        if (!value->empty()) {
+            SetAttribute(attributes, key, *value);
+        }
     }
-    if (!options.type.empty()) {
-        CheckType(options.type);
-        request.defaults.type = options.type;
+    return attributes;
+}
+
+// A script is named after its file unless it is given an ID.
+std::string ScriptId(const std::string& file, const ScriptAttributes& attributes) {
+    if (attributes.id) {
+        return *attributes.id;
     }
-    if (!options.timeout.empty()) {
-        request.defaults.timeout = ParseTimeout(options.timeout);
+    const std::string name = std::filesystem::path(file).filename().string();
+    if (const qxppolicy::Fault fault = qxppolicy::ValidateId(name)) {
+        throw BadInput(fmt::format("the script id '{}' {}; give another with '{},id=NAME'", name, *fault, file));
     }
-    if (!options.action.empty()) {
-        request.defaults.action = ParseAction(options.action);
+    return name;
+}
+
+}  // namespace
+
+qxppolicy::PackedPolicy Pack(const PackOptions& options) {
+    if (options.scripts.size() > qxppolicy::kMaxScripts) {
+        throw BadInput(fmt::format("{} scripts are too many for one policy; the limit is {}: pack them in several",
+                                   options.scripts.size(), qxppolicy::kMaxScripts));
     }
-    CheckMarker(options.check);
-    request.defaults.check = options.check;
-    CheckScriptDirectory(options.path);
-    request.defaults.path = options.path;
-    const Key key = ReadPrivateKey(options.key_file);
-    return {BuildPolicy(request, key), key.scheme};
+    const ScriptAttributes general = GeneralAttributes(options);
+    const qxppolicy::Key key = qxppolicy::ReadPrivateKey(options.key_file);
+    qxppolicy::PolicyBuilder builder(options.id_option.Given() ? std::optional(options.id) : std::nullopt,
+                                     options.command, key);
+    for (const std::string& script : options.scripts) {
+        const auto [file, own] = ParseScriptArgument(script);
+        const ScriptAttributes attributes = WithDefaults(own, general);
+        const qxpbase::ScriptFile content = qxpbase::ReadScriptFile(file, qxppolicy::kMaxScriptBytes);
+        builder.Add(
+            {ScriptId(file, attributes), attributes.type ? *attributes.type : GuessType(file, content),
+             attributes.path.value_or(""), attributes.check.value_or(""), attributes.timeout, attributes.action},
+            file, content.bytes);
+    }
+    return builder.Finish();
 }
 
 void WarnOfOpenKeyFile(const std::string& path, const Console& console) {

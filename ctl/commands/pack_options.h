@@ -5,6 +5,7 @@
 
 #include "ctl/terminal/command_setup.h"
 #include "policy/policy_builder.h"
+#include "policy/vocabulary.h"
 
 namespace qxpctl {
 
@@ -12,7 +13,7 @@ namespace qxpctl {
 struct PackOptions {
     std::string key_file;
     std::string id;
-    std::string command = kRunNormal;
+    std::string command = qxppolicy::kRunNormal;
     std::string type;
     std::string timeout;
     std::string check;
@@ -28,13 +29,8 @@ void AddPackOptions(const CommandSetup& command, PackOptions& options);
 /// What a footer says about script arguments.
 extern const char* const kScriptArgumentHelp;
 
-struct PackedPolicy {
-    Policy policy;
-    Scheme scheme;
-};
-
-/// Checks the options, reads the key and the scripts, and builds the policy. Throws BadInput.
-PackedPolicy Pack(const PackOptions& options);
+/// Checks the options, reads the key and the scripts, and builds the policy. Throws BadInput or InputError.
+qxppolicy::PackedPolicy Pack(const PackOptions& options);
 
 /// Warns about a private key that others can read.
 void WarnOfOpenKeyFile(const std::string& path, const Console& console);

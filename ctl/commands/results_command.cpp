@@ -1,12 +1,13 @@
 #include <limits>
 #include <memory>
 
+#include "base/time_text.h"
+#include "base/whole_number.h"
 #include "ctl/client/agent_client.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/files.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
-#include "ctl/terminal/time_text.h"
 
 namespace qxpctl {
 
@@ -44,7 +45,7 @@ Row Headings() {
 
 Row RowOf(const Report& report) {
     return {{std::to_string(report.cursor)},
-            {ShortTime(report.received)},
+            {qxpbase::ShortTime(report.received)},
             {report.source},
             {std::to_string(report.bytes)},
             report.acknowledged ? Cell{"yes"} : Cell{"no", Color::kYellow},
@@ -122,7 +123,7 @@ ExitCode List(const ResultsOptions& options, const Console& console, const Commo
 }
 
 uint64_t ReadCursor(const std::string& text) {
-    const std::optional<uint32_t> cursor = ParseNumber(text, std::numeric_limits<uint32_t>::max());
+    const std::optional<uint32_t> cursor = qxpbase::ParseNumber(text, std::numeric_limits<uint32_t>::max());
     if (!cursor || *cursor == 0) {
         throw BadInput("--raw takes the cursor of a result, as 'qxpctl results' lists it, not '" + text + "'");
     }

@@ -1,15 +1,16 @@
 #include <memory>
 
+#include "base/whole_number.h"
 #include "ctl/client/agent_client.h"
 #include "ctl/client/follow_command.h"
 #include "ctl/commands/commands.h"
 #include "ctl/commands/pack_options.h"
 #include "ctl/commands/run_view.h"
-#include "ctl/commands/script_type.h"
 #include "ctl/terminal/interrupt.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/spinner.h"
 #include "ctl/terminal/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -41,10 +42,10 @@ input, nothing was sent; 3 the agent cannot be reached or takes nothing; 4 the w
 130 the scripts go on.)";
 
 // A script that the plugin drops, or takes and never runs, has no result to wait for.
-void CheckThatAllRun(const Policy& policy) {
-    for (const PackedScript& script : policy.scripts) {
-        const TypeHandling handling = HandlingOf(script.type);
-        if (handling != TypeHandling::kShell && handling != TypeHandling::kProgram) {
+void CheckThatAllRun(const qxppolicy::PackedPolicy& policy) {
+    for (const qxppolicy::PackedScript& script : policy.scripts) {
+        const qxppolicy::TypeHandling handling = qxppolicy::HandlingOf(script.type);
+        if (handling != qxppolicy::TypeHandling::kShell && handling != qxppolicy::TypeHandling::kProgram) {
             throw BadInput("the plugin runs no scripts of the type '" + script.type + "' (" + script.file +
                            "); run takes sh and exe");
         }
@@ -76,9 +77,9 @@ ExitCode ExitCodeOf(FollowOutcome outcome, bool all_succeeded) {
     return ExitCode::kInterrupted;
 }
 
-std::vector<std::string> ScriptIdsOf(const Policy& policy) {
+std::vector<std::string> ScriptIdsOf(const qxppolicy::PackedPolicy& policy) {
     std::vector<std::string> ids;
-    for (const PackedScript& script : policy.scripts) {
+    for (const qxppolicy::PackedScript& script : policy.scripts) {
         ids.push_back(script.id);
     }
     return ids;
@@ -87,7 +88,7 @@ std::vector<std::string> ScriptIdsOf(const Policy& policy) {
 // One run of the command, from the packed policy to the exit code.
 class Runner {
 public:
-    Runner(const Policy& policy, const Console& console, const CommonOptions& common, bool acknowledge,
+    Runner(const qxppolicy::PackedPolicy& policy, const Console& console, const CommonOptions& common, bool acknowledge,
            std::optional<std::chrono::seconds> limit)
         : policy_(policy),
           console_(console),
@@ -217,7 +218,7 @@ private:
         }
     }
 
-    const Policy& policy_;
+    const qxppolicy::PackedPolicy& policy_;
     const Console& console_;
     const bool json_;
     const bool acknowledge_;
@@ -229,20 +230,20 @@ private:
     bool sent_ = false;
 };
 
-std::optional<std::chrono::seconds> WaitLimit(const std::string& option, const Policy& policy) {
+std::optional<std::chrono::seconds> WaitLimit(const std::string& option, const qxppolicy::PackedPolicy& policy) {
     if (option.empty()) {
         return DefaultWait(policy);
     }
-    const std::optional<uint32_t> seconds = ParseNumber(option, kMaxTimeoutSeconds);
+    const std::optional<uint32_t> seconds = qxpbase::ParseNumber(option, qxppolicy::kMaxTimeoutSeconds);
     if (!seconds) {
-        throw BadInput("--wait takes a whole number of seconds from 0 to " + std::to_string(kMaxTimeoutSeconds) +
-                       ", not '" + option + "'");
+        throw BadInput("--wait takes a whole number of seconds from 0 to " +
+                       std::to_string(qxppolicy::kMaxTimeoutSeconds) + ", not '" + option + "'");
     }
     return std::chrono::seconds(*seconds);
 }
 
 ExitCode PackAndRun(const RunOptions& options, const Console& console, const CommonOptions& common) {
-    const Policy policy = Pack(options.pack).policy;
+    const qxppolicy::PackedPolicy policy = Pack(options.pack);
     CheckThatAllRun(policy);
     const std::optional<std::chrono::seconds> limit = WaitLimit(options.wait, policy);
     WarnOfOpenKeyFile(options.pack.key_file, console);

@@ -9,6 +9,7 @@
 #include "ctl/terminal/interrupt.h"
 #include "ctl/terminal/spinner.h"
 #include "ctl/terminal/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -42,6 +43,9 @@ std::string ReasonNotAccepted(const std::string& name, const std::string& missin
 }
 
 ExitCode RunOnce(const std::string& name, const Console& console, const CommonOptions& common) {
+    if (const qxppolicy::Fault fault = qxppolicy::ValidateRunOnceName(name)) {
+        throw BadInput("the name '" + name + "' " + *fault + "; name a file of the process directory");
+    }
     AgentClient agent(FindSocket(common.socket));
     const std::string missing_from = MissingFrom(agent, name);
     const InterruptGuard interrupt;

@@ -1,20 +1,24 @@
 #include "ctl/commands/script_argument.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <array>
+#include <filesystem>
 #include <limits>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
+#include "base/whole_number.h"
 #include "ctl/terminal/error.h"
-#include "ctl/terminal/text.h"
 #include "policy/rules.h"
 
 namespace qxpctl {
 
 namespace {
 
-constexpr std::string_view kLettersAndDigits = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-constexpr size_t kMaxTypeBytes = 16;
+using qxppolicy::Fault;
 
 // Splits at commas that no backslash protects, and resolves the backslashes.
 std::vector<std::string> SplitAtCommas(std::string_view argument) {
@@ -37,54 +41,108 @@ std::vector<std::string> SplitAtCommas(std::string_view argument) {
 template <typename T>
 void SetOnce(std::optional<T>& attribute, T value, std::string_view key) {
     if (attribute) {
-        throw BadInput("'" + std::string(key) + "=' is given twice for one script");
+        throw BadInput(fmt::format("'{}=' is given twice for one script", key));
     }
     attribute = std::move(value);
 }
 
-void SetAttribute(ScriptAttributes& attributes, const std::string& part) {
-    const size_t equals = part.find('=');
-    const std::string key = part.substr(0, equals);
-    const std::string value = equals == std::string::npos ? std::string() : part.substr(equals + 1);
-    if (equals == std::string::npos) {
-        throw BadInput("'" + part + "' is not of the form key=value (a comma that belongs to a name is written \\,)");
+void SetChecked(std::optional<std::string>& attribute, const std::string& value, std::string_view key,
+                std::string_view what, const Fault& fault) {
+    if (fault) {
+        throw BadInput(fmt::format("the {} '{}' {}", what, value, *fault));
     }
+    SetOnce(attribute, value, key);
+}
+
+void SetPart(ScriptAttributes& attributes, const std::string& part) {
+    const size_t equals = part.find('=');
+    if (equals == std::string::npos) {
+        throw BadInput(
+            fmt::format("'{}' is not of the form key=value (a comma that belongs to a name is written \\,)", part));
+    }
+    SetAttribute(attributes, part.substr(0, equals), part.substr(equals + 1));
+}
+
+uint32_t ParseTimeout(const std::string& text) {
+    const std::optional<uint32_t> seconds = qxppolicy::ParseTimeout(text);
+    if (!seconds) {
+        throw BadInput(
+            fmt::format("the time-out '{}' is not a whole number of seconds from 0 (none) to {} (the plugin counts "
+                        "milliseconds in 32 bits, a longer one would end early)",
+                        text, qxppolicy::kMaxTimeoutSeconds));
+    }
+    return *seconds;
+}
+
+uint32_t ParseAction(const std::string& text) {
+    constexpr uint32_t kMaxAction = std::numeric_limits<uint32_t>::max();
+    const std::optional<uint32_t> action = qxpbase::ParseNumber(text, kMaxAction);
+    if (!action) {
+        throw BadInput(fmt::format("the action '{}' is not a number from 0 to {}", text, kMaxAction));
+    }
+    return *action;
+}
+
+// The shells whose scripts bash runs as they are meant. A script for zsh or csh is run by its own interpreter.
+constexpr std::array<std::string_view, 4> kShells{"sh", "bash", "dash", "ash"};
+// The longest interpreter line that the kernel reads (BINPRM_BUF_SIZE).
+constexpr size_t kInterpreterLineBytes = 256;
+
+// The interpreter's name in "#!/bin/sh -e" or "#!/usr/bin/env -S bash -e"; empty when there is none.
+std::string InterpreterName(std::string_view script) {
+    if (!script.starts_with("#!")) {
+        return {};
+    }
+    const std::string_view line = script.substr(2, std::min(script.find('\n'), kInterpreterLineBytes) - 2);
+    std::istringstream words{std::string(line)};
+    std::string word;
+    words >> word;
+    std::string name = std::filesystem::path(word).filename().string();
+    if (name != "env") {
+        return name;
+    }
+    while (words >> word) {
+        if (word.front() != '-' && word.find('=') == std::string::npos) {
+            return std::filesystem::path(word).filename().string();
+        }
+    }
+    return name;
+}
+
+}  // namespace
+
+void SetAttribute(ScriptAttributes& attributes, const std::string& key, const std::string& value) {
     if (key == "type") {
-        CheckType(value);
-        SetOnce(attributes.type, value, key);
+        SetChecked(attributes.type, value, key, "type", qxppolicy::ValidateType(value));
     } else if (key == "id") {
-        CheckId(value, "script id");
-        SetOnce(attributes.id, value, key);
+        SetChecked(attributes.id, value, key, "script id", qxppolicy::ValidateId(value));
     } else if (key == "check") {
-        CheckMarker(value);
-        SetOnce(attributes.check, value, key);
+        SetChecked(attributes.check, value, key, "check marker", qxppolicy::ValidateMarker(value));
     } else if (key == "path") {
-        CheckScriptDirectory(value);
-        SetOnce(attributes.path, value, key);
+        SetChecked(attributes.path, value, key, "path", qxppolicy::ValidateScriptDirectory(value));
     } else if (key == "timeout") {
         SetOnce(attributes.timeout, ParseTimeout(value), key);
     } else if (key == "action") {
         SetOnce(attributes.action, ParseAction(value), key);
     } else {
-        throw BadInput("there is no attribute '" + key +
-                       "'; known are type, id, timeout, check, path and action (a comma that belongs to a name is "
-                       "written \\,)");
+        throw BadInput(
+            fmt::format("there is no attribute '{}'; known are type, id, timeout, check, path and action (a comma that "
+                        "belongs to a name is written \\,)",
+                        key));
     }
 }
-
-}  // namespace
 
 ScriptArgument ParseScriptArgument(const std::string& argument) {
     const std::vector<std::string> parts = SplitAtCommas(argument);
     ScriptArgument script{parts.front(), {}};
     if (script.file.empty()) {
-        throw BadInput("'" + argument + "' names no file");
+        throw BadInput(fmt::format("'{}' names no file", argument));
     }
     try {
         std::for_each(parts.begin() + 1, parts.end(),
-                      [&script](const std::string& part) { SetAttribute(script.attributes, part); });
+                      [&script](const std::string& part) { SetPart(script.attributes, part); });
     } catch (const BadInput& error) {
-        throw BadInput("in '" + argument + "': " + error.what());
+        throw BadInput(fmt::format("in '{}': {}", argument, error.what()));
     }
     return script;
 }
@@ -104,49 +162,17 @@ ScriptAttributes WithDefaults(ScriptAttributes attributes, const ScriptAttribute
     return attributes;
 }
 
-void CheckId(const std::string& id, const std::string& what) {
-    if (const std::string fault = qxppolicy::ValidateId(id); !fault.empty()) {
-        throw BadInput("the " + what + " '" + id + "' " + fault);
+std::string GuessType(const std::string& path, const qxpbase::ScriptFile& script) {
+    const std::string interpreter = InterpreterName(script.bytes);
+    if (std::find(kShells.begin(), kShells.end(), interpreter) != kShells.end() || path.ends_with(".sh")) {
+        return "sh";
     }
-}
-
-void CheckType(const std::string& type) {
-    if (type.empty() || type.size() > kMaxTypeBytes || type.find_first_not_of(kLettersAndDigits) != std::string::npos) {
-        throw BadInput("the type '" + type + "' is not a word of 1 to " + std::to_string(kMaxTypeBytes) +
-                       " letters and digits; sh and exe are run");
+    const bool elf = std::string_view(script.bytes).starts_with("\177ELF");
+    if (elf || !interpreter.empty() || script.executable) {
+        return "exe";
     }
-}
-
-void CheckMarker(const std::string& marker) {
-    if (!IsValidUtf8(marker) || marker.size() > kMaxCheckBytes || marker.find('\n') != std::string::npos ||
-        marker.find('\0') != std::string::npos) {
-        throw BadInput("the check marker is not a line of UTF-8 text of at most " + std::to_string(kMaxCheckBytes) +
-                       " bytes; it is looked for in one line of the output");
-    }
-}
-
-void CheckScriptDirectory(const std::string& path) {
-    if (const std::string fault = qxppolicy::ValidateScriptDirectory(path); !fault.empty()) {
-        throw BadInput("the path '" + path + "' " + fault);
-    }
-}
-
-uint32_t ParseTimeout(const std::string& text) {
-    const std::optional<uint32_t> seconds = ParseNumber(text, kMaxTimeoutSeconds);
-    if (!seconds) {
-        throw BadInput("the time-out '" + text + "' is not a whole number of seconds from 0 (none) to " +
-                       std::to_string(kMaxTimeoutSeconds) +
-                       " (the plugin counts milliseconds in 32 bits, a longer one would end early)");
-    }
-    return *seconds;
-}
-
-uint32_t ParseAction(const std::string& text) {
-    const std::optional<uint32_t> action = ParseNumber(text, std::numeric_limits<uint32_t>::max());
-    if (!action) {
-        throw BadInput("the action '" + text + "' is not a number from 0 to 4294967295");
-    }
-    return *action;
+    throw BadInput("cannot tell what kind of script " + path + " is; say so with type=sh or type=exe, as in '" + path +
+                   ",type=sh'");
 }
 
 }  // namespace qxpctl

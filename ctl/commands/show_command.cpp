@@ -1,12 +1,12 @@
 #include <memory>
 
+#include "base/time_text.h"
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
 #include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
-#include "ctl/terminal/time_text.h"
 
 namespace qxpctl {
 
@@ -32,9 +32,9 @@ std::string Head(const Command& command, const Stream& output) {
     if (!command.reason.empty()) {
         rows.push_back({label("Reason"), {command.reason, StateColor(command.state)}});
     }
-    rows.push_back({label("Sent by"), {command.submitter + ", received " + ShortTime(command.received)}});
+    rows.push_back({label("Sent by"), {command.submitter + ", received " + qxpbase::ShortTime(command.received)}});
     if (!command.finished.empty()) {
-        rows.push_back({label("Finished"), {ShortTime(command.finished)}});
+        rows.push_back({label("Finished"), {qxpbase::ShortTime(command.finished)}});
     }
     for (const std::string& script : command.unreported) {
         rows.push_back({label(IsFinal(command.state) ? "No result" : "Waiting"), {script}});

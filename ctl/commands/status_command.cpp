@@ -1,8 +1,7 @@
+#include "base/time_text.h"
 #include "ctl/client/agent_client.h"
-#include "ctl/client/plugin_state.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/table.h"
-#include "ctl/terminal/time_text.h"
 
 namespace qxpctl {
 
@@ -29,9 +28,9 @@ std::string ReportCounts(const AgentStatus& status) {
     const Json* const reports = FindMember(status.document, "reports");
     std::string text = std::to_string(reports ? NumberMember(*reports, "stored") : 0) + " stored, " +
                        std::to_string(status.reports_pending) + " pending";
-    if (const auto oldest = ParseTime(status.oldest_pending)) {
-        text += ", the oldest for " +
-                DurationText(std::chrono::duration_cast<std::chrono::seconds>(WallClock::now() - *oldest));
+    if (const auto oldest = qxpbase::ParseTime(status.oldest_pending)) {
+        text += ", the oldest for " + qxpbase::DurationText(std::chrono::duration_cast<std::chrono::seconds>(
+                                          std::chrono::system_clock::now() - *oldest));
     }
     return text;
 }
@@ -46,19 +45,19 @@ Cell StoreCell(const AgentStatus& status) {
 
 std::string AsTable(const AgentStatus& status, const Health& health, const Stream& output) {
     const auto label = [](const char* text) { return Cell{text, Color::kBold}; };
-    const bool started = status.plugin_status == kPluginStarted;
+    const bool started = status.plugin_status == qxppolicy::kPluginStarted;
     const auto uptime = std::chrono::seconds(NumberMember(status.document, "uptime_seconds"));
     std::vector<Row> rows = {
-        {label("Agent"), {"qxpagent " + status.version + ", up for " + DurationText(uptime)}},
+        {label("Agent"), {"qxpagent " + status.version + ", up for " + qxpbase::DurationText(uptime)}},
         {label("Health"), health.ok ? Cell{"ok", Color::kGreen} : Cell{"failing", Color::kRed}},
     };
     for (const std::string& problem : health.problems) {
         rows.push_back({{""}, {problem, Color::kRed}});
     }
-    rows.push_back(
-        {label("Plugin"),
-         {status.plugin_version + (status.plugin_version.empty() ? "" : ", ") + PluginStateName(status.plugin_status),
-          started ? Color::kPlain : Color::kRed}});
+    rows.push_back({label("Plugin"),
+                    {status.plugin_version + (status.plugin_version.empty() ? "" : ", ") +
+                         qxppolicy::PluginStateName(status.plugin_status),
+                     started ? Color::kPlain : Color::kRed}});
     rows.push_back({label("Commands"), {CommandCounts(status.document)}});
     rows.push_back({label("Scripts"), {std::to_string(NumberMember(status.document, "scripts_waiting")) + " waiting"}});
     rows.push_back({label("Reports"), {ReportCounts(status)}});

@@ -1,18 +1,21 @@
 #include <filesystem>
 #include <memory>
 
+#include "base/input_file.h"
 #include "ctl/client/agent_http.h"
 #include "ctl/commands/commands.h"
-#include "ctl/policies/policy_check.h"
-#include "ctl/terminal/files.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
-#include "policy/document.h"
-#include "policy/policy_builder.h"
+#include "policy/forecast.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxppolicy::PolicyForecast;
+using qxppolicy::ScriptForecast;
+using qxppolicy::TrustedKeys;
+using qxppolicy::Verdict;
 
 struct VerifyOptions {
     std::vector<std::string> key_files;
@@ -75,13 +78,13 @@ Color VerdictColor(Verdict verdict) {
     return verdict == Verdict::kDropped ? Color::kRed : Color::kYellow;
 }
 
-std::string AsJson(const PolicyVerdict& verdict) {
-    Json result = {{"accepted", verdict.Good()},
-                   {"id", verdict.id},
-                   {"command", verdict.command},
-                   {"faults", verdict.faults},
+std::string AsJson(const PolicyForecast& forecast) {
+    Json result = {{"accepted", forecast.IsGood()},
+                   {"id", forecast.id},
+                   {"command", forecast.command},
+                   {"faults", forecast.faults},
                    {"scripts", Json::array()}};
-    for (const ScriptVerdict& script : verdict.scripts) {
+    for (const ScriptForecast& script : forecast.scripts) {
         result["scripts"].push_back({{"scriptid", script.id},
                                      {"scripttype", script.type},
                                      {"verdict", VerdictName(script.verdict)},
@@ -90,13 +93,13 @@ std::string AsJson(const PolicyVerdict& verdict) {
     return ToLine(result);
 }
 
-std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
+std::string AsText(const PolicyForecast& forecast, const Stream& output) {
     std::string text;
-    for (const std::string& fault : verdict.faults) {
+    for (const std::string& fault : forecast.faults) {
         text += "policy: " + output.Paint(Color::kRed, "refused") + ": " + OneLine(fault) + "\n";
     }
     size_t number = 0;
-    for (const ScriptVerdict& script : verdict.scripts) {
+    for (const ScriptForecast& script : forecast.scripts) {
         text += "script " + std::to_string(++number);
         if (!script.id.empty()) {
             text += " (" + OneLine(script.id) + ")";
@@ -112,19 +115,18 @@ std::string AsText(const PolicyVerdict& verdict, const Stream& output) {
 
 ExitCode Verify(const VerifyOptions& options, const Console& console, bool json) {
     const TrustedKeys keys = ReadKeys(options);
-    const std::string document = ReadDocument(options.policy, kMaxPolicyBytes, "policy");
-    PolicyVerdict verdict = CheckPolicy(document, keys);
-    if (!verdict.readable) {
+    const qxppolicy::PolicyDocument document(
+        qxpbase::ReadDocument(options.policy, qxppolicy::kMaxPolicyBytes, "policy"));
+    if (!document.IsReadable()) {
         throw BadInput((options.policy == "-" ? "the standard input" : options.policy) +
                        " is not a JSON document; make a policy with 'qxpctl pack'");
     }
-    qxtools::CPJsonParse reader;
-    if (const std::string reason = qxppolicy::ValidateForAdmission(document, reader);
-        verdict.faults.empty() && !reason.empty()) {
-        verdict.faults.push_back("an agent does not take it: " + reason);
+    PolicyForecast forecast = qxppolicy::Forecast(document, keys);
+    if (const qxppolicy::Fault fault = document.ValidateForAdmission(); forecast.faults.empty() && fault) {
+        forecast.faults.push_back("an agent does not take it: " + *fault);
     }
-    console.Print(json ? AsJson(verdict) : AsText(verdict, console.Output()));
-    return verdict.Good() ? ExitCode::kSuccess : ExitCode::kNegative;
+    console.Print(json ? AsJson(forecast) : AsText(forecast, console.Output()));
+    return forecast.IsGood() ? ExitCode::kSuccess : ExitCode::kNegative;
 }
 
 }  // namespace

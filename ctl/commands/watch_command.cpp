@@ -3,13 +3,14 @@
 #include <memory>
 #include <set>
 
+#include "base/whole_number.h"
 #include "ctl/client/agent_client.h"
 #include "ctl/client/retrying_request.h"
 #include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
-#include "ctl/commands/script_argument.h"
 #include "ctl/terminal/interrupt.h"
 #include "ctl/terminal/text.h"
+#include "policy/rules.h"
 
 namespace qxpctl {
 
@@ -25,7 +26,7 @@ constexpr const char* kFooter =
 change, from now on: time, ID, state, results, reason, separated by tabs; with --json one object a line. It goes on over
 restarts of the agent, until Ctrl-C.
 
-With IDs it shows these commands alone, from their present state, and ends when all of them have their final word:
+With IDs it shows these commands alone, from their present state, and ends when all of them have their final state:
 reported, refused or interrupted. An ID that the agent does not know yet is waited for.
 
 Examples:
@@ -189,10 +190,10 @@ std::optional<std::chrono::seconds> ReadWait(const std::string& text) {
     if (text.empty()) {
         return std::nullopt;
     }
-    const std::optional<uint32_t> seconds = ParseNumber(text, kMaxTimeoutSeconds);
+    const std::optional<uint32_t> seconds = qxpbase::ParseNumber(text, qxppolicy::kMaxTimeoutSeconds);
     if (!seconds) {
-        throw BadInput("--wait takes a whole number of seconds from 0 to " + std::to_string(kMaxTimeoutSeconds) +
-                       ", not '" + text + "'");
+        throw BadInput("--wait takes a whole number of seconds from 0 to " +
+                       std::to_string(qxppolicy::kMaxTimeoutSeconds) + ", not '" + text + "'");
     }
     return std::chrono::seconds(*seconds);
 }

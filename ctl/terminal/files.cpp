@@ -11,56 +11,16 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/encoding.h"
 #include "base/errno_text.h"
 #include "base/unique_fd.h"
 #include "ctl/terminal/error.h"
-#include "ctl/terminal/text.h"
 
 namespace qxpctl {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct stat Examine(int descriptor, const std::string& path) {
-    struct stat status {};
-    if (fstat(descriptor, &status) != 0) {
-        throw BadInput("cannot examine " + path + ": " + qxpbase::ErrnoText(errno));
-    }
-    if (S_ISDIR(status.st_mode)) {
-        throw BadInput(path + " is a directory; name a file");
-    }
-    return status;
-}
-
-int OpenForReading(const std::string& path, int flags) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | flags);
-    if (descriptor < 0) {
-        throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
-    }
-    return descriptor;
-}
-
-// Reads to the end, but no more than limit + 1 bytes.
-std::string ReadAll(int descriptor, size_t limit, size_t expected, const std::string& path) {
-    std::string bytes;
-    bytes.reserve(std::min(expected, limit) + 1);
-    std::array<char, 65536> buffer{};
-    while (bytes.size() <= limit) {
-        const ssize_t count = read(descriptor, buffer.data(), std::min(buffer.size(), limit + 1 - bytes.size()));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            throw BadInput("cannot read " + path + ": " + qxpbase::ErrnoText(errno));
-        }
-        if (count == 0) {
-            break;
-        }
-        bytes.append(buffer.data(), static_cast<size_t>(count));
-    }
-    return bytes;
-}
 
 int WriteAll(int descriptor, std::string_view content) {
     while (!content.empty()) {
@@ -81,7 +41,7 @@ std::string RandomSuffix() {
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
         throw LocalFailure("the system gives no random numbers");
     }
-    return HexEncode(bytes);
+    return qxpbase::HexEncode(bytes);
 }
 
 int RenameNoReplace(const std::string& from, const std::string& to) {
@@ -111,41 +71,6 @@ void SyncDirectoryOf(const std::string& path) {
 }
 
 }  // namespace
-
-ScriptFile ReadScriptFile(const std::string& path, size_t limit) {
-    // Not blocking: a FIFO without a writer would hang the open.
-    const qxpbase::UniqueFd file(OpenForReading(path, O_NONBLOCK));
-    const struct stat status = Examine(file.Get(), path);
-    if (!S_ISREG(status.st_mode)) {
-        throw BadInput(path + " is not a regular file; save the script in one");
-    }
-    ScriptFile script{ReadAll(file.Get(), limit, static_cast<size_t>(status.st_size), path),
-                      (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0};
-    if (script.bytes.empty()) {
-        throw BadInput(path + " is empty; there is nothing to run in it");
-    }
-    if (script.bytes.size() > limit) {
-        throw BadInput(path + " is larger than " + std::to_string(limit) + " bytes, the most that a script may have");
-    }
-    return script;
-}
-
-std::string ReadDocument(const std::string& path, size_t limit, std::string_view what) {
-    const bool standard_input = path == "-";
-    const std::string name = standard_input ? "the standard input" : path;
-    const qxpbase::UniqueFd opened(standard_input ? -1 : OpenForReading(path, 0));
-    const int file = standard_input ? STDIN_FILENO : opened.Get();
-    const struct stat status = Examine(file, name);
-    std::string text = ReadAll(file, limit, static_cast<size_t>(status.st_size), name);
-    if (text.empty()) {
-        throw BadInput(name + " is empty; a " + std::string(what) + " is expected");
-    }
-    if (text.size() > limit) {
-        throw BadInput(name + " is larger than " + std::to_string(limit) + " bytes, too large for a " +
-                       std::string(what));
-    }
-    return text;
-}
 
 StagedFile::StagedFile(const std::string& destination, mode_t mode) : destination_(destination) {
     std::error_code none;

@@ -1,10 +1,6 @@
 #include "ctl/terminal/text.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
-#include <array>
-#include <charconv>
 
 namespace qxpctl {
 
@@ -62,31 +58,6 @@ std::string ShellWord(std::string_view text) {
         }
     }
     return word + "'";
-}
-
-std::string Base64Encode(std::string_view bytes) {
-    // A whole number of 3-byte groups a call, so that only the last call pads; each fits the int that OpenSSL takes.
-    constexpr size_t kStep = 3 * 16384;
-    std::array<unsigned char, 4 * 16384 + 1> encoded{};
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (; !bytes.empty(); bytes.remove_prefix(std::min(kStep, bytes.size()))) {
-        const std::string_view part = bytes.substr(0, kStep);
-        const int length = EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(part.data()),
-                                           static_cast<int>(part.size()));
-        text.append(reinterpret_cast<const char*>(encoded.data()), static_cast<size_t>(length));
-    }
-    return text;
-}
-
-std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit) {
-    uint32_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, failure] = std::from_chars(text.data(), end, number);
-    if (failure != std::errc() || stop != end || number > limit) {
-        return std::nullopt;
-    }
-    return number;
 }
 
 }  // namespace qxpctl

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
-#include "base/encoding.h"
 #include "policy/text.h"
 
 namespace qxpctl {
@@ -22,14 +19,5 @@ std::string OneLine(std::string_view text);
 
 /// A word for a POSIX shell, quoted only when it must be.
 std::string ShellWord(std::string_view text);
-
-using qxpbase::HexDecode;
-using qxpbase::HexEncode;
-
-/// Base64 in the standard alphabet with padding, without line breaks (RFC 4648 section 4).
-std::string Base64Encode(std::string_view bytes);
-
-/// A decimal number from 0 to limit, digits only; nothing for any other text.
-std::optional<uint32_t> ParseNumber(std::string_view text, uint32_t limit);
 
 }  // namespace qxpctl

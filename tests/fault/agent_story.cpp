@@ -13,7 +13,7 @@
 #include "agent/commands/command_service.h"
 #include "agent/records/report_envelope.h"
 #include "agent/reports/manager.h"
-#include "ctl/policies/installed_keys.h"
+#include "policy/trusted_keys.h"
 #include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -148,7 +148,7 @@ class Story {
 public:
     Story() {
         keys_.AddKeyFile(QXPMAINT_TEST_PUBLIC_KEY);
-        const qxpctl::Key signer = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+        const qxppolicy::Key signer = qxppolicy::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
         for (size_t i = 0; i < kCommands; ++i) {
             documents_[i] = MakePolicy(signer, Id(i), "RunScriptNormal",
                                        {{.id = "a", .body = "echo"}, {.id = "b", .body = std::string(9000, '#')}});
@@ -248,7 +248,7 @@ private:
 
     const TempDir directory_;
     const StoreOptions options_{.path = directory_.Path() / "agent.db", .busy = std::chrono::milliseconds(100)};
-    qxpctl::TrustedKeys keys_;
+    qxppolicy::TrustedKeys keys_;
     std::array<std::string, kCommands> documents_;
     Record record_;
     int complaints_ = 0;

@@ -7,8 +7,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "ctl/terminal/text.h"
-#include "policy/signer.h"
+#include "base/encoding.h"
+#include "policy/key_file.h"
 
 namespace fs = std::filesystem;
 
@@ -59,15 +59,15 @@ std::string Text(const Json& document, std::string path) {
     return document.contains(at) ? document.at(at).get<std::string>() : "";
 }
 
-std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
+std::string MakePolicy(const qxppolicy::Key& key, const std::string& id, const std::string& command,
                        const std::vector<ScriptSpec>& scripts) {
     Json list = Json::array();
     for (const ScriptSpec& script : scripts) {
-        const std::string data = qxpctl::Base64Encode(script.body);
+        const std::string data = qxpbase::Base64Encode(script.body);
         list.push_back({{"scriptid", script.id},
                         {"scripttype", script.type},
                         {"scriptdata", data},
-                        {"sign", qxpctl::Sign(key, script.signed_right ? data : data + "=")},
+                        {"sign", qxppolicy::Sign(key, script.signed_right ? data : data + "=")},
                         {"timeout", script.timeout},
                         {"checkret", script.check_ret}});
     }

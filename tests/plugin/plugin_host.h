@@ -48,7 +48,7 @@ struct ScriptSpec {
 };
 
 /// A command with its policy as the server sends it, every script signed with the key.
-std::string MakePolicy(const qxpctl::Key& key, const std::string& id, const std::string& command,
+std::string MakePolicy(const qxppolicy::Key& key, const std::string& id, const std::string& command,
                        const std::vector<ScriptSpec>& scripts);
 
 /// A host that loads the built plugin from a private installation tree, in the order and with the calls that a vendor's
@@ -102,7 +102,7 @@ public:
     PluginObjInterface* object = nullptr;
     ScriptedEndpoint endpoint;
     /// The key that the loaded plugin trusts.
-    const qxpctl::Key signer = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+    const qxppolicy::Key signer = qxppolicy::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
     QxInitBlock init_block{nullptr};
 
 private:

@@ -158,7 +158,9 @@ TEST_F(AccessTest, FilesElsewhereAreExaminedToo) {
 TEST_F(AccessTest, ADirectoryForScriptsIsAllowedAndNobodyElseCanChangeTheWayToIt) {
     namespace fs = std::filesystem;
     const std::vector<fs::path> allowed{root_ / "jobs", root_ / "none"};
-    const auto why = [&](const std::string& path) { return ValidateScriptDirectory(root_ / path, allowed, root_); };
+    const auto why = [&](const std::string& path) {
+        return ValidateScriptDirectory(root_ / path, allowed, root_).value_or("");
+    };
     fs::create_directories(root_ / "jobs/daily");
     fs::create_directories(root_ / "open");
     fs::create_directory_symlink(root_ / "jobs", root_ / "link");

@@ -5,9 +5,8 @@
 #include <thread>
 
 #include "agent/bus/message_bus.h"
-#include "ctl/policies/installed_keys.h"
 #include "policy/key_file.h"
-#include "policy/signer.h"
+#include "policy/trusted_keys.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -21,9 +20,9 @@ const qxpbase::Peer kPeer{1000, 1000, 4321, "operator"};
 class CommandServiceTest : public StoreTest {
 protected:
     CommandServiceTest() {
-        const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
-        keys_.AddKeyFile(directory_.Write("pub.pem", qxpctl::WriteKeyPair(key).public_pem));
-        sign_ = qxpctl::Sign(key, "ZWNobwo=");
+        const qxppolicy::Key key = qxppolicy::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+        keys_.AddKeyFile(directory_.Write("pub.pem", qxppolicy::WriteKeyPair(key).public_pem));
+        sign_ = qxppolicy::Sign(key, "ZWNobwo=");
         Restart();
     }
 
@@ -66,10 +65,10 @@ protected:
     CommandState StateOf(const std::string& id) { return store_->FindCommand(id).value().state; }
     size_t AgentReports(const std::string& id) { return Cursors({.id = id, .source = ReportSource::kAgent}).size(); }
 
-    qxpctl::TrustedKeys keys_;
+    qxppolicy::TrustedKeys keys_;
     std::string sign_;
     std::function<int(const std::string&)> plugin_ = [](const std::string&) { return kBusOk; };
-    std::string directory_fault_;
+    qxppolicy::Fault directory_fault_;
     std::vector<std::string> delivered_;
     std::unique_ptr<CommandService> commands_;
 };
@@ -287,7 +286,7 @@ TEST_F(CommandServiceTest, AJournalledCommandIsAdmittedAgainBeforeItIsDelivered)
     EXPECT_TRUE(delivered_.empty());
     EXPECT_EQ(CommandState::kRefused, StateOf("id"));
     EXPECT_THAT(store_->FindCommand("path")->reason, HasSubstr("\"scriptpath\" leads elsewhere"));
-    directory_fault_.clear();
+    directory_fault_.reset();
     EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("new", placed)));
 }
 

@@ -8,9 +8,8 @@
 #include "agent/reports/result_collector.h"
 #include "agent/service/leftovers.h"
 #include "agent/service/maintenance.h"
-#include "ctl/policies/installed_keys.h"
 #include "policy/key_file.h"
-#include "policy/signer.h"
+#include "policy/trusted_keys.h"
 #include "tests/unit/agent/store_fixture.h"
 
 namespace qxpagent {
@@ -180,9 +179,9 @@ TEST_F(FilesTest, LeftoversGoOnlyWhenTheyAreOldOursAndStored) {
 }
 
 TEST_F(FilesTest, ManyPolicyFilesOfNoUseAreMovedAside) {
-    const qxpctl::Key key = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
-    qxpctl::TrustedKeys keys;
-    keys.AddKeyFile(directory_.Write("pub.pem", qxpctl::WriteKeyPair(key).public_pem));
+    const qxppolicy::Key key = qxppolicy::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+    qxppolicy::TrustedKeys keys;
+    keys.AddKeyFile(directory_.Write("pub.pem", qxppolicy::WriteKeyPair(key).public_pem));
     const Places places{
         .scripts = data_, .results = result_, .policies = data_ / "policyfile", .aside = data_ / "aside"};
     fs::create_directories(places.policies);
@@ -197,7 +196,7 @@ TEST_F(FilesTest, ManyPolicyFilesOfNoUseAreMovedAside) {
     EXPECT_EQ(0U, MoveUnusablePolicies(places, keys)) << "the plugin says what is wrong with a few";
     drop("good.json", R"({"ID":"x","Command":"RunScriptFile","param":{"scriptinfo":[)"
                       R"({"scriptid":"a","scripttype":"sh","scriptdata":"ZWNobwo=","sign":")" +
-                          qxpctl::Sign(key, "ZWNobwo=") + "\"}]}}");
+                          qxppolicy::Sign(key, "ZWNobwo=") + "\"}]}}");
     std::ofstream(places.policies / "fresh.json") << "{";
     fs::create_symlink("good.json", places.policies / "link.json");
     EXPECT_EQ(kFewPolicies, MoveUnusablePolicies(places, keys));

@@ -112,8 +112,9 @@ TEST_F(HttpTest, RunOnceAnswersWhenTheCallReturns) {
     EXPECT_EQ(R"({"name":"good.json","accepted":true})", Post("/v1/runonce", R"({"name":"good.json"})").text);
     EXPECT_EQ(R"({"name":"bad.json","accepted":false})", Post("/v1/runonce", R"({"name":"bad.json"})").text);
     EXPECT_EQ(503, Post("/v1/runonce", R"({"name":"stopped.json"})").status);
-    for (const char* body : {R"({"name":""})", R"({"name":"a/b.json"})", R"({"name":"a\nb.json"})",
-                             R"({"name":"a\u007f.json"})", R"({"name":"a\u0000"})", R"({"name":5})", "{}"}) {
+    for (const char* body :
+         {R"({"name":""})", R"({"name":"a/b.json"})", R"({"name":"a\nb.json"})", R"({"name":"a\u007f.json"})",
+          R"({"name":"a\u0085.json"})", R"({"name":".."})", R"({"name":"a\u0000"})", R"({"name":5})", "{}"}) {
         const Reply reply = Post("/v1/runonce", body);
         EXPECT_EQ(400, reply.status) << body;
         EXPECT_NE(std::string::npos, reply.Detail().find("\"name\"")) << body;

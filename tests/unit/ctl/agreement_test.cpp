@@ -2,14 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/policies/policy_check.h"
 #include "plugin/manager/maint_mgr.h"
-#include "policy/policy_builder.h"
-#include "policy/signer.h"
+#include "policy/forecast.h"
+#include "policy/key_file.h"
+#include "policy/vocabulary.h"
 #include "tests/unit/ctl/support.h"
 
-namespace qxpctl {
+namespace qxppolicy {
 namespace {
+
+using qxpctl::Json;
 
 class AgreementTest : public testing::Test {
 protected:
@@ -29,15 +31,15 @@ protected:
         for (const _MaintPolicyDetail& record : accepted) {
             plugin.push_back(record.strScriptId.Str() + (record.strText.empty() && record.iLength == 0 ? "" : " runs"));
         }
-        const PolicyVerdict verdict = CheckPolicy(document, keys_);
+        const PolicyForecast forecast = Forecast(PolicyDocument(document), keys_);
         std::vector<std::string> tool;
-        for (const ScriptVerdict& script : verdict.scripts) {
+        for (const ScriptForecast& script : forecast.scripts) {
             if (script.verdict != Verdict::kDropped) {
                 tool.push_back(script.id + (script.verdict == Verdict::kNotRun ? "" : " runs"));
             }
         }
         EXPECT_EQ(tool, plugin) << document;
-        EXPECT_FALSE(!read && verdict.Good()) << document;
+        EXPECT_FALSE(!read && forecast.IsGood()) << document;
     }
 
     const TempDir directory_;
@@ -100,4 +102,4 @@ TEST_F(AgreementTest, OnDocumentsOfEveryShape) {
 }
 
 }  // namespace
-}  // namespace qxpctl
+}  // namespace qxppolicy

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include "ctl/commands/script_argument.h"
-#include "ctl/commands/script_type.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/files.h"
 #include "tests/unit/ctl/support.h"
@@ -22,6 +21,7 @@ TEST(ScriptArgumentTest, WrongAttributesAreRefusedWithTheirName) {
         {"a,id=x,id=y", "'id=' is given twice"},
         {"a,type=", "the type ''"},
         {"a,type=../x", "the type '../x'"},
+        {"a,type=py", "none of sh, exe, bat, vbs and zip"},
         {"a,id=", "is empty"},
         {"a,id=x/y", "holds '/'"},
         {"a,id=x\ny", "control character"},
@@ -42,9 +42,9 @@ TEST(ScriptArgumentTest, WrongAttributesAreRefusedWithTheirName) {
         EXPECT_THAT([&text = argument] { ParseScriptArgument(text); }, ThrowsMessage<BadInput>(HasSubstr(fault)))
             << argument;
     }
-    EXPECT_NO_THROW(CheckId(std::string(128, 'i'), "ID"));
-    EXPECT_THROW(CheckId(std::string(129, 'i'), "ID"), BadInput);
-    EXPECT_NO_THROW(CheckScriptDirectory("/opt/..x/a_b@c+d=e,f-g"));
+    EXPECT_NO_THROW(ParseScriptArgument("a,id=" + std::string(128, 'i')));
+    EXPECT_THROW(ParseScriptArgument("a,id=" + std::string(129, 'i')), BadInput);
+    EXPECT_NO_THROW(ParseScriptArgument("a,path=/opt/..x/a_b@c+d=e\\,f-g"));
     const ScriptArgument escaped = ParseScriptArgument("C:\\new\\\\x\\,y,id=a=b");
     EXPECT_EQ(escaped.file, "C:\\new\\x,y");
     EXPECT_EQ(escaped.attributes.id, "a=b");
@@ -170,6 +170,11 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
         {{"run", "--key", key, "--wait", "1h", script}, "--wait"},
         {{"submit", script}, "a.sh is not a JSON document"},
         {{"watch", "--wait", "1h"}, "--wait"},
+        {{"pack", "--key", key, "--type", "py", script}, "the type 'py'"},
+        {{"runonce", ".."}, "names a directory"},
+        {{"runonce", "a\xC2\x85.json"}, "control character"},
+        {{"drop", "--process", "--directory", directory_ / ".", directory_.Write("a\"b.json", "{}")},
+         "ID of the results"},
         {{"results", "p", "--raw", "1"}, "ID"},
         {{"drop", "--directory", script, script}, "is not a directory"},
         {{"--generate", "fish"}, "fish"},

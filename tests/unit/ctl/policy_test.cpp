@@ -1,15 +1,24 @@
 // Policies: what pack signs, verify accepts, and the two agree with the form that a plugin checks.
 
-#include "ctl/policies/policy_check.h"
 #include "ctl/terminal/error.h"
 #include "ctl/terminal/text.h"
-#include "policy/policy_builder.h"
-#include "policy/signer.h"
+#include "policy/forecast.h"
+#include "policy/key_file.h"
+#include "policy/vocabulary.h"
 #include "qxhost/base64.h"
 #include "tests/unit/ctl/support.h"
 
 namespace qxpctl {
 namespace {
+
+using qxppolicy::Forecast;
+using qxppolicy::Key;
+using qxppolicy::PolicyDocument;
+using qxppolicy::PolicyForecast;
+using qxppolicy::ReadPrivateKey;
+using qxppolicy::Sign;
+using qxppolicy::TrustedKeys;
+using qxppolicy::Verdict;
 
 class PolicyTest : public testing::TestWithParam<const char*> {
 protected:
@@ -22,10 +31,10 @@ protected:
         EXPECT_EQ(result.code, 0) << result.remarks;
         return Json::parse(result.output);
     }
-    PolicyVerdict Check(const std::string& document, const std::string& prefix = "k") {
+    PolicyForecast Check(const std::string& document, const std::string& prefix = "k") {
         TrustedKeys keys;
         keys.AddKeyFile(directory_ / (prefix + ".pub.pem"));
-        return CheckPolicy(document, keys);
+        return Forecast(PolicyDocument(document), keys);
     }
     // A policy of one script, ready to be spoiled.
     Json OneScript() { return PackJson({directory_.Write("a.sh", "echo a\n")}); }
@@ -45,10 +54,10 @@ TEST_P(PolicyTest, WhatIsPackedIsAcceptedAndOneChangedByteIsNot) {
     }
     const Json policy = PackJson({directory_.Write("1.sh", "a"), directory_.Write("2.sh", "ab"),
                                   directory_.Write("3.sh", "abc"), directory_.Write("4", large) + ",type=exe"});
-    const PolicyVerdict verdict = Check(policy.dump());
-    EXPECT_TRUE(verdict.Good());
-    ASSERT_EQ(verdict.scripts.size(), 4U);
-    EXPECT_EQ(verdict.scripts[3].id, "4");
+    const PolicyForecast forecast = Check(policy.dump());
+    EXPECT_TRUE(forecast.IsGood());
+    ASSERT_EQ(forecast.scripts.size(), 4U);
+    EXPECT_EQ(forecast.scripts[3].id, "4");
 
     const auto& data = policy["param"]["scriptinfo"][3]["scriptdata"].get_ref<const std::string&>();
     int size = 0;
@@ -56,18 +65,18 @@ TEST_P(PolicyTest, WhatIsPackedIsAcceptedAndOneChangedByteIsNot) {
                                                                   free);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(decoded.get()), static_cast<size_t>(size)), large);
 
-    EXPECT_FALSE(Check(policy.dump(), "other").Good());
+    EXPECT_FALSE(Check(policy.dump(), "other").IsGood());
     for (const char* const member : {"sign", "scriptdata"}) {
         Json changed = policy;
         std::string text = changed["param"]["scriptinfo"][1][member];
         text[text.size() / 2] = text[text.size() / 2] == '1' ? '2' : '1';
         changed["param"]["scriptinfo"][1][member] = text;
-        const PolicyVerdict spoiled = Check(changed.dump());
+        const PolicyForecast spoiled = Check(changed.dump());
         EXPECT_EQ(spoiled.scripts[0].verdict, Verdict::kAccepted);
         EXPECT_EQ(spoiled.scripts[1].verdict, Verdict::kDropped) << member;
         EXPECT_THAT(spoiled.scripts[1].reason, HasSubstr("bad signature"));
         EXPECT_EQ(spoiled.scripts[2].verdict, Verdict::kAccepted);
-        EXPECT_FALSE(spoiled.Good());
+        EXPECT_FALSE(spoiled.IsGood());
     }
 }
 
@@ -112,10 +121,10 @@ TEST_F(PolicyTest, EveryReasonToDropAScriptIsTold) {
     for (const auto& [spoil, expected, reason] : cases) {
         Json policy = good;
         spoil(policy["param"]["scriptinfo"][0]);
-        const PolicyVerdict verdict = Check(policy.dump());
-        EXPECT_EQ(verdict.Good(), expected == Verdict::kAccepted) << reason;
-        EXPECT_EQ(verdict.scripts.at(0).verdict, expected) << reason;
-        EXPECT_THAT(verdict.scripts.at(0).reason, HasSubstr(reason));
+        const PolicyForecast forecast = Check(policy.dump());
+        EXPECT_EQ(forecast.IsGood(), expected == Verdict::kAccepted) << reason;
+        EXPECT_EQ(forecast.scripts.at(0).verdict, expected) << reason;
+        EXPECT_THAT(forecast.scripts.at(0).reason, HasSubstr(reason));
     }
 
     const Key key = ReadPrivateKey(directory_ / "k.key.pem");
@@ -154,14 +163,14 @@ TEST_F(PolicyTest, FaultsOfTheWholeDocumentAreNamed) {
     for (const auto& [spoil, fault] : cases) {
         Json policy = good;
         spoil(policy);
-        const PolicyVerdict verdict = Check(policy.dump());
-        EXPECT_FALSE(verdict.Good()) << fault;
-        EXPECT_THAT(verdict.faults, testing::Contains(HasSubstr(fault)));
+        const PolicyForecast forecast = Check(policy.dump());
+        EXPECT_FALSE(forecast.IsGood()) << fault;
+        EXPECT_THAT(forecast.faults, testing::Contains(HasSubstr(fault)));
     }
     // Children of an object are scripts too.
     Json named = good;
     named["param"]["scriptinfo"] = {{"first", good["param"]["scriptinfo"][0]}};
-    EXPECT_TRUE(Check(named.dump()).Good());
+    EXPECT_TRUE(Check(named.dump()).IsGood());
 
     EXPECT_THAT(
         RunTool({"verify", "--key", directory_ / "k.pub.pem", directory_.Write("broken.json", good.dump() + "x")}),

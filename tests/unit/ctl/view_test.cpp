@@ -1,6 +1,6 @@
 // The commands that show what the agent knows: status, show, results, watch, runonce.
 
-#include "ctl/terminal/time_text.h"
+#include "base/time_text.h"
 #include "tests/unit/ctl/fake_journal.h"
 
 namespace qxpctl {
@@ -237,8 +237,8 @@ TEST_F(ViewTest, RunOnceTellsWhetherThePolicyWasAccepted) {
 
 TEST(TimeTextTest, ReadsWhatTheAgentWritesAndNothingElse) {
     const auto seconds = [](const std::string& text) {
-        const auto time = ParseTime(text);
-        return time ? WallClock::to_time_t(*time) : -1;
+        const auto time = qxpbase::ParseTime(text);
+        return time ? std::chrono::system_clock::to_time_t(*time) : -1;
     };
     EXPECT_EQ(seconds("1970-01-02T00:00:00Z"), 86400);
     EXPECT_EQ(seconds("1970-01-02T08:00:00.999+08:00"), 86400);
@@ -247,9 +247,9 @@ TEST(TimeTextTest, ReadsWhatTheAgentWritesAndNothingElse) {
                                    "1970-01-02T00:00:00+8", "1970-13-02T00:00:00Z", "soon"}) {
         EXPECT_EQ(seconds(text), -1) << text;
     }
-    EXPECT_EQ(DurationText(std::chrono::seconds(90061)), "1 d 1 h");
-    EXPECT_EQ(DurationText(std::chrono::seconds(86405)), "1 d");
-    EXPECT_EQ(DurationText(std::chrono::seconds(-1)), "0 s");
+    EXPECT_EQ(qxpbase::DurationText(std::chrono::seconds(90061)), "1 d 1 h");
+    EXPECT_EQ(qxpbase::DurationText(std::chrono::seconds(86405)), "1 d");
+    EXPECT_EQ(qxpbase::DurationText(std::chrono::seconds(-1)), "0 s");
 }
 
 }  // namespace

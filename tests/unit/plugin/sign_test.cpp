@@ -11,10 +11,10 @@
 #include <set>
 #include <thread>
 
-#include "ctl/terminal/text.h"
+#include "base/encoding.h"
 #include "plugin/sign/rsa_public_key.h"
+#include "policy/key_file.h"
 #include "policy/openssl_ptr.h"
-#include "policy/signer.h"
 
 namespace {
 
@@ -27,9 +27,9 @@ protected:
         return verifier_.VerifySignContent(signature.c_str(), script.c_str());
     }
 
-    std::string Sign(const std::string& script = SCRIPT) { return qxpctl::Sign(key_, script); }
+    std::string Sign(const std::string& script = SCRIPT) { return qxppolicy::Sign(key_, script); }
 
-    const qxpctl::Key key_ = qxpctl::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
+    const qxppolicy::Key key_ = qxppolicy::ReadPrivateKey(QXPMAINT_TEST_SIGNING_KEY);
     CMaintSign verifier_;
 };
 
@@ -71,7 +71,7 @@ TEST_F(SignTest, TheMessageIsCheckedInItsDigestAlone) {
         EXPECT_EQ(EVP_PKEY_sign_init(context.get()), 1);
         EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING), 1);
         EXPECT_EQ(EVP_PKEY_sign(context.get(), block.data(), &size, message.data(), message.size()), 1);
-        return "01100000" + qxpctl::HexEncode(block);
+        return "01100000" + qxpbase::HexEncode(block);
     };
     for (const size_t byte : {33U, 127U}) {
         EXPECT_TRUE(IsValid(sign(byte, 0xFF))) << "byte " << byte;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "ctl/terminal/text.h"
+#include "base/encoding.h"
 #include "qxhost/base64.h"
 
 namespace {
@@ -26,7 +26,7 @@ std::optional<std::string> Decode(const std::string& text) {
 
 /// Encoded, with a line break after every 76 characters.
 std::string EncodeInLines(const std::string& bytes) {
-    const std::string text = qxpctl::Base64Encode(bytes);
+    const std::string text = qxpbase::Base64Encode(bytes);
     std::string lines;
     for (size_t at = 0; at < text.size(); at += 76) {
         lines += text.substr(at, 76) + "\r\n";

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "policy/signer.h"
+#include "policy/key_file.h"
 #include "qxhost/signature.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -16,17 +16,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using qxpctl::Key;
-using qxpctl::Sign;
+using qxppolicy::Key;
+using qxppolicy::Sign;
 
 const std::string kScript = "#!/bin/sh\nuptime\n";
 
 Key NewKey(const char* type = "ED25519") {
-    return {qxpctl::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxpctl::Scheme::kEd25519};
+    return {qxppolicy::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxppolicy::Scheme::kEd25519};
 }
 
 std::string PublicPem(const Key& key) {
-    return qxpctl::WriteKeyPair(key).public_pem;
+    return qxppolicy::WriteKeyPair(key).public_pem;
 }
 
 bool Valid(const std::string& signature, const std::string& data = kScript) {

@@ -55,7 +55,7 @@ inline constexpr GUID kServerDataId = ParseGuid("FAB922A8-736E-4CB5-A666-4FD849A
 inline constexpr GUID kAgentConnectId = ParseGuid("ABC9A772-602C-45F4-9AAC-7096FD9BEDA4");
 inline constexpr GUID kManagerId = ParseGuid("9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
 
-inline constexpr long kCommandMessage = 20001;       // server data -> plugin: a command document
+inline constexpr long kCommandMessage = 20001;       // server data -> plugin: a policy
 inline constexpr long kConnectQueryMessage = 10012;  // plugin -> agent connect: where is the server?
 inline constexpr long kReportMessage = 20300;        // plugin -> manager: a report in its envelope
 

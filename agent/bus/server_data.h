@@ -7,7 +7,7 @@
 
 namespace qxpagent {
 
-/// The server data component: hands command documents to the plugin.
+/// The server data component: hands policies to the plugin.
 class ServerData {
 public:
     /// Attaches to the bus, which must outlive it. Throws StartupError when the name is taken.
@@ -17,8 +17,8 @@ public:
     ServerData& operator=(const ServerData&) = delete;
 
     /// Sends a command and waits until the plugin has acknowledged it, or kAcknowledgeTime has passed. Any thread.
-    /// kBusOk means that the plugin has it; kBusTimedOut, that it may have it; anything else, that it has it not or
-    /// has failed over it. What the plugin makes of the command comes back as reports.
+    /// kBusOk means that the plugin has it; kBusTimedOut, that it may have it; anything else, that it was not
+    /// delivered, or that the plugin failed on it. What the plugin makes of the command comes back as reports.
     int Send(std::string document);
     static constexpr std::chrono::seconds kAcknowledgeTime{60};
 

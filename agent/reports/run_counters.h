@@ -29,7 +29,7 @@ public:
 
     void CommandTaken();
     void RefusedAtAdmission();
-    /// A command that has got its final word so, whether at once or later.
+    /// Commands that the plugin refused, at once or later.
     void RefusedByPlugin();
     /// Runs that will never have a result.
     void Interrupted(uint64_t runs);

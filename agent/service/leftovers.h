@@ -40,7 +40,7 @@ bool IsResultFileName(const std::string& name);
 Tidied RemoveLeftovers(Store& store, const Places& places, WallTime before);
 
 /// Moves policy files that the plugin cannot take out of the directory that it scans, when there are many: with each
-/// scan it reads them all again, and logs each whole. Which those are is foretold as for commands. Files that were
+/// scan it reads them all again, and logs each whole. Which those are is forecast as for commands. Files that were
 /// changed within the last two seconds are left alone. The place aside is made if need be, for root alone; a file of
 /// the same name there is replaced. Ends after about three seconds; the next call goes on. Returns how many were moved.
 uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys& keys);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "policy/text.h"
+
 namespace qxpctl {
 
 namespace {

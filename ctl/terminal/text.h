@@ -3,12 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "policy/text.h"
-
 namespace qxpctl {
-
-using qxppolicy::HasControlCharacter;
-using qxppolicy::IsValidUtf8;
 
 /// Text from elsewhere made harmless for a terminal: what qxppolicy::IsControl names, but newline and tab, and bytes
 /// that are not UTF-8 are shown as \xNN.

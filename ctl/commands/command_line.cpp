@@ -6,9 +6,9 @@
 #include <sstream>
 #include <string_view>
 
+#include "base/command_docs.h"
 #include "base/error.h"
 #include "ctl/commands/commands.h"
-#include "ctl/terminal/command_model.h"
 
 namespace qxpctl {
 
@@ -81,11 +81,11 @@ void RefuseEmptyValues(int argc, const char* const* argv) {
 }
 
 std::string Generate(const CLI::App& program, const std::string& what) {
-    const CommandModel model = ReadCommandModel(program);
-    if (what == "bash") {
-        return BashCompletion(model);
+    if (what != "man") {
+        return what == "bash" ? qxpbase::BashCompletion(program) : qxpbase::ZshCompletion(program);
     }
-    return what == "zsh" ? ZshCompletion(model) : ManPage(model, "qxpctl " QXPCTL_VERSION);
+    return qxpbase::ManPage(program, {"1", "User Commands", "qxpctl " QXPCTL_VERSION,
+                                      "qxpctl - sign maintenance scripts, have them run, see the results"});
 }
 
 ExitCode ParseAndRun(int argc, const char* const* argv, const Console& console) {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "agent/bus/message_bus.h"
-#include "agent/config/server_address.h"
+#include "agent/config/options.h"
 
 namespace qxpagent {
 

@@ -1,13 +1,14 @@
 #include "agent/config/config_file.h"
 
+#include <fmt/format.h>
 #include <ini.h>
 
 #include <cerrno>
 #include <fstream>
+#include <map>
 #include <string_view>
 #include <system_error>
 
-#include "agent/config/options.h"
 #include "agent/config/settings.h"
 #include "base/errno_text.h"
 
@@ -17,36 +18,21 @@ namespace {
 
 constexpr char kSection[] = "qxpagent";
 
-/// What one line says.
-struct Line {
-    bool is_wrong = false;
-    bool has_key = false;
-    std::string section;  // that the next line is in
-    std::string key;
-    std::string value;
+struct Key {
+    std::string section, name, value;
 };
 
-// The INI library tells the first bad line of a text only, and no line numbers. So it is given one line at a time: the
-// section so far, the line, and a key of our own whose section is the one that holds after the line.
-Line ReadLine(const std::string& section, const std::string& text) {
-    struct Key {
-        std::string section, name, value;
-    };
+// The INI library tells the first bad line of a text only, and no line numbers, so it is given one line at a time
+// (docs/decisions/010). Where the line names a section, a key of our own after it tells which. The empty line in front
+// keeps a byte order mark from being passed over. Nothing when the line is wrong.
+std::optional<std::vector<Key>> ParseLine(std::string_view line) {
     std::vector<Key> keys;
-    const auto take = [](void* user, const char* in_section, const char* name, const char* value) {
-        static_cast<std::vector<Key>*>(user)->push_back({in_section, name, value});
+    const auto add = [](void* user, const char* section, const char* name, const char* value) {
+        static_cast<std::vector<Key>*>(user)->push_back({section, name, value});
         return 1;
     };
-    const std::string document = "[" + section + "]\n" + text + "\nprobe=\n";
-    Line line;
-    line.is_wrong = ini_parse_string(document.c_str(), take, &keys) != 0;
-    line.section = keys.empty() ? section : keys.back().section;
-    if (keys.size() > 1) {
-        line.has_key = true;
-        line.key = keys.front().name;
-        line.value = keys.front().value;
-    }
-    return line;
+    const std::string text = fmt::format("\n{}\n{}", line, line.starts_with('[') ? "section=\n" : "");
+    return ini_parse_string(text.c_str(), add, &keys) == 0 ? std::optional(keys) : std::nullopt;
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -57,104 +43,86 @@ std::string_view Trimmed(std::string_view text) {
 
 class Reader {
 public:
-    explicit Reader(const std::filesystem::path& directory) : directory_(directory) { config_.found = true; }
+    Reader(const std::filesystem::path& directory, Options& options) : directory_(directory), options_(options) {}
 
-    void Take(std::string_view text) {
-        ++number_;
-        // Without the white space in front: the INI library would take the line for more of the value before it.
-        text = Trimmed(text);
-        if (text.size() > ConfigFile::kMostLineBytes) {
-            return Mistake("the line is longer than " + std::to_string(ConfigFile::kMostLineBytes) + " bytes");
+    // Returns what is wrong with a line, empty when nothing is.
+    std::string Read(std::string_view line, int number) {
+        line = Trimmed(line);
+        if (line.size() > kMostConfigLineBytes) {
+            return fmt::format("the line is longer than {} bytes", kMostConfigLineBytes);
         }
-        if (text.find('\0') != std::string_view::npos) {
-            return Mistake("the line holds a NUL byte");
+        if (line.find('\0') != std::string_view::npos) {
+            return "the line holds a NUL byte";
         }
-        const Line line = ReadLine(section_, std::string(text));
-        if (line.is_wrong) {
-            return Mistake(text.front() == '[' ? "a ']' is missing" : "a '=' is missing");
+        const auto keys = ParseLine(line);
+        if (!keys.has_value()) {
+            return line.starts_with('[') ? "a ']' is missing" : "a '=' is missing";
         }
-        if (!text.empty() && text.front() == '[') {
-            EnterSection(line.section);
-        } else if (line.has_key) {
-            AcceptKey(line.key, line.value);
+        if (keys->empty()) {
+            return {};  // a comment
         }
+        return line.starts_with('[') ? EnterSection(keys->front().section) : AcceptKey(keys->front(), number);
     }
-
-    ConfigFile Result() && { return std::move(config_); }
 
 private:
-    void Mistake(std::string text) { config_.mistakes.push_back({number_, std::move(text)}); }
-
-    void EnterSection(const std::string& section) {
+    std::string EnterSection(const std::string& section) {
         section_ = section;
-        if (section_ != kSection) {
-            Mistake("there is no section [" + section_ + "], only [" + kSection + "]");
-        }
+        return section == kSection ? "" : fmt::format("there is no section [{}], only [{}]", section, kSection);
     }
 
-    void AcceptKey(const std::string& key, const std::string& value) {
+    std::string AcceptKey(const Key& key, int number) {
         if (section_.empty()) {
-            return Mistake(std::string("\"") + key + "\" stands before the section [" + kSection + "]");
+            return fmt::format("\"{}\" stands before the section [{}]", key.name, kSection);
         }
         if (section_ != kSection) {
-            return;  // the section has been named already
+            return {};  // the section has been named already
         }
-        const Setting* const setting = FindSetting(key);
+        const Setting* const setting = FindSetting(key.name);
         if (setting == nullptr) {
-            return Mistake("there is no key \"" + key + "\"");
+            return fmt::format("there is no key \"{}\"", key.name);
         }
-        if (const auto [first, is_new] = lines_.emplace(key, number_); !is_new) {
-            return Mistake("\"" + key + "\" is given twice, first in line " + std::to_string(first->second));
+        if (const auto [first, is_new] = lines_.emplace(key.name, number); !is_new) {
+            return fmt::format("\"{}\" is given twice, first in line {}", key.name, first->second);
         }
-        Options scratch;
-        if (const std::string mistake = setting->apply(scratch, value); !mistake.empty()) {
-            return Mistake("\"" + key + "\" " + mistake);
-        }
-        config_.settings.emplace(key, WithAbsolutePath(*setting, value, directory_));
+        const std::string mistake = setting->set(options_, key.value, directory_);
+        return mistake.empty() ? "" : fmt::format("\"{}\" {}", key.name, mistake);
     }
 
     const std::filesystem::path& directory_;
-    ConfigFile config_;
-    unsigned int number_ = 0;
+    Options& options_;
     std::string section_;
-    std::map<std::string, unsigned int> lines_;  // where each key was given
+    std::map<std::string, int> lines_;  // where each key was given
 };
 
 }  // namespace
 
-ConfigFile ReadConfigFile(const std::filesystem::path& file, const std::filesystem::path& directory) {
+std::vector<std::string> ReadConfigFile(const std::filesystem::path& file, bool required,
+                                        const std::filesystem::path& directory, Options& options) {
+    const auto as_a_whole = [&](const std::string& text) {
+        return std::vector{fmt::format("{}: {}", file.string(), text)};
+    };
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(file, error);
     if (status.type() == std::filesystem::file_type::not_found) {
-        return {};
+        return required ? as_a_whole("there is no such file") : std::vector<std::string>();
     }
-    Reader reader(directory);
-    ConfigFile unreadable;
-    unreadable.found = true;
     if (!std::filesystem::is_regular_file(status)) {  // a FIFO would block
-        unreadable.mistakes.push_back({0, error ? error.message() : "is not a regular file"});
-        return unreadable;
+        return as_a_whole(error ? error.message() : "is not a regular file");
     }
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
+    std::vector<std::string> mistakes;
+    Reader reader(directory, options);
     std::string line;
-    while (std::getline(stream, line)) {
-        reader.Take(line);
+    for (int number = 1; std::getline(stream, line); ++number) {
+        if (const std::string mistake = reader.Read(line, number); !mistake.empty()) {
+            mistakes.push_back(fmt::format("{}:{}: {}", file.string(), number, mistake));
+        }
     }
     if (!stream.eof()) {
-        unreadable.mistakes.push_back({0, "cannot be read: " + qxpbase::ErrnoText(errno)});
-        return unreadable;
+        return as_a_whole("cannot be read: " + qxpbase::ErrnoText(errno));
     }
-    return std::move(reader).Result();
-}
-
-std::vector<std::string> MistakeLines(const std::filesystem::path& file, const ConfigFile& config) {
-    std::vector<std::string> lines;
-    for (const ConfigFile::Mistake& mistake : config.mistakes) {
-        const std::string place = mistake.line != 0 ? ":" + std::to_string(mistake.line) : "";
-        lines.push_back(file.string() + place + ": " + mistake.text);
-    }
-    return lines;
+    return mistakes;
 }
 
 }  // namespace qxpagent

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string_view>
 
 namespace qxpagent {
 
@@ -8,9 +9,6 @@ namespace qxpagent {
 struct Installation {
     std::filesystem::path bin;
     std::filesystem::path agent_data;  // data/qxpagent
-    std::filesystem::path socket;      // the default one
-    std::filesystem::path plugin;      // the default one
-    std::filesystem::path store;       // the default one
 };
 
 /// Throws StartupError when /proc does not tell.
@@ -19,5 +17,9 @@ Installation FindInstallation();
 /// Creates data/qxpagent (mode 0750) where it is missing, and changes the working directory to bin/, which the plugin's
 /// paths are relative to. Throws StartupError.
 void EnterInstallation(const Installation& installation);
+
+/// The configuration file that the plugin will read when it is given this parameter string: as it is named there, so
+/// relative to the working directory, or the plugin's default. Empty when none.
+std::filesystem::path PluginConfigurationFile(std::string_view init_param);
 
 }  // namespace qxpagent

@@ -7,9 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "agent/config/server_address.h"
-
 namespace qxpagent {
+
+/// Where the management server is.
+struct ServerAddress {
+    std::string ip;
+    std::string port;  // decimal, 1 to 65535
+    bool operator==(const ServerAddress&) const = default;
+};
 
 /// How long things are kept.
 struct Retention {
@@ -18,7 +23,8 @@ struct Retention {
     std::chrono::hours leftover_age{7 * 24};  // of script files and result files in the plugin's directories
 };
 
-/// What the configuration file and the command line ask for, all paths absolute.
+/// What the configuration file and the command line ask for, all paths absolute. Each is a row of the table of
+/// settings.
 struct Options {
     std::filesystem::path socket;
     std::filesystem::path plugin;

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <optional>
+#include <cstdint>
+#include <functional>
 #include <sstream>
 #include <utility>
 
@@ -14,20 +15,33 @@ namespace qxpagent {
 
 namespace {
 
-// Each `apply` returns what is wrong with the value, as the end of "NAME …"; empty when it was taken.
+namespace fs = std::filesystem;
+
+// Each of these sets a value from a text. It returns what is wrong with the text, as the end of "NAME …", or nothing.
 using Mistake = std::string;
 
-Mistake ApplyPath(std::filesystem::path& path, const std::string& value) {
-    if (value.empty()) {
+Mistake SetPath(fs::path& path, const std::string& text, const fs::path& directory) {
+    if (text.empty()) {
         return "must be a path";
     }
-    path = value;
+    path = (directory / text).lexically_normal();
     return {};
 }
 
-Mistake ApplyDays(std::chrono::hours& age, const std::string& value) {
+Mistake SetLog(std::string& log, const std::string& text, const fs::path& directory) {
+    const bool is_file = !text.empty() && text != "stderr" && text != "journal";
+    log = is_file ? (directory / text).lexically_normal().string() : text;
+    return {};
+}
+
+Mistake SetText(std::string& value, const std::string& text, const fs::path& /*directory*/) {
+    value = text;
+    return {};
+}
+
+Mistake SetDays(std::chrono::hours& age, const std::string& text, const fs::path& /*directory*/) {
     constexpr uint64_t kMostDays = 36500;
-    const std::optional<uint64_t> days = qxpbase::WholeNumber(value);
+    const std::optional<uint64_t> days = qxpbase::WholeNumber(text);
     if (!days.has_value() || *days == 0 || *days > kMostDays) {
         return "must be a whole number of days from 1 to 36500";
     }
@@ -35,110 +49,125 @@ Mistake ApplyDays(std::chrono::hours& age, const std::string& value) {
     return {};
 }
 
-Mistake ApplyBytes(uint64_t& bytes, const std::string& value) {
+Mistake SetBytes(uint64_t& bytes, const std::string& text, const fs::path& /*directory*/) {
     constexpr std::array<std::pair<std::string_view, int>, 4> kUnits = {
         {{"KiB", 10}, {"MiB", 20}, {"GiB", 30}, {"", 0}}};
     const auto* const unit =
-        std::find_if(kUnits.begin(), kUnits.end(), [&](const auto& each) { return value.ends_with(each.first); });
-    std::string_view digits = std::string_view(value).substr(0, value.size() - unit->first.size());
+        std::find_if(kUnits.begin(), kUnits.end(), [&](const auto& each) { return text.ends_with(each.first); });
+    std::string_view digits = std::string_view(text).substr(0, text.size() - unit->first.size());
     digits = digits.substr(0, digits.find_last_not_of(' ') + 1);
     const std::optional<uint64_t> number = qxpbase::WholeNumber(digits);
-    constexpr uint64_t kMost = uint64_t{INT64_MAX};
-    if (!number.has_value() || *number == 0 || *number > kMost >> unit->second) {
+    if (!number.has_value() || *number == 0 || *number > uint64_t{INT64_MAX} >> unit->second) {
         return "must be a number of bytes from 1, or of KiB, MiB or GiB, as in 512MiB";
     }
     bytes = *number << unit->second;
     return {};
 }
 
-Mistake ApplyOnline(Options& options, const std::string& value) {
-    options.online = ParseServerAddress(value);
-    return value.empty() || options.online.has_value() ? "" : "must be ADDRESS:PORT, with a port from 1 to 65535";
+Mistake SetAddress(std::optional<ServerAddress>& address, const std::string& text, const fs::path& /*directory*/) {
+    const auto parsed = ParseServerAddress(text);
+    if (!text.empty() && !parsed.has_value()) {
+        return "must be ADDRESS:PORT, with a port from 1 to 65535";
+    }
+    address = parsed;
+    return {};
 }
 
-Mistake ApplyLogLevel(Options& options, const std::string& value) {
+Mistake SetLogLevel(std::string& level, const std::string& text, const fs::path& /*directory*/) {
     constexpr std::array<std::string_view, 6> kLevels = {"trace", "debug", "info", "warn", "error", "off"};
-    if (std::find(kLevels.begin(), kLevels.end(), value) == kLevels.end()) {
+    if (std::find(kLevels.begin(), kLevels.end(), text) == kLevels.end()) {
         return "must be trace, debug, info, warn, error or off";
     }
-    options.log_level = value;
+    level = text;
     return {};
 }
 
-Mistake ApplyText(std::string& text, const std::string& value) {
-    text = value;
-    return {};
-}
-
-Mistake ApplyDirectories(std::vector<std::filesystem::path>& directories, const std::string& value) {
-    directories.clear();
-    std::istringstream list(value);
-    for (std::string directory; std::getline(list, directory, ':');) {
-        if (directory.empty() || qxppolicy::ValidateScriptDirectory(directory)) {
-            return "must be absolute paths parted by ':', of letters, digits and /._+@=,- alone";
+template <typename Item, typename IsItem>
+Mistake SetList(std::vector<Item>& items, const std::string& text, const IsItem& is_item, const char* mistake) {
+    std::vector<Item> parsed;
+    std::istringstream list(text);
+    for (std::string item; std::getline(list, item, ':');) {
+        if (item.empty() || !is_item(item)) {
+            return mistake;
         }
-        directories.emplace_back(directory);
+        parsed.emplace_back(item);
     }
+    items = std::move(parsed);
     return {};
 }
 
-Mistake ApplyNames(std::vector<std::string>& names, const std::string& value) {
-    names.clear();
-    std::istringstream list(value);
-    for (std::string name; std::getline(list, name, ':');) {
-        const bool is_name = std::all_of(name.begin(), name.end(), [](unsigned char character) {
-            return std::isalnum(character) != 0 || character == '_';
-        });
-        if (name.empty() || !is_name) {
-            return "must be names of variables parted by ':', of letters, digits and '_' alone";
-        }
-        names.push_back(name);
-    }
-    return {};
+Mistake SetDirectories(std::vector<fs::path>& directories, const std::string& text, const fs::path& /*directory*/) {
+    return SetList(
+        directories, text, [](const std::string& item) { return !qxppolicy::ValidateScriptDirectory(item).has_value(); },
+        "must be absolute paths parted by ':', of letters, digits and /._+@=,- alone");
 }
 
-using Takes = Setting::Takes;
+Mistake SetNames(std::vector<std::string>& names, const std::string& text, const fs::path& /*directory*/) {
+    const auto is_name = [](const std::string& item) {
+        return std::all_of(item.begin(), item.end(), [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; });
+    };
+    return SetList(names, text, is_name, "must be names of variables parted by ':', of letters, digits and '_' alone");
+}
+
+enum class Change { kNeedsRestart, kReloads };
+
+// `field` leads from options to the value: a member or a function.
+template <typename Field, typename Value>
+Setting Row(const char* name, const char* value, const char* default_value, Change change, const char* help,
+            Field field, Mistake (*set)(Value&, const std::string&, const fs::path&),
+            const char* environment = nullptr) {
+    return {
+        name,
+        value,
+        default_value,
+        help,
+        environment,
+        change == Change::kReloads,
+        [=](Options& options, const std::string& text, const fs::path& directory) {
+            return set(std::invoke(field, options), text, directory);
+        },
+        [=](const Options& one, const Options& other) { return std::invoke(field, one) == std::invoke(field, other); },
+        [=](Options& to, const Options& from) { std::invoke(field, to) = std::invoke(field, from); }};
+}
 
 const std::array kSettings = {
-    Setting{"socket", "PATH [../data/qxpagent/agent.sock]", "Unix socket to serve", Takes::kPath, false,
-            [](Options& options, const std::string& value) { return ApplyPath(options.socket, value); }},
-    Setting{"socket-group", "GROUP", "Group whose members may use the socket, by name or number", Takes::kText, false,
-            [](Options& options, const std::string& value) { return ApplyText(options.socket_group, value); }},
-    Setting{"plugin", "PATH [../lib/libqxpmaint.so]", "Plugin library to load", Takes::kPath, false,
-            [](Options& options, const std::string& value) { return ApplyPath(options.plugin, value); }},
-    Setting{"init-param", "TEXT",
-            "Parameter string for the plugin, as in agent_type=KSTL:conf_path=FILE; a relative FILE is taken from the "
-            "agent's own directory",
-            Takes::kText, false,
-            [](Options& options, const std::string& value) { return ApplyText(options.init_param, value); }},
-    Setting{"online", "ADDRESS:PORT", "Tell the plugin that the server is connected at this address", Takes::kText,
-            false, &ApplyOnline},
-    Setting{"log", "FILE|stderr|journal", "Log to a file, stderr or the journal, in place of $QXHOST_LOG", Takes::kLog,
-            false, [](Options& options, const std::string& value) { return ApplyText(options.log, value); }},
-    Setting{"log-level", "LEVEL",
-            "Least level to log, in place of $QXHOST_LOG_LEVEL: trace, debug, info, warn, error or off", Takes::kText,
-            true, &ApplyLogLevel},
-    Setting{"store", "PATH [../data/qxpagent/agent.db]", "Database of commands and reports", Takes::kPath, false,
-            [](Options& options, const std::string& value) { return ApplyPath(options.store, value); }},
-    Setting{
-        "script-directories", "DIR[:DIR]...",
-        "Directories that a policy may name for its scripts, and those below; root's alone, from / on", Takes::kText,
-        false,
-        [](Options& options, const std::string& value) { return ApplyDirectories(options.script_directories, value); }},
-    Setting{"script-environment", "NAME[:NAME]...",
-            "Variables of the agent's environment that scripts inherit besides PATH, HOME, USER, LOGNAME, SHELL, TERM, "
-            "TMPDIR, TZ, LANG, LANGUAGE and LC_*",
-            Takes::kText, false,
-            [](Options& options, const std::string& value) { return ApplyNames(options.script_environment, value); }},
-    Setting{"retention-days", "DAYS [30]", "How long commands and acknowledged reports are kept", Takes::kText, true,
-            [](Options& options, const std::string& value) { return ApplyDays(options.retention.age, value); }},
-    Setting{"retention-size", "SIZE [1GiB]", "How much text of reports is kept: bytes, or with KiB, MiB or GiB",
-            Takes::kText, true,
-            [](Options& options, const std::string& value) { return ApplyBytes(options.retention.bytes, value); }},
-    Setting{
-        "leftover-days", "DAYS [7]", "How long script files and result files stay in the plugin's directories",
-        Takes::kText, true,
-        [](Options& options, const std::string& value) { return ApplyDays(options.retention.leftover_age, value); }},
+    Row("socket", "PATH", "../data/qxpagent/agent.sock", Change::kNeedsRestart, "Unix socket to serve",
+        &Options::socket, SetPath),
+    Row("socket-group", "GROUP", "", Change::kNeedsRestart, "Group whose members may use the socket, by name or number",
+        &Options::socket_group, SetText),
+    Row("plugin", "PATH", "../lib/libqxpmaint.so", Change::kNeedsRestart, "Plugin library to load", &Options::plugin,
+        SetPath),
+    Row("init-param", "TEXT", "", Change::kNeedsRestart,
+        "Parameter string for the plugin, as in agent_type=KSTL:conf_path=FILE; a relative FILE is taken from the "
+        "agent's own directory",
+        &Options::init_param, SetText),
+    Row("online", "ADDRESS:PORT", "", Change::kNeedsRestart,
+        "Tell the plugin that the server is connected at this address", &Options::online, SetAddress),
+    Row("log", "FILE|stderr|journal", "", Change::kNeedsRestart,
+        "Log to a file, stderr or the journal, in place of $QXHOST_LOG", &Options::log, SetLog, "QXHOST_LOG"),
+    Row("log-level", "LEVEL", "", Change::kReloads,
+        "Least level to log, in place of $QXHOST_LOG_LEVEL: trace, debug, info, warn, error or off",
+        &Options::log_level, SetLogLevel, "QXHOST_LOG_LEVEL"),
+    Row("store", "PATH", "../data/qxpagent/agent.db", Change::kNeedsRestart, "Database of commands and reports",
+        &Options::store, SetPath),
+    Row("script-directories", "DIR[:DIR]...", "", Change::kNeedsRestart,
+        "Directories that a policy may name for its scripts, and those below; root's alone, from / on",
+        &Options::script_directories, SetDirectories),
+    Row("script-environment", "NAME[:NAME]...", "", Change::kNeedsRestart,
+        "Variables of the agent's environment that scripts inherit besides PATH, HOME, USER, LOGNAME, SHELL, TERM, "
+        "TMPDIR, TZ, LANG, LANGUAGE and LC_*",
+        &Options::script_environment, SetNames),
+    Row(
+        "retention-days", "DAYS", "30", Change::kReloads, "How long commands and acknowledged reports are kept",
+        [](auto& options) -> auto& { return options.retention.age; }, SetDays),
+    Row(
+        "retention-size", "SIZE", "1GiB", Change::kReloads,
+        "How much text of reports is kept: bytes, or with KiB, MiB or GiB",
+        [](auto& options) -> auto& { return options.retention.bytes; }, SetBytes),
+    Row(
+        "leftover-days", "DAYS", "7", Change::kReloads,
+        "How long script files and result files stay in the plugin's directories",
+        [](auto& options) -> auto& { return options.retention.leftover_age; }, SetDays),
 };
 
 }  // namespace
@@ -153,10 +182,24 @@ const Setting* FindSetting(std::string_view name) {
     return found != kSettings.end() ? found : nullptr;
 }
 
-std::string WithAbsolutePath(const Setting& setting, const std::string& value, const std::filesystem::path& directory) {
-    const bool is_path =
-        setting.takes == Takes::kPath || (setting.takes == Takes::kLog && value != "stderr" && value != "journal");
-    return is_path && !value.empty() ? (directory / value).lexically_normal().string() : value;
+std::optional<ServerAddress> ParseServerAddress(std::string_view text) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string_view ip = text.substr(0, colon);
+    const bool bracketed = ip.size() > 2 && ip.front() == '[' && ip.back() == ']';
+    if (bracketed) {
+        ip = ip.substr(1, ip.size() - 2);
+    }
+    const char* const allowed =
+        bracketed ? "0123456789abcdefABCDEF:." : "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ.-_";
+    const std::optional<uint64_t> port = qxpbase::WholeNumber(text.substr(colon + 1));
+    if (ip.empty() || ip.find_first_not_of(allowed) != std::string_view::npos || !port.has_value() || *port == 0 ||
+        *port > UINT16_MAX) {
+        return std::nullopt;
+    }
+    return ServerAddress{std::string(ip), std::to_string(*port)};
 }
 
 }  // namespace qxpagent

@@ -1,13 +1,13 @@
 #include "agent/service/agent.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <utility>
 
 #include "agent/access/access.h"
-#include "agent/access/script_directory.h"
-#include "agent/config/init_param.h"
+#include "agent/config/installation.h"
 #include "agent/log.h"
 #include "agent/service/environment.h"
 #include "base/startup_error.h"
@@ -171,30 +171,6 @@ SubmitOutcome Agent::Submit(std::string document, const qxpbase::Peer& peer) {
     return commands_->Submit(std::move(document), peer);
 }
 
-std::optional<CommandRecord> Agent::FindCommand(const std::string& id) {
-    return store_->FindCommand(id);
-}
-
-std::vector<CommandRecord> Agent::ListCommands(const CommandQuery& query) {
-    return store_->ListCommands(query);
-}
-
-std::vector<Report> Agent::ListReports(const ReportQuery& query) {
-    return store_->ListReports(query);
-}
-
-std::optional<Report> Agent::FindReport(uint64_t cursor) {
-    return store_->FindReport(cursor);
-}
-
-uint64_t Agent::Acknowledge(const std::vector<uint64_t>& cursors) {
-    return store_->Acknowledge(cursors);
-}
-
-uint64_t Agent::AcknowledgeUpTo(uint64_t cursor) {
-    return store_->AcknowledgeUpTo(cursor);
-}
-
 std::optional<bool> Agent::RunOnce(const std::string& name, const qxpbase::Peer& peer) {
     // Before it runs: a script that takes the machine down leaves who asked for it behind.
     QXPAGENT_LOG(kLogInfo, "run-once of [%s] from user [%s] uid %u pid %d", name.c_str(), peer.user.c_str(), peer.uid,
@@ -209,10 +185,6 @@ bool Agent::IsAlive() {
         // Told by the API's health: a restart mends no disk.
     }
     return true;
-}
-
-void Agent::SetRetention(const Retention& retention) {
-    maintenance_->SetRetention(retention);
 }
 
 AgentStatus Agent::Status() {

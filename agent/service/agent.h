@@ -46,16 +46,17 @@ public:
     bool Stop() override;
 
     bool IsAlive() override;
-    void SetRetention(const Retention& retention) override;
+    void SetRetention(const Retention& retention) override { maintenance_->SetRetention(retention); }
 
 private:
+    // What the API asks of the agent.
     SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer) override;
-    std::optional<CommandRecord> FindCommand(const std::string& id) override;
-    std::vector<CommandRecord> ListCommands(const CommandQuery& query) override;
-    std::vector<Report> ListReports(const ReportQuery& query) override;
-    std::optional<Report> FindReport(uint64_t cursor) override;
-    uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override;
-    uint64_t AcknowledgeUpTo(uint64_t cursor) override;
+    std::optional<CommandRecord> FindCommand(const std::string& id) override { return store_->FindCommand(id); }
+    std::vector<CommandRecord> ListCommands(const CommandQuery& query) override { return store_->ListCommands(query); }
+    std::vector<Report> ListReports(const ReportQuery& query) override { return store_->ListReports(query); }
+    std::optional<Report> FindReport(uint64_t cursor) override { return store_->FindReport(cursor); }
+    uint64_t Acknowledge(const std::vector<uint64_t>& cursors) override { return store_->Acknowledge(cursors); }
+    uint64_t AcknowledgeUpTo(uint64_t cursor) override { return store_->AcknowledgeUpTo(cursor); }
     std::optional<bool> RunOnce(const std::string& name, const qxpbase::Peer& peer) override;
     AgentStatus Status() override;
 

@@ -1,6 +1,8 @@
 #include "agent/service/environment.h"
 
+#include <fmt/format.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,8 @@
 #include <iterator>
 #include <string_view>
 #include <system_error>
+
+#include "agent/log.h"
 
 namespace qxpagent {
 
@@ -23,7 +27,26 @@ bool IsKept(const std::string& name, const std::vector<std::string>& more) {
            std::find(more.begin(), more.end(), name) != more.end();
 }
 
+bool StandardErrorIsJournal() {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
+}
+
 }  // namespace
+
+void SetUpLog(const Options& options) {
+    if (!options.log.empty()) {
+        setenv("QXHOST_LOG", options.log.c_str(), 1);
+    } else if (StandardErrorIsJournal()) {
+        setenv("QXHOST_LOG", "journal", 0);
+    }
+    if (!options.log_level.empty()) {
+        setenv("QXHOST_LOG_LEVEL", options.log_level.c_str(), 1);
+    }
+    CLogDebug::Instance()->CheckLogLevel(kLogInfo);  // it reads them now
+}
 
 std::vector<std::string> ReduceEnvironment(const std::vector<std::string>& more) {
     std::vector<std::string> gone;
@@ -47,10 +70,13 @@ std::string RaiseDescriptorLimit() {
     }
     limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kWantedDescriptors);
     setrlimit(RLIMIT_NOFILE, &limit);
-    return limit.rlim_cur >= kWantedDescriptors
-               ? ""
-               : "This process may have " + std::to_string(limit.rlim_cur) + " open descriptors and should have " +
-                     std::to_string(kWantedDescriptors) + ": runs for which none is left fail. Raise its hard limit.";
+    if (limit.rlim_cur >= kWantedDescriptors) {
+        return {};
+    }
+    return fmt::format(
+        "This process may have {} open descriptors and should have {}: runs for which none is left fail. Raise its "
+        "hard limit.",
+        limit.rlim_cur, kWantedDescriptors);
 }
 
 size_t DescriptorsLeft() {

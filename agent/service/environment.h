@@ -4,7 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "agent/config/options.h"
+
 namespace qxpagent {
+
+/// Tells the host SDK where and from which level on to log, through its environment variables, which it reads here and
+/// never again. Before the first thread and the first record. Where nothing is said about it, the journal is chosen
+/// when $JOURNAL_STREAM names the standard error, as the service manager has it: device and inode.
+void SetUpLog(const Options& options);
 
 /// Takes from this process's environment, which every script inherits, all variables but these: PATH, HOME, USER,
 /// LOGNAME, SHELL, TERM, TMPDIR, TZ, LANG, LANGUAGE, LC_*, and those that are named. What the service manager, a shell

@@ -1,3 +1,4 @@
+#include <fmt/ranges.h>
 #include <sys/stat.h>
 
 #include <exception>
@@ -12,26 +13,16 @@
 #include "agent/log.h"
 #include "agent/service/agent.h"
 #include "agent/service/environment.h"
-#include "agent/service/log_setup.h"
 #include "agent/service/service.h"
 #include "agent/service/service_notify.h"
 #include "agent/service/signals.h"
 
 namespace {
 
-void LogReduction(const std::vector<std::string>& gone) {
-    std::string names;
-    for (const std::string& name : gone) {
-        names.append(names.empty() ? "" : " ").append(name);
-    }
-    QXPAGENT_LOG(qxpagent::kLogInfo, "scripts do not inherit %zu variables of this environment: %s", gone.size(),
-                 names.c_str());
-}
-
 int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation& installation) {
     const qxpagent::LoadedOptions loaded = qxpagent::LoadOptions(command_line, installation);
     if (command_line.check_config || !loaded.mistakes.empty()) {
-        return qxpagent::CheckConfig(command_line, installation);
+        return qxpagent::PrintMistakes(command_line, loaded);
     }
     // What agent, plugin and scripts make is for others to read at most, however the agent was started.
     umask(umask(0) | S_IWGRP | S_IWOTH);
@@ -39,7 +30,9 @@ int Run(const qxpagent::CommandLine& command_line, const qxpagent::Installation&
     qxpagent::CheckLogFile(options);
     qxpagent::SetUpLog(options);  // before the first thread, and before the first record
     qxpagent::FindServiceManager();
-    LogReduction(qxpagent::ReduceEnvironment(options.script_environment));
+    const std::vector<std::string> gone = qxpagent::ReduceEnvironment(options.script_environment);
+    QXPAGENT_LOG(qxpagent::kLogInfo, "scripts do not inherit %zu variables of this environment: %s", gone.size(),
+                 fmt::format("{}", fmt::join(gone, " ")).c_str());
     if (const std::string missing = qxpagent::RaiseDescriptorLimit(); !missing.empty()) {
         QXPAGENT_LOG(qxpagent::kLogWarn, "%s", missing.c_str());
     }

@@ -1,14 +1,15 @@
 #pragma once
 
 #include "agent/config/command_line.h"
-#include "agent/config/reload.h"
 #include "agent/service/signals.h"
 
 namespace qxpagent {
 
-/// The agent as the service runs it. Start, Stop and SetRetention are called from one thread.
-class ServiceAgent : public Reloadable {
+/// The agent as the service runs it. All but IsAlive are called from one thread.
+class ServiceAgent {
 public:
+    virtual ~ServiceAgent() = default;
+
     /// When it returns, the API answers. Throws StartupError.
     virtual void Start() = 0;
     /// False when the process has to end at once, without running destructors.
@@ -16,6 +17,8 @@ public:
     /// Whether it still works: takes its locks and looks at what it has. May block where it does not. Called on
     /// a thread of its own after Start; the last call may still be under way when Stop is called.
     virtual bool IsAlive() = 0;
+    /// How long things are kept from now on.
+    virtual void SetRetention(const Retention& retention) = 0;
 };
 
 /// Runs the agent until it is asked to stop: starts it, tells the service manager, reads the configuration again when

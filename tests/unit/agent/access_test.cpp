@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "agent/access/access.h"
-#include "agent/access/script_directory.h"
 #include "base/startup_error.h"
 #include "http/unix_listener.h"
 #include "tests/support/temp_dir.h"
@@ -48,9 +47,9 @@ protected:
                                  "data/qxpagent/agent.db-wal"}) {
             directory_.Write(name, "x");
         }
-        options_.plugin = installation_.plugin;
-        options_.socket = installation_.socket;
-        options_.store = installation_.store;
+        options_.plugin = root_ / "lib/libqxpmaint.so";
+        options_.socket = socket_;
+        options_.store = store_;
     }
 
     std::string Check() const {
@@ -59,8 +58,9 @@ protected:
 
     const TempDir directory_;
     const std::filesystem::path root_ = directory_.Path();
-    const Installation installation_{root_ / "bin", root_ / "data/qxpagent", root_ / "data/qxpagent/agent.sock",
-                                     root_ / "lib/libqxpmaint.so", root_ / "data/qxpagent/agent.db"};
+    const Installation installation_{root_ / "bin", root_ / "data/qxpagent"};
+    const std::filesystem::path socket_ = installation_.agent_data / "agent.sock";
+    const std::filesystem::path store_ = installation_.agent_data / "agent.db";
     Options options_;
 };
 
@@ -91,7 +91,7 @@ TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
     ASSERT_EQ(0, chmod((root_ / "elsewhere").c_str(), 0777));
     EXPECT_THAT(Check(), HasSubstr("elsewhere"));
 
-    options_.store = installation_.store;
+    options_.store = store_;
     std::filesystem::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
     EXPECT_THAT(Check(), HasSubstr("etc/link can be changed by others"));
 }
@@ -219,7 +219,7 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
         EXPECT_EQ("none", prepare());
         EXPECT_EQ(mode, ModeOf(other)) << "a directory that is not ours stays as it is";
     }
-    options_.socket = installation_.socket;
+    options_.socket = socket_;
     for (const char* group : {"no-such-group", "4294967295", "4294967296"}) {
         options_.socket_group = group;
         EXPECT_THAT(prepare(), HasSubstr("There is no group \"" + std::string(group) + "\""));
@@ -227,7 +227,7 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
 }
 
 TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {
-    const std::string path = installation_.socket.string();
+    const std::string path = socket_.string();
     {
         const mode_t before = umask(0077);
         const qxphttp::UnixListener listener(path, "agent");

@@ -9,6 +9,7 @@
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
 #include "agent/bus/server_data.h"
+#include "agent/config/settings.h"
 #include "tests/unit/agent/test_support.h"
 
 namespace qxpagent {

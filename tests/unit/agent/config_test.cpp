@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <regex>
 
 #include "agent/config/command_line.h"
 #include "agent/config/config_file.h"
@@ -19,7 +20,6 @@ using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Optional;
-using testing::Pair;
 
 class ConfigTest : public testing::Test {
 protected:
@@ -49,16 +49,14 @@ protected:
     }
 
     const TempDir directory_;
-    const Installation installation_{
-        directory_.Path() / "bin", directory_.Path() / "data/qxpagent", directory_.Path() / "data/qxpagent/agent.sock",
-        directory_.Path() / "lib/libqxpmaint.so", directory_.Path() / "data/qxpagent/agent.db"};
+    const Installation installation_{directory_.Path() / "bin", directory_.Path() / "data/qxpagent"};
     const std::string file_ = directory_ / "etc/qxpagent.conf";
     int exit_code_ = kExitOk;
     std::string error_text_;
 };
 
 TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
-    const std::string longest = "init-param=" + std::string(ConfigFile::kMostLineBytes - 11, 'x');
+    const std::string longest = "init-param=" + std::string(kMostConfigLineBytes - 11, 'x');
     Write(
         "; comment\n"                 // 1
         "socket = /a\n"               // 2: before the section
@@ -82,9 +80,9 @@ TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
         longest + "y\n" +                    // 20
         std::string("store = a\0b\n", 12) +  // 21
         "leftover-days = 3");                // 22: without its newline
-    const ConfigFile config = ReadConfigFile(file_, "/bin");
+    Options options;
     EXPECT_THAT(
-        MistakeLines(file_, config),
+        ReadConfigFile(file_, true, "/bin", options),
         ElementsAre(file_ + ":2: \"socket\" stands before the section [qxpagent]",
                     file_ + ":4: there is no key \"sokcet\"",
                     file_ + ":5: \"log-level\" must be trace, debug, info, warn, error or off",
@@ -97,11 +95,12 @@ TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
                     file_ + ":14: \"socket\" must be a path",
                     file_ + ":15: there is no section [other], only [qxpagent]", file_ + ":17: a ']' is missing",
                     file_ + ":20: the line is longer than 196 bytes", file_ + ":21: the line holds a NUL byte"));
-    EXPECT_THAT(config.settings, ElementsAre(Pair("init-param", longest.substr(11)), Pair("leftover-days", "3")));
+    EXPECT_EQ(longest.substr(11), options.init_param);
+    EXPECT_EQ(hours(3 * 24), options.retention.leftover_age);
 
     const auto checked = Parse({"--check-config"});
     testing::internal::CaptureStderr();
-    EXPECT_EQ(kExitUsage, CheckConfig(*checked, installation_));
+    EXPECT_EQ(kExitUsage, PrintMistakes(*checked, LoadOptions(*checked, installation_)));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(file_ + ":20: "));
 }
 
@@ -152,60 +151,79 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
 }
 
 TEST_F(ConfigTest, TheDefaultFileNamesEveryKeyAndChangesNothing) {
+    const Options defaults = Load({}).options;
+    EXPECT_EQ(installation_.agent_data / "agent.sock", defaults.socket);
+    EXPECT_EQ(directory_.Path() / "lib/libqxpmaint.so", defaults.plugin);
+    EXPECT_THAT(defaults.retention, FieldsAre(Retention().age, Retention().bytes, Retention().leftover_age));
     const std::string text = ReadFile(QXPAGENT_DEFAULT_CONFIG);
     Write(text);
     EXPECT_THAT(Load({}).mistakes, IsEmpty());
-    EXPECT_THAT(ReadConfigFile(file_, "/").settings, IsEmpty());
     std::string enabled = text;
     for (const Setting& setting : Settings()) {
-        const size_t at = enabled.find("\n;" + std::string(setting.name) + " = ");
+        EXPECT_TRUE(setting.equal(defaults, Load({}).options)) << setting.name;
+        const std::string key = "\n;" + std::string(setting.name) + " = ";
+        const size_t at = enabled.find(key + setting.default_value);
         ASSERT_NE(std::string::npos, at) << setting.name;
         enabled.erase(at + 1, 1);
-        const size_t comment = text.rfind("\n\n", text.find("\n;" + std::string(setting.name) + " = "));
+        const size_t comment = text.rfind("\n\n", text.find(key));
         EXPECT_EQ(setting.reloadable, text.compare(comment, 12, "\n\n; (reload)") == 0) << setting.name;
     }
     Write(enabled);
     EXPECT_THAT(Load({}).mistakes, IsEmpty()) << "each example is right";
-    const Options options = Load({}).options;
-    EXPECT_EQ(installation_.socket, options.socket);
-    EXPECT_EQ(installation_.plugin, options.plugin);
-    EXPECT_THAT(options.retention, FieldsAre(Retention().age, Retention().bytes, Retention().leftover_age));
+    for (const Setting& setting : Settings()) {
+        EXPECT_TRUE(*setting.default_value == '\0' || setting.equal(defaults, Load({}).options)) << setting.name;
+    }
 }
 
-struct RetentionNote final : Reloadable {
-    void SetRetention(const Retention& retention) override { noted.push_back(retention); }
-    std::vector<Retention> noted;
-};
+TEST_F(ConfigTest, TheHandbookAgreesWithTheTableOfSettings) {
+    const std::string handbook = ReadFile(QXPAGENT_HANDBOOK);
+    const std::regex row(R"(\n\| `([a-z-]+)` \| (.+) \| (restart|reload) \| )");
+    std::sregex_iterator found(handbook.begin(), handbook.end(), row);
+    for (const Setting& setting : Settings()) {
+        ASSERT_NE(std::sregex_iterator(), found) << "no row for " << setting.name;
+        EXPECT_EQ(setting.name, found->str(1));
+        EXPECT_EQ(setting.reloadable ? "reload" : "restart", found->str(3)) << setting.name;
+        if (*setting.default_value != '\0') {
+            EXPECT_EQ("`" + std::string(setting.default_value) + "`", found->str(2)) << setting.name;
+        }
+        ++found;
+    }
+    EXPECT_EQ(std::sregex_iterator(), found);
+}
 
 TEST_F(ConfigTest, AReloadAppliesWhatItCanAndNamesTheRest) {
     Write("[qxpagent]\nretention-days=2\n");
     const auto command_line = Parse({"--leftover-days", "5"});
-    RetentionNote target;
-    ConfigReload reload(*command_line, installation_, LoadOptions(*command_line, installation_).options, target);
-    EXPECT_THAT(reload.Reload().applied, IsEmpty());
-    EXPECT_THAT(target.noted, IsEmpty()) << "nothing has changed";
+    Options running = LoadOptions(*command_line, installation_).options;
+    std::vector<Retention> noted;
+    const auto reload = [&] {
+        return ReloadConfig(*command_line, installation_, running,
+                            [&](const Options& options) { noted.push_back(options.retention); });
+    };
+    EXPECT_THAT(reload().applied, IsEmpty());
+    EXPECT_THAT(noted, IsEmpty()) << "nothing has changed";
 
     Write(
         "[qxpagent]\nretention-days=3\nretention-size=1MiB\nleftover-days=9\nlog-level=error\nsocket=/other\n"
         "online=h:1\n");
-    ReloadOutcome outcome = reload.Reload();
-    EXPECT_THAT(outcome.applied, ElementsAre("retention-days", "retention-size", "log-level"));
+    ReloadOutcome outcome = reload();
+    EXPECT_THAT(outcome.applied, ElementsAre("log-level", "retention-days", "retention-size"));
     EXPECT_THAT(outcome.needs_restart, ElementsAre("socket", "online"));
-    EXPECT_THAT(target.noted, ElementsAre(FieldsAre(hours(72), uint64_t{1} << 20, hours(5 * 24))))
+    EXPECT_THAT(noted, ElementsAre(FieldsAre(hours(72), uint64_t{1} << 20, hours(5 * 24))))
         << "the option of the command line comes first";
     EXPECT_FALSE(CLogDebug::Instance()->CheckLogLevel(3));
 
     Write("[qxpagent]\nretention-days=4\nlog-level=loud\n");
-    outcome = reload.Reload();
+    outcome = reload();
     EXPECT_THAT(outcome.mistakes, ElementsAre(HasSubstr(":3: ")));
     EXPECT_THAT(outcome.applied, IsEmpty());
-    EXPECT_EQ(1U, target.noted.size()) << "a file with a mistake changes nothing";
+    EXPECT_EQ(1U, noted.size()) << "a file with a mistake changes nothing";
 
     std::filesystem::remove(file_);
-    outcome = reload.Reload();
-    EXPECT_THAT(outcome.applied, ElementsAre("retention-days", "retention-size", "log-level"));
+    outcome = reload();
+    EXPECT_THAT(outcome.applied, ElementsAre("log-level", "retention-days", "retention-size"));
     EXPECT_THAT(outcome.needs_restart, IsEmpty());
-    EXPECT_EQ(Retention().age, target.noted.back().age);
+    EXPECT_EQ(Retention().age, noted.back().age);
     EXPECT_TRUE(CLogDebug::Instance()->CheckLogLevel(2));
 }
 

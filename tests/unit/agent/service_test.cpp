@@ -9,7 +9,6 @@
 #include <future>
 
 #include "agent/service/environment.h"
-#include "agent/service/log_setup.h"
 #include "agent/service/service.h"
 #include "agent/service/service_notify.h"
 #include "base/unique_fd.h"
@@ -77,8 +76,7 @@ TEST(ServiceTest, TheServiceManagerIsToldEachStep) {
     const Manager manager(directory / "notify");
     std::filesystem::create_directory(directory.Path() / "bin");
     std::filesystem::create_directory(directory.Path() / "etc");
-    const Installation installation{directory.Path() / "bin", directory.Path() / "data", directory.Path() / "s",
-                                    directory.Path() / "p", directory.Path() / "d"};
+    const Installation installation{directory.Path() / "bin", directory.Path() / "data/qxpagent"};
     CommandLine command_line;
     command_line.config_file = directory.Path() / "etc" / "qxpagent.conf";
     const Options options = LoadOptions(command_line, installation).options;
@@ -87,7 +85,7 @@ TEST(ServiceTest, TheServiceManagerIsToldEachStep) {
     FakeServiceAgent agent;
     auto service =
         std::async(std::launch::async, [&] { return RunService(agent, signals, command_line, installation, options); });
-    EXPECT_EQ("READY=1\nSTATUS=Serving " + (directory / "s"), manager.Next());
+    EXPECT_EQ("READY=1\nSTATUS=Serving " + (directory / "data/qxpagent/agent.sock"), manager.Next());
     EXPECT_TRUE(agent.started);
 
     directory.Write("etc/qxpagent.conf", "[qxpagent]\nretention-days=3\n");
@@ -197,7 +195,7 @@ TEST(LogSetUpTest, TheJournalIsChosenWhereTheStandardErrorIsConnectedToIt) {
     EXPECT_EQ("/x.log", chosen(options, "stderr"));
     EXPECT_STREQ("warn", std::getenv("QXHOST_LOG_LEVEL"));
     unsetenv("JOURNAL_STREAM");
-    EXPECT_FALSE(StandardErrorIsJournal());
+    EXPECT_EQ("", chosen({}, nullptr));
 }
 
 }  // namespace

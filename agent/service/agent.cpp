@@ -29,20 +29,16 @@ void LogHttp(qxphttp::Severity severity, const std::string& text) {
 void CheckConfigurationFile(const std::string& init_param) {
     const std::filesystem::path file = PluginConfigurationFile(init_param);
     if (!file.empty() && access(file.c_str(), R_OK) != 0) {
-        throw qxpbase::StartupError("The plugin's configuration file " +
-                                    std::filesystem::absolute(file).lexically_normal().string() +
-                                    " is missing or cannot be read: install it, or name another with "
-                                    "--init-param agent_type=KSTL:conf_path=FILE.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin's configuration file {} is missing or cannot be read: install it, or name another "
+                        "with --init-param agent_type=KSTL:conf_path=FILE.",
+                        std::filesystem::absolute(file).lexically_normal().string()));
     }
 }
 
 }  // namespace
 
 Agent::Agent(const Options& options) : options_(options), agent_connect_(bus_, options.online) {
-}
-
-Agent::~Agent() {
-    Stop();
 }
 
 void Agent::Start() {
@@ -78,9 +74,7 @@ void Agent::Start() {
 }
 
 void Agent::OpenStore() {
-    StoreOptions options;
-    options.path = options_.store;
-    store_ = std::make_unique<Store>(options);
+    store_ = std::make_unique<Store>(StoreOptions{options_.store});
     commands_ = std::make_unique<CommandService>(
         *store_, counters_, keys_, [this](const std::string& directory) { return ValidateDirectory(directory); },
         [this](std::string document, uint32_t scripts) { return HandOver(std::move(document), scripts); });
@@ -114,11 +108,13 @@ void Agent::LoadPluginLibrary() {
     entry_points_ = LoadPlugin(options_.plugin);
     plugin_data_ = std::filesystem::weakly_canonical(PluginDirectory(entry_points_) / ".." / "data" / "qxpmaint");
     if (!keys_.SetPluginKey(entry_points_.rsa_modulus, entry_points_.rsa_exponent)) {
-        throw qxpbase::StartupError("The plugin " + options_.plugin.string() +
-                                    " was built with a key of another kind.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin {} was built with a key of another kind.", options_.plugin.string()));
     }
 }
 
+// The plugin ends before everything that its threads may still call: the bus carries its last reports, and the store
+// takes them. The API answers meanwhile, so that who waits for a command learns what became of it.
 bool Agent::Stop() {
     accepting_ = false;
     bool ended = true;
@@ -127,26 +123,26 @@ bool Agent::Stop() {
         ended = plugin_->Finish();
     }
     if (maintenance_ != nullptr) {
-        maintenance_->Stop();
+        maintenance_->Stop();  // it would retry what ConcludeCommands is about to end
     }
-    GiveFinalWords();
+    ConcludeCommands();
     if (!ended) {
         QXPAGENT_LOG(kLogError, "a run-once call did not return; leaving it behind");
         listener_->RemoveName();
         return false;
     }
     if (store_ != nullptr) {
-        store_->StopWaiting();
+        store_->StopWaiting();  // requests that wait for a change would hold the server's end up
     }
     http_.reset();
     plugin_.reset();
     bus_.Shutdown();
-    listener_.reset();
+    listener_.reset();  // last: until then no other agent can start
     return true;
 }
 
 // Nothing runs any more: what has no result now never will.
-void Agent::GiveFinalWords() {
+void Agent::ConcludeCommands() {
     if (collector_ == nullptr) {
         return;
     }

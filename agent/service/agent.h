@@ -28,11 +28,12 @@
 
 namespace qxpagent {
 
-/// The agent: its parts, wired together, started and stopped in order. Start and Stop belong to one thread.
+/// The agent: its parts, wired together, started and stopped in order (docs/decisions/007). Start and Stop belong to
+/// one thread.
 class Agent final : public ServiceAgent, private AgentControl {
 public:
     explicit Agent(const Options& options);
-    ~Agent() override;
+    ~Agent() override { Stop(); }
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
@@ -64,7 +65,7 @@ private:
     void LoadPluginLibrary();
     int HandOver(std::string document, uint32_t scripts);
     qxppolicy::Fault ValidateDirectory(const std::string& directory) const;
-    void GiveFinalWords();
+    void ConcludeCommands();
 
     // Constant after construction.
     const Options options_;

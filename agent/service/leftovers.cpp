@@ -1,14 +1,14 @@
 #include "agent/service/leftovers.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
+#include <cinttypes>
 #include <cstdio>
 #include <optional>
-#include <string_view>
+#include <regex>
 #include <vector>
 
 #include "agent/log.h"
@@ -21,10 +21,6 @@ namespace qxpagent {
 
 namespace {
 
-constexpr std::string_view kDigits = "0123456789";
-constexpr std::string_view kHexDigits = "0123456789abcdef";
-constexpr size_t kTimeDigits = 14;
-constexpr size_t kLeastSequenceDigits = 4;
 constexpr uint64_t kMostPolicyBytes = uint64_t{16} << 20;
 constexpr std::chrono::seconds kSettleTime{2};
 constexpr std::chrono::seconds kMoveTime{3};
@@ -41,15 +37,15 @@ qxpbase::UniqueFd OpenDirectory(const std::filesystem::path& path) {
     return qxpbase::UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Removes the files that `may_go` names, if they are regular and old.
+// Removes the files that `may_go` allows, if they are regular and old.
 template <typename MayGo>
-uint64_t RemoveFiles(int directory, const std::vector<std::string>& names, WallTime before, const MayGo& may_go) {
-    const int64_t limit = Nanoseconds(before);
+uint64_t RemoveFiles(const qxpbase::UniqueFd& directory, WallTime before, const MayGo& may_go) {
     uint64_t removed = 0;
-    for (const std::string& name : names) {
+    for (const std::string& name : qxpbase::EntryNames(directory.Get())) {
         struct stat status {};
-        if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode) &&
-            Nanoseconds(status.st_mtim) < limit && may_go(name, status) && unlinkat(directory, name.c_str(), 0) == 0) {
+        if (fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode) &&
+            Nanoseconds(status.st_mtim) < Nanoseconds(before) && may_go(name, status) &&
+            unlinkat(directory.Get(), name.c_str(), 0) == 0) {
             ++removed;
         }
     }
@@ -74,48 +70,33 @@ qxppolicy::Fault ValidatePolicyFile(int directory, const std::string& name, cons
 }  // namespace
 
 bool IsScriptFileName(const std::string& name) {
-    const size_t digits = std::min(name.find_first_not_of(kDigits), name.size());
-    const size_t end = std::min(name.find_first_not_of(kHexDigits), name.size());
-    if (digits < kTimeDigits || end < kTimeDigits + kLeastSequenceDigits) {
-        return false;
-    }
-    const std::string_view extension = std::string_view(name).substr(end);
-    return extension.empty() || (extension.size() > 1 && extension[0] == '.' &&
-                                 std::all_of(extension.begin() + 1, extension.end(),
-                                             [](unsigned char character) { return std::isalnum(character) != 0; }));
+    static const std::regex kName(R"([0-9]{14}[0-9a-f]{4,}(\.[0-9A-Za-z]+)?)");
+    return std::regex_match(name, kName);
 }
 
 bool IsResultFileName(const std::string& name) {
-    constexpr std::string_view kEnding = ".json";
-    const size_t stem = name.size() - std::min(name.size(), kEnding.size());
-    return name.ends_with(kEnding) && stem > 1 && kDigits.find(name[stem - 1]) != std::string_view::npos;
+    static const std::regex kName(R"([^/]+[0-9]\.json)");
+    return std::regex_match(name, kName);
 }
 
 Tidied RemoveLeftovers(Store& store, const Places& places, WallTime before) {
     Tidied tidied;
-    if (const qxpbase::UniqueFd directory = OpenDirectory(places.scripts); directory.IsOpen()) {
-        tidied.scripts =
-            RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
-                        [](const std::string& name, const struct stat&) { return IsScriptFileName(name); });
-    }
+    tidied.scripts = RemoveFiles(OpenDirectory(places.scripts), before,
+                                 [](const std::string& name, const struct stat&) { return IsScriptFileName(name); });
     if (const qxpbase::UniqueFd directory = OpenDirectory(places.results); directory.IsOpen()) {
-        tidied.results =
-            RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
-                        [&](const std::string& name, const struct stat& status) {
-                            return IsResultFileName(name) && store.HasFile(name, Nanoseconds(status.st_mtim),
-                                                                           static_cast<uint64_t>(status.st_size));
-                        });
+        tidied.results = RemoveFiles(directory, before, [&](const std::string& name, const struct stat& status) {
+            return IsResultFileName(name) &&
+                   store.HasFile(name, Nanoseconds(status.st_mtim), static_cast<uint64_t>(status.st_size));
+        });
         store.ForgetFiles(before, qxpbase::EntryNames(directory.Get()));
     }
-    if (const qxpbase::UniqueFd directory = OpenDirectory(places.aside); directory.IsOpen()) {
-        tidied.policies = RemoveFiles(directory.Get(), qxpbase::EntryNames(directory.Get()), before,
-                                      [](const std::string&, const struct stat&) { return true; });
-    }
+    tidied.policies =
+        RemoveFiles(OpenDirectory(places.aside), before, [](const std::string&, const struct stat&) { return true; });
     if (tidied.scripts + tidied.results + tidied.policies > 0) {
         QXPAGENT_LOG(kLogInfo,
-                     "%llu script files, %llu result files and %llu policy files were left over and have been removed",
-                     static_cast<unsigned long long>(tidied.scripts), static_cast<unsigned long long>(tidied.results),
-                     static_cast<unsigned long long>(tidied.policies));
+                     "%" PRIu64 " script files, %" PRIu64 " result files and %" PRIu64
+                     " policy files were left over and have been removed",
+                     tidied.scripts, tidied.results, tidied.policies);
     }
     return tidied;
 }
@@ -139,12 +120,12 @@ uint64_t MoveUnusablePolicies(const Places& places, const qxppolicy::TrustedKeys
         const qxppolicy::Fault fault = ValidatePolicyFile(directory.Get(), name, keys);
         if (fault && renameat(directory.Get(), name.c_str(), aside.Get(), name.c_str()) == 0) {
             ++moved;
-            example.assign(name).append(": ").append(*fault);
+            example = fmt::format("{}: {}", name, *fault);
         }
     }
     if (moved > 0) {
-        QXPAGENT_LOG(kLogWarn, "%llu policy files are of no use and were moved to %s; one of them, %s",
-                     static_cast<unsigned long long>(moved), places.aside.c_str(), example.c_str());
+        QXPAGENT_LOG(kLogWarn, "%" PRIu64 " policy files are of no use and were moved to %s; one of them, %s", moved,
+                     places.aside.c_str(), example.c_str());
     }
     return moved;
 }

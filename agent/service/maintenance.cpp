@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cinttypes>
 #include <exception>
 #include <utility>
 
@@ -22,13 +23,9 @@ Maintenance::Maintenance(Store& store, CommandService& commands, ReportIntake& i
     : store_(store), commands_(commands), intake_(intake), counters_(counters), keys_(keys), retention_(retention) {
 }
 
-Maintenance::~Maintenance() {
-    Stop();
-}
-
 void Maintenance::Start(const Places& places) {
     places_ = places;
-    thread_ = std::thread([this] { Loop(); });
+    thread_ = std::jthread([this](const std::stop_token& stop) { Loop(stop); });
     pthread_setname_np(thread_.native_handle(), "qxpmaintain");
 }
 
@@ -45,33 +42,19 @@ void Maintenance::SetRetention(const Retention& retention) {
     woken_.notify_all();
 }
 
-void Maintenance::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        woken_.notify_all();
-    }
-    if (thread_.joinable()) {
-        thread_.join();
-    }
-}
-
-void Maintenance::Loop() {
+void Maintenance::Loop(const std::stop_token& stop) {
     auto next_round = std::chrono::steady_clock::now();
     std::unique_lock lock(mutex_);
-    while (!stopping_) {
+    while (!stop.stop_requested()) {
         grown_ = false;
         const Retention retention = retention_;
         lock.unlock();
         const auto now = std::chrono::steady_clock::now();
         const bool all = now >= next_round;
-        if (all) {
-            next_round = now + kRoundTime;
-        }
+        next_round = all ? now + kRoundTime : next_round;
         Round(all, retention);
         lock.lock();
-        const auto pause = intake_.Waiting() != 0 ? kWaitingTime : kRetryTime;
-        woken_.wait_for(lock, pause, [this] { return stopping_ || grown_; });
+        woken_.wait_for(lock, stop, intake_.Waiting() != 0 ? kWaitingTime : kRetryTime, [this] { return grown_; });
     }
 }
 
@@ -105,15 +88,16 @@ void Maintenance::Retain(const Retention& retention) {
     const Removed removed = store_.Retain(retention, std::chrono::system_clock::now());
     counters_.RemovedUndelivered(removed.unacknowledged);
     if (removed.unacknowledged > 0) {
-        QXPAGENT_LOG(kLogError,
-                     "%llu reports were removed from the store before anybody acknowledged them: all texts together "
-                     "were too large",
-                     static_cast<unsigned long long>(removed.unacknowledged));
+        QXPAGENT_LOG(
+            kLogError,
+            "%" PRIu64
+            " reports were removed from the store before anybody acknowledged them: all texts together were too large",
+            removed.unacknowledged);
     }
     if (removed.commands + removed.reports > removed.unacknowledged) {
-        QXPAGENT_LOG(kLogInfo, "%llu commands and %llu reports have had their time and were removed from the store",
-                     static_cast<unsigned long long>(removed.commands),
-                     static_cast<unsigned long long>(removed.reports));
+        QXPAGENT_LOG(kLogInfo,
+                     "%" PRIu64 " commands and %" PRIu64 " reports have had their time and were removed from the store",
+                     removed.commands, removed.reports);
     }
 }
 

@@ -22,9 +22,6 @@ public:
     /// All must outlive it.
     Maintenance(Store& store, CommandService& commands, ReportIntake& intake, RunCounters& counters,
                 const qxppolicy::TrustedKeys& keys, const Retention& retention);
-    ~Maintenance();
-    Maintenance(const Maintenance&) = delete;
-    Maintenance& operator=(const Maintenance&) = delete;
 
     /// Begins; the first round comes at once.
     void Start(const Places& places);
@@ -32,11 +29,11 @@ public:
     void StoreHasGrown();
     /// How long things are kept from now on; the next round goes by it. Any thread.
     void SetRetention(const Retention& retention);
-    /// Ends the thread. A second call does nothing.
-    void Stop();
+    /// Ends the thread, as the destructor does. A second call does nothing.
+    void Stop() { thread_ = {}; }
 
 private:
-    void Loop();
+    void Loop(const std::stop_token& stop);
     void Round(bool all, const Retention& retention);
     void StoreWaiting();
     void Retain(const Retention& retention);
@@ -50,13 +47,12 @@ private:
     Places places_;
 
     std::mutex mutex_;
-    std::condition_variable woken_;
+    std::condition_variable_any woken_;
     // Guarded by mutex_.
     Retention retention_;
     bool grown_ = false;
-    bool stopping_ = false;
 
-    std::thread thread_;
+    std::jthread thread_;  // ends before what it uses
 };
 
 }  // namespace qxpagent

@@ -1,14 +1,13 @@
 #include "agent/service/plugin_module.h"
 
 #include <dlfcn.h>
+#include <fmt/format.h>
 #include <pthread.h>
 
 #include <array>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <system_error>
-#include <utility>
 
 #include "agent/log.h"
 #include "base/startup_error.h"
@@ -24,8 +23,8 @@ template <typename Function>
 void LookUp(void* library, const std::filesystem::path& path, const char* name, Function& function) {
     function = reinterpret_cast<Function>(dlsym(library, name));
     if (function == nullptr) {
-        throw qxpbase::StartupError("The plugin " + path.string() + " does not export " + name +
-                                    ": name a libqxpmaint.so with --plugin.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin {} does not export {}: name a libqxpmaint.so with --plugin.", path.string(), name));
     }
 }
 
@@ -45,26 +44,20 @@ private:
     sigset_t before_{};
 };
 
-std::string Hexadecimal(int result) {
-    std::array<char, 16> text{};
-    snprintf(text.data(), text.size(), "0x%x", static_cast<unsigned int>(result));
-    return text.data();
-}
-
 }  // namespace
 
 PluginEntryPoints LoadPlugin(const std::filesystem::path& path) {
     std::error_code error;
     if (!std::filesystem::exists(path, error)) {
-        throw qxpbase::StartupError("The plugin " + path.string() +
-                                    " is missing: install it, or name another library with --plugin.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin {} is missing: install it, or name another library with --plugin.", path.string()));
     }
     void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         const char* const reason = dlerror();
-        throw qxpbase::StartupError("The plugin " + path.string() +
-                                    " cannot be loaded: " + (reason != nullptr ? reason : "no reason given") +
-                                    ". Install what it needs, or name another library with --plugin.");
+        throw qxpbase::StartupError(fmt::format(
+            "The plugin {} cannot be loaded: {}. Install what it needs, or name another library with --plugin.",
+            path.string(), reason != nullptr ? reason : "no reason given"));
     }
     PluginEntryPoints entry_points;
     LookUp(library, path, "create_plugin", entry_points.create_plugin);
@@ -101,15 +94,16 @@ void PluginModule::Start(IXBusMREndPoint4& endpoint, const std::string& init_par
     using GetVersion = const char* (*)();
     if (const auto* table = static_cast<const GetVersion*>(entry_points_.create_plugin(PLUGIN_CLSID))) {
         const char* const version = table[0]();
-        std::lock_guard lock(mutex_);
         version_ = version != nullptr ? version : "";
     }
     object_->SetCtx(&endpoint);
     QxInitBlock init_block{init_param.empty() ? nullptr : init_param.c_str()};
     if (const int result = object_->Initialize(&init_block); result != 0) {
         UndoFrom(step_);
-        throw qxpbase::StartupError("The plugin cannot be initialised (" + Hexadecimal(result) +
-                                    "): check its configuration file and --init-param; the log says more.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin cannot be initialised ({:#x}): check its configuration file "
+                        "and --init-param; the log says more.",
+                        static_cast<unsigned int>(result)));
     }
     step_ = Step::kInitialized;
     const int result = object_->Start();
@@ -117,7 +111,8 @@ void PluginModule::Start(IXBusMREndPoint4& endpoint, const std::string& init_par
     status_ = object_->GetStatus();
     if (result != 0) {
         UndoFrom(step_);
-        throw qxpbase::StartupError("The plugin cannot be started (" + Hexadecimal(result) + "): the log says why.");
+        throw qxpbase::StartupError(
+            fmt::format("The plugin cannot be started ({:#x}): the log says why.", static_cast<unsigned int>(result)));
     }
     std::lock_guard lock(mutex_);
     run_once_open_ = true;
@@ -132,7 +127,7 @@ void PluginModule::Stop() {
         run_once_open_ = false;
     }
     if (const int result = object_->Stop(); result != 0) {
-        QXPAGENT_LOG(kLogWarn, "the plugin's Stop returned %s", Hexadecimal(result).c_str());
+        QXPAGENT_LOG(kLogWarn, "the plugin's Stop returned %#x", static_cast<unsigned int>(result));
     }
     step_ = Step::kStopped;
     status_ = object_->GetStatus();
@@ -141,7 +136,8 @@ void PluginModule::Stop() {
 bool PluginModule::Finish() {
     // Uninitialising ends the runs that a run-once waits for, and waits for the call itself.
     UndoFrom(step_);
-    return RunOnceCallsEnded(kRunOnceEndTime);
+    std::unique_lock lock(mutex_);
+    return run_once_ended_.wait_for(lock, kRunOnceEndTime, [this] { return run_once_calls_ == 0; });
 }
 
 void PluginModule::UndoFrom(Step step) {
@@ -182,16 +178,6 @@ std::optional<bool> PluginModule::RunOnce(const std::string& name) {
     --run_once_calls_;
     run_once_ended_.notify_all();
     return result == 0;
-}
-
-bool PluginModule::RunOnceCallsEnded(std::chrono::seconds wait) {
-    std::unique_lock lock(mutex_);
-    return run_once_ended_.wait_for(lock, wait, [this] { return run_once_calls_ == 0; });
-}
-
-std::string PluginModule::Version() const {
-    std::lock_guard lock(mutex_);
-    return version_;
 }
 
 }  // namespace qxpagent

@@ -60,13 +60,12 @@ public:
 
     /// The plugin's GetStatus as it was after the last step: 0 created … 4 uninitialised.
     unsigned int Status() const { return status_; }
-    /// The plugin's version, empty before Start.
-    std::string Version() const;
+    /// The plugin's version, empty before Start, which it must not be called during.
+    std::string Version() const { return version_; }
 
 private:
     enum class Step { kNone, kCreated, kInitialized, kStarted, kStopped };
 
-    bool RunOnceCallsEnded(std::chrono::seconds wait);
     void UndoFrom(Step step);
 
     const PluginEntryPoints entry_points_;
@@ -75,12 +74,13 @@ private:
     PluginObjInterface* object_ = nullptr;
     Step step_ = Step::kNone;
 
+    std::string version_;  // constant after Start
+
     std::atomic<unsigned int> status_{0};
 
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable run_once_ended_;
     // Guarded by mutex_.
-    std::string version_;
     bool run_once_open_ = false;
     int run_once_calls_ = 0;
 };

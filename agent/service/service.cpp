@@ -18,7 +18,7 @@ int RunService(ServiceAgent& agent, ServiceSignals& signals, const CommandLine& 
     // The watchdog is fed throughout a stop, which may take minutes: the service manager has a time of its own for
     // that.
     std::atomic<bool> stopping{false};
-    const Watchdog watchdog([&] { return stopping || agent.IsAlive(); });
+    const std::jthread watchdog = StartWatchdog([&] { return stopping || agent.IsAlive(); });
     Options running = options;
     const std::string serving = "Serving " + options.socket.string();
     NotifyReady(serving);

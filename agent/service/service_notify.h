@@ -1,9 +1,6 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -21,27 +18,10 @@ void NotifyReady(const std::string& status);
 void NotifyReloading();
 void NotifyStopping();
 
-/// Keeps the service manager's watchdog from restarting the agent for as long as the agent answers. Does nothing when
-/// no watchdog was asked for.
-class Watchdog {
-public:
-    /// `is_alive` is called on a thread of its own, twice in each watchdog time, until the destructor; the watchdog is
-    /// told only when it returns true. It may block: a call that does not return is an agent that does not answer.
-    explicit Watchdog(std::function<bool()> is_alive);
-    /// Waits for the call that is under way.
-    ~Watchdog();
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-private:
-    void Run(std::chrono::microseconds interval);
-
-    const std::function<bool()> is_alive_;
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool stopped_ = false;  // guarded by mutex_
-    std::thread thread_;
-};
+/// Keeps the service manager's watchdog from restarting the agent for as long as the agent answers. `is_alive` is
+/// called on the thread that is returned, twice in each watchdog time, until that is destroyed; the watchdog is told
+/// only when it returns true. It may block: a call that does not return is an agent that does not answer. Without a
+/// watchdog there is no thread, and no call.
+std::jthread StartWatchdog(std::function<bool()> is_alive);
 
 }  // namespace qxpagent

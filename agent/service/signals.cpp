@@ -1,14 +1,11 @@
 #include "agent/service/signals.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <fmt/format.h>
+#include <semaphore.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
-#include <string>
 
 #include "base/errno_text.h"
 #include "base/startup_error.h"
@@ -17,12 +14,11 @@ namespace qxpagent {
 
 namespace {
 
-// Written before the handlers are installed.
-int g_event = -1;
+// What a handler may touch: a semaphore, made before the handlers are installed, and lock-free flags.
+sem_t g_asked;
 std::atomic<int> g_stop{0};  // the signal that asked for it
 std::atomic<bool> g_reload{false};
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
-              "a signal handler may use them");
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
 void OnSignal(int number) {
     const int saved_errno = errno;
@@ -31,9 +27,7 @@ void OnSignal(int number) {
     } else {
         g_stop = number;
     }
-    const uint64_t one = 1;
-    // A full counter has woken the reader already.
-    [[maybe_unused]] const ssize_t written = write(g_event, &one, sizeof(one));
+    sem_post(&g_asked);
     errno = saved_errno;
 }
 
@@ -43,21 +37,17 @@ void Catch(int number, void (*handler)(int)) {
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     if (sigaction(number, &action, nullptr) != 0) {
-        throw qxpbase::StartupError("Signal " + std::to_string(number) +
-                                    " cannot be caught: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError(fmt::format("Signal {} cannot be caught: {}.", number, qxpbase::ErrnoText(errno)));
     }
 }
 
 }  // namespace
 
 ServiceSignals::ServiceSignals() {
-    g_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (g_event < 0) {
-        throw qxpbase::StartupError("No event descriptor can be made: " + qxpbase::ErrnoText(errno) + ".");
+    sem_init(&g_asked, 0, 0);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        Catch(number, OnSignal);
     }
-    Catch(SIGTERM, OnSignal);
-    Catch(SIGINT, OnSignal);
-    Catch(SIGHUP, OnSignal);
 }
 
 ServiceSignals::Request ServiceSignals::Wait() {
@@ -68,10 +58,7 @@ ServiceSignals::Request ServiceSignals::Wait() {
         if (g_reload.exchange(false)) {
             return Request::kReload;
         }
-        pollfd event{g_event, POLLIN, 0};
-        poll(&event, 1, -1);
-        uint64_t count = 0;
-        [[maybe_unused]] const ssize_t emptied = read(g_event, &count, sizeof(count));
+        sem_wait(&g_asked);  // an interrupted wait looks again as well
     }
 }
 

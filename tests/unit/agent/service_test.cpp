@@ -122,7 +122,7 @@ TEST(ServiceTest, TheWatchdogIsFedOnlyWhileTheAgentAnswers) {
     std::atomic<int> asked{0};
     Happening asked_again;
     {
-        const Watchdog watchdog([&] {
+        const std::jthread watchdog = StartWatchdog([&] {
             if (!alive && ++asked == 4) {
                 asked_again.Set();
             }
@@ -149,7 +149,7 @@ TEST(ServiceTest, TheWatchdogIsFedOnlyWhileTheAgentAnswers) {
     }
     unsetenv("WATCHDOG_USEC");
     FindServiceManager();
-    const Watchdog none([]() -> bool { throw std::logic_error("nobody asked for a watchdog"); });
+    const std::jthread none = StartWatchdog([]() -> bool { throw std::logic_error("nobody asked for a watchdog"); });
     EXPECT_TRUE(manager.IsSilent());
     setenv("NOTIFY_SOCKET", "/nowhere/notify", 1);
     FindServiceManager();

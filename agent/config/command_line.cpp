@@ -5,9 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
-#include <system_error>
 
-#include "agent/config/config_file.h"
 #include "base/command_docs.h"
 
 namespace qxpagent {
@@ -94,12 +92,6 @@ void AddSettings(CLI::App& app, CommandLine& command_line) {
     }
 }
 
-void Set(Options& options, const CommandLine::Texts& texts, const std::filesystem::path& directory) {
-    for (const auto& [setting, text] : texts) {
-        setting->set(options, text, directory);
-    }
-}
-
 }  // namespace
 
 std::optional<CommandLine> ParseCommandLine(int argc, char** argv, const Installation& installation, int& exit_code) {
@@ -135,32 +127,6 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, const Install
     command_line.config_file = (command_line.directory / config).lexically_normal();
     command_line.config_named = !named->empty();
     return command_line;
-}
-
-LoadedOptions LoadOptions(const CommandLine& command_line, const Installation& installation) {
-    LoadedOptions loaded;
-    for (const Setting& setting : Settings()) {
-        if (*setting.default_value != '\0') {
-            setting.set(loaded.options, setting.default_value, installation.bin);
-        }
-    }
-    Set(loaded.options, command_line.environment, command_line.directory);
-    loaded.mistakes =
-        ReadConfigFile(command_line.config_file, command_line.config_named, installation.bin, loaded.options);
-    Set(loaded.options, command_line.settings, command_line.directory);
-    return loaded;
-}
-
-int PrintMistakes(const CommandLine& command_line, const LoadedOptions& loaded) {
-    if (!loaded.mistakes.empty()) {
-        std::cerr << fmt::format("{}\n", fmt::join(loaded.mistakes, "\n"));
-        return kExitUsage;
-    }
-    std::error_code error;
-    std::cout << command_line.config_file.string()
-              << (std::filesystem::exists(command_line.config_file, error) ? ": no mistakes\n"
-                                                                           : ": not there, all defaults\n");
-    return kExitOk;
 }
 
 }  // namespace qxpagent

@@ -27,16 +27,4 @@ struct CommandLine {
 /// version or what is wrong has then been printed.
 std::optional<CommandLine> ParseCommandLine(int argc, char** argv, const Installation& installation, int& exit_code);
 
-struct LoadedOptions {
-    Options options;                    // of no use when there are mistakes
-    std::vector<std::string> mistakes;  // of the configuration file, as ReadConfigFile has them
-};
-
-/// The options that command line, configuration file and environment give together, the first of them first, and the
-/// defaults of the settings before all. Reads the file once. May be called again, from any working directory.
-LoadedOptions LoadOptions(const CommandLine& command_line, const Installation& installation);
-
-/// What --check-config does: prints every mistake, or that there is none. Returns the exit code.
-int PrintMistakes(const CommandLine& command_line, const LoadedOptions& loaded);
-
 }  // namespace qxpagent

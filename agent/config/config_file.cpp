@@ -1,15 +1,16 @@
 #include "agent/config/config_file.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <ini.h>
 
 #include <cerrno>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <string_view>
 #include <system_error>
 
-#include "agent/config/settings.h"
+#include "agent/log.h"
 #include "base/errno_text.h"
 
 namespace qxpagent {
@@ -94,8 +95,8 @@ private:
     std::map<std::string, int> lines_;  // where each key was given
 };
 
-}  // namespace
-
+// Sets what the file says in `options`, with relative paths taken from `directory`. A file that is not there says
+// nothing, and is a mistake when it is `required`. Returns every mistake, by line; the rest is set all the same.
 std::vector<std::string> ReadConfigFile(const std::filesystem::path& file, bool required,
                                         const std::filesystem::path& directory, Options& options) {
     const auto as_a_whole = [&](const std::string& text) {
@@ -123,6 +124,86 @@ std::vector<std::string> ReadConfigFile(const std::filesystem::path& file, bool 
         return as_a_whole("cannot be read: " + qxpbase::ErrnoText(errno));
     }
     return mistakes;
+}
+
+void Set(Options& options, const CommandLine::Texts& texts, const std::filesystem::path& directory) {
+    for (const auto& [setting, text] : texts) {
+        setting->set(options, text, directory);
+    }
+}
+
+void Log(const ReloadOutcome& outcome) {
+    for (const std::string& mistake : outcome.mistakes) {
+        QXPAGENT_LOG(kLogError, "configuration not reloaded: %s", mistake.c_str());
+    }
+    if (outcome.mistakes.empty()) {
+        const std::string applied = fmt::format("{}", fmt::join(outcome.applied, ", "));
+        QXPAGENT_LOG(kLogInfo, "configuration reloaded: changed %s", applied.empty() ? "nothing" : applied.c_str());
+    }
+    if (!outcome.needs_restart.empty()) {
+        QXPAGENT_LOG(kLogWarn, "configuration: a restart is needed for %s",
+                     fmt::format("{}", fmt::join(outcome.needs_restart, ", ")).c_str());
+    }
+}
+
+}  // namespace
+
+LoadedOptions LoadOptions(const CommandLine& command_line, const Installation& installation) {
+    LoadedOptions loaded;
+    for (const Setting& setting : Settings()) {
+        if (*setting.default_value != '\0') {
+            setting.set(loaded.options, setting.default_value, installation.bin);
+        }
+    }
+    Set(loaded.options, command_line.environment, command_line.directory);
+    loaded.mistakes =
+        ReadConfigFile(command_line.config_file, command_line.config_named, installation.bin, loaded.options);
+    Set(loaded.options, command_line.settings, command_line.directory);
+    return loaded;
+}
+
+int PrintMistakes(const CommandLine& command_line, const LoadedOptions& loaded) {
+    if (!loaded.mistakes.empty()) {
+        std::cerr << fmt::format("{}\n", fmt::join(loaded.mistakes, "\n"));
+        return kExitUsage;
+    }
+    std::error_code error;
+    std::cout << command_line.config_file.string()
+              << (std::filesystem::exists(command_line.config_file, error) ? ": no mistakes\n"
+                                                                           : ": not there, all defaults\n");
+    return kExitOk;
+}
+
+ReloadOutcome ReloadConfig(const CommandLine& command_line, const Installation& installation, Options& running,
+                           const std::function<void(const Options&)>& apply) {
+    const LoadedOptions loaded = LoadOptions(command_line, installation);
+    const std::string level_before = running.log_level;
+    ReloadOutcome outcome;
+    outcome.mistakes = loaded.mistakes;
+    for (const Setting& setting : Settings()) {
+        if (outcome.mistakes.empty() && !setting.equal(running, loaded.options)) {
+            if (setting.reloadable) {
+                setting.copy(running, loaded.options);
+            }
+            (setting.reloadable ? outcome.applied : outcome.needs_restart).emplace_back(setting.name);
+        }
+    }
+    // Logged under the more verbose of the old and the new level.
+    const bool is_seen = CLogDebug::Instance()->CheckLogLevel(kLogInfo);
+    if (is_seen) {
+        Log(outcome);
+    }
+    if (running.log_level != level_before) {
+        // Without a setting, what the host SDK does by itself.
+        QxSetLogLevel(running.log_level.empty() ? "info" : running.log_level.c_str());
+    }
+    if (!outcome.applied.empty()) {
+        apply(running);
+    }
+    if (!is_seen) {
+        Log(outcome);
+    }
+    return outcome;
 }
 
 }  // namespace qxpagent

@@ -33,6 +33,9 @@ std::span<const Setting> Settings();
 /// Null when there is none of that name.
 const Setting* FindSetting(std::string_view name);
 
+/// A line of the configuration file may have so many bytes: the INI library cuts longer ones in two.
+inline constexpr size_t kMostConfigLineBytes = 196;
+
 /// Reads "ADDRESS:PORT" or, for an IPv6 address, "[ADDRESS]:PORT". Nothing when it is neither.
 std::optional<ServerAddress> ParseServerAddress(std::string_view text);
 

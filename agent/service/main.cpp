@@ -8,14 +8,11 @@
 #include <vector>
 
 #include "agent/access/access.h"
-#include "agent/config/command_line.h"
-#include "agent/config/installation.h"
+#include "agent/config/config_file.h"
 #include "agent/log.h"
 #include "agent/service/agent.h"
 #include "agent/service/environment.h"
 #include "agent/service/service.h"
-#include "agent/service/service_notify.h"
-#include "agent/service/signals.h"
 
 namespace {
 

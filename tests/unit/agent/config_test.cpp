@@ -4,10 +4,7 @@
 #include <cstdlib>
 #include <regex>
 
-#include "agent/config/command_line.h"
 #include "agent/config/config_file.h"
-#include "agent/config/config_reload.h"
-#include "agent/config/settings.h"
 #include "qxhost/log.h"
 #include "tests/support/temp_dir.h"
 
@@ -80,9 +77,9 @@ TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
         longest + "y\n" +                    // 20
         std::string("store = a\0b\n", 12) +  // 21
         "leftover-days = 3");                // 22: without its newline
-    Options options;
+    const LoadedOptions loaded = Load({});
     EXPECT_THAT(
-        ReadConfigFile(file_, true, "/bin", options),
+        loaded.mistakes,
         ElementsAre(file_ + ":2: \"socket\" stands before the section [qxpagent]",
                     file_ + ":4: there is no key \"sokcet\"",
                     file_ + ":5: \"log-level\" must be trace, debug, info, warn, error or off",
@@ -95,12 +92,12 @@ TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
                     file_ + ":14: \"socket\" must be a path",
                     file_ + ":15: there is no section [other], only [qxpagent]", file_ + ":17: a ']' is missing",
                     file_ + ":20: the line is longer than 196 bytes", file_ + ":21: the line holds a NUL byte"));
-    EXPECT_EQ(longest.substr(11), options.init_param);
-    EXPECT_EQ(hours(3 * 24), options.retention.leftover_age);
+    EXPECT_EQ(longest.substr(11), loaded.options.init_param);
+    EXPECT_EQ(hours(3 * 24), loaded.options.retention.leftover_age);
 
     const auto checked = Parse({"--check-config"});
     testing::internal::CaptureStderr();
-    EXPECT_EQ(kExitUsage, PrintMistakes(*checked, LoadOptions(*checked, installation_)));
+    EXPECT_EQ(kExitUsage, PrintMistakes(*checked, loaded));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(file_ + ":20: "));
 }
 

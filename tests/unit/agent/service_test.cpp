@@ -10,7 +10,6 @@
 
 #include "agent/service/environment.h"
 #include "agent/service/service.h"
-#include "agent/service/service_notify.h"
 #include "base/unique_fd.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-daemon.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -20,6 +22,7 @@
 
 #include "agent/log.h"
 #include "base/errno_text.h"
+#include "base/startup_error.h"
 #include "base/unique_fd.h"
 
 namespace qxpagent {
@@ -63,7 +66,61 @@ void FeedWatchdog(const std::stop_token& stop, microseconds interval, const std:
     }
 }
 
+// What a handler may touch: a semaphore, made before the handlers are installed, and lock-free flags.
+sem_t g_asked;
+std::atomic<int> g_stop{0};  // the signal that asked for it
+std::atomic<bool> g_reload{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+void OnSignal(int number) {
+    const int saved_errno = errno;
+    if (number == SIGHUP) {
+        g_reload = true;
+    } else {
+        g_stop = number;
+    }
+    sem_post(&g_asked);
+    errno = saved_errno;
+}
+
+void Catch(int number, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(number, &action, nullptr) != 0) {
+        throw qxpbase::StartupError(fmt::format("Signal {} cannot be caught: {}.", number, qxpbase::ErrnoText(errno)));
+    }
+}
+
 }  // namespace
+
+ServiceSignals::ServiceSignals() {
+    sem_init(&g_asked, 0, 0);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        Catch(number, OnSignal);
+    }
+}
+
+ServiceSignals::Request ServiceSignals::Wait() {
+    for (;;) {
+        if (g_stop != 0) {
+            return Request::kStop;
+        }
+        if (g_reload.exchange(false)) {
+            return Request::kReload;
+        }
+        sem_wait(&g_asked);  // an interrupted wait looks again as well
+    }
+}
+
+int ServiceSignals::StopNumber() const {
+    return g_stop;
+}
+
+void SurviveBrokenPipes() {
+    Catch(SIGPIPE, [](int) {});
+}
 
 void FindServiceManager() {
     const char* const text = std::getenv("NOTIFY_SOCKET");

@@ -14,14 +14,12 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kTickInterval{100};
 
-struct EasyFree {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct MultiFree {
-    void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-struct ListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+template <auto Release>
+struct Free {
+    template <typename Handle>
+    void operator()(Handle* handle) const {
+        Release(handle);
+    }
 };
 
 size_t Receive(char* data, size_t /*one*/, size_t size, void* body) {
@@ -51,7 +49,7 @@ public:
         Set(CURLOPT_PATH_AS_IS, 1L);
         Set(CURLOPT_WRITEFUNCTION, Receive);
         Set(CURLOPT_WRITEDATA, &answer_.body);
-        if (!body) {
+        if (body == nullptr) {
             return;
         }
         headers_.reset(curl_slist_append(nullptr, "Content-Type: application/json"));
@@ -69,12 +67,12 @@ public:
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// False when tick gave up.
+    // False when tick gave up.
     bool Run(const Tick& tick) {
         started_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
         int running = started_ ? 1 : 0;
         while (running > 0) {
-            if (tick && !tick()) {
+            if (tick != nullptr && !tick()) {
                 return false;
             }
             if (curl_multi_perform(multi_.get(), &running) != CURLM_OK) {
@@ -112,9 +110,9 @@ private:
         curl_easy_setopt(easy_.get(), option, value);
     }
 
-    std::unique_ptr<curl_slist, ListFree> headers_;
-    std::unique_ptr<CURL, EasyFree> easy_;
-    std::unique_ptr<CURLM, MultiFree> multi_;
+    std::unique_ptr<curl_slist, Free<curl_slist_free_all>> headers_;
+    std::unique_ptr<CURL, Free<curl_easy_cleanup>> easy_;
+    std::unique_ptr<CURLM, Free<curl_multi_cleanup>> multi_;
     Answer answer_;
     bool started_ = false;
 };
@@ -153,9 +151,9 @@ size_t MaxSocketPathBytes() {
 }
 
 std::string EscapeForUrl(const std::string& text) {
-    const std::unique_ptr<char, decltype(&curl_free)> escaped(
-        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), curl_free);
-    return escaped ? std::string(escaped.get()) : std::string();
+    const std::unique_ptr<char, Free<curl_free>> escaped(
+        curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())));
+    return escaped != nullptr ? std::string(escaped.get()) : std::string();
 }
 
 }  // namespace qxphttp

@@ -11,7 +11,7 @@ namespace qxphttp {
 
 namespace {
 
-// Who may do anything to the agent anyway, and is not to be shut out by those who may not.
+// Root and the server's own user can stop the server anyway, and are not to be shut out by those who cannot.
 bool IsTrusted(uid_t user) {
     return user == 0 || user == geteuid();
 }

@@ -1,5 +1,7 @@
 #include "http/message.h"
 
+#include <microhttpd.h>
+
 #include <nlohmann/json.hpp>
 
 namespace qxphttp {
@@ -8,34 +10,6 @@ namespace {
 
 constexpr char kRetryAfterSeconds[] = "2";
 constexpr size_t kPieceBytes = size_t{256} << 10;  // what is appended goes into pieces of about this size
-
-// RFC 9110 section 15; 507 is of RFC 4918 section 11.5.
-const char* Title(int status) {
-    switch (status) {
-        case 400:
-            return "Bad Request";
-        case 404:
-            return "Not Found";
-        case 405:
-            return "Method Not Allowed";
-        case 409:
-            return "Conflict";
-        case 413:
-            return "Content Too Large";
-        case 422:
-            return "Unprocessable Content";
-        case 501:
-            return "Not Implemented";
-        case 503:
-            return "Service Unavailable";
-        case 504:
-            return "Gateway Timeout";
-        case 507:
-            return "Insufficient Storage";
-        default:
-            return "Internal Server Error";
-    }
-}
 
 }  // namespace
 
@@ -46,14 +20,14 @@ void Body::Append(std::string_view text) {
     pieces_.back().append(text);
 }
 
-void Body::Take(std::string text) {
+void Body::Adopt(std::string text) {
     pieces_.push_back(std::move(text));
 }
 
 Response Problem(int status, const std::string& detail) {
     nlohmann::ordered_json problem;
     problem["type"] = "about:blank";
-    problem["title"] = Title(status);
+    problem["title"] = MHD_get_reason_phrase_for(static_cast<unsigned int>(status));
     problem["status"] = status;
     problem["detail"] = detail;
     Response response;

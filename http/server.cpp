@@ -1,6 +1,5 @@
 #include "http/server.h"
 
-#include <fmt/core.h>
 #include <microhttpd.h>
 #include <pthread.h>
 #include <strings.h>
@@ -19,6 +18,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "base/peer.h"
 #include "base/startup_error.h"
@@ -95,14 +96,14 @@ BodyFrame FrameOf(MHD_Connection* connection) {
     return frame;
 }
 
-// How much of a body is read only to be thrown away. A client that is cut off while it is still sending may never see
-// the answer, so a refusal waits for the body, up to this.
+// How much of a refused body is read only to be thrown away. A client that is cut off while it is still sending may
+// never see the answer, so a refusal waits for the end of the body, up to this size.
 size_t MaxDrainedBytes(size_t max_body) {
     return 2 * max_body;
 }
 
 Response TooLarge(size_t limit) {
-    return Problem(413, "The body is larger than the " + std::to_string(limit) + " bytes that this path takes.");
+    return Problem(413, fmt::format("The body is larger than the {} bytes that this path takes.", limit));
 }
 
 // Null when there is no memory for it.
@@ -123,16 +124,13 @@ MHD_Response* MakeMessage(Body body) {
 
 // A whole answer at once, for a connection of which nothing more is wanted. Small: it never waits for the client.
 void SendAndShut(int descriptor, const Response& response) {
-    std::string body;
-    for (const std::string& piece : response.body.Pieces()) {
-        body += piece;
-    }
-    std::string text = "HTTP/1.1 " + std::to_string(response.status) + " " +
-                       MHD_get_reason_phrase_for(static_cast<unsigned int>(response.status)) +
-                       "\r\nContent-Type: " + response.content_type +
-                       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n";
+    const auto pieces = response.body.Pieces();
+    const std::string body = fmt::format("{}", fmt::join(pieces.begin(), pieces.end(), ""));
+    std::string text = fmt::format(
+        "HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\nConnection: close\r\n", response.status,
+        MHD_get_reason_phrase_for(static_cast<unsigned int>(response.status)), response.content_type, body.size());
     for (const auto& [name, value] : response.headers) {
-        text.append(name).append(": ").append(value).append("\r\n");
+        text += fmt::format("{}: {}\r\n", name, value);
     }
     text += "\r\n" + body;
     [[maybe_unused]] const ssize_t sent = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -270,8 +268,8 @@ Server::Server(UnixListener& listener, Handler& handler, LogSink log, const Limi
                                MHD_OPTION_END);
     if (daemon_ == nullptr) {
         EndWatch();
-        throw qxpbase::StartupError("The HTTP server cannot be started on " + listener_.Path().string() +
-                                    ": the log says why.");
+        throw qxpbase::StartupError(
+            fmt::format("The HTTP server cannot be started on {}: the log says why.", listener_.Path().string()));
     }
 }
 
@@ -357,7 +355,7 @@ Response Server::Answer(MHD_Connection* connection, Exchange& exchange) {
     if (exchange.refusal.has_value()) {
         return std::move(*exchange.refusal);
     }
-    // The times are for clients; an answer may take as long as it takes.
+    // No time limit while the handler works: it may wait for news for as long as the client asked.
     const int descriptor = DescriptorOf(connection);
     limiter_.Begin(descriptor, ConnectionLimiter::Step::kAnswer);
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);

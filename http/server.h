@@ -5,8 +5,6 @@
 #include <thread>
 
 #include "http/connection_limiter.h"
-#include "http/limits.h"
-#include "http/log_sink.h"
 #include "http/message.h"
 #include "http/unix_listener.h"
 
@@ -15,17 +13,21 @@ struct MHD_Daemon;
 
 namespace qxphttp {
 
-/// HTTP/1.1 over a Unix socket, one thread a connection.
+/// HTTP/1.1 over a Unix socket, one thread a connection. What is no request is answered with 400, 413 or 501, and what
+/// is too much of one user with 503, without the handler. docs/decisions/010-access-and-configuration.md says why.
+/// Construction, Stop and destruction belong to one thread.
 class Server {
 public:
-    /// Serves at once, on the listener's descriptor. Listener and handler must outlive it. Throws StartupError.
+    /// Serves at once, on the listener's descriptor, which becomes the server's. Listener and handler must outlive it.
+    /// Throws qxpbase::StartupError when the server library cannot be started, std::system_error without a thread.
     Server(UnixListener& listener, Handler& handler, LogSink log, const Limits& limits = {});
+    /// As Stop.
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Removes the socket's name, stops accepting, lets requests that are being handled end, and closes every
-    /// connection. Waits for as long as the handler does: wake its waits first. A second call does nothing.
+    /// Removes the socket's name, stops accepting, gives answers that are under way Limits::drain to go out, and closes
+    /// every connection. Then waits for as long as the handler does: wake its waits first. A second call does nothing.
     void Stop();
 
 private:

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "base/errno_text.h"
 #include "base/lock_file.h"
 #include "base/names.h"
@@ -24,6 +26,12 @@ namespace {
 
 constexpr int kBacklog = 64;
 
+// `form`: the text, with a place for the path and one for what errno says.
+[[noreturn]] void ThrowErrno(const char* form, const std::filesystem::path& path) {
+    const int error = errno;
+    throw qxpbase::StartupError(fmt::format(fmt::runtime(form), path.string(), qxpbase::ErrnoText(error)));
+}
+
 qxpbase::UniqueFd AcquireLock(const std::filesystem::path& socket_path, const std::string& server) {
     const std::string path = socket_path.string() + ".lock";
     try {
@@ -32,18 +40,19 @@ qxpbase::UniqueFd AcquireLock(const std::filesystem::path& socket_path, const st
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw qxpbase::StartupError("The lock file " + path +
-                                    " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
-                                    ". Create its directory, or name another socket with --socket.");
+        throw qxpbase::StartupError(fmt::format(
+            "The lock file {} cannot be opened: {}. Create its directory, or name another socket with --socket.", path,
+            qxpbase::ErrnoText(error.code().value())));
     }
-    throw qxpbase::StartupError("Another " + server + " is running, or still stopping, on " + socket_path.string() +
-                                ": stop it, or name another socket with --socket.");
+    throw qxpbase::StartupError(
+        fmt::format("Another {} is running, or still stopping, on {}: stop it, or name another socket with --socket.",
+                    server, socket_path.string()));
 }
 
 qxpbase::UniqueFd NewSocket() {
     qxpbase::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.IsOpen()) {
-        throw qxpbase::StartupError("No socket can be made: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError(fmt::format("No socket can be made: {}.", qxpbase::ErrnoText(errno)));
     }
     return fd;
 }
@@ -52,9 +61,9 @@ sockaddr_un AddressOf(const std::filesystem::path& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.native().size() >= sizeof(address.sun_path)) {
-        throw qxpbase::StartupError("The socket path " + path.string() + " is longer than " +
-                                    std::to_string(sizeof(address.sun_path) - 1) +
-                                    " bytes: name a shorter one with --socket.");
+        throw qxpbase::StartupError(
+            fmt::format("The socket path {} is longer than {} bytes: name a shorter one with --socket.", path.string(),
+                        sizeof(address.sun_path) - 1));
     }
     std::memcpy(address.sun_path, path.c_str(), path.native().size() + 1);
     return address;
@@ -67,24 +76,20 @@ void RemoveStaleSocket(const std::filesystem::path& path, const sockaddr_un& add
         if (errno == ENOENT) {
             return;
         }
-        const int error = errno;
-        throw qxpbase::StartupError("The socket " + path.string() +
-                                    " cannot be examined: " + qxpbase::ErrnoText(error) + ".");
+        ThrowErrno("The socket {} cannot be examined: {}.", path);
     }
     if (!S_ISSOCK(status.st_mode)) {
-        throw qxpbase::StartupError(path.string() +
-                                    " exists and is not a socket: remove it, or name another with --socket.");
+        throw qxpbase::StartupError(
+            fmt::format("{} exists and is not a socket: remove it, or name another with --socket.", path.string()));
     }
     const qxpbase::UniqueFd probe = NewSocket();
     if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
         errno != ECONNREFUSED) {
-        throw qxpbase::StartupError("Another process is serving " + path.string() +
-                                    ": stop it, or name another socket with --socket.");
+        throw qxpbase::StartupError(fmt::format(
+            "Another process is serving {}: stop it, or name another socket with --socket.", path.string()));
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        const int error = errno;
-        throw qxpbase::StartupError("The stale socket " + path.string() +
-                                    " cannot be removed: " + qxpbase::ErrnoText(error) + ".");
+        ThrowErrno("The stale socket {} cannot be removed: {}.", path);
     }
 }
 
@@ -102,9 +107,7 @@ UnixListener::UnixListener(const std::filesystem::path& path, const std::string&
     if (fchmod(socket_.Get(), 0600) != 0 ||
         bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         lstat(path_.c_str(), &status) != 0) {
-        const int error = errno;
-        throw qxpbase::StartupError("The socket " + path_.string() + " cannot be made: " + qxpbase::ErrnoText(error) +
-                                    ".");
+        ThrowErrno("The socket {} cannot be made: {}.", path_);
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -120,17 +123,17 @@ UnixListener::UnixListener(const std::filesystem::path& path, const std::string&
 // that may have taken its place.
 void UnixListener::SetAccess(gid_t group) {
     const qxpbase::UniqueFd name(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    const std::string name_path = "/proc/self/fd/" + std::to_string(name.Get());
+    const std::string name_path = fmt::format("/proc/self/fd/{}", name.Get());
     struct stat status {};
     const bool is_ours =
         name.IsOpen() && fstat(name.Get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
     if (!is_ours ||
         (status.st_gid != group && fchownat(name.Get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0) ||
         chmod(name_path.c_str(), 0660) != 0 || listen(socket_.Get(), kBacklog) != 0) {
-        const int error = errno;
-        throw qxpbase::StartupError("The socket " + path_.string() +
-                                    " cannot be given to its group: " + qxpbase::ErrnoText(error) +
-                                    ". Start as root, or name a group of its user with --socket-group.");
+        ThrowErrno(
+            "The socket {} cannot be given to its group: {}. Start as root, or name a group of its user with "
+            "--socket-group.",
+            path_);
     }
 }
 

@@ -11,11 +11,12 @@ namespace qxphttp {
 
 /// A listening Unix stream socket of mode 0660, for its owner and one group, guarded by a lock file beside it
 /// (PATH.lock, which stays in place), so that no two servers ever share a path. The socket of a server that has died is
-/// replaced; the socket of a living one, and a file that is no socket, never is.
+/// replaced; the socket of a living one, and a file that is no socket, never is. One thread at a time.
 class UnixListener {
 public:
-    /// Nobody can connect before owner, group and mode are right. Throws qxpbase::StartupError.
-    /// @param server  what serves here, in a word, for the texts
+    /// Nobody can connect before owner, group and mode are right: docs/decisions/010-access-and-configuration.md.
+    /// Throws qxpbase::StartupError, and leaves no socket behind then.
+    /// @param server  what serves here, in a word, for the texts of errors
     /// @param group   a name or a number; empty: the process's own
     UnixListener(const std::filesystem::path& path, const std::string& server, const std::string& group = {});
     /// Removes the socket, then gives up the lock.

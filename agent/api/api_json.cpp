@@ -74,7 +74,7 @@ void AppendReport(qxphttp::Body& body, Report report) {
             report.text.erase(0, kByteOrderMark.size());  // a reader passes it over, but only at the very beginning
         }
         body.Append(",\"document\":");
-        body.Take(std::move(report.text));
+        body.Adopt(std::move(report.text));
     } else {
         body.Append(",\"document\":null,\"text\":");
         AppendQuoted(body, report.text);

@@ -8,16 +8,6 @@ namespace qxpagent {
 
 namespace {
 
-// Nothing may be thrown across the binary interface; what is left to be thrown here is a lack of memory.
-template <typename Call>
-int NoThrow(const Call& call) noexcept {
-    try {
-        return call();
-    } catch (const std::bad_alloc&) {
-        return kBusQueueFull;
-    }
-}
-
 std::string ToBytes(const unsigned char* data, unsigned int length) {
     return data == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(data), length);
 }
@@ -33,26 +23,34 @@ std::optional<GUID> Endpoint::Id() const {
     return id_;
 }
 
+// Calls the bus in the name of this component. Nothing may be thrown across the binary interface; only a lack of memory
+// can be.
+template <typename Call>
+int Endpoint::AsComponent(const Call& call) const noexcept {
+    try {
+        const std::optional<GUID> id = Id();
+        return id.has_value() ? call(*id) : kBusNotAttached;
+    } catch (const std::bad_alloc&) {
+        return kBusQueueFull;
+    }
+}
+
 int Endpoint::Initialize(const GUID& component_id) {
-    return NoThrow([&]() -> int {
+    try {
         std::lock_guard lock(mutex_);
-        if (id_.has_value()) {
-            return kBusNameTaken;
-        }
-        const int status = bus_.Attach(component_id);
+        const int status = id_.has_value() ? kBusNameTaken : bus_.Attach(component_id);
         if (status == kBusOk) {
             id_ = component_id;
         }
         return status;
-    });
+    } catch (const std::bad_alloc&) {
+        return kBusQueueFull;
+    }
 }
 
 int Endpoint::Uninitialize() {
-    const std::optional<GUID> id = Id();
-    if (!id.has_value()) {
-        return kBusNotAttached;
-    }
-    const int status = bus_.Detach(*id);  // deliveries that are still in flight may reply meanwhile
+    // Not under the lock: it waits for deliveries in flight, and they may reply meanwhile.
+    const int status = AsComponent([&](const GUID& id) { return bus_.Detach(id); });
     if (status == kBusOk) {
         std::lock_guard lock(mutex_);
         id_.reset();
@@ -69,13 +67,9 @@ int Endpoint::SendRequest(const GUID& target, long message_type, const unsigned 
     }
     *reply_out = nullptr;
     *reply_length_out = 0;
-    return NoThrow([&]() -> int {
-        const std::optional<GUID> id = Id();
-        if (!id.has_value()) {
-            return kBusNotAttached;
-        }
+    return AsComponent([&](const GUID& id) {
         BusAnswer answer;
-        const int status = bus_.Request(*id, target, message_type, ToBytes(data, length),
+        const int status = bus_.Request(id, target, message_type, ToBytes(data, length),
                                         std::chrono::milliseconds(timeout_ms), answer);
         if (status == kBusOk) {
             *reply_out = KeepReply(answer.bytes);
@@ -104,15 +98,11 @@ int Endpoint::FreeReply(unsigned char* reply_bytes) {
 }
 
 int Endpoint::RegisterReceive(long message_type, IMRReceiveComplete* sink, void* context) {
-    return NoThrow([&]() -> int {
-        const std::optional<GUID> id = Id();
-        return id.has_value() ? bus_.Register(*id, message_type, sink, context) : kBusNotAttached;
-    });
+    return AsComponent([&](const GUID& id) { return bus_.Register(id, message_type, sink, context); });
 }
 
 int Endpoint::UnregisterReceive(long message_type) {
-    const std::optional<GUID> id = Id();
-    return id.has_value() ? bus_.Unregister(*id, message_type) : kBusNotAttached;
+    return AsComponent([&](const GUID& id) { return bus_.Unregister(id, message_type); });
 }
 
 int Endpoint::Reply(int status, long /*message_type*/, const unsigned char* data, unsigned int length,
@@ -120,10 +110,7 @@ int Endpoint::Reply(int status, long /*message_type*/, const unsigned char* data
     if (reply_context == nullptr || (data == nullptr && length != 0)) {
         return kBusBadArgument;
     }
-    return NoThrow([&]() -> int {
-        const std::optional<GUID> id = Id();
-        return id.has_value() ? bus_.Reply(*id, reply_context, {status, ToBytes(data, length)}) : kBusNotAttached;
-    });
+    return AsComponent([&](const GUID& id) { return bus_.Reply(id, reply_context, {status, ToBytes(data, length)}); });
 }
 
 int Endpoint::SendAsync(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
@@ -131,22 +118,13 @@ int Endpoint::SendAsync(const GUID& target, long message_type, const unsigned ch
     if (data == nullptr && length != 0) {
         return kBusBadArgument;
     }
-    return NoThrow([&]() -> int {
-        std::optional<GUID> id;
-        BusCompletion completion{sink, context, 0};
-        {
-            std::lock_guard lock(mutex_);
-            id = id_;
-            completion.number = ++last_number_;
-        }
-        if (!id.has_value()) {
-            return kBusNotAttached;
-        }
+    return AsComponent([&](const GUID& id) {
+        const BusCompletion completion{sink, context, ++last_number_};
         if (number_out != nullptr) {
             *number_out = completion.number;  // before the sink can be told
         }
         const std::string_view body{reinterpret_cast<const char*>(data), length};
-        return bus_.Post(*id, target, message_type, body, completion, std::chrono::milliseconds(timeout_ms));
+        return bus_.Post(id, target, message_type, body, completion, std::chrono::milliseconds(timeout_ms));
     });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,7 +26,7 @@ public:
     int SendRequest(const GUID& target, long message_type, const unsigned char* data, unsigned int length,
                     unsigned int* status_out, unsigned char** reply_out, unsigned int* reply_length_out,
                     unsigned int timeout_ms) override;
-    int FreeReply(unsigned char* reply_bytes) override;
+    int FreeReply(unsigned char* reply_bytes) override;  // required for each reply that is not null
     int RegisterReceive(long message_type, IMRReceiveComplete* sink, void* context) override;
     int UnregisterReceive(long message_type) override;
     int Reply(int status, long message_type, const unsigned char* data, unsigned int length,
@@ -36,14 +37,18 @@ public:
 private:
     std::optional<GUID> Id() const;
     unsigned char* KeepReply(const std::string& bytes);
+    template <typename Call>
+    int AsComponent(const Call& call) const noexcept;
 
     MessageBus& bus_;
+    std::atomic<unsigned long> last_number_{0};  // of a posted message
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.
     std::optional<GUID> id_;  // set while attached
+    // A reply is its receiver's until FreeReply. Kept by address, so that a second FreeReply frees nothing twice, and
+    // what a plugin forgets is freed with this object.
     std::map<unsigned char*, std::unique_ptr<unsigned char[]>> replies_;
-    unsigned long last_number_ = 0;
 };
 
 }  // namespace qxpagent

@@ -2,21 +2,11 @@
 
 #include <pthread.h>
 
-#include <random>
 #include <utility>
 
 namespace qxpagent {
 
-namespace {
-
-uint64_t RandomSeed() {
-    std::random_device device;
-    return uint64_t{device()} << 32 | device();
-}
-
-}  // namespace
-
-MessageBus::MessageBus(const BusLimits& limits) : limits_(limits), token_state_(RandomSeed()) {
+MessageBus::MessageBus(const BusLimits& limits) : limits_(limits) {
     try {
         expiry_thread_ = std::thread([this] { ExpireLoop(); });
         pthread_setname_np(expiry_thread_.native_handle(), "qxpbusexpiry");
@@ -50,8 +40,7 @@ int MessageBus::Detach(const GUID& component) {
     }
     found->attached = false;
     for (auto& [type, channel] : found->channels) {
-        channel.sink = nullptr;
-        channel.direct = nullptr;
+        channel.receiver = {};
     }
     for (auto& [type, channel] : found->channels) {
         WaitUntilIdle(channel, lock);
@@ -59,37 +48,26 @@ int MessageBus::Detach(const GUID& component) {
     return kBusOk;
 }
 
-int MessageBus::FindFreeChannel(const GUID& component, long type, Channel*& channel) {
+int MessageBus::Register(const GUID& component, long type, IMRReceiveComplete* sink, void* context) {
+    return sink == nullptr ? kBusBadArgument : AddReceiver(component, type, {sink, context, nullptr});
+}
+
+int MessageBus::RegisterDirect(const GUID& component, long type, DirectReceiver receiver) {
+    return AddReceiver(component, type,
+                       {nullptr, nullptr, std::make_shared<const DirectReceiver>(std::move(receiver))});
+}
+
+int MessageBus::AddReceiver(const GUID& component, long type, Receiver receiver) {
+    std::lock_guard lock(mutex_);
     Component* const found = FindAttached(component);
     if (found == nullptr) {
         return kBusNotAttached;
     }
-    channel = &found->channels[type];
-    return channel->sink != nullptr || channel->direct != nullptr ? kBusTypeTaken : kBusOk;
-}
-
-int MessageBus::Register(const GUID& component, long type, IMRReceiveComplete* sink, void* context) {
-    if (sink == nullptr) {
-        return kBusBadArgument;
+    Receiver& present = found->channels[type].receiver;
+    if (present.IsSet()) {
+        return kBusTypeTaken;
     }
-    std::lock_guard lock(mutex_);
-    Channel* channel = nullptr;
-    if (const int refused = FindFreeChannel(component, type, channel)) {
-        return refused;
-    }
-    channel->sink = sink;
-    channel->context = context;
-    return kBusOk;
-}
-
-int MessageBus::RegisterDirect(const GUID& component, long type, DirectReceiver receiver) {
-    auto direct = std::make_shared<const DirectReceiver>(std::move(receiver));
-    std::lock_guard lock(mutex_);
-    Channel* channel = nullptr;
-    if (const int refused = FindFreeChannel(component, type, channel)) {
-        return refused;
-    }
-    channel->direct = std::move(direct);
+    present = std::move(receiver);
     return kBusOk;
 }
 
@@ -104,9 +82,8 @@ int MessageBus::Unregister(const GUID& component, long type) {
         return kBusNotRegistered;
     }
     Channel& channel = entry->second;
-    const bool registered = channel.sink != nullptr || channel.direct != nullptr;
-    channel.sink = nullptr;
-    channel.direct = nullptr;
+    const bool registered = channel.receiver.IsSet();
+    channel.receiver = {};
     WaitUntilIdle(channel, lock);
     return registered ? kBusOk : kBusNotRegistered;
 }
@@ -116,6 +93,16 @@ MessageBus::Component* MessageBus::FindAttached(const GUID& component) {
     return found != components_.end() && found->second.attached ? &found->second : nullptr;
 }
 
+MessageBus::Channel* MessageBus::FindChannel(const GUID& target, long type) {
+    Component* const component = FindAttached(target);
+    if (component == nullptr) {
+        return nullptr;
+    }
+    const auto entry = component->channels.find(type);
+    return entry != component->channels.end() && entry->second.receiver.IsSet() ? &entry->second : nullptr;
+}
+
+// Why the end of a registration waits: its owner destroys the sink next, and unloads the library that it is in.
 void MessageBus::WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& lock) {
     Delivery* const delivery = current_delivery;
     const bool within = delivery != nullptr && delivery->channel == &channel;
@@ -148,7 +135,7 @@ int MessageBus::Enqueue(Message message) {
     entry.push_back(std::move(message));
     const Message& queued = entry.front();
     if (queued.exchange != nullptr) {
-        queued.exchange->token = NextToken();
+        queued.exchange->token = ++last_token_;
         exchanges_.emplace(queued.exchange->token, queued.exchange);
     }
     queued_bytes_ += queued.body.size();
@@ -187,22 +174,13 @@ int MessageBus::Post(const GUID& sender, const GUID& target, long type, std::str
     Message message{sender, target, type, {}, Clock::now() + timeout, completion, nullptr};
     message.exchange = completion.sink != nullptr ? std::make_shared<Exchange>() : nullptr;
     std::unique_lock lock(mutex_);
-    if (Channel* const direct = FindDirect(target, type)) {
-        return GiveDirectly(std::move(message), body, *direct, lock);
+    if (Channel* const channel = FindChannel(target, type); channel != nullptr && channel->receiver.direct != nullptr) {
+        return GiveDirectly(std::move(message), body, *channel, lock);
     }
     lock.unlock();
-    message.body = body;
+    message.body = body;  // not under the lock: it can be over a hundred MiB
     lock.lock();
     return Enqueue(std::move(message));
-}
-
-MessageBus::Channel* MessageBus::FindDirect(const GUID& target, long type) {
-    Component* const component = FindAttached(target);
-    if (component == nullptr) {
-        return nullptr;
-    }
-    const auto entry = component->channels.find(type);
-    return entry != component->channels.end() && entry->second.direct != nullptr ? &entry->second : nullptr;
 }
 
 int MessageBus::Reply(const GUID& receiver, void* token, BusAnswer answer) {
@@ -219,20 +197,7 @@ int MessageBus::Reply(const GUID& receiver, void* token, BusAnswer answer) {
     return kBusOk;
 }
 
-uint64_t MessageBus::NextToken() {
-    // SplitMix64 (Steele, Lea, Flood 2014): a bijection of a counter with a random start, so tokens never repeat, and
-    // no number that a caller makes up by accident is one.
-    for (;;) {
-        uint64_t mixed = token_state_ += 0x9e3779b97f4a7c15U;
-        mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9U;
-        mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebU;
-        mixed ^= mixed >> 31;
-        if (mixed != 0) {
-            return mixed;
-        }
-    }
-}
-
+// The expiry thread ends last, so that no message that is queued waits beyond its deadline meanwhile.
 void MessageBus::Shutdown() {
     {
         std::lock_guard lock(mutex_);

@@ -55,7 +55,7 @@ struct BusCompletion {
     unsigned long number = 0;
 };
 
-/// Takes posted messages on the thread that posts them: true when it has taken one for good.
+/// Called with posted messages on the thread that posts them, several at once; true when it has taken one for good.
 using DirectReceiver = std::function<bool(std::string_view body)>;
 
 /// The message bus of this process: components attach by name, register for message types and send to each other.
@@ -73,6 +73,7 @@ public:
     MessageBus(const MessageBus&) = delete;
     MessageBus& operator=(const MessageBus&) = delete;
 
+    /// Makes the name the caller's. As all that follows, returns a BusStatus.
     int Attach(const GUID& component);
 
     /// Ends every registration of the component as Unregister does, and frees its name.
@@ -86,8 +87,8 @@ public:
     int RegisterDirect(const GUID& component, long type, DirectReceiver receiver);
 
     /// Ends that. Returns only when no delivery of this type to this component is in flight, also when nothing was
-    /// registered. Called from within such a delivery it does not wait for that one, nor for others that are
-    /// themselves in this function.
+    /// registered: the caller may then destroy the sink. Called from within such a delivery it does not wait for that
+    /// one, nor for others that are themselves in this function.
     int Unregister(const GUID& component, long type);
 
     /// Sends and waits for the answer, `timeout` in all. A message that was not delivered by then never will be, and a
@@ -134,11 +135,17 @@ private:
         bool taken = false;                  // by a direct receiver: only the completion is left
     };
 
+    // Who takes a message type: a sink or a direct receiver. Neither: it is not registered.
+    struct Receiver {
+        IMRReceiveComplete* sink = nullptr;
+        void* context = nullptr;  // the sink's
+        std::shared_ptr<const DirectReceiver> direct;
+
+        bool IsSet() const { return sink != nullptr || direct != nullptr; }
+    };
     // One message type of one component. Guarded by mutex_.
     struct Channel {
-        IMRReceiveComplete* sink = nullptr;  // null: not registered
-        void* context = nullptr;
-        std::shared_ptr<const DirectReceiver> direct;  // instead of a sink
+        Receiver receiver;
         int in_flight = 0;
         int leaving = 0;  // of those in flight, how many have called Unregister or Detach from within
     };
@@ -156,18 +163,18 @@ private:
     static thread_local Delivery* current_delivery;
 
     Component* FindAttached(const GUID& component);
+    Channel* FindChannel(const GUID& target, long type);  // null when nobody takes the type
+    int AddReceiver(const GUID& component, long type, Receiver receiver);
     int Enqueue(Message message);
     int AdmissionStatus(const GUID& sender, size_t bytes);
     int GiveDirectly(Message message, std::string_view body, Channel& channel, std::unique_lock<std::mutex>& lock);
-    int FindFreeChannel(const GUID& component, long type, Channel*& channel);
-    Channel* FindDirect(const GUID& target, long type);
-    void EndDelivery(Channel& channel, const Delivery& delivery);
+    template <typename Call>
+    bool CallReceiver(Channel& channel, long type, std::unique_lock<std::mutex>& lock, const Call& call);
     void DeliverLoop();
     void ExpireLoop();
     int Deliver(const Message& message, std::unique_lock<std::mutex>& lock);
     void Finish(Message& message, int outcome, std::unique_lock<std::mutex>& lock);
     void WaitUntilIdle(Channel& channel, std::unique_lock<std::mutex>& lock);
-    uint64_t NextToken();
 
     // Constant after construction.
     const BusLimits limits_;
@@ -185,7 +192,7 @@ private:
     size_t queued_bytes_ = 0;
     size_t reserved_ = 0;  // places in the queue, for completions of messages that a direct receiver is taking
     std::unordered_map<uint64_t, std::shared_ptr<Exchange>> exchanges_;  // by token: delivered, not answered yet
-    uint64_t token_state_;
+    uint64_t last_token_ = 0;                                            // a counter, so that no token comes twice
     Clock::time_point armed_ = Clock::time_point::max();  // when expiry_thread_ will next look at the queue
     int requests_waiting_ = 0;
     bool stopping_ = false;

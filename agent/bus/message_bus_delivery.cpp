@@ -29,6 +29,22 @@ bool Guarded(const char* what, long type, const Call& call) {
 
 }  // namespace
 
+// Calls a component without the lock: it may call the bus, and take its time. False when it threw.
+template <typename Call>
+bool MessageBus::CallReceiver(Channel& channel, long type, std::unique_lock<std::mutex>& lock, const Call& call) {
+    ++channel.in_flight;
+    Delivery delivery{&channel, false};
+    Delivery* const outer = std::exchange(current_delivery, &delivery);  // a sink may post to a direct receiver
+    lock.unlock();
+    const bool returned = Guarded("receiver", type, call);
+    lock.lock();
+    current_delivery = outer;
+    channel.leaving -= delivery.leaving ? 1 : 0;
+    --channel.in_flight;
+    settled_.notify_all();
+    return returned;
+}
+
 // The place of the completion is reserved first: once the receiver has taken the message, nothing may fail.
 int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& channel,
                              std::unique_lock<std::mutex>& lock) {
@@ -37,17 +53,11 @@ int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& ch
     }
     std::list<Message> completion;
     completion.emplace_back(std::move(message));
-    const std::shared_ptr<const DirectReceiver> receiver = channel.direct;
+    const std::shared_ptr<const DirectReceiver> receiver = channel.receiver.direct;
     ++reserved_;
-    ++channel.in_flight;
-    Delivery delivery{&channel, false};
-    Delivery* const outer = std::exchange(current_delivery, &delivery);  // a sink may post
-    lock.unlock();
     bool taken = false;
-    const bool returned = Guarded("receiver", completion.front().type, [&] { taken = (*receiver)(body); });
-    lock.lock();
-    current_delivery = outer;
-    EndDelivery(channel, delivery);
+    const long type = completion.front().type;
+    const bool returned = CallReceiver(channel, type, lock, [&] { taken = (*receiver)(body); });
     --reserved_;
     if (returned && taken && completion.front().exchange != nullptr) {
         completion.front().deadline = Clock::time_point::max();
@@ -56,12 +66,6 @@ int MessageBus::GiveDirectly(Message message, std::string_view body, Channel& ch
     }
     work_.notify_all();
     return returned && taken ? kBusOk : kBusReceiverFailed;
-}
-
-void MessageBus::EndDelivery(Channel& channel, const Delivery& delivery) {
-    channel.leaving -= delivery.leaving ? 1 : 0;
-    --channel.in_flight;
-    settled_.notify_all();
 }
 
 void MessageBus::DeliverLoop() {
@@ -82,33 +86,21 @@ int MessageBus::Deliver(const Message& message, std::unique_lock<std::mutex>& lo
     if (message.deadline <= Clock::now()) {
         return kBusTimedOut;
     }
-    Component* const component = FindAttached(message.target);
-    if (component == nullptr) {
+    Channel* const channel = FindChannel(message.target, message.type);
+    if (channel == nullptr || channel->receiver.sink == nullptr) {
         return kBusUndelivered;
     }
-    const auto entry = component->channels.find(message.type);
-    if (entry == component->channels.end() || entry->second.sink == nullptr) {
-        return kBusUndelivered;
-    }
-    Channel& channel = entry->second;
-    IMRReceiveComplete* const sink = channel.sink;
-    void* const context = channel.context;
+    const Receiver receiver = channel->receiver;
     void* token = nullptr;
     if (message.exchange != nullptr) {
         message.exchange->receiver = message.target;
         token = reinterpret_cast<void*>(message.exchange->token);  // NOLINT(performance-no-int-to-ptr): never followed
     }
-    ++channel.in_flight;
-    Delivery delivery{&channel, false};
-    current_delivery = &delivery;
-    lock.unlock();
-    const bool taken = Guarded("receiver", message.type, [&] {
-        sink->ReceiveCallback(message.sender, message.type, reinterpret_cast<const unsigned char*>(message.body.data()),
-                              static_cast<unsigned int>(message.body.size()), token, context);
+    const bool taken = CallReceiver(*channel, message.type, lock, [&] {
+        receiver.sink->ReceiveCallback(message.sender, message.type,
+                                       reinterpret_cast<const unsigned char*>(message.body.data()),
+                                       static_cast<unsigned int>(message.body.size()), token, receiver.context);
     });
-    lock.lock();
-    current_delivery = nullptr;
-    EndDelivery(channel, delivery);
     return taken ? kBusOk : kBusReceiverFailed;
 }
 

@@ -82,7 +82,7 @@ void Agent::OpenStore() {
         *store_, counters_, [this](const std::string& id) { return commands_->MayBeRefused(id); },
         [this] { maintenance_->StoreHasGrown(); });
     maintenance_ = std::make_unique<Maintenance>(*store_, *commands_, *intake_, counters_, keys_, options_.retention);
-    manager_ = std::make_unique<Manager>(bus_, *intake_);
+    manager_ = std::make_unique<Manager>(bus_, [this](std::string_view body) { return intake_->AcceptMessage(body); });
 }
 
 // A run for which no descriptor is left has never started, and its report looks like that of a script that wrote

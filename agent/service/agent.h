@@ -8,13 +8,11 @@
 #include <string>
 
 #include "agent/api/api.h"
-#include "agent/bus/agent_connect.h"
+#include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
-#include "agent/bus/server_data.h"
 #include "agent/commands/command_service.h"
 #include "agent/config/options.h"
-#include "agent/reports/manager.h"
 #include "agent/reports/report_intake.h"
 #include "agent/reports/result_collector.h"
 #include "agent/reports/run_counters.h"

@@ -8,11 +8,11 @@
 #include <cstring>
 #include <iostream>
 
+#include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
-#include "agent/bus/server_data.h"
 #include "agent/commands/command_service.h"
 #include "agent/records/report_envelope.h"
-#include "agent/reports/manager.h"
+#include "agent/reports/report_intake.h"
 #include "policy/trusted_keys.h"
 #include "tests/plugin/plugin_host.h"
 #include "tests/support/temp_dir.h"
@@ -63,7 +63,7 @@ public:
           intake_(
               store_, counters_, [this](const std::string& id) { return commands_.MayBeRefused(id); }, [] {}),
           server_data_(bus_),
-          manager_(bus_, intake_),
+          manager_(bus_, [this](std::string_view body) { return intake_.AcceptMessage(body); }),
           plugin_(bus_),
           commands_(store_, counters_, keys, nullptr,
                     [this](std::string document, uint32_t) { return server_data_.Send(std::move(document)); }) {

@@ -5,10 +5,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include "agent/bus/agent_connect.h"
+#include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
-#include "agent/bus/server_data.h"
 #include "agent/config/settings.h"
 #include "tests/unit/agent/test_support.h"
 

@@ -2,9 +2,8 @@
 
 #include <iostream>
 
-#include "agent/bus/component_ids.h"
+#include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
-#include "agent/reports/manager.h"
 #include "agent/reports/report_intake.h"
 #include "plugin/adapter/adapter_mgr.h"
 #include "plugin/manager/output_capture.h"
@@ -37,7 +36,7 @@ protected:
     qxpagent::RunCounters counters_;
     qxpagent::ReportIntake intake_{store_, counters_, [](const std::string&) { return false; }, [] {}};
     qxpagent::MessageBus bus_;
-    qxpagent::Manager receiver_{bus_, intake_};
+    qxpagent::Manager receiver_{bus_, [this](std::string_view body) { return intake_.AcceptMessage(body); }};
     qxpagent::Endpoint plugin_{bus_};
 };
 

@@ -2,9 +2,9 @@
 
 #include <thread>
 
+#include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
 #include "agent/bus/message_bus.h"
-#include "agent/reports/manager.h"
 #include "base/time_text.h"
 #include "tests/unit/agent/store_fixture.h"
 
@@ -47,7 +47,7 @@ protected:
                          [this] { ++stored_; },
                          {.reports = 3}};
     MessageBus bus_{{.delivery_threads = 1, .queued_messages = 2}};
-    Manager manager_{bus_, intake_};
+    Manager manager_{bus_, [this](std::string_view body) { return intake_.AcceptMessage(body); }};
     Endpoint plugin_{bus_};
 };
 

@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "agent/records/report_document.h"
-#include "agent/records/report_envelope.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);

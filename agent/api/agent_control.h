@@ -10,8 +10,8 @@
 #include "agent/commands/submit_outcome.h"
 #include "agent/records/command_record.h"
 #include "agent/records/report.h"
+#include "agent/records/store_figures.h"
 #include "agent/reports/run_counters.h"
-#include "agent/store/store_figures.h"
 
 namespace qxpagent {
 

@@ -12,8 +12,8 @@ namespace qxpagent {
 
 using qxpbase::WallTime;
 
-/// Where a report came from: the plugin's message, a result file of the plugin, or the agent itself (the final word
-/// of a command that was interrupted).
+/// Where a report came from: the plugin's message, a result file of the plugin, or the agent itself (of a command that
+/// was interrupted). The database keeps these numbers: append, never insert.
 enum class ReportSource { kPlugin, kFile, kAgent };
 
 /// One report. Cursors are 1, 2, 3, … in order of arrival, and are never used again.

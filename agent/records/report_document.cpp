@@ -1,16 +1,27 @@
 #include "agent/records/report_document.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "policy/vocabulary.h"
 
 namespace qxpagent {
 
 namespace {
+
+uint32_t ReadUint32(std::string_view bytes, size_t offset) {
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data() + offset, sizeof(value));
+    return le32toh(value);
+}
 
 using Sax = nlohmann::json_sax<nlohmann::json>;
 
@@ -102,6 +113,19 @@ private:
 
 }  // namespace
 
+std::optional<ReportEnvelope> DecodeReportEnvelope(std::string_view bytes) {
+    if (bytes.size() <= kEnvelopeHeaderBytes) {
+        return std::nullopt;
+    }
+    const size_t text_bytes = bytes.size() - kEnvelopeHeaderBytes - 1;
+    const uint32_t json_data_type = ReadUint32(bytes, 0);
+    if (ReadUint32(bytes, 144) != text_bytes || bytes.back() != '\0' || (json_data_type != 1 && json_data_type != 2)) {
+        return std::nullopt;
+    }
+    return ReportEnvelope{json_data_type, static_cast<int32_t>(ReadUint32(bytes, 4)),
+                          bytes.substr(kEnvelopeHeaderBytes, text_bytes)};
+}
+
 ReportContent ReadReport(std::string_view text) {
     ReportContent content;
     ReportReader reader(content);
@@ -122,13 +146,11 @@ std::string InterruptedReport(const std::string& id, const std::string& reason,
     const auto quoted = [](const std::string& text) {
         return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     };
-    std::string scripts;
-    for (const std::string& script : unreported) {
-        scripts += (scripts.empty() ? "" : ",") + quoted(script);
-    }
-    return R"({"ID":)" + quoted(id) + R"(,"msg_type":)" + quoted(std::string(qxppolicy::kInterruptionMessage)) +
-           R"(,"data_type":"CommandInterrupted","data":{"reason":)" + quoted(reason) + R"(,"unreported":[)" + scripts +
-           "]}}";
+    std::vector<std::string> scripts(unreported.size());
+    std::transform(unreported.begin(), unreported.end(), scripts.begin(), quoted);
+    return fmt::format(
+        R"({{"ID":{},"msg_type":"{}","data_type":"CommandInterrupted","data":{{"reason":{},"unreported":[{}]}}}})",
+        quoted(id), qxppolicy::kInterruptionMessage, quoted(reason), fmt::join(scripts, ","));
 }
 
 }  // namespace qxpagent

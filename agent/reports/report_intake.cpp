@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "agent/log.h"
-#include "agent/records/report_envelope.h"
 
 namespace qxpagent {
 

@@ -3,34 +3,10 @@
 #include <sqlite3.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "agent/store/store_access.h"
-#include "agent/store/store_file.h"
-#include "agent/store/store_sql.h"
 
 namespace qxpagent {
-
-namespace {
-
-bool HasNoRoom(int code, int system_error) {
-    return code == SQLITE_FULL || (code == SQLITE_IOERR && (system_error == ENOSPC || system_error == EDQUOT));
-}
-
-std::string Explain(const std::string& path, int code, const char* text) {
-    switch (code) {
-        case SQLITE_BUSY:
-        case SQLITE_LOCKED:
-            return "The store " + path + " is locked by another process.";
-        case SQLITE_CORRUPT:
-        case SQLITE_NOTADB:
-            return "The store " + path + " is damaged (" + text + "): the next start of the agent checks it.";
-        default:
-            return "The store " + path + " cannot be read or written: " + text + ".";
-    }
-}
-
-}  // namespace
 
 Store::Store(const StoreOptions& options)
     : options_(options), lock_(LockStore(options.path)), writer_(OpenStore(options)), reader_(OpenReader(options)) {
@@ -40,12 +16,19 @@ Store::~Store() {
     StopWaiting();
 }
 
+// A fault is cleared by the next write that succeeds, so a failed read alone is no fault of the store, but damage is.
 void Store::Fail(const SQLite::Exception& error, const SQLite::Database& database, bool writing) {
-    const int code = error.getErrorCode() & 0xFF;
-    const bool full = HasNoRoom(code, sqlite3_system_errno(database.getHandle()));
+    const int code = error.getErrorCode() & 0xFF;  // without the extension, which tells which read or write it was
+    const int system_error = sqlite3_system_errno(database.getHandle());
+    const bool full =
+        code == SQLITE_FULL || (code == SQLITE_IOERR && (system_error == ENOSPC || system_error == EDQUOT));
     const bool damaged = code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
-    const std::string text = full ? "The store " + options_.path.string() + " has no room: " + error.what() + "."
-                                  : Explain(options_.path.string(), code, error.what());
+    const bool locked = code == SQLITE_BUSY || code == SQLITE_LOCKED;
+    const char* const message = full      ? "The store {} has no room: {}."
+                                : locked  ? "The store {} is locked by another process."
+                                : damaged ? "The store {} is damaged ({}): the next start of the agent checks it."
+                                          : "The store {} cannot be read or written: {}.";
+    const std::string text = fmt::format(fmt::runtime(message), options_.path.string(), error.what());
     if (damaged) {
         MarkSuspect(options_.path);
     }
@@ -57,17 +40,6 @@ void Store::Fail(const SQLite::Exception& error, const SQLite::Database& databas
         throw StoreFullError(text);
     }
     throw StoreError(text);
-}
-
-uint64_t Store::Changes() {
-    const std::lock_guard lock(mutex_);
-    return changes_;
-}
-
-bool Store::AwaitChange(uint64_t known, std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    const bool woken = changed_.wait_until(lock, deadline, [&] { return stopped_ || changes_ != known; });
-    return woken && !stopped_;
 }
 
 void Store::NoteChange() {
@@ -93,8 +65,9 @@ StoreFigures Store::Figures() {
             found.reports_pending = Unsigned(totals, 2);
             found.bytes = Unsigned(totals, 3);
         }
-        found.last_cursor =
-            static_cast<uint64_t>(Number(database, "SELECT seq FROM sqlite_sequence WHERE name='reports'").value_or(0));
+        // No row before the first report.
+        found.last_cursor = static_cast<uint64_t>(
+            database.execAndGet("SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name='reports'").getInt64());
         SQLite::Statement oldest =
             Prepare(database, "SELECT received FROM reports WHERE acknowledged IS NULL ORDER BY cursor LIMIT 1");
         if (oldest.executeStep()) {
@@ -114,21 +87,19 @@ StoreFigures Store::Figures() {
 OpenScripts Store::ScriptsWithoutResult() {
     return Read([](SQLite::Database& database) {
         const auto in_state = [&](CommandState state) {
-            return static_cast<uint64_t>(
-                Number(database,
-                       "SELECT count(*) FROM commands JOIN expectations ON expectations.command = number "
-                       "WHERE state = ?",
-                       static_cast<int>(state))
-                    .value_or(0));
+            SQLite::Statement count = Prepare(
+                database,
+                "SELECT count(*) FROM commands JOIN expectations ON expectations.command = number WHERE state = ?",
+                state);
+            count.executeStep();
+            return Unsigned(count, 0);
         };
         return OpenScripts{in_state(CommandState::kReceived), in_state(CommandState::kDelivered)};
     });
 }
 
 uint64_t Store::Bytes() {
-    return Read([](SQLite::Database& database) {
-        return static_cast<uint64_t>(Number(database, "SELECT bytes FROM totals").value_or(0));
-    });
+    return Read(&TextBytes);
 }
 
 void Store::Probe() {

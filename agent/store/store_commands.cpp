@@ -1,9 +1,6 @@
 #include <algorithm>
-#include <utility>
 
 #include "agent/store/store_access.h"
-#include "agent/store/store_sql.h"
-#include "agent/store/store_tables.h"
 
 // The journal of commands.
 
@@ -15,18 +12,9 @@ constexpr char kColumns[] =
     "SELECT number, id, command, sequence, state, reason, scripts, expected, bytes, sha256, uid, gid, pid, user, "
     "received, delivered, finished FROM commands ";
 
-int StateNumber(CommandState state) {
-    return static_cast<int>(state);
-}
-
 std::vector<std::string> Unreported(SQLite::Database& database, int64_t number) {
-    std::vector<std::string> scripts;
-    SQLite::Statement rows =
-        Prepare(database, "SELECT script FROM expectations WHERE command = ? ORDER BY position", number);
-    while (rows.executeStep()) {
-        scripts.push_back(Text(rows, 0));
-    }
-    return scripts;
+    return Rows(Prepare(database, "SELECT script FROM expectations WHERE command = ? ORDER BY position", number),
+                [](SQLite::Statement& row) { return Text(row, 0); });
 }
 
 CommandRecord ReadRecord(SQLite::Database& database, SQLite::Statement& row) {
@@ -57,17 +45,16 @@ std::optional<CommandRecord> FindRecord(SQLite::Database& database, const std::s
 }
 
 std::optional<int64_t> NumberOf(SQLite::Database& database, const std::string& id, CommandState state) {
-    return Number(database, "SELECT number FROM commands WHERE id = ? AND state = ?", id, StateNumber(state));
+    return FindNumber(database, "SELECT number FROM commands WHERE id = ? AND state = ?", id, state);
 }
 
 int64_t InsertCommand(SQLite::Database& database, const NewCommand& command) {
     Execute(database,
             "INSERT INTO commands(id, command, sequence, state, reason, refusal_reason, scripts, expected, bytes, "
             "sha256, uid, gid, pid, user, received) VALUES(?, ?, ?, ?, '', ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-            command.id, command.command, NextSequence(database), StateNumber(CommandState::kReceived),
-            command.refusal_reason, command.scripts, command.expected.size(), command.text.size(), command.sha256,
-            command.submitter.uid, command.submitter.gid, command.submitter.pid, command.submitter.user,
-            command.received);
+            command.id, command.command, NextSequence(database), CommandState::kReceived, command.refusal_reason,
+            command.scripts, command.expected.size(), command.text.size(), command.sha256, command.submitter.uid,
+            command.submitter.gid, command.submitter.pid, command.submitter.user, command.received);
     return database.getLastInsertRowid();
 }
 
@@ -77,13 +64,13 @@ int64_t NextSequence(SQLite::Database& database) {
     SQLite::Statement next = Prepare(database, "UPDATE totals SET sequence = sequence + 1 RETURNING sequence");
     next.executeStep();
     const int64_t sequence = next.getColumn(0).getInt64();
-    next.executeStep();  // to its end
+    next.executeStep();  // a statement that is not stepped to its end keeps the transaction open
     return sequence;
 }
 
 void FinishCommand(SQLite::Database& database, int64_t number, CommandState state, const std::string& reason) {
-    Execute(database, "UPDATE commands SET state = ?, reason = ?, sequence = ?, finished = ? WHERE number = ?",
-            StateNumber(state), reason, NextSequence(database), std::chrono::system_clock::now(), number);
+    Execute(database, "UPDATE commands SET state = ?, reason = ?, sequence = ?, finished = ? WHERE number = ?", state,
+            reason, NextSequence(database), std::chrono::system_clock::now(), number);
     Execute(database, "DELETE FROM command_texts WHERE command = ?", number);
     Execute(database, "DELETE FROM runs WHERE command = ?", number);
     if (state == CommandState::kRefused) {
@@ -98,7 +85,7 @@ Admission Store::Admit(const NewCommand& command, CommandRecord& known) {
             return found->sha256 == command.sha256 ? Admission::kKnown : Admission::kConflict;
         }
         const int64_t number = InsertCommand(database, command);
-        Execute(database, "INSERT INTO command_texts VALUES(?, ?, ?)", number, command.text.size(), Blob{command.text});
+        InsertText(database, "INSERT INTO command_texts VALUES(?, ?, ?)", command.text, number, command.text.size());
         for (size_t i = 0; i < command.expected.size(); ++i) {
             Execute(database, "INSERT INTO expectations VALUES(?, ?, ?)", number, i, command.expected[i]);
         }
@@ -111,22 +98,21 @@ bool Store::MarkDelivered(const std::string& id) {
     return Write([&](SQLite::Database& database) {
         return Execute(database,
                        "UPDATE commands SET state = ?, sequence = ?, delivered = ? WHERE id = ? AND state = ?",
-                       StateNumber(CommandState::kDelivered), NextSequence(database), std::chrono::system_clock::now(),
-                       id, StateNumber(CommandState::kReceived)) == 1;
+                       CommandState::kDelivered, NextSequence(database), std::chrono::system_clock::now(), id,
+                       CommandState::kReceived) == 1;
     });
 }
 
 void Store::MarkReceived(const std::string& id) {
     Write([&](SQLite::Database& database) {
         Execute(database, "UPDATE commands SET state = ?, sequence = ?, delivered = NULL WHERE id = ? AND state = ?",
-                StateNumber(CommandState::kReceived), NextSequence(database), id,
-                StateNumber(CommandState::kDelivered));
+                CommandState::kReceived, NextSequence(database), id, CommandState::kDelivered);
     });
 }
 
 void Store::Withdraw(const std::string& id) {
     Write([&](SQLite::Database& database) {
-        const auto number = Number(database, "SELECT number FROM commands WHERE id = ? AND finished IS NULL", id);
+        const auto number = FindNumber(database, "SELECT number FROM commands WHERE id = ? AND finished IS NULL", id);
         if (number.has_value()) {
             RemoveCommand(database, *number);
         }
@@ -188,13 +174,8 @@ std::string Store::CommandText(const std::string& id) {
 
 std::vector<std::string> Store::IdsIn(CommandState state) {
     return Read([&](SQLite::Database& database) {
-        std::vector<std::string> ids;
-        SQLite::Statement rows =
-            Prepare(database, "SELECT id FROM commands WHERE state = ? ORDER BY sequence", StateNumber(state));
-        while (rows.executeStep()) {
-            ids.push_back(Text(rows, 0));
-        }
-        return ids;
+        return Rows(Prepare(database, "SELECT id FROM commands WHERE state = ? ORDER BY sequence", state),
+                    [](SQLite::Statement& row) { return Text(row, 0); });
     });
 }
 
@@ -204,17 +185,12 @@ std::optional<CommandRecord> Store::FindCommand(const std::string& id) {
 
 std::vector<CommandRecord> Store::ListCommands(const CommandQuery& query) {
     const std::string condition =
-        query.state.has_value() ? "WHERE state = " + std::to_string(StateNumber(*query.state)) + " AND " : "WHERE ";
+        query.state.has_value() ? fmt::format("WHERE state = {} AND ", ToSql(*query.state)) : "WHERE ";
     return WaitFor(query.wait, [&] {
         return Read([&](SQLite::Database& database) {
-            std::vector<CommandRecord> records;
-            SQLite::Statement rows =
-                Prepare(database, kColumns + condition + "sequence > ? ORDER BY sequence LIMIT ?",
-                        std::min<uint64_t>(query.after, INT64_MAX), std::min<size_t>(query.limit, INT_MAX));
-            while (rows.executeStep()) {
-                records.push_back(ReadRecord(database, rows));
-            }
-            return records;
+            return Rows(Prepare(database, kColumns + condition + "sequence > ? ORDER BY sequence LIMIT ?",
+                                std::min<uint64_t>(query.after, INT64_MAX), std::min<size_t>(query.limit, INT_MAX)),
+                        [&](SQLite::Statement& row) { return ReadRecord(database, row); });
         });
     });
 }

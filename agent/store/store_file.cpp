@@ -1,6 +1,3 @@
-#include "agent/store/store_file.h"
-
-#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -8,16 +5,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
-#include <ctime>
 #include <mutex>
 #include <stdexcept>
+#include <stop_token>
 #include <system_error>
 #include <thread>
+#include <utility>
+
+#include <fmt/chrono.h>
 
 #include "agent/log.h"
-#include "agent/store/store_schema.h"
-#include "agent/store/store_sql.h"
+#include "agent/store/store_access.h"
 #include "base/errno_text.h"
 #include "base/lock_file.h"
 #include "base/startup_error.h"
@@ -38,46 +38,33 @@ std::string SuspectPath(const std::filesystem::path& path) {
     return path.string() + ".suspect";
 }
 
-// Interrupts the use of a database after a time, unless it has ended before.
-class TimeLimit {
-public:
-    TimeLimit(sqlite3* database, std::chrono::milliseconds limit)
-        : thread_([this, database, limit] {
-              std::unique_lock lock(mutex_);
-              if (!ended_.wait_for(lock, limit, [this] { return end_; })) {
-                  sqlite3_interrupt(database);
-              }
-          }) {}
-    ~TimeLimit() {
-        {
-            const std::lock_guard lock(mutex_);
-            end_ = true;
+// Interrupts the use of a database after a time, unless the thread that is returned is destroyed before. A thread,
+// since SQLite 3.40 calls a progress handler not once while the check walks over the pages, which takes most of its
+// time.
+std::jthread InterruptAfter(std::chrono::milliseconds limit, sqlite3* database) {
+    return std::jthread([database, limit](const std::stop_token& end) {
+        std::mutex mutex;
+        std::unique_lock lock(mutex);
+        std::condition_variable_any ended;
+        ended.wait_for(lock, end, limit, [] { return false; });
+        if (!end.stop_requested()) {
+            sqlite3_interrupt(database);
         }
-        ended_.notify_all();
-        thread_.join();
-    }
-    TimeLimit(const TimeLimit&) = delete;
-    TimeLimit& operator=(const TimeLimit&) = delete;
-
-private:
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    bool end_ = false;  // guarded by mutex_
-    std::thread thread_;
-};
+    });
+}
 
 // The check reads every page, so a large database is checked only as far as the time goes: what is damaged beyond that
 // is noticed when it is read, and then the next start checks all.
 void Check(SQLite::Database& database, const StoreOptions& options) {
     const bool suspect = access(SuspectPath(options.path).c_str(), F_OK) == 0;
-    std::optional<TimeLimit> limit;
+    std::jthread limit;
     if (!suspect) {
-        limit.emplace(database.getHandle(), options.check_for);
+        limit = InterruptAfter(options.check_for, database.getHandle());
     }
     try {
-        SQLite::Statement check(database, "PRAGMA quick_check(1)");
-        if (check.executeStep() && Text(check, 0) != "ok") {
-            throw Damaged(Text(check, 0));
+        const std::string found = database.execAndGet("PRAGMA quick_check(1)").getString();
+        if (found != "ok") {
+            throw Damaged(found);
         }
     } catch (const SQLite::Exception& error) {
         if (error.getErrorCode() != SQLITE_INTERRUPT) {
@@ -93,8 +80,10 @@ void Check(SQLite::Database& database, const StoreOptions& options) {
 std::unique_ptr<SQLite::Database> Connect(const StoreOptions& options) {
     auto database = std::make_unique<SQLite::Database>(options.path.string(), SQLite::OPEN_READWRITE,
                                                        static_cast<int>(options.busy.count()));
-    // Pages that are given up are not overwritten where that means to read and write them only for it: with a document
-    // of 100 MiB that is as much memory and as much log.
+    // FULL, since with a write-ahead log NORMAL would lose commits that have returned when the power fails. Temporary
+    // tables stay in memory: the agent writes nowhere but into its own directories. secure_delete=FAST does not
+    // overwrite pages where that means to read and write them only for it: with a document of 100 MiB that is as much
+    // memory and as much log.
     database->exec(
         "PRAGMA synchronous=FULL; PRAGMA foreign_keys=OFF; PRAGMA temp_store=MEMORY; PRAGMA secure_delete=FAST");
     return database;
@@ -102,56 +91,52 @@ std::unique_ptr<SQLite::Database> Connect(const StoreOptions& options) {
 
 std::unique_ptr<SQLite::Database> OpenAndCheck(const StoreOptions& options) {
     std::unique_ptr<SQLite::Database> database = Connect(options);
-    CheckOwner(*database, options.path.string());
-    // Only of effect while there is no table yet.
+    RequireOwnDatabase(*database, options.path.string());
+    // auto_vacuum has an effect only while there is no table, so it stands before the schema. Incremental, so that room
+    // is given back where Retain says, and not with each commit.
     database->exec("PRAGMA auto_vacuum=INCREMENTAL");
-    database->exec("PRAGMA journal_mode=WAL");
-    database->exec("PRAGMA journal_size_limit=" + std::to_string(kWalBytes));
+    database->exec(fmt::format("PRAGMA journal_mode=WAL; PRAGMA journal_size_limit={}", kWalBytes));
     Check(*database, options);
     PrepareSchema(*database);
     if (options.max_bytes != 0) {
-        const int64_t page = Number(*database, "PRAGMA page_size").value_or(4096);
-        database->exec("PRAGMA max_page_count=" +
-                       std::to_string(std::max<int64_t>(1, static_cast<int64_t>(options.max_bytes) / page)));
+        const int64_t page = database->execAndGet("PRAGMA page_size").getInt64();
+        const int64_t pages = std::max<int64_t>(1, static_cast<int64_t>(options.max_bytes) / page);
+        database->exec(fmt::format("PRAGMA max_page_count={}", pages));
     }
     return database;
 }
 
-// Made by us and not by the library, for its mode.
+// Made here and not by SQLite, for its mode: SQLite gives the log of changes the same.
 void MakeFile(const std::filesystem::path& path) {
     const qxpbase::UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        throw qxpbase::StartupError("The store " + path.string() + " cannot be opened: " + qxpbase::ErrnoText(errno) +
-                                    ". Create its directory, or name another file with --store.");
+        throw qxpbase::StartupError(
+            fmt::format("The store {} cannot be opened: {}. Create its directory, or name another file with --store.",
+                        path.string(), qxpbase::ErrnoText(errno)));
     }
     if (!S_ISREG(status.st_mode)) {
-        throw qxpbase::StartupError("The store " + path.string() + " is no regular file: name another with --store.");
+        throw qxpbase::StartupError(
+            fmt::format("The store {} is no regular file: name another with --store.", path.string()));
     }
     if ((status.st_mode & 077) != 0) {
         fchmod(file.Get(), 0600);
     }
 }
 
-std::string DateText() {
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char text[32] = {};
-    strftime(text, sizeof text, "%Y%m%dT%H%M%S", &local);
-    return text;
-}
-
 // The log of changes goes with its database: it is useless without, and would be applied to the next one.
 void SetAside(const std::filesystem::path& path, const std::string& reason) {
-    std::string aside = path.string() + ".corrupt-" + DateText();
+    const std::string dated =
+        fmt::format("{}.corrupt-{:%Y%m%dT%H%M%S}", path.string(), fmt::localtime(std::chrono::system_clock::now()));
+    std::string aside = dated;
     for (int number = 2; access(aside.c_str(), F_OK) == 0; ++number) {
-        aside = path.string() + ".corrupt-" + DateText() + "-" + std::to_string(number);
+        aside = fmt::format("{}-{}", dated, number);
     }
     for (const char* const part : {"-wal", "-shm", ""}) {
         if (rename((path.string() + part).c_str(), (aside + part).c_str()) != 0 && errno != ENOENT) {
-            throw qxpbase::StartupError("The store " + path.string() + " is damaged (" + reason +
-                                        ") and cannot be renamed: " + qxpbase::ErrnoText(errno) + ". Move it away.");
+            throw qxpbase::StartupError(
+                fmt::format("The store {} is damaged ({}) and cannot be renamed: {}. Move it away.", path.string(),
+                            reason, qxpbase::ErrnoText(errno)));
         }
     }
     unlink(SuspectPath(path).c_str());
@@ -161,9 +146,10 @@ void SetAside(const std::filesystem::path& path, const std::string& reason) {
 
 [[noreturn]] void RefuseToStart(const std::filesystem::path& path, const SQLite::Exception& error) {
     const bool locked = error.getErrorCode() == SQLITE_BUSY || error.getErrorCode() == SQLITE_LOCKED;
-    throw qxpbase::StartupError("The store " + path.string() +
-                                (locked ? " is locked by another process: end that, or name another file with --store."
-                                        : " cannot be opened: " + std::string(error.what()) + "."));
+    throw qxpbase::StartupError(
+        locked ? fmt::format("The store {} is locked by another process: end that, or name another file with --store.",
+                             path.string())
+               : fmt::format("The store {} cannot be opened: {}.", path.string(), error.what()));
 }
 
 }  // namespace
@@ -176,12 +162,12 @@ qxpbase::UniqueFd LockStore(const std::filesystem::path& path) {
             return std::move(*lock);
         }
     } catch (const std::system_error& error) {
-        throw qxpbase::StartupError("The lock file " + name +
-                                    " cannot be opened: " + qxpbase::ErrnoText(error.code().value()) +
-                                    ". Create its directory, or name another file with --store.");
+        throw qxpbase::StartupError(fmt::format(
+            "The lock file {} cannot be opened: {}. Create its directory, or name another file with --store.", name,
+            qxpbase::ErrnoText(error.code().value())));
     }
-    throw qxpbase::StartupError("Another agent uses the store " + path.string() +
-                                ": stop it, or name another file with --store.");
+    throw qxpbase::StartupError(
+        fmt::format("Another agent uses the store {}: stop it, or name another file with --store.", path.string()));
 }
 
 std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options) {
@@ -199,7 +185,7 @@ std::unique_ptr<SQLite::Database> OpenStore(const StoreOptions& options) {
             damage = error.what();
         }
         if (again) {
-            throw qxpbase::StartupError("The store " + options.path.string() + " cannot be made: " + damage + ".");
+            throw qxpbase::StartupError(fmt::format("The store {} cannot be made: {}.", options.path.string(), damage));
         }
         SetAside(options.path, damage);
     }

@@ -5,8 +5,6 @@
 #include <utility>
 
 #include "agent/store/store_access.h"
-#include "agent/store/store_sql.h"
-#include "agent/store/store_tables.h"
 
 // Reports, and what they mean for their commands.
 
@@ -31,7 +29,7 @@ Report ReadRow(SQLite::Statement& row) {
     return report;
 }
 
-// By the database's own reader of large values: a statement would hold the text beside our copy.
+// By SQLite's reader of large values: a column of a statement would hold the text, over a hundred MiB, a second time.
 std::string ReadText(SQLite::Database& database, uint64_t cursor) {
     sqlite3_blob* opened = nullptr;
     int code = sqlite3_blob_open(database.getHandle(), "main", "report_texts", "text", static_cast<int64_t>(cursor), 0,
@@ -48,7 +46,8 @@ std::string ReadText(SQLite::Database& database, uint64_t cursor) {
     return text;
 }
 
-// Takes one script off those that are to have a result. False when this run was counted before, or none is missing.
+// Strikes one script off those that are to have a result. False when this run was counted before, as when a report
+// comes as a message and again as a result file, or when no result of this script is missing.
 bool CountRun(SQLite::Database& database, int64_t command, const RunResult& run) {
     const bool is_new = Execute(database, "INSERT OR IGNORE INTO runs VALUES(?, ?, ?, ?)", command, run.script_id,
                                 run.start, run.file) == 1;
@@ -66,7 +65,7 @@ void CountRuns(SQLite::Database& database, int64_t command, const std::vector<Ru
     if (!changed) {
         return;
     }
-    if (Number(database, "SELECT count(*) FROM expectations WHERE command = ?", command) == 0) {
+    if (FindNumber(database, "SELECT count(*) FROM expectations WHERE command = ?", command) == 0) {
         FinishCommand(database, command, CommandState::kReported, "");
     } else {
         Execute(database, "UPDATE commands SET sequence = ? WHERE number = ?", NextSequence(database), command);
@@ -76,7 +75,7 @@ void CountRuns(SQLite::Database& database, int64_t command, const std::vector<Ru
 // True when the command is now refused.
 bool AdvanceCommand(SQLite::Database& database, const ReportContent& content) {
     SQLite::Statement row = Prepare(database, "SELECT number, refusal_reason FROM commands WHERE id = ? AND state = ?",
-                                    content.id, static_cast<int>(CommandState::kDelivered));
+                                    content.id, CommandState::kDelivered);
     if (content.id.empty() || !row.executeStep()) {
         return false;
     }
@@ -97,21 +96,22 @@ bool NoteFile(SQLite::Database& database, const FileMark& mark) {
 }
 
 std::vector<Report> FindReports(SQLite::Database& database, const ReportQuery& query) {
-    std::string sql = std::string(kColumns) + "WHERE cursor > ?1 ";
+    std::string conditions = "cursor > ?1";
     if (query.id.has_value()) {
-        sql += "AND id = ?2 ";
+        conditions += " AND id = ?2";
     }
     if (query.source.has_value()) {
-        sql += "AND source = " + std::to_string(static_cast<int>(*query.source)) + " ";
+        conditions += fmt::format(" AND source = {}", ToSql(*query.source));
     }
     if (query.acknowledged.has_value()) {
-        sql += *query.acknowledged ? "AND acknowledged IS NOT NULL " : "AND acknowledged IS NULL ";
+        conditions += *query.acknowledged ? " AND acknowledged IS NOT NULL" : " AND acknowledged IS NULL";
     }
-    sql += "ORDER BY cursor LIMIT " + std::to_string(std::min<size_t>(query.limit, INT_MAX));
-    SQLite::Statement rows(database, sql);
-    BindValue(rows, 1, std::min<uint64_t>(query.after, INT64_MAX));
+    SQLite::Statement rows = Prepare(database,
+                                     fmt::format("{}WHERE {} ORDER BY cursor LIMIT {}", kColumns, conditions,
+                                                 std::min<size_t>(query.limit, INT_MAX)),
+                                     std::min<uint64_t>(query.after, INT64_MAX));
     if (query.id.has_value()) {
-        BindValue(rows, 2, *query.id);
+        rows.bind(2, *query.id);
     }
     std::vector<Report> reports;
     uint64_t bytes = 0;
@@ -134,10 +134,9 @@ std::vector<Report> FindReports(SQLite::Database& database, const ReportQuery& q
 uint64_t InsertReport(SQLite::Database& database, const Report& report, std::string_view text) {
     Execute(database,
             "INSERT INTO reports(id, source, file, received, json_data_type, value, bytes) VALUES(?, ?, ?, ?, ?, ?, ?)",
-            report.id, static_cast<int>(report.source), report.file, report.received, report.json_data_type,
-            report.value, text.size());
+            report.id, report.source, report.file, report.received, report.json_data_type, report.value, text.size());
     const int64_t cursor = database.getLastInsertRowid();
-    Execute(database, "INSERT INTO report_texts VALUES(?, ?)", cursor, Blob{text});
+    InsertText(database, "INSERT INTO report_texts VALUES(?, ?)", text, cursor);
     return static_cast<uint64_t>(cursor);
 }
 
@@ -191,8 +190,8 @@ uint64_t Store::AcknowledgeUpTo(uint64_t cursor) {
 
 bool Store::HasFile(const std::string& name, int64_t modified_ns, uint64_t size) {
     return Read([&](SQLite::Database& database) {
-        return Number(database, "SELECT 1 FROM files WHERE name = ? AND modified = ? AND size = ? LIMIT 1", name,
-                      modified_ns, size)
+        return FindNumber(database, "SELECT 1 FROM files WHERE name = ? AND modified = ? AND size = ? LIMIT 1", name,
+                          modified_ns, size)
             .has_value();
     });
 }

@@ -1,8 +1,4 @@
-#include <utility>
-
 #include "agent/store/store_access.h"
-#include "agent/store/store_sql.h"
-#include "agent/store/store_tables.h"
 
 // What is kept, and for how long.
 
@@ -13,69 +9,46 @@ namespace {
 constexpr int kStep = 500;        // rows a transaction, so that others get their turn
 constexpr int kStepPages = 2000;  // pages given back a transaction
 
-struct Row {
-    int64_t cursor;
-    uint64_t bytes;
-    bool pending;
-};
-
-std::vector<Row> Rows(SQLite::Statement statement) {
-    std::vector<Row> rows;
-    while (statement.executeStep()) {
-        rows.push_back({statement.getColumn(0).getInt64(), Unsigned(statement, 1), statement.getColumn(2).isNull()});
+// Removes the reports whose cursors the statement `which` selects, and counts them.
+template <typename... Values>
+uint64_t RemoveReports(SQLite::Database& database, Removed& removed, const std::string& which,
+                       const Values&... values) {
+    SQLite::Statement gone = Prepare(
+        database, fmt::format("DELETE FROM reports WHERE cursor IN ({}) RETURNING acknowledged", which), values...);
+    uint64_t count = 0;
+    for (; gone.executeStep(); ++count) {
+        removed.unacknowledged += gone.getColumn(0).isNull() ? 1 : 0;
     }
-    return rows;
-}
-
-void RemoveReport(SQLite::Database& database, const Row& row, Removed& removed) {
-    Execute(database, "DELETE FROM reports WHERE cursor = ?", row.cursor);
-    ++removed.reports;
-    removed.unacknowledged += row.pending ? 1 : 0;
+    removed.reports += count;
+    return count;
 }
 
 // Those that nobody has acknowledged make room, but do not age: the clock may have jumped.
 bool RemoveOldReports(SQLite::Database& database, WallTime limit, Removed& removed) {
-    const std::vector<Row> rows =
-        Rows(Prepare(database,
-                     "SELECT cursor, bytes, acknowledged FROM reports WHERE acknowledged IS NOT NULL AND received < ? "
-                     "ORDER BY received LIMIT ?",
-                     limit, kStep));
-    for (const Row& row : rows) {
-        RemoveReport(database, row, removed);
-    }
-    return rows.size() == kStep;
+    return RemoveReports(database, removed,
+                         "SELECT cursor FROM reports WHERE acknowledged IS NOT NULL AND received < ? "
+                         "ORDER BY received LIMIT ?",
+                         limit, kStep) == kStep;
 }
 
 bool RemoveOldCommands(SQLite::Database& database, WallTime limit, Removed& removed) {
-    std::vector<int64_t> numbers;
-    SQLite::Statement rows =
-        Prepare(database, "SELECT number FROM commands WHERE finished < ? ORDER BY finished LIMIT ?", limit, kStep);
-    while (rows.executeStep()) {
-        numbers.push_back(rows.getColumn(0).getInt64());
-    }
+    const std::vector<int64_t> numbers = Rows(
+        Prepare(database, "SELECT number FROM commands WHERE finished < ? ORDER BY finished LIMIT ?", limit, kStep),
+        [](SQLite::Statement& row) { return row.getColumn(0).getInt64(); });
     for (const int64_t number : numbers) {
         RemoveCommand(database, number);
-        ++removed.commands;
     }
+    removed.commands += numbers.size();
     return numbers.size() == kStep;
 }
 
-// Removes from the oldest until `excess` bytes are gone. False when there is nothing more to remove, or no need.
+// Removes from the oldest until `excess` bytes are gone. False when there is nothing to remove.
 bool RemoveExcess(SQLite::Database& database, uint64_t excess, const char* condition, Removed& removed) {
-    const std::vector<Row> rows =
-        Rows(Prepare(database,
-                     std::string("SELECT cursor, bytes, acknowledged FROM reports WHERE acknowledged ") + condition +
-                         " ORDER BY cursor LIMIT ?",
-                     kStep));
-    uint64_t gone = 0;
-    for (const Row& row : rows) {
-        if (gone >= excess) {
-            break;
-        }
-        RemoveReport(database, row, removed);
-        gone += row.bytes;
-    }
-    return gone > 0 || !rows.empty();
+    const std::string which = fmt::format(
+        "SELECT cursor FROM (SELECT cursor, sum(bytes) OVER (ORDER BY cursor) - bytes AS gone_before FROM "
+        "(SELECT cursor, bytes FROM reports WHERE acknowledged {} ORDER BY cursor LIMIT ?)) WHERE gone_before < ?",
+        condition);
+    return RemoveReports(database, removed, which, kStep, excess) > 0;
 }
 
 }  // namespace
@@ -89,7 +62,7 @@ bool Store::RemoveSome(const Retention& retention, WallTime now, Removed& remove
         if (RemoveOldReports(database, limit, step) || more_commands) {
             return true;
         }
-        const auto bytes = static_cast<uint64_t>(Number(database, "SELECT bytes FROM totals").value_or(0));
+        const uint64_t bytes = TextBytes(database);
         if (bytes <= retention.bytes) {
             return false;
         }
@@ -117,11 +90,11 @@ void Store::GiveRoomBack() {
     for (;;) {
         const std::lock_guard lock(write_mutex_);
         try {
-            if (Number(*writer_, "PRAGMA freelist_count").value_or(0) == 0) {
+            if (writer_->execAndGet("PRAGMA freelist_count").getInt64() == 0) {
                 writer_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
                 return;
             }
-            SQLite::Statement vacuum(*writer_, "PRAGMA incremental_vacuum(" + std::to_string(kStepPages) + ")");
+            SQLite::Statement vacuum(*writer_, fmt::format("PRAGMA incremental_vacuum({})", kStepPages));
             while (vacuum.executeStep()) {
             }
         } catch (const SQLite::Exception& error) {

@@ -1,6 +1,4 @@
-#include "agent/store/store_schema.h"
-
-#include "agent/store/store_sql.h"
+#include "agent/store/store_access.h"
 #include "base/startup_error.h"
 
 namespace qxpagent {
@@ -10,10 +8,10 @@ namespace {
 constexpr int64_t kApplicationId = 0x51585041;  // "QXPA", in the database's header
 constexpr int64_t kVersion = 1;
 
-// Times are milliseconds since the epoch; states and sources the numbers of CommandState and ReportSource. Large texts
-// stand in tables of their own, so that a change of a row does not write them again. A row of `expectations` is one
-// script that is to have a result and has none; a row of `runs` is a result that was counted. The one row of `totals`
-// is kept by the triggers: to count anew would take ever longer.
+// Times are milliseconds since the epoch; states and sources are the numbers of CommandState and ReportSource. Large
+// texts have tables of their own, so that a change of a row does not write them again. A row of `expectations` is one
+// script that is to have a result and has none; a row of `runs` is a result that was counted. The triggers keep the one
+// row of `totals`, since counting takes longer the more there is.
 constexpr char kVersion1[] = R"sql(
 CREATE TABLE totals(
   one INTEGER PRIMARY KEY CHECK (one = 1),
@@ -71,29 +69,28 @@ END;
 
 }  // namespace
 
-void CheckOwner(SQLite::Database& database, const std::string& name) {
-    const int64_t tables = Number(database, "SELECT count(*) FROM sqlite_schema").value_or(0);
-    if (tables != 0 && Number(database, "PRAGMA application_id") != kApplicationId) {
-        throw qxpbase::StartupError("The store " + name +
-                                    " is another program's database: name another file with --store.");
+void RequireOwnDatabase(SQLite::Database& database, const std::string& name) {
+    const bool has_tables = database.execAndGet("SELECT count(*) FROM sqlite_schema").getInt64() != 0;
+    if (has_tables && database.execAndGet("PRAGMA application_id").getInt64() != kApplicationId) {
+        throw qxpbase::StartupError(
+            fmt::format("The store {} is another program's database: name another file with --store.", name));
     }
-    const int64_t version = Number(database, "PRAGMA user_version").value_or(0);
+    const int64_t version = database.execAndGet("PRAGMA user_version").getInt64();
     if (version > kVersion) {
-        throw qxpbase::StartupError("The store " + name + " was made by a newer agent (version " +
-                                    std::to_string(version) + " of the store, this agent knows " +
-                                    std::to_string(kVersion) +
-                                    "): install that agent again, or name another file with --store.");
+        throw qxpbase::StartupError(
+            fmt::format("The store {} was made by a newer agent (version {} of the store, this agent knows {}): "
+                        "install that agent again, or name another file with --store.",
+                        name, version, kVersion));
     }
 }
 
 void PrepareSchema(SQLite::Database& database) {
     SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
-    if (Number(database, "PRAGMA user_version").value_or(0) < 1) {
+    if (database.execAndGet("PRAGMA user_version").getInt64() < 1) {
         database.exec(kVersion1);
-        database.exec("PRAGMA application_id=" + std::to_string(kApplicationId));
-        database.exec("PRAGMA user_version=" + std::to_string(kVersion));
+        database.exec(fmt::format("PRAGMA application_id={}; PRAGMA user_version={}", kApplicationId, kVersion));
     }
-    // An older agent does without the one and does not miss the other.
+    // Later than version 1, which stays: an older agent does without the one and does not miss the other.
     database.exec(
         "CREATE INDEX IF NOT EXISTS reports_ageing ON reports(received) WHERE acknowledged IS NOT NULL;"
         "DROP INDEX IF EXISTS reports_received");

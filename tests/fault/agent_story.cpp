@@ -11,7 +11,7 @@
 #include "agent/bus/components.h"
 #include "agent/bus/endpoint.h"
 #include "agent/commands/command_service.h"
-#include "agent/records/report_envelope.h"
+#include "agent/records/report_document.h"
 #include "agent/reports/report_intake.h"
 #include "policy/trusted_keys.h"
 #include "tests/plugin/plugin_host.h"

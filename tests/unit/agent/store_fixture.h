@@ -3,7 +3,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gtest/gtest.h>
 
-#include "agent/records/report_envelope.h"
+#include "agent/records/report_document.h"
 #include "agent/reports/report_intake.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/agent/test_support.h"

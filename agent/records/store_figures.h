@@ -10,6 +10,7 @@
 
 namespace qxpagent {
 
+/// What is in the store.
 struct StoreFigures {
     uint64_t reports = 0;
     uint64_t reports_pending = 0;  // not yet acknowledged
@@ -18,13 +19,19 @@ struct StoreFigures {
     uint64_t bytes = 0;                       // of all texts in the store
     uint64_t last_sequence = 0;               // of the newest change of a command
     std::map<CommandState, uint64_t> states;  // commands in the journal
-    std::string fault;                        // why the store takes nothing at present; empty: it does
+    std::string fault;                        // why the store cannot be written at present; empty: it can
 };
 
 /// The store could not be read or written; the text says why.
 class StoreError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+/// The store has no room, or the disk has none. What is in it is safe and can be read.
+class StoreFullError : public StoreError {
+public:
+    using StoreError::StoreError;
 };
 
 }  // namespace qxpagent

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <prometheus/metric_family.h>
+
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -11,10 +13,10 @@
 #include "agent/records/command_record.h"
 #include "agent/records/report.h"
 #include "agent/records/store_figures.h"
-#include "agent/reports/run_counters.h"
 
 namespace qxpagent {
 
+/// What the API tells about the agent as a whole.
 struct AgentStatus {
     std::string version;
     unsigned int plugin_status = 0;
@@ -26,9 +28,9 @@ struct AgentStatus {
     std::filesystem::path result_directory;
     uint64_t scripts_queued = 0;   // scripts of commands that are not yet handed to the plugin
     uint64_t scripts_waiting = 0;  // scripts of delivered commands that have no result yet
-    uint64_t reports_waiting = 0;  // in memory, for a store that takes nothing
+    uint64_t reports_waiting = 0;  // in memory, since the store cannot be written
     StoreFigures store;
-    AgentCounters counters;
+    std::vector<prometheus::MetricFamily> counters;  // what has happened since the agent started
 };
 
 /// What the API asks of the agent. Called from several threads at once. All but Submit throw StoreError when the store
@@ -37,7 +39,7 @@ class AgentControl {
 public:
     virtual ~AgentControl() = default;
 
-    /// Checks, journals and delivers a command document.
+    /// Checks, journals and delivers a policy.
     virtual SubmitOutcome Submit(std::string document, const qxpbase::Peer& peer) = 0;
     virtual std::optional<CommandRecord> FindCommand(const std::string& id) = 0;
     /// By sequence, oldest change first.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string>
 
+#include <fmt/core.h>
+
 #include "agent/api/api_request.h"
 #include "agent/log.h"
 
@@ -24,10 +26,10 @@ std::string BadParameter(const qxphttp::Request& request, const Api::Route& rout
     std::vector<std::string_view> seen;
     for (const auto& [name, value] : request.query) {
         if (std::find(route.parameters.begin(), route.parameters.end(), name) == route.parameters.end()) {
-            return "There is no parameter \"" + name + "\".";
+            return fmt::format("There is no parameter \"{}\".", name);
         }
         if (std::find(seen.begin(), seen.end(), name) != seen.end()) {
-            return "The parameter \"" + name + "\" is given twice.";
+            return fmt::format("The parameter \"{}\" is given twice.", name);
         }
         seen.emplace_back(name);
     }
@@ -85,13 +87,14 @@ qxphttp::Response Api::Handle(qxphttp::Request request) {
             return qxphttp::Problem(400, error.what());
         } catch (const StoreError& error) {
             QXPAGENT_LOG(kLogError, "%s %s: %s", request.method.c_str(), request.path.c_str(), error.what());
-            return qxphttp::Problem(503, std::string("The agent's store cannot be used: ") + error.what());
+            return qxphttp::Problem(503, fmt::format("The agent's store cannot be used: {}", error.what()));
         }
     }
     if (allowed.empty()) {
-        return qxphttp::Problem(404, "There is no path " + request.path + ".");
+        return qxphttp::Problem(404, fmt::format("There is no path {}.", request.path));
     }
-    qxphttp::Response response = qxphttp::Problem(405, "The path " + request.path + " takes " + allowed + " only.");
+    qxphttp::Response response =
+        qxphttp::Problem(405, fmt::format("The path {} takes {} only.", request.path, allowed));
     response.headers.emplace_back("Allow", allowed);
     return response;
 }

@@ -1,6 +1,10 @@
 // The requests about commands: submit, list, show, run once.
+#include <algorithm>
+#include <array>
 #include <string>
 #include <utility>
+
+#include <fmt/core.h>
 
 #include "agent/api/api.h"
 #include "agent/api/api_json.h"
@@ -15,16 +19,11 @@ constexpr size_t kDefaultCommands = 100;
 
 // RFC 3986 section 2.1: everything but the unreserved characters as %XX.
 std::string PercentEncoded(std::string_view text) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
     constexpr std::string_view kUnreserved = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
     std::string encoded;
     for (const char character : text) {
-        if (kUnreserved.find(character) != std::string_view::npos) {
-            encoded += character;
-        } else {
-            const auto byte = static_cast<unsigned char>(character);
-            encoded.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
-        }
+        const bool is_plain = kUnreserved.find(character) != std::string_view::npos;
+        encoded += is_plain ? std::string(1, character) : fmt::format("%{:02X}", static_cast<unsigned char>(character));
     }
     return encoded;
 }
@@ -63,12 +62,11 @@ qxphttp::Response Api::SubmitCommand(qxphttp::Request& request, const std::strin
 
 qxphttp::Response Api::ListCommands(qxphttp::Request& request, const std::string& /*name*/) {
     static constexpr auto& kStates = qxppolicy::kCommandStates;
-    using qxppolicy::StateName;
+    std::array<std::string_view, kStates.size()> words;
+    std::transform(kStates.begin(), kStates.end(), words.begin(), qxppolicy::StateName);
     const QueryParameters parameters(request);
     CommandQuery query;
-    if (const auto state =
-            parameters.OneOf("state", {StateName(kStates[0]), StateName(kStates[1]), StateName(kStates[2]),
-                                       StateName(kStates[3]), StateName(kStates[4])})) {
+    if (const auto state = parameters.OneOf("state", words)) {
         query.state = kStates[*state];
     }
     query.after = parameters.After();
@@ -80,16 +78,13 @@ qxphttp::Response Api::ListCommands(qxphttp::Request& request, const std::string
         commands.push_back(CommandToJson(command));
         sequence = command.sequence;
     }
-    Json body;
-    body["commands"] = std::move(commands);
-    body["sequence"] = sequence;
-    return JsonResponse(200, body);
+    return JsonResponse(200, {{"commands", std::move(commands)}, {"sequence", sequence}});
 }
 
 qxphttp::Response Api::ShowCommand(qxphttp::Request& /*request*/, const std::string& name) {
     const std::optional<CommandRecord> command = agent_.FindCommand(name);
     if (!command.has_value()) {
-        return qxphttp::Problem(404, "There is no command \"" + name + "\".");
+        return qxphttp::Problem(404, fmt::format("There is no command \"{}\".", name));
     }
     ReportQuery query;
     query.id = name;
@@ -102,7 +97,7 @@ qxphttp::Response Api::ShowCommand(qxphttp::Request& /*request*/, const std::str
         has_more = !agent_.ListReports(query).empty();
     }
     qxphttp::Response response;
-    response.body.Append("{\"command\":" + ToText(CommandToJson(*command)) + ",\"reports\":");
+    response.body.Append(fmt::format(R"({{"command":{},"reports":)", ToText(CommandToJson(*command))));
     AppendReports(response.body, std::move(reports));
     response.body.Append(has_more ? ",\"more\":true}" : "}");
     return response;
@@ -116,16 +111,13 @@ qxphttp::Response Api::RunOnce(qxphttp::Request& request, const std::string& /*n
     }
     const auto& file = name->get_ref<const std::string&>();
     if (const qxppolicy::Fault fault = qxppolicy::ValidateRunOnceName(file)) {
-        throw BadRequest("The member \"name\" " + *fault + ".");
+        throw BadRequest(fmt::format("The member \"name\" {}.", *fault));
     }
     const std::optional<bool> accepted = agent_.RunOnce(file, request.peer);
     if (!accepted.has_value()) {
         return qxphttp::Problem(503, "The agent is stopping, or its plugin is not started.");
     }
-    Json answer;
-    answer["name"] = file;
-    answer["accepted"] = *accepted;
-    return JsonResponse(200, answer);
+    return JsonResponse(200, {{"name", file}, {"accepted", *accepted}});
 }
 
 }  // namespace qxpagent

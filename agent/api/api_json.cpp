@@ -18,13 +18,9 @@ Json TextOrNull(const std::string& text) {
     return text.empty() ? Json(nullptr) : Json(text);
 }
 
-Json PeerToJson(const qxpbase::Peer& peer) {
-    Json json;
-    json["uid"] = peer.uid;
-    json["gid"] = peer.gid;
-    json["pid"] = peer.pid;
-    json["user"] = peer.user;
-    return json;
+// A number that is none of a source's, as in a store that others have written to, gets the last word.
+std::string_view Word(ReportSource source) {
+    return kSourceWords[std::min(static_cast<size_t>(source), kSourceWords.size() - 1)];
 }
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
@@ -51,17 +47,15 @@ void AppendQuoted(qxphttp::Body& body, std::string_view text) {
 
 // What a report has beside its text.
 Json ReportHead(const Report& report) {
-    Json json;
-    json["cursor"] = report.cursor;
-    json["id"] = report.id;
-    json["source"] = Word(report.source);
-    json["file"] = TextOrNull(report.file);
-    json["received"] = qxpbase::LocalTimeText(report.received);
-    json["acknowledged"] = TimeOrNull(report.acknowledged);
-    json["json_data_type"] = report.json_data_type;
-    json["value"] = report.value;
-    json["bytes"] = report.bytes;
-    return json;
+    return {{"cursor", report.cursor},
+            {"id", report.id},
+            {"source", Word(report.source)},
+            {"file", TextOrNull(report.file)},
+            {"received", qxpbase::LocalTimeText(report.received)},
+            {"acknowledged", TimeOrNull(report.acknowledged)},
+            {"json_data_type", report.json_data_type},
+            {"value", report.value},
+            {"bytes", report.bytes}};
 }
 
 void AppendReport(qxphttp::Body& body, Report report) {
@@ -84,35 +78,31 @@ void AppendReport(qxphttp::Body& body, Report report) {
 
 }  // namespace
 
-std::string_view Word(ReportSource source) {
-    switch (source) {
-        case ReportSource::kPlugin:
-            return "plugin";
-        case ReportSource::kFile:
-            return "file";
-        case ReportSource::kAgent:
-            break;
+std::vector<std::pair<std::string, uint64_t>> CommandsByState(const StoreFigures& store) {
+    std::vector<std::pair<std::string, uint64_t>> counts;
+    for (const CommandState state : qxppolicy::kCommandStates) {
+        const auto count = store.states.find(state);
+        counts.emplace_back(qxppolicy::StateName(state), count != store.states.end() ? count->second : 0);
     }
-    return "agent";
+    return counts;
 }
 
 Json CommandToJson(const CommandRecord& command) {
-    Json json;
-    json["id"] = command.id;
-    json["command"] = command.command;
-    json["state"] = qxppolicy::StateName(command.state);
-    json["reason"] = TextOrNull(command.reason);
-    json["sequence"] = command.sequence;
-    json["scripts"] = command.scripts;
-    json["expected"] = command.expected;
-    json["unreported"] = command.unreported;
-    json["bytes"] = command.bytes;
-    json["sha256"] = command.sha256;
-    json["submitter"] = PeerToJson(command.submitter);
-    json["received"] = qxpbase::LocalTimeText(command.received);
-    json["delivered"] = TimeOrNull(command.delivered);
-    json["finished"] = TimeOrNull(command.finished);
-    return json;
+    const qxpbase::Peer& peer = command.submitter;
+    return {{"id", command.id},
+            {"command", command.command},
+            {"state", qxppolicy::StateName(command.state)},
+            {"reason", TextOrNull(command.reason)},
+            {"sequence", command.sequence},
+            {"scripts", command.scripts},
+            {"expected", command.expected},
+            {"unreported", command.unreported},
+            {"bytes", command.bytes},
+            {"sha256", command.sha256},
+            {"submitter", {{"uid", peer.uid}, {"gid", peer.gid}, {"pid", peer.pid}, {"user", peer.user}}},
+            {"received", qxpbase::LocalTimeText(command.received)},
+            {"delivered", TimeOrNull(command.delivered)},
+            {"finished", TimeOrNull(command.finished)}};
 }
 
 void AppendReports(qxphttp::Body& body, std::vector<Report> reports, bool with_text) {
@@ -129,41 +119,37 @@ void AppendReports(qxphttp::Body& body, std::vector<Report> reports, bool with_t
 }
 
 Json ResultToJson(const Report& report) {
-    Json json;
-    json["cursor"] = report.cursor;
-    json["id"] = report.id;
-    json["file"] = report.file;
-    json["bytes"] = report.bytes;
-    json["received"] = qxpbase::LocalTimeText(report.received);
-    json["acknowledged"] = TimeOrNull(report.acknowledged);
-    return json;
+    return {{"cursor", report.cursor},
+            {"id", report.id},
+            {"file", report.file},
+            {"bytes", report.bytes},
+            {"received", qxpbase::LocalTimeText(report.received)},
+            {"acknowledged", TimeOrNull(report.acknowledged)}};
 }
 
 Json StatusToJson(const AgentStatus& status) {
     const StoreFigures& store = status.store;
     Json commands;
-    for (const CommandState state : qxppolicy::kCommandStates) {
-        const auto count = store.states.find(state);
-        commands[qxppolicy::StateName(state)] = count != store.states.end() ? count->second : 0;
+    for (const auto& [state, count] : CommandsByState(store)) {
+        commands[state] = count;
     }
-    Json json;
-    json["version"] = status.version;
-    json["plugin_status"] = status.plugin_status;
-    json["plugin_version"] = status.plugin_version;
-    json["uptime_seconds"] = status.uptime.count();
-    json["commands"] = std::move(commands);
-    json["last_sequence"] = store.last_sequence;
-    json["reports"] = Json{{"stored", store.reports},
-                           {"pending", store.reports_pending},
-                           {"last_cursor", store.last_cursor},
-                           {"oldest_pending", TimeOrNull(store.oldest_pending)}};
-    json["scripts_waiting"] = status.scripts_waiting;
-    json["store"] = Json{{"bytes", store.bytes}, {"fault", TextOrNull(store.fault)}};
-    json["data_directory"] = status.data_directory.string();
-    json["policy_directory"] = status.policy_directory.string();
-    json["process_directory"] = status.process_directory.string();
-    json["result_directory"] = status.result_directory.string();
-    return json;
+    return {{"version", status.version},
+            {"plugin_status", status.plugin_status},
+            {"plugin_version", status.plugin_version},
+            {"uptime_seconds", status.uptime.count()},
+            {"commands", std::move(commands)},
+            {"last_sequence", store.last_sequence},
+            {"reports",
+             {{"stored", store.reports},
+              {"pending", store.reports_pending},
+              {"last_cursor", store.last_cursor},
+              {"oldest_pending", TimeOrNull(store.oldest_pending)}}},
+            {"scripts_waiting", status.scripts_waiting},
+            {"store", {{"bytes", store.bytes}, {"fault", TextOrNull(store.fault)}}},
+            {"data_directory", status.data_directory.string()},
+            {"policy_directory", status.policy_directory.string()},
+            {"process_directory", status.process_directory.string()},
+            {"result_directory", status.result_directory.string()}};
 }
 
 std::string ToText(const Json& json) {

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "agent/api/agent_control.h"
@@ -13,8 +16,11 @@ namespace qxpagent {
 /// JSON whose members stay in the order in which they were added.
 using Json = nlohmann::ordered_json;
 
-/// The word of the API for a source.
-std::string_view Word(ReportSource source);
+/// The words of the API for the values of ReportSource, in their order.
+inline constexpr std::array<std::string_view, 3> kSourceWords = {"plugin", "file", "agent"};
+
+/// How many commands of the journal are in each state, by its word.
+std::vector<std::pair<std::string, uint64_t>> CommandsByState(const StoreFigures& store);
 
 /// The objects of the API.
 Json CommandToJson(const CommandRecord& command);
@@ -29,5 +35,12 @@ void AppendReports(qxphttp::Body& body, std::vector<Report> reports, bool with_t
 /// Bytes that are no UTF-8 are replaced by U+FFFD.
 std::string ToText(const Json& json);
 qxphttp::Response JsonResponse(int status, const Json& body);
+
+/// The media type of the Prometheus text exposition format, version 0.0.4.
+inline constexpr char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
+
+/// The agent's figures in that format. Names and units as Prometheus recommends them: base units, counters end in
+/// _total. Nothing is kept between calls: each figure is as it stands in `status`.
+std::string MetricsText(const AgentStatus& status);
 
 }  // namespace qxpagent

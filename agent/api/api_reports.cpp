@@ -1,8 +1,11 @@
 // The requests about reports and result files: list, show, acknowledge.
 #include <algorithm>
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <fmt/core.h>
 
 #include "agent/api/api.h"
 #include "agent/api/api_json.h"
@@ -15,6 +18,8 @@ namespace qxpagent {
 namespace {
 
 constexpr size_t kDefaultReports = 1000;
+constexpr std::array<std::string_view, 2> kFalseTrue = {"false", "true"};
+constexpr std::array<std::string_view, 2> kTrueFalse = {"true", "false"};
 
 uint64_t LastCursor(const std::vector<Report>& reports, uint64_t after) {
     return reports.empty() ? after : reports.back().cursor;
@@ -50,22 +55,21 @@ uint64_t AcknowledgeUpTo(AgentControl& agent, const nlohmann::json& cursor) {
 }  // namespace
 
 qxphttp::Response Api::ListReports(qxphttp::Request& request, const std::string& /*name*/) {
-    static constexpr ReportSource kSources[] = {ReportSource::kPlugin, ReportSource::kFile, ReportSource::kAgent};
     const QueryParameters parameters(request);
     ReportQuery query = CommonQuery(parameters);
-    if (const auto source = parameters.OneOf("source", {Word(kSources[0]), Word(kSources[1]), Word(kSources[2])})) {
-        query.source = kSources[*source];
+    if (const auto source = parameters.OneOf("source", kSourceWords)) {
+        query.source = static_cast<ReportSource>(*source);
     }
-    if (const auto acknowledged = parameters.OneOf("acknowledged", {"false", "true"})) {
+    if (const auto acknowledged = parameters.OneOf("acknowledged", kFalseTrue)) {
         query.acknowledged = *acknowledged == 1;
     }
-    query.with_text = parameters.OneOf("documents", {"true", "false"}) != 1;
+    query.with_text = parameters.OneOf("documents", kTrueFalse) != 1;
     std::vector<Report> reports = agent_.ListReports(query);
     const uint64_t cursor = LastCursor(reports, query.after);
     qxphttp::Response response;
     response.body.Append("{\"reports\":");
     AppendReports(response.body, std::move(reports), query.with_text);
-    response.body.Append(",\"cursor\":" + std::to_string(cursor) + "}");
+    response.body.Append(fmt::format(",\"cursor\":{}}}", cursor));
     return response;
 }
 
@@ -80,7 +84,7 @@ qxphttp::Response Api::AcknowledgeReports(qxphttp::Request& request, const std::
     QXPAGENT_LOG(kLogInfo, "%llu reports acknowledged by %s (uid %u, pid %d): %.200s",
                  static_cast<unsigned long long>(acknowledged), peer.user.c_str(), peer.uid, peer.pid,
                  body.dump().c_str());
-    return JsonResponse(200, Json{{"acknowledged", acknowledged}});
+    return JsonResponse(200, {{"acknowledged", acknowledged}});
 }
 
 qxphttp::Response Api::ListResults(qxphttp::Request& request, const std::string& /*name*/) {
@@ -92,17 +96,14 @@ qxphttp::Response Api::ListResults(qxphttp::Request& request, const std::string&
     for (const Report& report : reports) {
         list.push_back(ResultToJson(report));
     }
-    Json body;
-    body["results"] = std::move(list);
-    body["cursor"] = LastCursor(reports, query.after);
-    return JsonResponse(200, body);
+    return JsonResponse(200, {{"results", std::move(list)}, {"cursor", LastCursor(reports, query.after)}});
 }
 
 qxphttp::Response Api::ShowResult(qxphttp::Request& /*request*/, const std::string& name) {
     const std::optional<uint64_t> cursor = qxpbase::WholeNumber(name);
     std::optional<Report> report = cursor.has_value() ? agent_.FindReport(*cursor) : std::nullopt;
     if (!report.has_value() || report->source != ReportSource::kFile) {
-        return qxphttp::Problem(404, "There is no result file with the cursor \"" + name + "\".");
+        return qxphttp::Problem(404, fmt::format("There is no result file with the cursor \"{}\".", name));
     }
     qxphttp::Response response;
     response.body = std::move(report->text);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include <fmt/format.h>
+
 #include "base/whole_number.h"
 
 namespace qxpagent {
@@ -11,10 +13,6 @@ namespace {
 
 constexpr uint64_t kMostInOneAnswer = 1000;
 constexpr uint64_t kMaxWaitSeconds = 60;
-
-std::string Quoted(std::string_view name) {
-    return "\"" + std::string(name) + "\"";
-}
 
 }  // namespace
 
@@ -34,25 +32,19 @@ uint64_t QueryParameters::Number(std::string_view name, uint64_t least, uint64_t
     }
     const std::optional<uint64_t> number = qxpbase::WholeNumber(*text);
     if (!number.has_value() || *number < least || *number > most) {
-        throw BadRequest("The parameter " + Quoted(name) + " must be a whole number from " + std::to_string(least) +
-                         " to " + std::to_string(most) + ".");
+        throw BadRequest(fmt::format("The parameter \"{}\" must be a whole number from {} to {}.", name, least, most));
     }
     return *number;
 }
 
-std::optional<size_t> QueryParameters::OneOf(std::string_view name,
-                                             std::initializer_list<std::string_view> words) const {
+std::optional<size_t> QueryParameters::OneOf(std::string_view name, std::span<const std::string_view> words) const {
     const std::optional<std::string> text = Text(name);
     if (!text.has_value()) {
         return std::nullopt;
     }
-    const auto* const found = std::find(words.begin(), words.end(), *text);
+    const auto found = std::find(words.begin(), words.end(), *text);
     if (found == words.end()) {
-        std::string list;
-        for (const std::string_view word : words) {
-            list.append(list.empty() ? "" : ", ").append(word);
-        }
-        throw BadRequest("The parameter " + Quoted(name) + " must be one of " + list + ".");
+        throw BadRequest(fmt::format("The parameter \"{}\" must be one of {}.", name, fmt::join(words, ", ")));
     }
     return static_cast<size_t>(found - words.begin());
 }
@@ -84,11 +76,11 @@ nlohmann::json ReadObject(const std::string& body, std::initializer_list<std::st
         throw BadRequest("The body must be one JSON object.");
     }
     if (!twice.empty()) {
-        throw BadRequest("The member " + Quoted(twice) + " is given twice.");
+        throw BadRequest(fmt::format("The member \"{}\" is given twice.", twice));
     }
     for (const std::string& name : names) {
         if (std::find(members.begin(), members.end(), name) == members.end()) {
-            throw BadRequest("There is no member " + Quoted(name) + ".");
+            throw BadRequest(fmt::format("There is no member \"{}\".", name));
         }
     }
     return object;

@@ -4,6 +4,7 @@
 #include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -28,7 +29,7 @@ public:
     std::optional<std::string> Text(std::string_view name) const;
     uint64_t Number(std::string_view name, uint64_t least, uint64_t most, uint64_t otherwise) const;
     /// Which of the words the value is, by its place among them.
-    std::optional<size_t> OneOf(std::string_view name, std::initializer_list<std::string_view> words) const;
+    std::optional<size_t> OneOf(std::string_view name, std::span<const std::string_view> words) const;
 
     uint64_t After() const;                // 0 when absent
     size_t Limit(size_t otherwise) const;  // 1 to 1000

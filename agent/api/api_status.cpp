@@ -2,9 +2,10 @@
 #include <string>
 #include <vector>
 
+#include <fmt/core.h>
+
 #include "agent/api/api.h"
 #include "agent/api/api_json.h"
-#include "agent/api/metrics.h"
 
 namespace qxpagent {
 
@@ -15,8 +16,7 @@ std::vector<std::string> Problems(AgentControl& agent) {
     try {
         const AgentStatus status = agent.Status();
         if (status.plugin_status != qxppolicy::kPluginStarted) {
-            problems.push_back("The plugin is not started: its status is " + std::to_string(status.plugin_status) +
-                               ".");
+            problems.push_back(fmt::format("The plugin is not started: its status is {}.", status.plugin_status));
         }
         if (!status.store.fault.empty()) {
             problems.push_back("The store takes nothing: " + status.store.fault);
@@ -35,13 +35,8 @@ qxphttp::Response Api::ShowStatus(qxphttp::Request& /*request*/, const std::stri
 
 qxphttp::Response Api::ShowHealth(qxphttp::Request& /*request*/, const std::string& /*name*/) {
     const std::vector<std::string> problems = Problems(agent_);
-    if (problems.empty()) {
-        return JsonResponse(200, Json{{"status", "ok"}});
-    }
-    Json body;
-    body["status"] = "failing";
-    body["problems"] = problems;
-    return JsonResponse(503, body);
+    return problems.empty() ? JsonResponse(200, {{"status", "ok"}})
+                            : JsonResponse(503, {{"status", "failing"}, {"problems", problems}});
 }
 
 qxphttp::Response Api::ShowMetrics(qxphttp::Request& /*request*/, const std::string& /*name*/) {

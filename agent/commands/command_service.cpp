@@ -118,9 +118,9 @@ SubmitOutcome CommandService::Submit(std::string document, const qxpbase::Peer& 
         outcome = StorageOutcome(error);
     }
     if (outcome.status == SubmitStatus::kTaken || outcome.status == SubmitStatus::kNotAcknowledged) {
-        counters_.CommandTaken();
+        counters_.commands_taken.Increment();
     } else if (outcome.status == SubmitStatus::kUnacceptable) {
-        counters_.RefusedAtAdmission();
+        counters_.refused_at_admission.Increment();
     }
     Audit(peer, candidate.command, bytes, outcome);
     return outcome;
@@ -274,7 +274,7 @@ void CommandService::ApplyAcknowledgement(const Candidate& candidate, int status
 
 void CommandService::Refuse(const std::string& id, const std::string& reason) {
     if (store_.Refuse(id, reason)) {
-        counters_.RefusedByPlugin();
+        counters_.refused_by_plugin.Increment();
     }
 }
 
@@ -372,7 +372,7 @@ void CommandService::DeliverAgain(const std::string& id) {
 void CommandService::InterruptOne(const std::string& id, const std::string& reason) {
     const std::optional<size_t> missing = store_.Interrupt(id, reason);
     if (missing.has_value()) {
-        counters_.Interrupted(*missing);
+        counters_.runs_interrupted.Increment(static_cast<double>(*missing));
         QXPAGENT_LOG(kLogWarn, "command [%s] was interrupted: %zu results are missing", id.c_str(), *missing);
     }
 }

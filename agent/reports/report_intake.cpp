@@ -25,19 +25,20 @@ bool ReportIntake::AcceptMessage(std::string_view envelope) {
     report.received = std::chrono::system_clock::now();
     ReportContent content = ReadReport(decoded->text);
     if (content.refusal && !may_be_refused_(content.id)) {
-        // The plugin puts a refusal together without escaping what it names: anybody's policy may have written it.
+        // The plugin writes a refusal without escaping the ID in it, so a policy can make it name any other command.
         QXPAGENT_LOG(kLogWarn, "a refusal names command [%s], which is not being delivered: it ends no command",
                      content.id.c_str());
         content.refusal = false;
     }
     report.id = content.id;
     std::string reason = kOthersWait;
-    // One at a time: while one waits for the store, the others would only wait for the same after it.
+    // One at a time: while one waits for the lock of the database, the others, each on a thread of the plugin, would
+    // wait for the same after it. They join those in memory, which also keeps the order.
     if (Waiting() == 0) {
         const std::lock_guard turn(turn_);
         try {
             if (Waiting() == 0) {
-                Take(report, decoded->text, content, std::nullopt);
+                StoreNow(report, decoded->text, content, std::nullopt);
                 return true;
             }
         } catch (const StoreError& error) {
@@ -63,7 +64,7 @@ bool ReportIntake::Keep(const Report& report, std::string_view text, const Repor
     }
     QXPAGENT_LOG(kLogError, "a report of command [%s], %zu bytes, is lost, with %zu that wait in memory: %s",
                  report.id.c_str(), text.size(), waiting_.size(), reason.c_str());
-    counters_.ReportLost();
+    counters_.reports_lost.Increment();
     lost_.push_back(content);
     return false;
 }
@@ -74,9 +75,9 @@ size_t ReportIntake::StoreWaiting() {
     try {
         for (; left > 0; left = Waiting()) {
             std::unique_lock lock(mutex_);
-            const Message& front = waiting_.front();  // which stays where it is while others come behind it
+            const Message& front = waiting_.front();  // a deque leaves it in place while others are added
             lock.unlock();
-            Take(front.report, front.text, front.content, std::nullopt);
+            StoreNow(front.report, front.text, front.content, std::nullopt);
             lock.lock();
             waiting_bytes_ -= front.text.size();
             waiting_.pop_front();
@@ -105,17 +106,17 @@ void ReportIntake::AcceptFile(const FileMark& mark, std::string_view text, const
     report.id = content.id;
     ReportContent believed = content;
     believed.refusal = false;  // the plugin writes none into files
-    Take(report, text, believed, mark);
+    StoreNow(report, text, believed, mark);
 }
 
-void ReportIntake::Take(const Report& report, std::string_view text, const ReportContent& content,
-                        const std::optional<FileMark>& mark) {
+void ReportIntake::StoreNow(const Report& report, std::string_view text, const ReportContent& content,
+                            const std::optional<FileMark>& mark) {
     const auto [cursor, refused] = store_.Append(report, text, content, mark);
     if (cursor == 0) {
         return;
     }
     if (refused) {
-        counters_.RefusedByPlugin();
+        counters_.refused_by_plugin.Increment();
     }
     QXPAGENT_LOG(kLogInfo, "report %llu stored, command [%s], %zu bytes%s%s", static_cast<unsigned long long>(cursor),
                  report.id.c_str(), text.size(), report.file.empty() ? "" : ", file ", report.file.c_str());

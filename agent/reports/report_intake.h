@@ -14,7 +14,7 @@
 
 namespace qxpagent {
 
-/// What may wait in memory for a store that takes nothing.
+/// How much may wait in memory while the store refuses everything.
 struct WaitingLimits {
     size_t reports = 10000;
     size_t bytes = size_t{256} << 20;  // of texts
@@ -35,9 +35,10 @@ public:
           stored_(std::move(stored)),
           limits_(limits) {}
 
-    /// Stores a message of the plugin, which has no other copy of it: what the store does not take, and all that comes
-    /// behind it, waits in memory for StoreWaiting. False when there is no room for that either; the report is then
-    /// among the lost. What is malformed is refused, which is no loss. Both are logged.
+    /// Decodes and stores a message of the plugin, which has no other copy of it and does not send it again. So what
+    /// the store refuses is held in memory, in order, until StoreWaiting: docs/decisions/008-durability.md. False when
+    /// the limits are reached; the report is then among the lost. False also for a malformed one, which is no loss.
+    /// Both are logged.
     bool AcceptMessage(std::string_view envelope);
     /// Stores a result file, unless this state of it was stored before. Throws StoreError.
     void AcceptFile(const FileMark& mark, std::string_view text, const ReportContent& content);
@@ -47,10 +48,10 @@ public:
         return store_.HasFile(name, modified_ns, size);
     }
 
-    /// Stores what waits, oldest first, as far as the store takes it. Returns how many are left.
+    /// Stores what waits, oldest first, until the store refuses one. Returns how many are left.
     size_t StoreWaiting();
     size_t Waiting() const;
-    /// What the reports said that were lost since the last call: nobody else will tell their commands.
+    /// The contents of the reports that were lost since the last call, so that their commands reach a final state.
     std::vector<ReportContent> ExtractLost();
 
 private:
@@ -60,8 +61,8 @@ private:
         ReportContent content;
     };
 
-    void Take(const Report& report, std::string_view text, const ReportContent& content,
-              const std::optional<FileMark>& mark);
+    void StoreNow(const Report& report, std::string_view text, const ReportContent& content,
+                  const std::optional<FileMark>& mark);
     bool Keep(const Report& report, std::string_view text, const ReportContent& content, const std::string& reason);
 
     Store& store_;
@@ -70,7 +71,7 @@ private:
     const std::function<void()> stored_;
     const WaitingLimits limits_;
 
-    std::mutex turn_;  // of storing a message, and of taking the front away; taken before mutex_
+    std::mutex turn_;  // held while a message is stored and while the front is removed; locked before mutex_
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.

@@ -16,6 +16,8 @@
 #include <system_error>
 #include <utility>
 
+#include <fmt/core.h>
+
 #include "agent/log.h"
 #include "base/entry_names.h"
 #include "base/errno_text.h"
@@ -30,7 +32,7 @@ constexpr off_t kMaxFileBytes = off_t{256} << 20;
 constexpr uint64_t kMostWarnings = 20;  // about files of one scan
 constexpr uint32_t kWatched = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
-// Not kept open: a directory that somebody has open is never told to be gone.
+// Opened for each use: while it is open, inotify does not tell that the directory was removed.
 qxpbase::UniqueFd OpenDirectory(const std::filesystem::path& path) {
     return qxpbase::UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
@@ -92,8 +94,8 @@ ResultCollector::ResultCollector(const std::filesystem::path& directory, ReportI
         Watch();
     }
     if (!watching_) {
-        throw qxpbase::StartupError("The result directory " + directory_.string() +
-                                    " cannot be watched: " + qxpbase::ErrnoText(errno) + ".");
+        throw qxpbase::StartupError(fmt::format("The result directory {} cannot be watched: {}.", directory_.string(),
+                                                qxpbase::ErrnoText(errno)));
     }
     Scan();
     StoreBacklog(times_.start);
@@ -128,8 +130,8 @@ void ResultCollector::Watch() {
     watching_ = inotify_add_watch(watch_.Get(), directory_.c_str(), kWatched) >= 0;
 }
 
-// Everything that is there: at the start, and whenever events may have been lost. The newest come first, since they may
-// be the last words of commands. Throws StoreError.
+// Lists everything that is there: at the start, and whenever events may have been lost. The newest are stored first,
+// since they may be the results that commands still lack. Throws StoreError.
 void ResultCollector::Scan() {
     const qxpbase::UniqueFd directory = OpenDirectory(directory_);
     std::vector<std::pair<int64_t, std::string>> found;
@@ -148,8 +150,8 @@ void ResultCollector::Scan() {
     }
 }
 
-// By its time and size. A file that was written just now may have been written twice within one tick of the clock, and
-// is read to tell.
+// By its time and size. A file that was written just now may have been written twice within one tick of the clock, so
+// it is read again, and its SHA-256 tells.
 bool ResultCollector::IsStored(const std::string& name, const struct stat& status) {
     constexpr time_t kSettled = 10;  // seconds
     return status.st_mtim.tv_sec < time(nullptr) - kSettled &&
@@ -175,7 +177,7 @@ void ResultCollector::Loop() {
     }
 }
 
-// What has come, then a little of what was there. False when the store does not take it.
+// Stores the files that events named, then a part of the backlog. False when the store refuses one.
 bool ResultCollector::Round() {
     constexpr std::chrono::milliseconds kSlice{100};
     bool complete = ReadEvents();
@@ -189,7 +191,7 @@ bool ResultCollector::Round() {
     return StorePending() && StoreBacklog(kSlice);
 }
 
-// False when events were lost, or the directory was.
+// False when the kernel dropped events.
 bool ResultCollector::ReadEvents() {
     alignas(inotify_event) std::array<char, 65536> buffer;
     bool complete = true;
@@ -246,7 +248,7 @@ void ResultCollector::LeaveAlone(const std::string& name, const char* reason) {
     }
 }
 
-// False when the store did not take it.
+// False when the store refused it. A file that is of no use is passed over.
 bool ResultCollector::StoreOne(int directory, const std::string& name) {
     std::optional<ResultFile> file = ReadResultFile(directory, name);
     if (!file.has_value()) {

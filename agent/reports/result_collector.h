@@ -29,24 +29,25 @@ struct ResultFile {
 std::optional<ResultFile> ReadResultFile(int directory, const std::string& name);
 
 struct CollectorTimes {
-    std::chrono::milliseconds retry{1000};  // what the store has not taken is tried again
-    std::chrono::milliseconds start{3000};  // how long the constructor may take what is there
+    std::chrono::milliseconds retry{1000};  // between two tries of what the store refused
+    std::chrono::milliseconds start{3000};  // how long the constructor may store what is there
 };
 
 /// Copies the plugin's result files into the store, each state of each file once: those that are there at the start,
 /// newest first, and each that is written or moved there afterwards. A file that is no complete JSON document is left
-/// alone, with a warning. The files stay where they are. What the store does not take is tried again until it does.
+/// alone, with a warning. The files stay where they are. What the store refuses is tried again until it is stored. Why
+/// they are copied at once: docs/decisions/008-durability.md.
 class ResultCollector {
 public:
-    /// Makes the directory if need be, watches it, and takes what is there; what it has no time for is taken
-    /// afterwards, behind what comes. Throws StartupError when the directory cannot be watched, StoreError when the
-    /// store cannot be read. `intake` must outlive it.
+    /// Makes the directory if need be, watches it, and stores what is there for at most `times.start`; the thread
+    /// stores the rest, after the files that are written meanwhile. Throws StartupError when the directory cannot be
+    /// watched, StoreError when the store cannot be read. `intake` must outlive it.
     ResultCollector(const std::filesystem::path& directory, ReportIntake& intake, const CollectorTimes& times = {});
     ~ResultCollector();
     ResultCollector(const ResultCollector&) = delete;
     ResultCollector& operator=(const ResultCollector&) = delete;
 
-    /// Ends the watch and takes, for the last time, what has come. A second call does nothing.
+    /// Ends the watch and stores, for the last time, what has been written. A second call does nothing. One thread.
     void Stop();
 
 private:

@@ -1,48 +1,46 @@
 #pragma once
 
-#include <mutex>
+#include <prometheus/counter.h>
+#include <prometheus/family.h>
+#include <prometheus/histogram.h>
+#include <prometheus/registry.h>
+
+#include <vector>
 
 #include "agent/records/report_document.h"
 
 namespace qxpagent {
 
-/// What has happened since the agent started.
-struct AgentCounters {
-    uint64_t commands_taken = 0;
-    uint64_t commands_refused_at_admission = 0;
-    uint64_t commands_refused_by_plugin = 0;
-    uint64_t runs_succeeded = 0;
-    uint64_t runs_failed = 0;
-    uint64_t runs_timed_out = 0;
-    uint64_t runs_interrupted = 0;
-    uint64_t output_bytes = 0;
-    std::vector<std::pair<double, uint64_t>> run_seconds;  // upper bound, runs at most that long; the last is infinity
-    double run_seconds_sum = 0;
-    uint64_t removed_undelivered = 0;  // reports that retention removed before anybody acknowledged them
-    uint64_t reports_lost = 0;         // that neither the store nor the memory had room for
-};
-
-/// What has happened since the start, counted. Any thread.
+/// What has happened since the agent started, under the names and with the help texts of the metrics. Any thread.
 class RunCounters {
+    using CounterFamily = prometheus::Family<prometheus::Counter>;
+
+    CounterFamily& Family(const char* name, const char* help);
+
+    prometheus::Registry registry_;  // owns all that is referred to below
+    CounterFamily& refused_;
+    CounterFamily& runs_;
+
 public:
     RunCounters();
 
-    void CommandTaken();
-    void RefusedAtAdmission();
-    /// Commands that the plugin refused, at once or later.
-    void RefusedByPlugin();
-    /// Runs that will never have a result.
-    void Interrupted(uint64_t runs);
-    void RemovedUndelivered(uint64_t reports);
-    void ReportLost();
-    /// The runs of a report that was stored.
+    /// Counts the runs of a report that was stored.
     void Count(const ReportContent& content);
 
-    AgentCounters Get() const;
+    /// The figures as they are now.
+    std::vector<prometheus::MetricFamily> Collect() const { return registry_.Collect(); }
 
-private:
-    mutable std::mutex mutex_;
-    AgentCounters counters_;  // guarded by mutex_
+    prometheus::Counter& commands_taken;
+    prometheus::Counter& refused_at_admission;  // commands
+    prometheus::Counter& refused_by_plugin;     // commands, whether refused at once or later
+    prometheus::Counter& runs_succeeded;
+    prometheus::Counter& runs_failed;
+    prometheus::Counter& runs_timed_out;
+    prometheus::Counter& runs_interrupted;  // runs that will never have a result
+    prometheus::Counter& output_bytes;
+    prometheus::Histogram& run_seconds;
+    prometheus::Counter& removed_undelivered;  // reports that retention removed before anybody acknowledged them
+    prometheus::Counter& reports_lost;         // that neither the store nor the memory had room for
 };
 
 }  // namespace qxpagent

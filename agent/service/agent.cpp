@@ -198,7 +198,7 @@ AgentStatus Agent::Status() {
     status.scripts_waiting = scripts.unreported;
     status.store = store_->Figures();
     status.reports_waiting = intake_->Waiting();
-    status.counters = counters_.Get();
+    status.counters = counters_.Collect();
     return status;
 }
 

@@ -86,7 +86,7 @@ void Maintenance::StoreWaiting() {
 
 void Maintenance::Retain(const Retention& retention) {
     const Removed removed = store_.Retain(retention, std::chrono::system_clock::now());
-    counters_.RemovedUndelivered(removed.unacknowledged);
+    counters_.removed_undelivered.Increment(static_cast<double>(removed.unacknowledged));
     if (removed.unacknowledged > 0) {
         QXPAGENT_LOG(
             kLogError,

@@ -97,8 +97,8 @@ TEST_F(CommandServiceTest, ACommandIsJournalledAsDeliveredBeforeThePluginHasIt) 
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit(Document("a/b")));
     EXPECT_EQ(SubmitStatus::kUnacceptable, Submit("no json"));
     EXPECT_EQ(1U, delivered_.size());
-    EXPECT_EQ(1U, counters_.Get().commands_taken);
-    EXPECT_EQ(2U, counters_.Get().commands_refused_at_admission);
+    EXPECT_EQ(1, counters_.commands_taken.Value());
+    EXPECT_EQ(2, counters_.refused_at_admission.Value());
 }
 
 TEST_F(CommandServiceTest, TheAnswerTellsWhatCameOfIt) {
@@ -123,8 +123,8 @@ TEST_F(CommandServiceTest, TheAnswerTellsWhatCameOfIt) {
     expect_refused(Document("untrusted", Script("a", "sh", "01100000ff")), "; script 1: bad signature: ");
     PluginSays(kBusReceiverFailed);
     expect_refused(Document("failed"), "");
-    EXPECT_EQ(4U, counters_.Get().commands_refused_by_plugin);
-    EXPECT_EQ(5U, counters_.Get().commands_taken);
+    EXPECT_EQ(4, counters_.refused_by_plugin.Value());
+    EXPECT_EQ(5, counters_.commands_taken.Value());
 
     PluginSays(kBusTimedOut);
     const SubmitOutcome outcome = commands_->Submit(Document("late"), kPeer);
@@ -133,9 +133,9 @@ TEST_F(CommandServiceTest, TheAnswerTellsWhatCameOfIt) {
     for (int i = 0; i < 2; ++i) {
         Report(R"({"ID":"late","msg_type":"4","data_type":"x"})");
         EXPECT_EQ(CommandState::kRefused, StateOf("late"));
-        EXPECT_EQ(5U, counters_.Get().commands_refused_by_plugin) << "a late refusal counts, and counts once";
+        EXPECT_EQ(5, counters_.refused_by_plugin.Value()) << "a late refusal counts, and counts once";
     }
-    EXPECT_EQ(6U, counters_.Get().commands_taken);
+    EXPECT_EQ(6, counters_.commands_taken.Value());
 }
 
 TEST_F(CommandServiceTest, WhatNeverReachedThePluginCanBeSentAgain) {
@@ -227,7 +227,7 @@ TEST_F(CommandServiceTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAW
     EXPECT_EQ(CommandState::kDelivered, StateOf("new")) << "it is of this process";
     EXPECT_EQ((std::vector<std::string>{Document("new"), Document("journalled")}), delivered_);
     EXPECT_EQ(1U, AgentReports("running"));
-    EXPECT_EQ(1U, counters_.Get().runs_interrupted);
+    EXPECT_EQ(1, counters_.runs_interrupted.Value());
 
     commands_->RetryPending();
     EXPECT_EQ(2U, delivered_.size());

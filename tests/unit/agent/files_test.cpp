@@ -220,7 +220,7 @@ TEST_F(FilesTest, MaintenanceKeepsTheStoreWithinItsLimits) {
     EXPECT_TRUE(WaitUntil([&] { return store_->Bytes() <= 1000 && !fs::exists(data_ / "202611210903010001.sh"); }));
     maintenance.Stop();
     EXPECT_EQ(2U, store_->Figures().reports);
-    EXPECT_EQ(8U, counters_.Get().removed_undelivered);
+    EXPECT_EQ(8, counters_.removed_undelivered.Value());
 }
 
 }  // namespace

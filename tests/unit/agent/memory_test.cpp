@@ -59,7 +59,7 @@ TEST_F(LargestReportTest, SixtyThreeFullOutputsPeakBelowFourTimesTheirSize) {
               << static_cast<double>(peak) / static_cast<double>(size) << " times its size" << std::endl;
     EXPECT_GT(size, kRuns * 2 * COutputCapture::PART_LIMIT);
     EXPECT_LT(peak, 4 * size);
-    EXPECT_EQ(counters_.Get().runs_succeeded, kRuns);
+    EXPECT_EQ(counters_.runs_succeeded.Value(), kRuns);
 }
 
 }  // namespace

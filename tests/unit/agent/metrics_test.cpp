@@ -1,9 +1,9 @@
-#include "agent/api/metrics.h"
-
 #include <gmock/gmock.h>
 
-#include <cmath>
 #include <sstream>
+
+#include "agent/api/api_json.h"
+#include "agent/reports/run_counters.h"
 
 namespace qxpagent {
 namespace {
@@ -11,6 +11,17 @@ namespace {
 using testing::HasSubstr;
 
 AgentStatus Busy() {
+    RunCounters counters;
+    counters.commands_taken.Increment(11);
+    counters.refused_at_admission.Increment(4);
+    counters.refused_by_plugin.Increment(5);
+    counters.runs_interrupted.Increment(4);
+    counters.removed_undelivered.Increment(2);
+    ReportContent content;
+    content.runs = {{"a", "", "", true, false, 1, 1234567}, {"b", "", "", false, false, 2, 0},
+                    {"c", "", "", false, false, 90, 0},     {"d", "", "", false, true, 20000, 0},
+                    {"e", "", "", false, true, 3, 0},       {"f", "", "", false, true, 4, 0}};
+    counters.Count(content);
     AgentStatus status;
     status.version = "1.2.3";
     status.plugin_version = "4 \"x\"";
@@ -18,7 +29,7 @@ AgentStatus Busy() {
     status.scripts_queued = 7;
     status.scripts_waiting = 6;
     status.store = {12, 3, 0, {}, 5000000001, 0, {{CommandState::kReported, 8}, {CommandState::kDelivered, 2}}, ""};
-    status.counters = {11, 4, 5, 1, 2, 3, 4, 1234567, {{0.1, 1}, {1, 4}, {INFINITY, 10}}, 99.5, 2};
+    status.counters = counters.Collect();
     return status;
 }
 
@@ -36,11 +47,12 @@ TEST(MetricsTest, EveryFigureIsExposed) {
                              R"(qxpagent_runs_total{outcome="timed_out"} 3)",
                              R"(qxpagent_runs_total{outcome="interrupted"} 4)",
                              "qxpagent_run_output_bytes_total 1234567",
-                             R"(qxpagent_run_duration_seconds_bucket{le="0.1"} 1)",
-                             R"(qxpagent_run_duration_seconds_bucket{le="1"} 4)",
-                             R"(qxpagent_run_duration_seconds_bucket{le="+Inf"} 10)",
-                             "qxpagent_run_duration_seconds_count 10",
-                             "qxpagent_run_duration_seconds_sum 99.5",
+                             R"(qxpagent_run_duration_seconds_bucket{le="1"} 1)",
+                             R"(qxpagent_run_duration_seconds_bucket{le="2"} 2)",
+                             R"(qxpagent_run_duration_seconds_bucket{le="60"} 4)",
+                             R"(qxpagent_run_duration_seconds_bucket{le="+Inf"} 6)",
+                             "qxpagent_run_duration_seconds_count 6",
+                             "qxpagent_run_duration_seconds_sum 20100",
                              R"(qxpagent_commands{state="reported"} 8)",
                              R"(qxpagent_commands{state="delivered"} 2)",
                              R"(qxpagent_commands{state="refused"} 0)",
@@ -56,6 +68,7 @@ TEST(MetricsTest, EveryFigureIsExposed) {
 
 TEST(MetricsTest, AgesAndFaultsAreToldAsTheyAreNow) {
     AgentStatus status;
+    status.counters = RunCounters().Collect();
     status.store.fault = "no space";
     const auto oldest = std::chrono::system_clock::now() - std::chrono::seconds(100);
     status.store.oldest_pending = oldest;

@@ -102,7 +102,7 @@ TEST_F(ManagerTest, AReportThatTheStoreDoesNotTakeWaitsWithThoseBehindIt) {
     EXPECT_EQ("123", order);
     EXPECT_THAT(intake_.ExtractLost(), testing::ElementsAre(testing::Field(&ReportContent::id, "4")));
     EXPECT_THAT(intake_.ExtractLost(), testing::IsEmpty());
-    EXPECT_EQ(1U, counters_.Get().reports_lost);
+    EXPECT_EQ(1, counters_.reports_lost.Value());
     EXPECT_EQ(kBusOk, Send("{}")) << "there is room again";
 }
 
@@ -159,14 +159,14 @@ TEST(ReportDocumentTest, IsReadAsFarAsItGoes) {
 
     RunCounters counters;
     counters.Count(content);
-    const AgentCounters counted = counters.Get();
-    EXPECT_EQ(1U, counted.runs_succeeded);
-    EXPECT_EQ(2U, counted.runs_timed_out);
-    EXPECT_EQ(7, counted.run_seconds_sum);
-    for (const auto& [bound, runs] : counted.run_seconds) {
-        EXPECT_EQ(bound < 7 ? 2U : 3U, runs) << bound << ", cumulative";
+    EXPECT_EQ(1, counters.runs_succeeded.Value());
+    EXPECT_EQ(2, counters.runs_timed_out.Value());
+    const prometheus::ClientMetric::Histogram seconds = counters.run_seconds.Collect().histogram;
+    EXPECT_EQ(7, seconds.sample_sum);
+    EXPECT_EQ(3U, seconds.sample_count);
+    for (const auto& bucket : seconds.bucket) {
+        EXPECT_EQ(bucket.upper_bound < 7 ? 2U : 3U, bucket.cumulative_count) << bucket.upper_bound;
     }
-    EXPECT_EQ(3U, counted.run_seconds.back().second);
 }
 
 TEST(LocalTimeTextTest, IsRfc3339WithTheOffsetOfThePlace) {

@@ -3,7 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "ctl/commands/command_line.h"
+#include "ctl/commands/commands.h"
 
 int main(int argc, char** argv) {
     // A reader that goes away is an error of the write, told like any other.

@@ -1,7 +1,12 @@
 #include "ctl/client/agent_client.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
+
+#include "ctl/client/agent_socket.h"
 
 namespace qxpctl {
 
@@ -13,36 +18,30 @@ using std::chrono::seconds;
 constexpr milliseconds kDefaultTimeout{120000};
 // A policy file runs for as long as its scripts do.
 constexpr milliseconds kNoTimeout{0};
+// The most that the agent puts on one page.
+constexpr unsigned kPageLimit = 1000;
 
+constexpr long kAccepted = 202;
 constexpr long kConflict = 409;
 constexpr long kRefusedAtAdmission = 422;
 constexpr long kUnavailable = 503;
 constexpr long kNotAcknowledged = 504;
 constexpr long kStorageFull = 507;
 
-bool Succeeded(const Answer& answer) {
+bool Succeeded(const qxphttp::Answer& answer) {
     return answer.status >= 200 && answer.status < 300;
 }
 
 // The agent's own words for what went wrong.
-std::string DetailOf(const Answer& answer) {
+std::string DetailOf(const qxphttp::Answer& answer) {
     const Json body = Json::parse(answer.body, nullptr, false);
-    return TextMember(body, "detail", TextMember(body, "title", "status " + std::to_string(answer.status)));
+    return TextMember(body, "detail", TextMember(body, "title", fmt::format("status {}", answer.status)));
 }
 
-// Without a full stop, so that the sentence can go on.
-std::string Clause(std::string text) {
-    while (!text.empty() && (text.back() == '.' || text.back() == ' ')) {
-        text.pop_back();
-    }
-    return text;
-}
-
-std::string WhenToTryAgain(const Answer& answer) {
-    if (!answer.retry_after) {
-        return "see its log and try again";
-    }
-    return "try again in " + std::to_string(answer.retry_after->count()) + " s";
+// The same without a full stop, so that the sentence can go on.
+std::string ClauseOf(const qxphttp::Answer& answer) {
+    const std::string text = DetailOf(answer);
+    return text.substr(0, text.find_last_not_of(". ") + 1);
 }
 
 seconds BoundedWait(seconds wait) {
@@ -51,171 +50,200 @@ seconds BoundedWait(seconds wait) {
 
 }  // namespace
 
-AgentClient::AgentClient(std::string socket_path) : http_(std::move(socket_path)), timeout_(kDefaultTimeout) {
+AgentClient::AgentClient(std::string socket_path) : socket_path_(std::move(socket_path)), timeout_(kDefaultTimeout) {
+    if (socket_path_.size() > qxphttp::MaxSocketPathBytes()) {
+        throw BadInput("the socket path {} is longer than the {} bytes that a Unix socket may have", socket_path_,
+                       qxphttp::MaxSocketPathBytes());
+    }
 }
 
 // Runs a reader of agent_objects.h over an answer.
 template <typename Reader>
-static auto Interpret(const AgentHttp& http, Json json, Reader reader) {
+auto AgentClient::Interpret(const Answer& answer, Reader reader) const {
     try {
-        return reader(std::move(json));
+        return reader(ReadObject(answer));
     } catch (const std::invalid_argument& error) {
-        http.FailForeign(error.what());
+        FailForeign(error.what());
     }
 }
 
-AgentStatus AgentClient::GetStatus(const Tick& tick) {
-    std::optional<Json> json = Get("/v1/status", timeout_, tick);
-    if (!json) {
-        throw Error(ExitCode::kInterrupted, "interrupted");
-    }
-    return Interpret(http_, std::move(*json), ReadStatus);
+// Asks for a JSON object and has it read. Nothing when tick gave up.
+template <typename Reader>
+auto AgentClient::Get(const std::string& target, seconds wait, const Tick& tick, Reader reader) const {
+    const std::optional<Answer> answer = Perform(target, nullptr, wait + timeout_, tick);
+    return answer ? std::optional(Interpret(*answer, reader)) : std::nullopt;
 }
 
-Health AgentClient::GetHealth() {
-    const Answer answer = http_.Perform("/v1/health", nullptr, timeout_, {}).value();
+AgentStatus AgentClient::GetStatus() const {
+    return Get("/v1/status", seconds(0), {}, ReadStatus).value();
+}
+
+Health AgentClient::GetHealth() const {
+    const Answer answer = Perform("/v1/health", nullptr, timeout_, {}).value();
     const Json body = Json::parse(answer.body, nullptr, false);
     if (TextMember(body, "status").empty()) {
         FailRefused(answer);
     }
     Health health{Succeeded(answer), {}};
-    if (const Json* const problems = FindMember(body, "problems"); problems && problems->is_array()) {
-        for (const Json& problem : *problems) {
-            health.problems.push_back(problem.is_string() ? problem.get<std::string>() : problem.dump());
-        }
+    for (const Json& problem : MemberOr<Json::array_t>(body, "problems")) {
+        health.problems.push_back(problem.is_string() ? problem.get<std::string>() : problem.dump());
     }
     return health;
 }
 
-std::optional<Submission> AgentClient::Submit(const std::string& document, const Tick& tick) {
-    const std::optional<Answer> answer = http_.Perform("/v1/commands", &document, timeout_, tick);
+std::optional<Submission> AgentClient::Submit(const std::string& document, const Tick& tick) const {
+    const std::optional<Answer> answer = Perform("/v1/commands", &document, timeout_, tick);
     if (!answer) {
         return std::nullopt;
     }
-    if (answer->status == kRefusedAtAdmission) {
-        throw CommandRefused(DetailOf(*answer));
+    switch (answer->status) {
+        case kRefusedAtAdmission:
+            throw CommandRefused(DetailOf(*answer));
+        case kConflict:
+            throw BadInput(
+                "the agent refuses: {}; pack it with another ID (qxpctl pack --id, or none for a random one)",
+                ClauseOf(*answer));
+        case kNotAcknowledged:
+            throw NotAcknowledged("the agent has the policy, but: {}; look later with 'qxpctl show'",
+                                  ClauseOf(*answer));
+        default:
+            return Submission{answer->status == kAccepted, Interpret(*answer, ReadCommand)};
     }
-    if (answer->status == kConflict) {
-        throw BadInput("the agent refuses: " + Clause(DetailOf(*answer)) +
-                       "; pack it with another ID (qxpctl pack --id, or none for a random one)");
-    }
-    if (answer->status == kNotAcknowledged) {
-        throw NotAcknowledged("the agent has the policy, but: " + Clause(DetailOf(*answer)) +
-                              "; look later with 'qxpctl show'");
-    }
-    return Submission{answer->status == 202, Interpret(http_, Read(*answer), ReadCommand)};
 }
 
-std::optional<CommandPage> AgentClient::ListCommands(const CommandFilter& filter, const Tick& tick) {
+std::optional<CommandPage> AgentClient::ListCommands(const CommandFilter& filter, const Tick& tick) const {
     const seconds wait = BoundedWait(filter.wait);
-    std::optional<Json> json =
-        Get("/v1/commands?after=" + std::to_string(filter.after) + "&limit=" + std::to_string(filter.limit) +
-                "&wait=" + std::to_string(wait.count()),
-            wait + timeout_, tick);
-    if (!json) {
-        return std::nullopt;
-    }
-    return Interpret(http_, std::move(*json), ReadCommandPage);
+    return Get(fmt::format("/v1/commands?after={}&limit={}&wait={}", filter.after, kPageLimit, wait.count()), wait,
+               tick, ReadCommandPage);
 }
 
-CommandDetail AgentClient::GetCommand(const std::string& id) {
-    return Interpret(http_, Get("/v1/commands/" + qxphttp::EscapeForUrl(id), timeout_, {}).value(), ReadCommandDetail);
+CommandDetail AgentClient::GetCommand(const std::string& id) const {
+    return Get("/v1/commands/" + qxphttp::EscapeForUrl(id), seconds(0), {}, ReadCommandDetail).value();
 }
 
-std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, const Tick& tick) {
+std::optional<ReportPage> AgentClient::GetReports(const ReportFilter& filter, const Tick& tick) const {
     const seconds wait = BoundedWait(filter.wait);
-    std::string target = "/v1/reports?after=" + std::to_string(filter.after) +
-                         "&limit=" + std::to_string(filter.limit) + "&wait=" + std::to_string(wait.count());
+    std::string target = fmt::format("/v1/reports?after={}&limit={}&wait={}", filter.after, kPageLimit, wait.count());
     if (!filter.id.empty()) {
         target += "&id=" + qxphttp::EscapeForUrl(filter.id);
     }
-    if (!filter.source.empty()) {
-        target += "&source=" + qxphttp::EscapeForUrl(filter.source);
-    }
     if (filter.acknowledged) {
-        target += *filter.acknowledged ? "&acknowledged=true" : "&acknowledged=false";
+        target += fmt::format("&acknowledged={}", *filter.acknowledged);
     }
     if (!filter.documents) {
         target += "&documents=false";
     }
-    std::optional<Json> json = Get(target, wait + timeout_, tick);
-    if (!json) {
-        return std::nullopt;
-    }
-    return Interpret(http_, std::move(*json), ReadReportPage);
+    return Get(target, wait, tick, ReadReportPage);
 }
 
-uint64_t AgentClient::Acknowledge(const std::vector<uint64_t>& cursors) {
+uint64_t AgentClient::Acknowledge(const std::vector<uint64_t>& cursors) const {
     // Its bodies are small: 64 KiB hold more than 3000 of the longest numbers.
     constexpr size_t kBatch = 1000;
     uint64_t acknowledged = 0;
     for (size_t at = 0; at < cursors.size(); at += kBatch) {
         const auto first = cursors.begin() + static_cast<std::ptrdiff_t>(at);
-        const auto last = cursors.begin() + static_cast<std::ptrdiff_t>(std::min(at + kBatch, cursors.size()));
+        const auto last = first + static_cast<std::ptrdiff_t>(std::min(kBatch, cursors.size() - at));
         const Json body = {{"cursors", std::vector<uint64_t>(first, last)}};
-        const Json answer = Post("/v1/reports/acknowledge", body.dump(), timeout_, {}).value();
-        acknowledged += NumberMember(answer, "acknowledged");
+        acknowledged += NumberMember(Post("/v1/reports/acknowledge", body, timeout_, {}).value(), "acknowledged");
     }
     return acknowledged;
 }
 
-std::string AgentClient::GetResultFile(uint64_t cursor) {
-    Answer answer = http_.Perform("/v1/results/" + std::to_string(cursor), nullptr, timeout_, {}).value();
+std::string AgentClient::GetResultFile(uint64_t cursor) const {
+    Answer answer = Perform(fmt::format("/v1/results/{}", cursor), nullptr, timeout_, {}).value();
     if (!Succeeded(answer)) {
         FailRefused(answer);
     }
     return std::move(answer.body);
 }
 
-std::optional<bool> AgentClient::RunOnce(const std::string& name, const Tick& tick) {
-    const Json body = {{"name", name}};
-    const std::optional<Json> answer = Post("/v1/runonce", body.dump(), kNoTimeout, tick);
+std::optional<bool> AgentClient::RunOnce(const std::string& name, const Tick& tick) const {
+    const std::optional<Json> answer = Post("/v1/runonce", {{"name", name}}, kNoTimeout, tick);
     if (!answer) {
         return std::nullopt;
     }
-    const Json* const accepted = FindMember(*answer, "accepted");
-    if (!accepted || !accepted->is_boolean()) {
-        http_.FailForeign("it did not say whether it accepted the policy");
+    const Json& accepted = Member(*answer, "accepted");
+    if (!accepted.is_boolean()) {
+        FailForeign("it did not say whether it accepted the policy");
     }
-    return accepted->get<bool>();
+    return accepted.get<bool>();
 }
 
-std::optional<Json> AgentClient::Get(const std::string& target, milliseconds timeout, const Tick& tick) const {
-    const std::optional<Answer> answer = http_.Perform(target, nullptr, timeout, tick);
-    return answer ? std::optional(Read(*answer)) : std::nullopt;
+// Sends a GET, or a POST when there is a body. Nothing when tick gave up.
+std::optional<qxphttp::Answer> AgentClient::Perform(const std::string& target, const std::string* body,
+                                                    milliseconds timeout, const Tick& tick) const {
+    using HttpCause = qxphttp::RequestError::Cause;
+    AgentAway::Cause cause = AgentAway::Cause::kBroken;
+    std::string reason;
+    try {
+        return qxphttp::Perform(socket_path_, target, body, timeout, tick);
+    } catch (const qxphttp::RequestError& error) {
+        switch (error.GetCause()) {
+            case HttpCause::kNoClient:
+                throw LocalFailure(error.what());
+            case HttpCause::kTooLarge:
+                FailForeign(fmt::format("its answer is larger than {} bytes", qxphttp::kMaxAnswerBytes));
+            case HttpCause::kUnreachable:
+                cause = AgentAway::Cause::kUnreachable;
+                reason = "nothing answers on " + socket_path_;
+                break;
+            case HttpCause::kTimedOut:
+                reason = fmt::format("the agent on {} does not answer in time", socket_path_);
+                break;
+            case HttpCause::kBroken:
+                reason = fmt::format("the connection to the agent on {} broke ({})", socket_path_, error.what());
+                break;
+        }
+    }
+    const int failure = access(socket_path_.c_str(), R_OK | W_OK) == 0 ? 0 : errno;
+    if (failure == ENOENT || failure == ENOTDIR) {
+        throw AgentAway(cause, fmt::format("there is no agent socket {}; start qxpagent (systemctl start qxpagent), or "
+                                           "name its socket with --socket or QXPAGENT_SOCKET",
+                                           socket_path_));
+    }
+    if (failure == EACCES) {
+        throw AgentUnavailable("no permission to use the agent socket {}; {}", socket_path_, WhoMayUse(socket_path_));
+    }
+    throw AgentAway(cause, reason + "; is qxpagent running, and is this its socket (--socket, QXPAGENT_SOCKET)?");
 }
 
-std::optional<Json> AgentClient::Post(const std::string& target, const std::string& body, milliseconds timeout,
+std::optional<Json> AgentClient::Post(const std::string& target, const Json& body, milliseconds timeout,
                                       const Tick& tick) const {
-    const std::optional<Answer> answer = http_.Perform(target, &body, timeout, tick);
-    return answer ? std::optional(Read(*answer)) : std::nullopt;
+    const std::string text = body.dump();
+    const std::optional<Answer> answer = Perform(target, &text, timeout, tick);
+    return answer ? std::optional(ReadObject(*answer)) : std::nullopt;
 }
 
-Json AgentClient::Read(const Answer& answer) const {
+Json AgentClient::ReadObject(const Answer& answer) const {
     if (!Succeeded(answer)) {
         FailRefused(answer);
     }
     Json body = Json::parse(answer.body, nullptr, false);
     if (!body.is_object()) {
-        http_.FailForeign("its answer is not a JSON object");
+        FailForeign("its answer is not a JSON object");
     }
     return body;
 }
 
 void AgentClient::FailRefused(const Answer& answer) const {
-    const std::string detail = DetailOf(answer);
     // 4xx: this request cannot succeed as it is. Anything else is the agent's own trouble.
     if (answer.status >= 400 && answer.status < 500) {
-        throw BadInput("the agent refuses: " + detail);
+        throw BadInput("the agent refuses: {}", DetailOf(answer));
     }
-    const std::string text = "the agent on " + SocketPath() + " cannot do this now: " + Clause(detail) + "; ";
+    const std::string advice = answer.status == kStorageFull ? "make room on its disk, and try again"
+                               : answer.retry_after ? fmt::format("try again in {} s", answer.retry_after->count())
+                                                    : "see its log and try again";
+    const std::string text =
+        fmt::format("the agent on {} cannot do this now: {}; {}", socket_path_, ClauseOf(answer), advice);
     if (answer.status == kUnavailable) {
-        throw AgentAway(AgentAway::Cause::kBusy, text + WhenToTryAgain(answer));
+        throw AgentAway(AgentAway::Cause::kBusy, text);
     }
-    if (answer.status == kStorageFull) {
-        throw AgentUnavailable(text + "make room on its disk, and try again");
-    }
-    throw AgentUnavailable(text + WhenToTryAgain(answer));
+    throw AgentUnavailable(text);
+}
+
+// What answers does not speak like the agent.
+void AgentClient::FailForeign(const std::string& what) const {
+    throw AgentUnavailable("what answers on {} does not speak like qxpagent: {}; check --socket", socket_path_, what);
 }
 
 }  // namespace qxpctl

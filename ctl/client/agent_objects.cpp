@@ -1,164 +1,115 @@
 #include "ctl/client/agent_objects.h"
 
+#include <optional>
 #include <stdexcept>
+
+#include <fmt/core.h>
 
 namespace qxpctl {
 
 namespace {
 
-[[noreturn]] void Unreadable(const std::string& what) {
-    throw std::invalid_argument(what);
-}
-
-uint64_t NeededNumber(const Json& object, const char* key, const char* of) {
-    const Json* const member = FindMember(object, key);
-    if (!member || !member->is_number_unsigned()) {
-        Unreadable(std::string(of) + " has no number \"" + key + "\"");
+// A member that this tool depends on. The complaint says what is missing, up to the name of the member.
+template <typename T>
+T& Needed(Json& object, const char* key, const char* complaint) {
+    const auto member = object.find(key);
+    T* const value = member == object.end() ? nullptr : member->template get_ptr<T*>();
+    if (value == nullptr) {
+        throw std::invalid_argument(fmt::format("{} \"{}\"", complaint, key));
     }
-    return member->get<uint64_t>();
-}
-
-std::string NeededText(const Json& object, const char* key, const char* of) {
-    const Json* const member = FindMember(object, key);
-    if (!member || !member->is_string()) {
-        Unreadable(std::string(of) + " has no text \"" + key + "\"");
-    }
-    return member->get<std::string>();
+    return *value;
 }
 
 CommandState ReadState(const std::string& name) {
     const std::optional<CommandState> state = qxppolicy::ParseState(name);
     if (!state) {
-        Unreadable("a command has the unknown state \"" + name + "\"");
+        throw std::invalid_argument(fmt::format("a command has the unknown state \"{}\"", name));
     }
     return *state;
 }
 
-std::vector<std::string> TextList(const Json& object, const char* key) {
-    std::vector<std::string> texts;
-    const Json* const list = FindMember(object, key);
-    if (!list || !list->is_array()) {
-        return texts;
+std::vector<Report> ReadReports(Json& json) {
+    std::vector<Report> reports;
+    for (Json& report : Needed<Json::array_t>(json, "reports", "there is no list")) {
+        reports.push_back(ReadReport(std::move(report)));
     }
-    for (const Json& text : *list) {
-        if (text.is_string()) {
-            texts.push_back(text.get<std::string>());
-        }
-    }
-    return texts;
-}
-
-Json& NeededList(Json& object, const char* key) {
-    if (!object.is_object() || !object.contains(key) || !object[key].is_array()) {
-        Unreadable(std::string("there is no list \"") + key + "\"");
-    }
-    return object[key];
+    return reports;
 }
 
 }  // namespace
 
-const Json* FindMember(const Json& object, const char* key) {
-    if (!object.is_object()) {
-        return nullptr;
-    }
-    const auto member = object.find(key);
-    return member == object.end() ? nullptr : &*member;
-}
-
-std::string TextMember(const Json& object, const char* key, std::string_view otherwise) {
-    const Json* const member = FindMember(object, key);
-    return member && member->is_string() ? member->get<std::string>() : std::string(otherwise);
-}
-
-uint64_t NumberMember(const Json& object, const char* key, uint64_t otherwise) {
-    const Json* const member = FindMember(object, key);
-    return member && member->is_number_unsigned() ? member->get<uint64_t>() : otherwise;
-}
-
-Command ReadCommand(const Json& json) {
+Command ReadCommand(Json json) {
     Command command;
-    command.id = NeededText(json, "id", "a command");
-    command.state = ReadState(NeededText(json, "state", "a command"));
-    command.sequence = NeededNumber(json, "sequence", "a command");
+    command.id = Needed<std::string>(json, "id", "a command has no text");
+    command.state = ReadState(Needed<std::string>(json, "state", "a command has no text"));
+    command.sequence = Needed<uint64_t>(json, "sequence", "a command has no number");
     command.command = TextMember(json, "command");
     command.reason = TextMember(json, "reason");
     command.scripts = NumberMember(json, "scripts");
     command.expected = NumberMember(json, "expected", command.scripts);
-    command.unreported = TextList(json, "unreported");
-    if (const Json* const submitter = FindMember(json, "submitter")) {
-        command.submitter = TextMember(*submitter, "user");
+    for (const Json& script : MemberOr<Json::array_t>(json, "unreported")) {
+        if (script.is_string()) {
+            command.unreported.push_back(script.get<std::string>());
+        }
     }
+    command.submitter = TextMember(Member(json, "submitter"), "user");
     command.received = TextMember(json, "received");
     command.finished = TextMember(json, "finished");
-    command.document = json;
+    command.document = std::move(json);
     return command;
 }
 
 Report ReadReport(Json json) {
     Report report;
-    report.cursor = NeededNumber(json, "cursor", "a report");
+    report.cursor = Needed<uint64_t>(json, "cursor", "a report has no number");
     report.id = TextMember(json, "id");
     report.source = TextMember(json, "source");
     report.file = TextMember(json, "file");
     report.received = TextMember(json, "received");
-    const Json* const acknowledged = FindMember(json, "acknowledged");
-    report.acknowledged = acknowledged && acknowledged->is_string();
+    report.acknowledged = Member(json, "acknowledged").is_string();
     report.bytes = NumberMember(json, "bytes");
-    if (const Json* const content = FindMember(json, "document")) {
-        report.content = *content;
-    }
+    report.content = Member(json, "document");
     report.document = std::move(json);
     return report;
 }
 
-CommandPage ReadCommandPage(const Json& json) {
+CommandPage ReadCommandPage(Json json) {
     CommandPage page;
-    page.sequence = NeededNumber(json, "sequence", "the list of commands");
-    Json copy = json;
-    for (const Json& command : NeededList(copy, "commands")) {
-        page.commands.push_back(ReadCommand(command));
+    page.sequence = Needed<uint64_t>(json, "sequence", "the list of commands has no number");
+    for (Json& command : Needed<Json::array_t>(json, "commands", "there is no list")) {
+        page.commands.push_back(ReadCommand(std::move(command)));
     }
     return page;
 }
 
 ReportPage ReadReportPage(Json json) {
-    ReportPage page;
-    page.cursor = NeededNumber(json, "cursor", "the list of reports");
-    for (Json& report : NeededList(json, "reports")) {
-        page.reports.push_back(ReadReport(std::move(report)));
-    }
-    return page;
+    const uint64_t cursor = Needed<uint64_t>(json, "cursor", "the list of reports has no number");
+    return {ReadReports(json), cursor};
 }
 
 CommandDetail ReadCommandDetail(Json json) {
     CommandDetail detail;
-    const Json* const command = FindMember(json, "command");
-    if (!command) {
-        Unreadable("there is no \"command\"");
+    if (!json.contains("command")) {
+        throw std::invalid_argument("there is no \"command\"");
     }
-    detail.command = ReadCommand(*command);
-    for (const Json& report : NeededList(json, "reports")) {
-        detail.reports.push_back(ReadReport(report));
-    }
-    const Json* const more = FindMember(json, "more");
-    detail.has_more = more && more->is_boolean() && more->get<bool>();
-    detail.document = std::move(json);
+    detail.document = json;
+    detail.command = ReadCommand(std::move(json["command"]));
+    detail.reports = ReadReports(json);
+    detail.has_more = MemberOr<bool>(json, "more");
     return detail;
 }
 
 AgentStatus ReadStatus(Json json) {
     AgentStatus status;
-    const Json reports = FindMember(json, "reports") ? json["reports"] : Json();
-    status.last_cursor = NeededNumber(reports, "last_cursor", "its status");
-    status.last_sequence = NeededNumber(json, "last_sequence", "its status");
+    Json reports = Member(json, "reports");
+    status.last_cursor = Needed<uint64_t>(reports, "last_cursor", "its status has no number");
+    status.last_sequence = Needed<uint64_t>(json, "last_sequence", "its status has no number");
     status.version = TextMember(json, "version");
     status.plugin_status = NumberMember(json, "plugin_status");
     status.plugin_version = TextMember(json, "plugin_version");
     status.reports_pending = NumberMember(reports, "pending");
     status.oldest_pending = TextMember(reports, "oldest_pending");
-    if (const Json* const store = FindMember(json, "store")) {
-        status.store_fault = TextMember(*store, "fault");
-    }
+    status.store_fault = TextMember(Member(json, "store"), "fault");
     status.policy_directory = TextMember(json, "policy_directory");
     status.process_directory = TextMember(json, "process_directory");
     status.document = std::move(json);

@@ -1,9 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "ctl/terminal/json.h"
@@ -19,6 +17,8 @@ namespace qxpctl {
 
 using qxppolicy::CommandState;
 using qxppolicy::IsFinal;
+using qxppolicy::kPluginStarted;
+using qxppolicy::PluginStateName;
 using qxppolicy::StateName;
 
 // A check in the JSON library's move constructor looks as if it could throw.
@@ -89,17 +89,11 @@ struct Health {
     std::vector<std::string> problems;
 };
 
-Command ReadCommand(const Json& json);
+Command ReadCommand(Json json);
 Report ReadReport(Json json);
-CommandPage ReadCommandPage(const Json& json);
+CommandPage ReadCommandPage(Json json);
 ReportPage ReadReportPage(Json json);
 CommandDetail ReadCommandDetail(Json json);
 AgentStatus ReadStatus(Json json);
-
-/// Members of any JSON value, or what stands for those that are missing or of another type.
-std::string TextMember(const Json& object, const char* key, std::string_view otherwise = {});
-uint64_t NumberMember(const Json& object, const char* key, uint64_t otherwise = 0);
-/// Null when there is none.
-const Json* FindMember(const Json& object, const char* key);
 
 }  // namespace qxpctl

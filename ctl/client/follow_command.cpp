@@ -8,149 +8,113 @@ namespace {
 
 using std::chrono::seconds;
 
-// The plugin looks at its runs every few seconds, and a report has its way to go.
-constexpr seconds kGrace{60};
 // A command can end without a report that completes it; its state is looked at this often.
 constexpr seconds kPoll{10};
-// An agent that answers a poll at once with nothing is not asked more often than this.
-constexpr std::chrono::milliseconds kMinPollInterval{250};
-constexpr unsigned kPageLimit = 1000;
 
-class Follower {
-public:
-    Follower(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
-             uint64_t after, const std::function<void(const RunResult&)>& on_result)
-        : agent_(agent),
-          request_(patience),
-          collector_(collector),
-          command_(command),
-          after_(after),
-          sequence_(command.sequence),
-          on_result_(on_result) {
-        request_.OnReturn([this] { CheckThatTheStoreIsTheSame(); });
-    }
-    ~Follower() { request_.OnReturn({}); }
-    Follower(const Follower&) = delete;
-    Follower& operator=(const Follower&) = delete;
+struct Follower {
+    const AgentClient& agent;
+    RetryingRequest& request;
+    ResultCollector& collector;
+    Command& command;
+    uint64_t after;     // the cursor of the last report that was read
+    uint64_t sequence;  // of the last change of a command that was read
+    const std::function<void(const RunResult&)>& on_result;
+
+    // The request outlives this.
+    ~Follower() { request.OnReturn({}); }
 
     FollowOutcome Run() {
         for (;;) {
             const RetryingRequest::Clock::time_point asked = RetryingRequest::Clock::now();
-            const bool final = IsFinal(command_.state);
+            const bool final = IsFinal(command.state);
             size_t reports = 0;
-            const RetryingRequest::End end = request_.Try([&] { return ReadReports(final, reports); });
+            const RetryingRequest::End end = request.Try([&] { return ReadReports(final, reports); });
             if (const auto outcome = Outcome(final && reports == 0)) {
                 return *outcome;
             }
             if (end == RetryingRequest::End::kGivenUp) {
                 return FollowOutcome::kGivenUp;
             }
-            if (end == RetryingRequest::End::kTimedOut || request_.Expired()) {
+            if (end == RetryingRequest::End::kTimedOut || request.Expired()) {
                 return FollowOutcome::kTimedOut;
             }
-            if (!final && request_.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::kGivenUp) {
+            if (!final && request.Try([this] { return UpdateCommand(); }) == RetryingRequest::End::kGivenUp) {
                 return FollowOutcome::kGivenUp;
             }
-            const auto elapsed = RetryingRequest::Clock::now() - asked;
-            if (reports == 0 && !IsFinal(command_.state) && elapsed < kMinPollInterval &&
-                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
+            if (reports == 0 && !IsFinal(command.state) && !request.PauseAfter(asked)) {
                 return FollowOutcome::kGivenUp;
             }
         }
     }
 
-private:
     bool ReadReports(bool final, size_t& count) {
         ReportFilter filter;
-        filter.id = command_.id;
-        filter.after = after_;
-        filter.limit = kPageLimit;
-        filter.wait = final ? seconds(0) : request_.Left(kPoll);
-        const std::optional<ReportPage> page = agent_.GetReports(filter, request_.GetTick());
+        filter.id = command.id;
+        filter.after = after;
+        filter.wait = final ? seconds(0) : request.Left(kPoll);
+        const std::optional<ReportPage> page = agent.GetReports(filter, request.GetTick());
         if (!page) {
             return false;
         }
         for (const Report& report : page->reports) {
-            for (const RunResult* const result : collector_.Add(report)) {
-                on_result_(*result);
+            for (const RunResult* const result : collector.Add(report)) {
+                on_result(*result);
             }
         }
         count = page->reports.size();
-        after_ = std::max(after_, page->cursor);
+        after = std::max(after, page->cursor);
         return true;
     }
 
     bool UpdateCommand() {
         for (;;) {
-            CommandFilter filter;
-            filter.after = sequence_;
-            filter.limit = kPageLimit;
-            const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
+            const std::optional<CommandPage> page = agent.ListCommands({.after = sequence}, request.GetTick());
             if (!page) {
                 return false;
             }
             for (const Command& changed : page->commands) {
-                if (changed.id == command_.id) {
-                    command_ = changed;
+                if (changed.id == command.id) {
+                    command = changed;
                 }
             }
-            if (page->commands.empty() || page->sequence <= sequence_) {
+            if (page->commands.empty() || page->sequence <= sequence) {
                 return true;
             }
-            sequence_ = page->sequence;
+            sequence = page->sequence;
         }
     }
 
-    // The final word, once all reports before it have been taken.
+    // Set once nothing more will come.
+    // @param drained  the state is final, and all reports before it have been read.
     std::optional<FollowOutcome> Outcome(bool drained) const {
-        if (collector_.Complete()) {
+        if (collector.Complete()) {
             return FollowOutcome::kComplete;
         }
-        if (collector_.Refused() || (drained && command_.state == CommandState::kRefused)) {
+        if (collector.Refused() || (drained && command.state == CommandState::kRefused)) {
             return FollowOutcome::kRefused;
         }
-        if (collector_.Interrupted() || (drained && command_.state == CommandState::kInterrupted)) {
+        if (collector.Interrupted() || (drained && command.state == CommandState::kInterrupted)) {
             return FollowOutcome::kInterrupted;
         }
-        if (drained) {
-            return FollowOutcome::kComplete;
-        }
-        return std::nullopt;
+        return drained ? std::optional(FollowOutcome::kComplete) : std::nullopt;
     }
 
-    void CheckThatTheStoreIsTheSame() {
-        const AgentStatus status = agent_.GetStatus();
-        if (status.last_cursor < after_ || status.last_sequence < command_.sequence) {
+    void CheckThatTheStoreIsTheSame() const {
+        const AgentStatus status = agent.GetStatus();
+        if (status.last_cursor < after || status.last_sequence < command.sequence) {
             throw AgentUnavailable(
                 "the agent came back with another store, which does not know the policy; see its log");
         }
     }
-
-    AgentClient& agent_;
-    RetryingRequest& request_;
-    ResultCollector& collector_;
-    Command& command_;
-    uint64_t after_;
-    uint64_t sequence_;
-    const std::function<void(const RunResult&)>& on_result_;
 };
 
 }  // namespace
 
-FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
-                            uint64_t after, const std::function<void(const RunResult&)>& on_result) {
-    return Follower(agent, patience, collector, command, after, on_result).Run();
-}
-
-std::optional<seconds> DefaultWait(const qxppolicy::PackedPolicy& policy) {
-    uint32_t longest = 0;
-    for (const qxppolicy::PackedScript& script : policy.scripts) {
-        if (script.timeout == 0) {
-            return std::nullopt;
-        }
-        longest = std::max(longest, script.timeout);
-    }
-    return seconds(longest) + kGrace;
+FollowOutcome FollowCommand(const AgentClient& agent, RetryingRequest& request, ResultCollector& collector,
+                            Command& command, uint64_t after, const std::function<void(const RunResult&)>& on_result) {
+    Follower follower{agent, request, collector, command, after, command.sequence, on_result};
+    request.OnReturn([&follower] { follower.CheckThatTheStoreIsTheSame(); });
+    return follower.Run();
 }
 
 }  // namespace qxpctl

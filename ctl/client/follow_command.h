@@ -1,13 +1,10 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
-#include <optional>
 
 #include "ctl/client/agent_client.h"
 #include "ctl/client/results.h"
 #include "ctl/client/retrying_request.h"
-#include "policy/policy_builder.h"
 
 namespace qxpctl {
 
@@ -25,11 +22,7 @@ enum class FollowOutcome {
 /// @param on_result  told of each result as it arrives.
 /// Throws what AgentClient throws but AgentAway, and AgentUnavailable when the agent comes back with a store that does
 /// not know the command.
-FollowOutcome FollowCommand(AgentClient& agent, RetryingRequest& patience, ResultCollector& collector, Command& command,
-                            uint64_t after, const std::function<void(const RunResult&)>& on_result);
-
-/// How long to wait when nobody says: as long as the longest time-out and some grace; not set when a script may run for
-/// ever.
-std::optional<std::chrono::seconds> DefaultWait(const qxppolicy::PackedPolicy& policy);
+FollowOutcome FollowCommand(const AgentClient& agent, RetryingRequest& request, ResultCollector& collector,
+                            Command& command, uint64_t after, const std::function<void(const RunResult&)>& on_result);
 
 }  // namespace qxpctl

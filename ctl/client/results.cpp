@@ -21,47 +21,26 @@ RunResult ReadRun(const Json& run) {
     return result;
 }
 
-void ReadRuns(const Json& data, ReportContent& content) {
-    const Json* const runs = FindMember(data, "result");
-    if (!runs || !runs->is_array()) {
-        return;
-    }
-    content.kind = ReportContent::Kind::kResults;
-    for (const Json& run : *runs) {
-        const Json* const script = FindMember(run, "scriptid");
-        if (script && script->is_string()) {
-            content.runs.push_back(ReadRun(run));
-        }
-    }
-}
-
-void ReadInterruption(const Json& data, ReportContent& content) {
-    content.kind = ReportContent::Kind::kInterruption;
-    content.reason = TextMember(data, "reason");
-    const Json* const unreported = FindMember(data, "unreported");
-    if (!unreported || !unreported->is_array()) {
-        return;
-    }
-    for (const Json& script : *unreported) {
-        if (script.is_string()) {
-            content.unreported.push_back(script.get<std::string>());
-        }
-    }
-}
-
 }  // namespace
 
 ReportContent ReadReportContent(const Json& document) {
     ReportContent content;
     content.id = TextMember(document, "ID");
     const std::string type = TextMember(document, "msg_type");
-    const Json* const data = FindMember(document, "data");
+    const Json& data = Member(document, "data");
+    const Json& runs = Member(data, "result");
     if (type == qxppolicy::kRefusalMessage) {
         content.kind = ReportContent::Kind::kRefusal;
     } else if (type == qxppolicy::kInterruptionMessage) {
-        ReadInterruption(data ? *data : Json(), content);
-    } else if (type == qxppolicy::kResultMessage && data) {
-        ReadRuns(*data, content);
+        content.kind = ReportContent::Kind::kInterruption;
+        content.reason = TextMember(data, "reason");
+    } else if (type == qxppolicy::kResultMessage && runs.is_array()) {
+        content.kind = ReportContent::Kind::kResults;
+        for (const Json& run : runs) {
+            if (Member(run, "scriptid").is_string()) {
+                content.runs.push_back(ReadRun(run));
+            }
+        }
     }
     return content;
 }
@@ -88,12 +67,9 @@ std::vector<const RunResult*> ResultCollector::Add(const Report& report) {
     }
     for (RunResult& result : content.runs) {
         const std::string id = result.script_id;
-        if (std::find(script_ids_.begin(), script_ids_.end(), id) == script_ids_.end()) {
-            continue;
-        }
-        const auto [place, inserted] = results_.try_emplace(id, std::move(result));
-        if (inserted) {
-            added.push_back(&place->second);
+        const bool known = std::find(script_ids_.begin(), script_ids_.end(), id) != script_ids_.end();
+        if (known && results_.try_emplace(id, std::move(result)).second) {
+            added.push_back(&results_.at(id));
         }
     }
     return added;

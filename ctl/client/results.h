@@ -26,12 +26,11 @@ struct ReportContent {
     enum class Kind { kUnknown, kResults, kRefusal, kInterruption };
     Kind kind = Kind::kUnknown;
     std::string id;
-    std::vector<RunResult> runs;          // of Results
-    std::string reason;                   // of Interruption; may be empty
-    std::vector<std::string> unreported;  // of Interruption: script ids
+    std::vector<RunResult> runs;  // of kResults
+    std::string reason;           // of kInterruption; may be empty
 };
 
-/// Reads any document; what it cannot read is Unknown, or a run that is left out.
+/// Reads any document; what it cannot read is kUnknown, or a run that is left out.
 ReportContent ReadReportContent(const Json& document);
 
 /// Gathers the results of one policy from its reports, of which there can be several: scripts that end at different

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <thread>
 
+#include "base/whole_number.h"
+#include "policy/rules.h"
+
 namespace qxpctl {
 
 namespace {
@@ -13,15 +16,26 @@ using std::chrono::seconds;
 constexpr milliseconds kFirstPause{100};
 constexpr milliseconds kLongestPause{2000};
 constexpr milliseconds kTickInterval{100};
-
-std::optional<RetryingRequest::Clock::time_point> DeadlineAfter(std::optional<seconds> limit) {
-    return limit ? std::optional(RetryingRequest::Clock::now() + *limit) : std::nullopt;
-}
+constexpr milliseconds kMinPollInterval{250};
 
 }  // namespace
 
+std::optional<seconds> ParseWait(const std::string& text) {
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    const std::optional<uint32_t> number = qxpbase::ParseNumber(text, qxppolicy::kMaxTimeoutSeconds);
+    if (!number) {
+        throw BadInput("--wait takes a whole number of seconds from 0 to {}, not '{}'", qxppolicy::kMaxTimeoutSeconds,
+                       text);
+    }
+    return seconds(*number);
+}
+
 RetryingRequest::RetryingRequest(const Console& console, std::optional<seconds> limit, Tick tick)
-    : console_(console), tick_(std::move(tick)), deadline_(DeadlineAfter(limit)) {
+    : console_(console),
+      tick_(std::move(tick)),
+      deadline_(limit ? std::optional(Clock::now() + *limit) : std::nullopt) {
 }
 
 RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) {
@@ -47,7 +61,7 @@ RetryingRequest::End RetryingRequest::Try(const std::function<bool()>& request) 
         if (Expired()) {
             return End::kTimedOut;
         }
-        if (!Pause(pause)) {
+        if (!PauseUntil(Clock::now() + pause)) {
             return End::kGivenUp;
         }
     }
@@ -60,11 +74,12 @@ seconds RetryingRequest::Left(seconds most) const {
     return std::clamp(std::chrono::ceil<seconds>(*deadline_ - Clock::now()), seconds(0), most);
 }
 
-bool RetryingRequest::Pause(milliseconds pause) const {
-    Clock::time_point end = Clock::now() + pause;
-    if (deadline_) {
-        end = std::min(end, *deadline_);
-    }
+bool RetryingRequest::PauseAfter(Clock::time_point asked) const {
+    return PauseUntil(asked + kMinPollInterval);
+}
+
+bool RetryingRequest::PauseUntil(Clock::time_point end) const {
+    end = deadline_ ? std::min(end, *deadline_) : end;
     for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
         if (tick_ && !tick_()) {
             return false;

@@ -3,11 +3,15 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <string>
 
-#include "ctl/client/agent_http.h"
+#include "ctl/client/agent_client.h"
 #include "ctl/terminal/console.h"
 
 namespace qxpctl {
+
+/// How long --wait says to wait; not set for an empty text. Throws BadInput for what is no whole number of seconds.
+std::optional<std::chrono::seconds> ParseWait(const std::string& text);
 
 /// Keeps a wait going while the agent is away, as when it is restarted: tries again, with growing pauses, until the
 /// request succeeds, the wait ends or the user gives up. Says once on a terminal that the agent is away, and once that
@@ -37,10 +41,12 @@ public:
     /// True while the last try found no agent.
     bool IsAway() const { return away_; }
     const Tick& GetTick() const { return tick_; }
-    /// Waits, ticking. False when tick gave up.
-    bool Pause(std::chrono::milliseconds pause) const;
+    /// Waits until a poll may follow one that was asked at this time and brought nothing, so that an agent that answers
+    /// at once is not asked without a pause. False when tick gave up.
+    bool PauseAfter(Clock::time_point asked) const;
 
 private:
+    bool PauseUntil(Clock::time_point end) const;
     void Say(const std::string& text) const;
 
     const Console& console_;

@@ -1,5 +1,3 @@
-#include "ctl/commands/command_line.h"
-
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <new>
@@ -63,7 +61,7 @@ ExitCode Explain(const CLI::App& program, const CLI::ParseError& error, const Co
     for (const CLI::App* const chosen : program.get_subcommands()) {
         command += " " + chosen->get_name();
     }
-    console.Remark(std::string(error.what()) + " (see '" + command + " --help')");
+    console.Remark("{} (see '{} --help')", error.what(), command);
     return ExitCode::kBadInput;
 }
 
@@ -75,7 +73,7 @@ void RefuseEmptyValues(int argc, const char* const* argv) {
             return;
         }
         if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
-            throw BadInput("'" + std::string(argument) + "' has no value");
+            throw BadInput("'{}' has no value", argument);
         }
     }
 }
@@ -139,7 +137,7 @@ int Run(int argc, const char* const* argv, const Console& console) {
     } catch (const std::bad_alloc&) {
         console.Remark("out of memory");
     } catch (const std::exception& error) {
-        console.Remark(std::string("unexpected failure: ") + error.what());
+        console.Remark("unexpected failure: {}", error.what());
     }
     return static_cast<int>(code);
 }

@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "ctl/client/agent_client.h"
-
 namespace qxpctl {
 
 enum class Level { kOk, kWarn, kFail };

@@ -1,22 +1,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <sstream>
 #include <system_error>
 
 #include "base/errno_text.h"
 #include "base/time_text.h"
-#include "ctl/client/socket_access.h"
+#include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/doctor.h"
 #include "ctl/terminal/child_process.h"
-#include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxpbase::DurationText;
+using qxpbase::ParseTime;
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
@@ -39,11 +41,10 @@ void AddMistakes(const std::string& output, const std::string& advice, Findings&
     std::istringstream lines(output);
     size_t mistakes = 0;
     for (std::string line; mistakes < kMaxMistakes && std::getline(lines, line);) {
-        if (line.empty()) {
-            continue;
+        if (!line.empty()) {
+            findings.Fail(kConfigurationCheck, line, advice);
+            ++mistakes;
         }
-        findings.Fail(kConfigurationCheck, line, advice);
-        ++mistakes;
     }
     if (mistakes == 0) {
         findings.Fail(kConfigurationCheck, "the agent does not take it, and does not say why", advice);
@@ -62,7 +63,7 @@ bool CheckSocketFile(const std::string& socket, Findings& findings) {
     }
     if (access(socket.c_str(), R_OK | W_OK) != 0) {
         const int error = errno;
-        findings.Fail(kSocketCheck, "no permission to use " + socket + ": " + qxpbase::ErrnoText(error),
+        findings.Fail(kSocketCheck, fmt::format("no permission to use {}: {}", socket, qxpbase::ErrnoText(error)),
                       WhoMayUse(socket));
         return false;
     }
@@ -97,11 +98,12 @@ void CheckThatItIsThisInstallation(const AgentStatus& status, const fs::path& ro
 
 void CheckStatus(const AgentStatus& status, Findings& findings) {
     if (status.version != QXPCTL_VERSION) {
-        findings.Warn(kAgentCheck, "the agent has version " + status.version + ", this tool " QXPCTL_VERSION,
+        findings.Warn(kAgentCheck,
+                      fmt::format("the agent has version {}, this tool {}", status.version, QXPCTL_VERSION),
                       "restart the agent after an upgrade, and use the tool that came with it");
     }
-    if (status.plugin_status != qxppolicy::kPluginStarted) {
-        findings.Fail(kPluginCheck, "the plugin is " + qxppolicy::PluginStateName(status.plugin_status),
+    if (status.plugin_status != kPluginStarted) {
+        findings.Fail(kPluginCheck, "the plugin is " + PluginStateName(status.plugin_status),
                       "see the agent's log, and restart the agent");
     }
     findings.OkUnlessFound(kPluginCheck, "started, version " + status.plugin_version);
@@ -110,12 +112,12 @@ void CheckStatus(const AgentStatus& status, Findings& findings) {
                       "make room on its disk, or see the agent's log");
     }
     findings.OkUnlessFound(kStoreCheck, "takes commands and reports");
-    const auto oldest = qxpbase::ParseTime(status.oldest_pending);
+    const auto oldest = ParseTime(status.oldest_pending);
     const auto age =
         oldest ? std::chrono::duration_cast<seconds>(std::chrono::system_clock::now() - *oldest) : seconds(0);
     const std::string pending = Count(status.reports_pending, "report") + " pending";
     if (age > kOldReport) {
-        findings.Warn(kReportsCheck, pending + ", the oldest for " + qxpbase::DurationText(age),
+        findings.Warn(kReportsCheck, fmt::format("{}, the oldest for {}", pending, DurationText(age)),
                       "nobody takes them: check the link to the server, or read them with 'qxpctl results --pending "
                       "--acknowledge'");
     }
@@ -131,19 +133,20 @@ void CheckConfiguration(const fs::path& root, Findings& findings) {
         return;
     }
     const ChildResult result = RunChild(program, {"--check-config"}, kConfigurationDeadline);
-    const std::string advice = "mend it; '" + program + " --check-config' tells when it is good";
+    const std::string advice = fmt::format("mend it; '{} --check-config' tells when it is good", program);
     switch (result.end) {
         case ChildResult::End::kNotStarted:
-            findings.Fail(kConfigurationCheck, program + " cannot be run: " + qxpbase::ErrnoText(result.code),
+            findings.Fail(kConfigurationCheck,
+                          fmt::format("{} cannot be run: {}", program, qxpbase::ErrnoText(result.code)),
                           "install it again");
             break;
         case ChildResult::End::kTimedOut:
             findings.Fail(kConfigurationCheck,
-                          "the agent was not done with it in " + qxpbase::DurationText(kConfigurationDeadline), advice);
+                          "the agent was not done with it in " + DurationText(kConfigurationDeadline), advice);
             break;
         case ChildResult::End::kKilled:
-            findings.Fail(kConfigurationCheck,
-                          "the agent was killed by signal " + std::to_string(result.code) + " over it", advice);
+            findings.Fail(kConfigurationCheck, fmt::format("the agent was killed by signal {} over it", result.code),
+                          advice);
             break;
         case ChildResult::End::kExited:
             if (result.code != 0) {
@@ -170,7 +173,7 @@ void CheckAgent(const fs::path& root, const std::string& socket, Findings& findi
         }
         findings.OkUnlessFound(kAgentCheck, "qxpagent " + status.version);
     } catch (const AgentAway& error) {
-        const bool busy = error.Why() == AgentAway::Cause::kBusy;
+        const bool busy = error.GetCause() == AgentAway::Cause::kBusy;
         findings.Fail(busy ? kAgentCheck : kSocketCheck, error.what(),
                       busy ? "wait, and check again"
                            : "start qxpagent: the socket was left behind by one that has ended, or it hangs");

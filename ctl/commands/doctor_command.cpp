@@ -1,9 +1,10 @@
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
 
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
 #include "ctl/commands/doctor.h"
+#include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
 
 namespace qxpctl {
@@ -22,30 +23,18 @@ Examples:
 Exit codes: 0 nothing failed; 1 something did.)";
 
 const char* LevelName(Level level) {
-    switch (level) {
-        case Level::kOk:
-            return "ok";
-        case Level::kWarn:
-            return "warn";
-        case Level::kFail:
-            break;
-    }
-    return "fail";
-}
-
-Color LevelColor(Level level) {
-    if (level == Level::kOk) {
-        return Color::kGreen;
-    }
-    return level == Level::kWarn ? Color::kYellow : Color::kRed;
+    return level == Level::kOk ? "ok" : level == Level::kWarn ? "warn" : "fail";
 }
 
 std::string AsText(const Findings& findings, const Stream& output) {
     std::string text;
     for (const Finding& finding : findings.All()) {
         const std::string name = LevelName(finding.level);
-        text += output.Paint(LevelColor(finding.level), name) + std::string(6 - name.size(), ' ') + finding.check +
-                ": " + OneLine(finding.text) + (finding.advice.empty() ? "" : "; " + OneLine(finding.advice)) + "\n";
+        const Color color = finding.level == Level::kOk     ? Color::kGreen
+                            : finding.level == Level::kWarn ? Color::kYellow
+                                                            : Color::kRed;
+        text += fmt::format("{}{:{}}{}: {}{}\n", output.Paint(color, name), "", 6 - name.size(), finding.check,
+                            OneLine(finding.text), finding.advice.empty() ? "" : "; " + OneLine(finding.advice));
     }
     return text;
 }
@@ -63,9 +52,9 @@ std::string AsJson(const std::string& root, const std::string& socket, const Fin
 }
 
 ExitCode Examine(const std::string& root_option, const Console& console, const CommonOptions& common) {
-    const std::filesystem::path root = root_option.empty() ? InstallationRoot() : root_option;
-    const bool own_socket = !root_option.empty() && common.socket.empty() && !std::getenv("QXPAGENT_SOCKET");
-    const std::string socket = own_socket ? (root / "data/qxpagent/agent.sock").string() : FindSocket(common.socket);
+    const std::string root = root_option.empty() ? InstallationRoot() : root_option;
+    const bool own_socket = !root_option.empty() && common.socket.empty() && std::getenv("QXPAGENT_SOCKET") == nullptr;
+    const std::string socket = own_socket ? SocketOf(root) : FindSocket(common.socket);
     Findings findings;
     CheckFiles(root, findings);
     CheckTrustedKeys(root, findings);
@@ -73,7 +62,7 @@ ExitCode Examine(const std::string& root_option, const Console& console, const C
     CheckData(root, findings);
     CheckClock(root, findings);
     CheckAgent(root, socket, findings);
-    console.Print(common.json ? AsJson(root.string(), socket, findings) : AsText(findings, console.Output()));
+    console.Print(common.json ? AsJson(root, socket, findings) : AsText(findings, console.Output()));
     return findings.Any(Level::kFail) ? ExitCode::kNegative : ExitCode::kSuccess;
 }
 
@@ -90,15 +79,10 @@ bool Findings::Any(Level level) const {
 }
 
 void AddDoctorCommand(const CommandSetup& program) {
-    const auto root = std::make_shared<std::string>();
-    const CommandSetup command =
-        program.SubCommand("doctor", "Find out what is wrong with an installation, and what to do about it");
+    const auto [command, root] = AddSubCommand(
+        program, "doctor", "Find out what is wrong with an installation, and what to do about it", kFooter, Examine);
     command.Value("--root", "DIR", *root, "The installation [that of this program]");
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action(
-        [root](const Console& console, const CommonOptions& common) { return Examine(*root, console, common); });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

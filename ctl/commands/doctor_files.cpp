@@ -7,12 +7,12 @@
 #include <cerrno>
 #include <system_error>
 
+#include <fmt/core.h>
+
 #include "base/errno_text.h"
 #include "base/error.h"
 #include "base/names.h"
-#include "ctl/client/socket_access.h"
 #include "ctl/commands/doctor.h"
-#include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 #include "policy/key_file.h"
 
@@ -21,6 +21,9 @@ namespace qxpctl {
 namespace {
 
 namespace fs = std::filesystem;
+using qxpbase::ErrnoText;
+using qxpbase::GroupName;
+using qxpbase::UserName;
 
 constexpr const char* kFilesCheck = "files";
 constexpr const char* kKeysCheck = "trusted-keys";
@@ -61,36 +64,36 @@ void CheckOwnerAndMode(const fs::path& path, uid_t owner, const char* check, Fin
     if (stat(path.c_str(), &status) != 0) {
         return;
     }
-    const std::string word = ShellWord(path.string());
-    const bool group_of_root = status.st_gid == 0;
+    const std::string& name = path.native();
+    const std::string word = ShellWord(name);
     if ((status.st_mode & S_IWOTH) != 0) {
-        findings.Fail(check, path.string() + " can be changed by everybody", "chmod o-w " + word);
-    } else if ((status.st_mode & S_IWGRP) != 0 && !group_of_root) {
-        findings.Warn(check, path.string() + " can be changed by the group " + qxpbase::GroupName(status.st_gid),
+        findings.Fail(check, name + " can be changed by everybody", "chmod o-w " + word);
+    } else if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0) {
+        findings.Warn(check, fmt::format("{} can be changed by the group {}", name, GroupName(status.st_gid)),
                       "chmod g-w " + word);
     }
     if (status.st_uid != 0 && status.st_uid != owner) {
-        findings.Fail(check, path.string() + " belongs to the user " + qxpbase::UserName(status.st_uid),
-                      "chown " + qxpbase::UserName(owner) + " " + word);
+        findings.Fail(check, fmt::format("{} belongs to the user {}", name, UserName(status.st_uid)),
+                      fmt::format("chown {} {}", UserName(owner), word));
     }
 }
 
 void CheckWanted(const fs::path& root, const Wanted& wanted, uid_t owner, Findings& findings) {
     const fs::path path = root / wanted.path;
+    const std::string& name = path.native();
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         const int error = errno;
-        findings.Fail(kFilesCheck, path.string() + ": " + qxpbase::ErrnoText(error),
+        findings.Fail(kFilesCheck, fmt::format("{}: {}", name, ErrnoText(error)),
                       error == EACCES ? "try again as root" : wanted.advice);
     } else if (S_ISDIR(status.st_mode) != wanted.directory) {
-        findings.Fail(kFilesCheck, path.string() + (wanted.directory ? " is not a directory" : " is not a file"),
+        findings.Fail(kFilesCheck, fmt::format("{} is not a {}", name, wanted.directory ? "directory" : "file"),
                       wanted.advice);
     } else if (access(path.c_str(), wanted.access) != 0) {
         const int error = errno;
-        const char* const what = (wanted.access & R_OK) != 0 ? " cannot be read" : " cannot be used";
-        findings.Fail(
-            kFilesCheck, path.string() + what + ": " + qxpbase::ErrnoText(error),
-            geteuid() != 0 && error == EACCES ? "try again as root" : "chmod u+rX " + ShellWord(path.string()));
+        const char* const what = (wanted.access & R_OK) != 0 ? "read" : "used";
+        findings.Fail(kFilesCheck, fmt::format("{} cannot be {}: {}", name, what, ErrnoText(error)),
+                      geteuid() != 0 && error == EACCES ? "try again as root" : "chmod u+rX " + ShellWord(name));
     }
     CheckOwnerAndMode(path, owner, kFilesCheck, findings);
 }
@@ -127,8 +130,8 @@ void CheckFiles(const fs::path& root, Findings& findings) {
     const uid_t owner = OwnerOf(root);
     if (owner != 0) {
         findings.Warn(kFilesCheck,
-                      root.string() + " belongs to the user " + qxpbase::UserName(owner) +
-                          ", who can have anything run as the agent's user",
+                      fmt::format("{} belongs to the user {}, who can have anything run as the agent's user",
+                                  root.native(), UserName(owner)),
                       "as it should be in a development tree alone: chown -R root " + ShellWord(root.string()));
     }
     for (const char* const directory : {".", "bin", "lib", "etc", "etc/plugins/qxpmaint", "data"}) {
@@ -153,7 +156,7 @@ void CheckTrustedKeys(const fs::path& root, Findings& findings) {
         return;
     }
     if (access(directory.c_str(), R_OK | X_OK) != 0) {
-        findings.Fail(kKeysCheck, directory.string() + " cannot be read: " + qxpbase::ErrnoText(errno),
+        findings.Fail(kKeysCheck, fmt::format("{} cannot be read: {}", directory.native(), ErrnoText(errno)),
                       "try again as root");
         return;
     }
@@ -168,17 +171,17 @@ void CheckTrustedKeys(const fs::path& root, Findings& findings) {
         CheckOwnerAndMode(path, owner, kKeysCheck, findings);
         CheckKeyFile(path, findings);
     }
-    findings.OkUnlessFound(kKeysCheck, Count(keys, "key") + " in " + directory.string());
+    findings.OkUnlessFound(kKeysCheck, fmt::format("{} in {}", Count(keys, "key"), directory.native()));
 }
 
 void CheckData(const fs::path& root, Findings& findings) {
     const fs::path data = root / "data";
     struct statvfs room {};
     if (statvfs(data.c_str(), &room) != 0) {
-        findings.Fail(kDiskCheck, data.string() + ": " + qxpbase::ErrnoText(errno), "see 'files' above");
+        findings.Fail(kDiskCheck, fmt::format("{}: {}", data.native(), ErrnoText(errno)), "see 'files' above");
     } else {
         const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
-        const std::string text = SizeText(free) + " free for " + data.string();
+        const std::string text = fmt::format("{} free for {}", SizeText(free), data.native());
         const char* const advice = "make room, or give the agent's store a smaller limit";
         if (free < kNoRoom) {
             findings.Fail(kDiskCheck, text, advice);
@@ -186,7 +189,7 @@ void CheckData(const fs::path& root, Findings& findings) {
             findings.Warn(kDiskCheck, text, advice);
         }
         if (room.f_files > 0 && room.f_favail < kFewInodes) {
-            findings.Fail(kDiskCheck, Count(room.f_favail, "inode") + " free for " + data.string(),
+            findings.Fail(kDiskCheck, fmt::format("{} free for {}", Count(room.f_favail, "inode"), data.native()),
                           "delete files that nobody needs");
         }
         findings.OkUnlessFound(kDiskCheck, text);
@@ -207,7 +210,7 @@ void CheckClock(const fs::path& root, Findings& findings) {
     const fs::path program = root / "bin/qxpagent";
     if (stat(program.c_str(), &status) == 0 &&
         std::chrono::system_clock::from_time_t(status.st_mtime) > now + kClockSlack) {
-        findings.Fail(kClockCheck, "the clock is behind the time at which " + program.string() + " was made",
+        findings.Fail(kClockCheck, fmt::format("the clock is behind the time at which {} was made", program.native()),
                       "set it: reports carry its time, and what is kept goes by it");
     }
     timex state{};

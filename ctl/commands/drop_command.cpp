@@ -1,13 +1,14 @@
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
 
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
 #include "ctl/commands/ready_policy.h"
 #include "ctl/terminal/files.h"
-#include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 #include "policy/rules.h"
 
@@ -59,15 +60,11 @@ std::string DirectoryOf(const DropOptions& options, const CommonOptions& common)
 // The loader takes the ending in either case, so that such a name stays as it is.
 std::string NameFor(const std::string& source) {
     const std::filesystem::path path(source);
-    std::string ending = path.extension().string();
-    for (char& letter : ending) {
-        letter = static_cast<char>(letter >= 'A' && letter <= 'Z' ? letter - 'A' + 'a' : letter);
-    }
-    std::string name = path.filename().string();
+    const std::string name = path.filename().string();
     if (source == "-" || name.empty()) {
-        throw BadInput("'" + source + "' gives the policy no name; drop takes files");
+        throw BadInput("'{}' gives the policy no name; drop takes files", source);
     }
-    return ending == ".json" ? name : name + ".json";
+    return strcasecmp(path.extension().c_str(), ".json") == 0 ? name : name + ".json";
 }
 
 std::vector<Drop> Prepare(const DropOptions& options, const std::string& directory) {
@@ -81,16 +78,16 @@ std::vector<Drop> Prepare(const DropOptions& options, const std::string& directo
         }
         Drop drop{file, (std::filesystem::path(directory) / name).string(), ReadReadyPolicy(file, road), nullptr};
         if (drop.policy.scripts == 0) {
-            throw BadInput(file + " is no policy: it has no list of scripts (\"param\", \"scriptinfo\")");
+            throw BadInput("{} is no policy: it has no list of scripts (\"param\", \"scriptinfo\")", file);
         }
         for (const Drop& other : drops) {
             if (other.destination == drop.destination) {
-                throw BadInput(file + " and " + other.source + " would get the same name; rename one");
+                throw BadInput("{} and {} would get the same name; rename one", file, other.source);
             }
         }
         struct stat status {};
         if (!options.force && lstat(drop.destination.c_str(), &status) == 0) {
-            throw BadInput(drop.destination + " exists already; rename " + file + ", or use --force to replace it");
+            throw BadInput("{} exists already; rename {}, or use --force to replace it", drop.destination, file);
         }
         drops.push_back(std::move(drop));
     }
@@ -101,8 +98,7 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
     const std::string directory = DirectoryOf(options, common);
     std::error_code failure;
     if (!std::filesystem::is_directory(directory, failure)) {
-        throw BadInput(directory + " is not a directory that can be used" +
-                       (failure ? ": " + failure.message() : std::string()));
+        throw BadInput("{} is not a directory that can be used{}", directory, failure ? ": " + failure.message() : "");
     }
     std::vector<Drop> drops = Prepare(options, directory);
     for (Drop& drop : drops) {
@@ -114,7 +110,7 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
         drop.staged->Commit(options.force);
         result["dropped"].push_back({{"source", drop.source}, {"file", drop.destination}, {"id", drop.policy.id}});
         if (!common.json) {
-            console.Remark(drop.destination + ": " + Count(drop.policy.scripts, "script"));
+            console.Remark("{}: {}", drop.destination, Count(drop.policy.scripts, "script"));
         }
     }
     if (common.json) {
@@ -126,18 +122,13 @@ ExitCode DropFiles(const DropOptions& options, const Console& console, const Com
 }  // namespace
 
 void AddDropCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<DropOptions>();
-    const CommandSetup command = program.SubCommand("drop", "Put policy files where the plugin picks them up");
+    const auto [command, options] =
+        AddSubCommand(program, "drop", "Put policy files where the plugin picks them up", kFooter, DropFiles);
     command.Arguments("FILE", options->files, "The policies, as made by 'qxpctl pack'").Required();
     command.Value("--directory,-d", "DIR", options->directory, "Where to put them [the agent is asked]");
     command.Flag("--process", options->process, "Into the directory of run-once policies; see runonce");
     command.Flag("--force", options->force, "Replace a file that has not been picked up yet");
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action([options](const Console& console, const CommonOptions& common) {
-        return DropFiles(*options, console, common);
-    });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

@@ -1,5 +1,3 @@
-#include <memory>
-
 #include "ctl/commands/commands.h"
 #include "ctl/commands/pack_options.h"
 #include "ctl/terminal/files.h"
@@ -10,6 +8,12 @@
 namespace qxpctl {
 
 namespace {
+
+using qxppolicy::HandlingOf;
+using qxppolicy::PackedPolicy;
+using qxppolicy::PackedScript;
+using qxppolicy::SchemeName;
+using qxppolicy::TypeHandling;
 
 struct PackCommandOptions {
     PackOptions pack;
@@ -24,45 +28,46 @@ constexpr const char* kFooter = R"(Examples:
 
 A policy for an agent's policy directory or for run-once is the same document in a file named *.json.)";
 
-void WarnOfTypesThatDoNotRun(const qxppolicy::PackedPolicy& policy, const Console& console) {
-    for (const qxppolicy::PackedScript& script : policy.scripts) {
-        const qxppolicy::TypeHandling handling = qxppolicy::HandlingOf(script.type);
-        if (handling == qxppolicy::TypeHandling::kUnsupported) {
-            console.Warn(script.id + ": the plugin drops scripts of the type " + script.type);
+void WarnOfTypesThatDoNotRun(const PackedPolicy& policy, const Console& console) {
+    for (const PackedScript& script : policy.scripts) {
+        const TypeHandling handling = HandlingOf(script.type);
+        if (handling == TypeHandling::kUnsupported) {
+            console.Warn(fmt::format("{}: the plugin drops scripts of the type {}", script.id, script.type));
         }
-        if (handling == qxppolicy::TypeHandling::kNeverRun) {
-            console.Warn(script.id + ": the plugin accepts scripts of the type " + script.type + ", but runs none");
+        if (handling == TypeHandling::kNeverRun) {
+            console.Warn(
+                fmt::format("{}: the plugin accepts scripts of the type {}, but runs none", script.id, script.type));
         }
     }
 }
 
-std::string Summary(const qxppolicy::PackedPolicy& policy, const std::string& output) {
-    Json summary = {{"id", policy.id},
-                    {"command", policy.command},
-                    {"scheme", qxppolicy::SchemeName(policy.scheme)},
+std::string Summary(const PackedPolicy& packed, const std::string& output) {
+    Json summary = {{"id", packed.id},
+                    {"command", packed.command},
+                    {"scheme", SchemeName(packed.scheme)},
                     {"output", output},
                     {"scripts", Json::array()}};
-    for (const qxppolicy::PackedScript& script : policy.scripts) {
+    for (const PackedScript& script : packed.scripts) {
         summary["scripts"].push_back(
             {{"scriptid", script.id}, {"scripttype", script.type}, {"file", script.file}, {"bytes", script.bytes}});
     }
     return ToLine(summary);
 }
 
-ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, bool json) {
-    const qxppolicy::PackedPolicy policy = Pack(options.pack);
+ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, const CommonOptions& common) {
+    const PackedPolicy packed = Pack(options.pack);
     WarnOfOpenKeyFile(options.pack.key_file, console);
-    WarnOfTypesThatDoNotRun(policy, console);
+    WarnOfTypesThatDoNotRun(packed, console);
     if (options.output.empty() || options.output == "-") {
-        console.Print(policy.document + "\n");
+        console.Print(packed.document + "\n");
         return ExitCode::kSuccess;
     }
-    WriteOutputFile(options.output, policy.document + "\n");
-    if (json) {
-        console.Print(Summary(policy, options.output));
+    WriteOutputFile(options.output, packed.document + "\n");
+    if (common.json) {
+        console.Print(Summary(packed, options.output));
     } else {
-        console.Remark(options.output + ": policy " + policy.id + ", " + std::to_string(policy.scripts.size()) +
-                       " signed (" + qxppolicy::SchemeName(policy.scheme) + ")");
+        console.Remark("{}: policy {}, {} signed ({})", options.output, packed.id, packed.scripts.size(),
+                       SchemeName(packed.scheme));
     }
     return ExitCode::kSuccess;
 }
@@ -70,16 +75,12 @@ ExitCode WritePolicy(const PackCommandOptions& options, const Console& console, 
 }  // namespace
 
 void AddPackCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<PackCommandOptions>();
-    const CommandSetup command = program.SubCommand("pack", "Sign scripts into a policy document");
+    const auto [command, options] = AddSubCommand(program, "pack", "Sign scripts into a policy document",
+                                                  fmt::format("{}\n\n{}", kScriptArgumentHelp, kFooter), WritePolicy);
     AddPackOptions(command, options->pack);
     command.Value("--output,-o", "FILE", options->output,
                   "Where to write the policy, in one step; '-' or not given: the standard output");
     command.JsonOption();
-    command.Footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
-    command.Action([options](const Console& console, const CommonOptions& common) {
-        return WritePolicy(*options, console, common.json);
-    });
 }
 
 }  // namespace qxpctl

@@ -1,17 +1,18 @@
 #include <limits>
-#include <memory>
 
 #include "base/time_text.h"
 #include "base/whole_number.h"
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/files.h"
-#include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxpbase::ShortTime;
 
 struct ResultsOptions {
     std::string id;
@@ -19,6 +20,7 @@ struct ResultsOptions {
     std::string output;
     bool pending = false;
     bool acknowledge = false;
+    OptionSetup raw_option;  // set once the options have been declared
 };
 
 constexpr const char* kFooter =
@@ -35,6 +37,10 @@ Examples:
 Exit codes: 0 done; 2 there is no such result file; 3 the agent cannot be reached; 5 the file or the standard output
 could not be written: nothing is acknowledged then.)";
 
+bool GoesToFile(const ResultsOptions& options) {
+    return !options.output.empty() && options.output != "-";
+}
+
 Row Headings() {
     Row row;
     for (const char* const text : {"CURSOR", "RECEIVED", "SOURCE", "BYTES", "ACKNOWLEDGED", "ID", "FILE"}) {
@@ -45,7 +51,7 @@ Row Headings() {
 
 Row RowOf(const Report& report) {
     return {{std::to_string(report.cursor)},
-            {qxpbase::ShortTime(report.received)},
+            {ShortTime(report.received)},
             {report.source},
             {std::to_string(report.bytes)},
             report.acknowledged ? Cell{"yes"} : Cell{"no", Color::kYellow},
@@ -61,19 +67,14 @@ struct Listing {
 
 // Everything that is stored now, page by page: of the documents, only those of one page are in the memory as values. A
 // table needs none.
-Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console& console, bool json) {
+Listing Collect(const AgentClient& agent, const ResultsOptions& options, const Console& console, bool json) {
     ReportFilter filter;
     filter.id = options.id;
     filter.documents = json;
     if (options.pending) {
         filter.acknowledged = false;
     }
-    Listing listing;
-    std::string& text = listing.text;
-    if (json) {
-        text = R"({"reports":[)";
-    }
-    const size_t before = text.size();
+    Listing listing{json ? R"({"reports":[)" : "", {}};
     std::vector<Row> rows{Headings()};
     for (;;) {
         const ReportPage page = agent.GetReports(filter).value();
@@ -82,7 +83,7 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
                 listing.pending.push_back(report.cursor);
             }
             if (json) {
-                text.append(text.size() == before ? "" : ",").append(ToText(report.document));
+                listing.text.append(listing.text.ends_with('[') ? "" : ",").append(ToText(report.document));
             } else {
                 rows.push_back(RowOf(report));
             }
@@ -92,60 +93,58 @@ Listing Collect(AgentClient& agent, const ResultsOptions& options, const Console
         }
         filter.after = page.cursor;
     }
-    if (json) {
-        text.append(R"(],"cursor":)").append(std::to_string(filter.after)).append("}\n");
-    } else {
-        text = FormatTable(rows, console.Output());
-    }
+    listing.text += json ? fmt::format("],\"cursor\":{}}}\n", filter.after) : console.Output().Table(rows);
     return listing;
 }
 
-void Acknowledge(AgentClient& agent, const std::vector<uint64_t>& cursors, const Console& console) {
-    if (cursors.empty()) {
-        return;
+void Acknowledge(const AgentClient& agent, const std::vector<uint64_t>& cursors, const Console& console) {
+    if (!cursors.empty()) {
+        console.Remark("{} acknowledged", Count(agent.Acknowledge(cursors), "report"));
     }
-    const uint64_t count = agent.Acknowledge(cursors);
-    console.Remark(Count(count, "report") + " acknowledged");
 }
 
-ExitCode List(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
-    AgentClient agent(FindSocket(common.socket));
-    const Listing listing = Collect(agent, options, console, common.json);
-    if (options.output.empty() || options.output == "-") {
-        console.Print(listing.text);
-    } else {
-        WriteOutputFile(options.output, listing.text);
-    }
-    if (options.acknowledge) {
-        Acknowledge(agent, listing.pending, console);
-    }
-    return ExitCode::kSuccess;
-}
-
-uint64_t ReadCursor(const std::string& text) {
+uint64_t ParseCursor(const std::string& text) {
     const std::optional<uint32_t> cursor = qxpbase::ParseNumber(text, std::numeric_limits<uint32_t>::max());
     if (!cursor || *cursor == 0) {
-        throw BadInput("--raw takes the cursor of a result, as 'qxpctl results' lists it, not '" + text + "'");
+        throw BadInput("--raw takes the cursor of a result, as 'qxpctl results' lists it, not '{}'", text);
     }
     return *cursor;
 }
 
-ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
-    const uint64_t cursor = ReadCursor(options.raw);
-    AgentClient agent(FindSocket(common.socket));
+void WriteRaw(const AgentClient& agent, uint64_t cursor, const ResultsOptions& options, const Console& console,
+              bool json) {
     const std::string bytes = agent.GetResultFile(cursor);
-    if (!options.output.empty() && options.output != "-") {
-        WriteOutputFile(options.output, bytes);
-        if (common.json) {
-            console.Print(ToLine({{"cursor", cursor}, {"output", options.output}, {"bytes", bytes.size()}}));
-        } else {
-            console.Remark(options.output + ": " + Count(bytes.size(), "byte"));
-        }
-    } else {
+    if (!GoesToFile(options)) {
         console.Print(console.Output().Untrusted(bytes));
+        return;
+    }
+    WriteOutputFile(options.output, bytes);
+    if (json) {
+        console.Print(ToLine({{"cursor", cursor}, {"output", options.output}, {"bytes", bytes.size()}}));
+    } else {
+        console.Remark("{}: {}", options.output, Count(bytes.size(), "byte"));
+    }
+}
+
+ExitCode ShowResults(const ResultsOptions& options, const Console& console, const CommonOptions& common) {
+    std::vector<uint64_t> shown;
+    if (options.raw_option.Given()) {
+        shown = {ParseCursor(options.raw)};
+    }
+    const AgentClient agent(FindSocket(common.socket));
+    if (!shown.empty()) {
+        WriteRaw(agent, shown.front(), options, console, common.json);
+    } else {
+        Listing listing = Collect(agent, options, console, common.json);
+        if (GoesToFile(options)) {
+            WriteOutputFile(options.output, listing.text);
+        } else {
+            console.Print(listing.text);
+        }
+        shown = std::move(listing.pending);
     }
     if (options.acknowledge) {
-        Acknowledge(agent, {cursor}, console);
+        Acknowledge(agent, shown, console);
     }
     return ExitCode::kSuccess;
 }
@@ -153,21 +152,16 @@ ExitCode WriteRaw(const ResultsOptions& options, const Console& console, const C
 }  // namespace
 
 void AddResultsCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<ResultsOptions>();
-    const CommandSetup command =
-        program.SubCommand("results", "List the reports and result files that the agent keeps, or fetch one");
+    const auto [command, options] =
+        AddSubCommand(program, "results", "List the reports and result files that the agent keeps, or fetch one",
+                      kFooter, ShowResults);
     const OptionSetup id = command.Argument("ID", options->id, "Only those of this command [all]");
     command.Flag("--pending", options->pending, "Only those that nobody has acknowledged");
-    const OptionSetup raw = command.Value("--raw", "CURSOR", options->raw, "Fetch this result file, as it was written");
-    raw.Excludes(id);
+    options->raw_option = command.Value("--raw", "CURSOR", options->raw, "Fetch this result file, as it was written");
+    options->raw_option.Excludes(id);
     command.Value("--output,-o", "FILE", options->output, "Where to write; '-' or not given: the standard output");
     command.Flag("--acknowledge", options->acknowledge, "Acknowledge what has been listed or written");
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action([options, raw](const Console& console, const CommonOptions& common) {
-        return raw.Given() ? WriteRaw(*options, console, common) : List(*options, console, common);
-    });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

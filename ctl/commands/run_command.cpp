@@ -1,20 +1,22 @@
-#include <memory>
+#include <algorithm>
 
-#include "base/whole_number.h"
-#include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/client/follow_command.h"
 #include "ctl/commands/commands.h"
 #include "ctl/commands/pack_options.h"
 #include "ctl/commands/run_view.h"
-#include "ctl/terminal/interrupt.h"
-#include "ctl/terminal/json.h"
-#include "ctl/terminal/spinner.h"
+#include "ctl/terminal/progress.h"
 #include "ctl/terminal/text.h"
 #include "policy/rules.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxppolicy::HandlingOf;
+using qxppolicy::PackedPolicy;
+using qxppolicy::PackedScript;
+using qxppolicy::TypeHandling;
 
 struct RunOptions {
     PackOptions pack;
@@ -41,54 +43,32 @@ Exit codes: 0 every run succeeded; 1 a run failed, or the policy was refused or 
 input, nothing was sent; 3 the agent cannot be reached or takes nothing; 4 the wait ended first; 130 Ctrl-C. After 4 and
 130 the scripts go on.)";
 
+// The plugin looks at its runs every few seconds, and a report has its way to go.
+constexpr std::chrono::seconds kGrace{60};
+
 // A script that the plugin drops, or takes and never runs, has no result to wait for.
-void CheckThatAllRun(const qxppolicy::PackedPolicy& policy) {
-    for (const qxppolicy::PackedScript& script : policy.scripts) {
-        const qxppolicy::TypeHandling handling = qxppolicy::HandlingOf(script.type);
-        if (handling != qxppolicy::TypeHandling::kShell && handling != qxppolicy::TypeHandling::kProgram) {
-            throw BadInput("the plugin runs no scripts of the type '" + script.type + "' (" + script.file +
-                           "); run takes sh and exe");
+void CheckThatAllRun(const PackedPolicy& policy) {
+    for (const PackedScript& script : policy.scripts) {
+        const TypeHandling handling = HandlingOf(script.type);
+        if (handling != TypeHandling::kShell && handling != TypeHandling::kProgram) {
+            throw BadInput("the plugin runs no scripts of the type '{}' ({}); run takes sh and exe", script.type,
+                           script.file);
         }
     }
 }
 
-std::string HowToLookLater(const std::string& policy_id) {
-    return "the scripts go on; look later with: qxpctl show " + ShellWord(policy_id);
-}
-
-std::string Waiting(const ResultCollector& collector) {
-    const size_t total = collector.ScriptIds().size();
-    return "waiting for " + std::to_string(collector.PendingCount()) + " of " + std::to_string(total) +
-           (total == 1 ? " script" : " scripts");
-}
-
-ExitCode ExitCodeOf(FollowOutcome outcome, bool all_succeeded) {
-    switch (outcome) {
-        case FollowOutcome::kComplete:
-            return all_succeeded ? ExitCode::kSuccess : ExitCode::kNegative;
-        case FollowOutcome::kRefused:
-        case FollowOutcome::kInterrupted:
-            return ExitCode::kNegative;
-        case FollowOutcome::kTimedOut:
-            return ExitCode::kWaitTimedOut;
-        case FollowOutcome::kGivenUp:
-            break;
-    }
-    return ExitCode::kInterrupted;
-}
-
-std::vector<std::string> ScriptIdsOf(const qxppolicy::PackedPolicy& policy) {
+std::vector<std::string> ScriptIdsOf(const PackedPolicy& policy) {
     std::vector<std::string> ids;
-    for (const qxppolicy::PackedScript& script : policy.scripts) {
+    for (const PackedScript& script : policy.scripts) {
         ids.push_back(script.id);
     }
     return ids;
 }
 
-// One run of the command, from the packed policy to the exit code.
+// A policy on its way from the agent's admission check to the exit code.
 class Runner {
 public:
-    Runner(const qxppolicy::PackedPolicy& policy, const Console& console, const CommonOptions& common, bool acknowledge,
+    Runner(const PackedPolicy& policy, const Console& console, const CommonOptions& common, bool acknowledge,
            std::optional<std::chrono::seconds> limit)
         : policy_(policy),
           console_(console),
@@ -123,20 +103,10 @@ public:
     }
 
 private:
-    ExitCode Finish(const Command& command, FollowOutcome outcome) {
-        spinner_.Clear();
-        if (json_) {
-            console_.Print(RunJson(command, collector_, outcome));
-        } else {
-            static_cast<void>(console_.Remarks().Write(RunSummary(collector_, outcome, console_.Remarks())));
-        }
-        Acknowledge();
-        Explain(outcome, ReasonOf(command, collector_));
-        return ExitCodeOf(outcome, collector_.AllSucceeded());
-    }
-
     bool Tick() {
-        spinner_.Tick(sent_ ? Waiting(collector_) : "sending");
+        spinner_.Tick(sent_ ? fmt::format("waiting for {} of {}", collector_.PendingCount(),
+                                          Count(policy_.scripts.size(), "script"))
+                            : "sending");
         return !interrupt_.Interrupted();
     }
 
@@ -154,18 +124,21 @@ private:
         try {
             end = send() ? RetryingRequest::End::kDone : RetryingRequest::End::kGivenUp;
         } catch (const AgentAway& error) {
-            if (error.Why() != AgentAway::Cause::kBroken) {
+            if (error.GetCause() != AgentAway::Cause::kBroken) {
                 throw;
             }
             // The agent may have the policy or not; sent again, it is run once all the same.
             end = request_.Try(send);
         }
-        const std::string unsure = "; it may have the policy " + policy_.id + " all the same: see 'qxpctl show'";
+        const auto fail = [&](ExitCode code, const char* what) {
+            throw Error(code,
+                        fmt::format("{}; it may have the policy {} all the same: see 'qxpctl show'", what, policy_.id));
+        };
         if (end == RetryingRequest::End::kTimedOut) {
-            throw AgentUnavailable("the agent went away while the policy was being sent" + unsure);
+            fail(ExitCode::kAgentUnavailable, "the agent went away while the policy was being sent");
         }
         if (end == RetryingRequest::End::kGivenUp) {
-            throw Error(ExitCode::kInterrupted, "interrupted while the policy was being sent to the agent" + unsure);
+            fail(ExitCode::kInterrupted, "interrupted while the policy was being sent to the agent");
         }
         return std::move(*submission);
     }
@@ -180,70 +153,90 @@ private:
         try {
             return FollowCommand(agent_, request_, collector_, command, after, show);
         } catch (const AgentUnavailable& error) {
-            throw AgentUnavailable("policy " + policy_.id + " was sent, but then: " + error.what());
+            throw AgentUnavailable("policy {} was sent, but then: {}", policy_.id, error.what());
         }
     }
 
+    ExitCode Finish(const Command& command, FollowOutcome outcome) {
+        spinner_.Clear();
+        if (json_) {
+            console_.Print(RunJson(command, collector_, outcome));
+        } else {
+            static_cast<void>(console_.Remarks().Write(RunSummary(collector_, outcome, console_.Remarks())));
+        }
+        Acknowledge();
+        Explain(outcome, ReasonOf(command, collector_));
+        return ExitCodeOf(collector_, outcome);
+    }
+
     // What has been shown has arrived. Nothing is lost when the agent cannot be told.
-    void Acknowledge() {
+    void Acknowledge() const {
         if (!acknowledge_ || collector_.Cursors().empty()) {
             return;
         }
         try {
             agent_.Acknowledge(collector_.Cursors());
         } catch (const Error& error) {
-            console_.Warn(std::string("the reports stay unacknowledged: ") + error.what());
+            console_.Warn(fmt::format("the reports stay unacknowledged: {}", error.what()));
         }
     }
 
     void Explain(FollowOutcome outcome, const std::string& reason) const {
-        if (outcome == FollowOutcome::kRefused) {
-            console_.Remark("the policy " + policy_.id + " was refused: " +
-                            (reason.empty() ? "the plugin trusts another key, or too many scripts are in progress; its "
-                                              "log tells which, and 'qxpctl verify' checks the key"
-                                            : reason));
-        }
-        if (outcome == FollowOutcome::kInterrupted) {
-            console_.Remark("the policy " + policy_.id + " was interrupted: " +
-                            (reason.empty() ? "the agent ended before its results were there" : reason));
-        }
-        if (outcome == FollowOutcome::kTimedOut && request_.IsAway()) {
-            console_.Remark("the wait is over, and the agent is away: look later with: qxpctl show " +
-                            ShellWord(policy_.id));
-        } else if (outcome == FollowOutcome::kTimedOut) {
-            console_.Remark("the wait is over: " + HowToLookLater(policy_.id));
-        }
-        if (outcome == FollowOutcome::kGivenUp) {
-            console_.Remark("interrupted: " + HowToLookLater(policy_.id));
+        switch (outcome) {
+            case FollowOutcome::kRefused:
+                console_.Remark("the policy {} was refused: {}", policy_.id,
+                                reason.empty()
+                                    ? "the plugin trusts another key, or too many scripts are in progress; its "
+                                      "log tells which, and 'qxpctl verify' checks the key"
+                                    : reason);
+                break;
+            case FollowOutcome::kInterrupted:
+                console_.Remark("the policy {} was interrupted: {}", policy_.id,
+                                reason.empty() ? "the agent ended before its results were there" : reason);
+                break;
+            case FollowOutcome::kTimedOut:
+                console_.Remark("the wait is over{} look later with: qxpctl show {}",
+                                request_.IsAway() ? ", and the agent is away:" : ": the scripts go on;",
+                                ShellWord(policy_.id));
+                break;
+            case FollowOutcome::kGivenUp:
+                console_.Remark("interrupted: the scripts go on; look later with: qxpctl show {}",
+                                ShellWord(policy_.id));
+                break;
+            case FollowOutcome::kComplete:
+                break;
         }
     }
 
-    const qxppolicy::PackedPolicy& policy_;
+    const PackedPolicy& policy_;
     const Console& console_;
     const bool json_;
     const bool acknowledge_;
     const InterruptGuard interrupt_;
-    AgentClient agent_;
+    const AgentClient agent_;
     Spinner spinner_;
     ResultCollector collector_;
     RetryingRequest request_;
     bool sent_ = false;
 };
 
-std::optional<std::chrono::seconds> WaitLimit(const std::string& option, const qxppolicy::PackedPolicy& policy) {
-    if (option.empty()) {
-        return DefaultWait(policy);
+// How long to wait: not set when a script may run for ever and the operator names no time.
+std::optional<std::chrono::seconds> WaitLimit(const std::string& option, const PackedPolicy& policy) {
+    if (!option.empty()) {
+        return ParseWait(option);
     }
-    const std::optional<uint32_t> seconds = qxpbase::ParseNumber(option, qxppolicy::kMaxTimeoutSeconds);
-    if (!seconds) {
-        throw BadInput("--wait takes a whole number of seconds from 0 to " +
-                       std::to_string(qxppolicy::kMaxTimeoutSeconds) + ", not '" + option + "'");
+    uint32_t longest = 0;
+    for (const PackedScript& script : policy.scripts) {
+        if (script.timeout == 0) {
+            return std::nullopt;
+        }
+        longest = std::max(longest, script.timeout);
     }
-    return std::chrono::seconds(*seconds);
+    return std::chrono::seconds(longest) + kGrace;
 }
 
 ExitCode PackAndRun(const RunOptions& options, const Console& console, const CommonOptions& common) {
-    const qxppolicy::PackedPolicy policy = Pack(options.pack);
+    const PackedPolicy policy = Pack(options.pack);
     CheckThatAllRun(policy);
     const std::optional<std::chrono::seconds> limit = WaitLimit(options.wait, policy);
     WarnOfOpenKeyFile(options.pack.key_file, console);
@@ -253,20 +246,16 @@ ExitCode PackAndRun(const RunOptions& options, const Console& console, const Com
 }  // namespace
 
 void AddRunCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<RunOptions>();
-    const CommandSetup command = program.SubCommand("run", "Sign scripts, have the agent run them, show the results");
+    const auto [command, options] =
+        AddSubCommand(program, "run", "Sign scripts, have the agent run them, show the results",
+                      fmt::format("{}\n\n{}", kScriptArgumentHelp, kFooter), PackAndRun);
     AddPackOptions(command, options->pack);
     command.Value("--wait", "SECONDS", options->wait,
                   "How long to wait for the results [a minute longer than\n"
                   "the longest time-out when every script has one, else\n"
                   "for as long as it takes]");
     command.Flag("--no-acknowledge", options->keep, "Leave the reports unacknowledged, for another reader");
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(std::string(kScriptArgumentHelp) + "\n\n" + kFooter);
-    command.Action([options](const Console& console, const CommonOptions& common) {
-        return PackAndRun(*options, console, common);
-    });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

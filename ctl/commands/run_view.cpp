@@ -1,6 +1,6 @@
 #include "ctl/commands/run_view.h"
 
-#include <algorithm>
+#include <array>
 
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
@@ -9,58 +9,74 @@ namespace qxpctl {
 
 namespace {
 
-const char* OutcomeName(FollowOutcome outcome, bool all_succeeded) {
-    switch (outcome) {
-        case FollowOutcome::kComplete:
-            return all_succeeded ? "succeeded" : "failed";
-        case FollowOutcome::kRefused:
-            return "refused";
-        case FollowOutcome::kInterrupted:
-            return "interrupted";
-        case FollowOutcome::kTimedOut:
-            return "wait timed out";
-        case FollowOutcome::kGivenUp:
-            break;
+struct OutcomeText {
+    ExitCode code;
+    const char* command;
+    const char* script;  // one without a result
+};
+
+const OutcomeText& TextOf(FollowOutcome outcome) {
+    // In the order of FollowOutcome. A complete command whose scripts all succeeded is not looked up.
+    static constexpr std::array<OutcomeText, 5> kTexts = {{
+        {ExitCode::kNegative, "failed", "not run"},
+        {ExitCode::kNegative, "refused", "refused"},
+        {ExitCode::kNegative, "interrupted", "interrupted"},
+        {ExitCode::kWaitTimedOut, "wait timed out", "no result yet"},
+        {ExitCode::kInterrupted, "given up", "no result yet"},
+    }};
+    return kTexts.at(static_cast<size_t>(outcome));
+}
+
+bool Succeeded(const ResultCollector& collector, FollowOutcome outcome) {
+    return outcome == FollowOutcome::kComplete && collector.AllSucceeded();
+}
+
+const char* RunStateName(const RunResult* result, FollowOutcome outcome) {
+    if (result == nullptr) {
+        return TextOf(outcome).script;
     }
-    return "given up";
+    return result->succeeded ? "succeeded" : result->timed_out ? "timed out" : "failed";
 }
 
 }  // namespace
 
-RunState StateOf(const RunResult* result, FollowOutcome outcome) {
-    if (result && result->succeeded) {
-        return {"succeeded", Color::kGreen};
+ExitCode ExitCodeOf(const ResultCollector& collector, FollowOutcome outcome) {
+    return Succeeded(collector, outcome) ? ExitCode::kSuccess : TextOf(outcome).code;
+}
+
+Color StateColor(CommandState state) {
+    if (state == CommandState::kReported) {
+        return Color::kGreen;
     }
-    if (result) {
-        return result->timed_out ? RunState{"timed out", Color::kRed} : RunState{"failed", Color::kRed};
+    return IsFinal(state) ? Color::kRed : Color::kYellow;
+}
+
+std::string StateText(const RunResult* result, FollowOutcome outcome, const Stream& stream) {
+    const bool waiting = outcome == FollowOutcome::kTimedOut || outcome == FollowOutcome::kGivenUp;
+    const bool succeeded = result != nullptr && result->succeeded;
+    const Color color = succeeded ? Color::kGreen : result == nullptr && waiting ? Color::kYellow : Color::kRed;
+    std::string text = stream.Paint(color, RunStateName(result, outcome));
+    if (result != nullptr && !result->timed_out) {
+        text += fmt::format(" in {} s", OneLine(result->seconds));
     }
-    switch (outcome) {
-        case FollowOutcome::kComplete:
-            return {"not run", Color::kRed};
-        case FollowOutcome::kRefused:
-            return {"refused", Color::kRed};
-        case FollowOutcome::kInterrupted:
-            return {"interrupted", Color::kRed};
-        case FollowOutcome::kTimedOut:
-        case FollowOutcome::kGivenUp:
-            break;
-    }
-    return {"no result yet", Color::kYellow};
+    return text;
 }
 
 std::string ReasonOf(const Command& command, const ResultCollector& collector) {
     return command.reason.empty() ? collector.InterruptionReason() : command.reason;
 }
 
+std::string RunHeading(const RunResult& result, const Stream& output) {
+    return output.Paint(Color::kBold, fmt::format("==> {} <==", OneLine(result.script_id)));
+}
+
 std::string RunOutput(const RunResult& result, bool heading, const Stream& output) {
-    std::string text = output.Untrusted(result.output);
+    const std::string text = output.Untrusted(result.output);
     if (!heading) {
         return text;
     }
-    if (!text.empty() && text.back() != '\n') {
-        text += '\n';
-    }
-    return output.Paint(Color::kBold, "==> " + OneLine(result.script_id) + " <==") + "\n" + text;
+    const bool open_end = !text.empty() && text.back() != '\n';
+    return fmt::format("{}\n{}{}", RunHeading(result, output), text, open_end ? "\n" : "");
 }
 
 std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, const Stream& stream) {
@@ -68,36 +84,28 @@ std::string RunSummary(const ResultCollector& collector, FollowOutcome outcome, 
     std::string text;
     for (const std::string& id : collector.ScriptIds()) {
         const RunResult* const result = collector.Find(id);
-        const RunState state = StateOf(result, outcome);
-        text += OneLine(id) + ": " + stream.Paint(state.color, state.name);
-        if (result && !result->timed_out) {
-            text += " in " + OneLine(result->seconds) + " s";
-        }
-        text += "\n";
-        succeeded += result && result->succeeded ? 1U : 0U;
+        text += fmt::format("{}: {}\n", OneLine(id), StateText(result, outcome, stream));
+        succeeded += result != nullptr && result->succeeded ? 1U : 0U;
     }
-    const size_t total = collector.ScriptIds().size();
-    return text +
-           stream.Paint(Color::kBold, std::to_string(succeeded) + " of " + std::to_string(total) +
-                                          (total == 1 ? " script" : " scripts") + " succeeded") +
-           "\n";
+    const std::string total = Count(collector.ScriptIds().size(), "script");
+    return text + stream.Paint(Color::kBold, fmt::format("{} of {} succeeded", succeeded, total)) + "\n";
 }
 
 std::string RunJson(const Command& command, const ResultCollector& collector, FollowOutcome outcome) {
     const std::string reason = ReasonOf(command, collector);
     Json document = {{"id", command.id},
-                     {"outcome", OutcomeName(outcome, collector.AllSucceeded())},
+                     {"outcome", Succeeded(collector, outcome) ? "succeeded" : TextOf(outcome).command},
                      {"reason", reason.empty() ? Json() : Json(reason)},
                      {"scripts", Json::array()}};
     for (const std::string& id : collector.ScriptIds()) {
         const RunResult* const result = collector.Find(id);
-        Json script = {{"scriptid", id}, {"state", StateOf(result, outcome).name}};
-        if (result) {
-            script["seconds"] = result->seconds;
-            script["started"] = result->start_time;
-            script["ended"] = result->end_time;
-            script["file"] = result->file;
-            script["output"] = result->output;
+        Json script = {{"scriptid", id}, {"state", RunStateName(result, outcome)}};
+        if (result != nullptr) {
+            script.update({{"seconds", result->seconds},
+                           {"started", result->start_time},
+                           {"ended", result->end_time},
+                           {"file", result->file},
+                           {"output", result->output}});
         }
         document["scripts"].push_back(std::move(script));
     }

@@ -2,12 +2,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
-#include "ctl/terminal/interrupt.h"
-#include "ctl/terminal/spinner.h"
+#include "ctl/terminal/progress.h"
 #include "ctl/terminal/text.h"
 #include "policy/rules.h"
 
@@ -26,7 +25,7 @@ Exit codes: 0 the policy was accepted; 1 it was not, or there is no such file; 3
 130 Ctrl-C: the scripts go on.)";
 
 // Where the file is missing, if it is and this user can see so. Looked for beforehand, since the plugin deletes it.
-std::string MissingFrom(AgentClient& agent, const std::string& name) {
+std::string MissingFrom(const AgentClient& agent, const std::string& name) {
     const std::string directory = agent.GetStatus().process_directory;
     struct stat status {};
     const bool missing = !directory.empty() && access(directory.c_str(), R_OK | X_OK) == 0 &&
@@ -34,38 +33,34 @@ std::string MissingFrom(AgentClient& agent, const std::string& name) {
     return missing ? directory : "";
 }
 
-std::string ReasonNotAccepted(const std::string& name, const std::string& missing_from) {
-    if (!missing_from.empty()) {
-        return "there is no such file in " + missing_from + "; put it there with: qxpctl drop --process " +
-               ShellWord(name);
-    }
-    return "the plugin refuses it, or there is no such file in the process directory; its log tells which";
-}
-
 ExitCode RunOnce(const std::string& name, const Console& console, const CommonOptions& common) {
     if (const qxppolicy::Fault fault = qxppolicy::ValidateRunOnceName(name)) {
-        throw BadInput("the name '" + name + "' " + *fault + "; name a file of the process directory");
+        throw BadInput("the name '{}' {}; name a file of the process directory", name, *fault);
     }
-    AgentClient agent(FindSocket(common.socket));
+    const AgentClient agent(FindSocket(common.socket));
     const std::string missing_from = MissingFrom(agent, name);
     const InterruptGuard interrupt;
-    std::optional<bool> accepted;
-    {
-        Spinner spinner(console);
-        accepted = agent.RunOnce(name, [&] {
-            spinner.Tick("waiting for the scripts to end");
-            return !interrupt.Interrupted();
-        });
-    }
+    Spinner spinner(console);
+    const std::optional<bool> accepted = agent.RunOnce(name, [&] {
+        spinner.Tick("waiting for the scripts to end");
+        return !interrupt.Interrupted();
+    });
+    spinner.Clear();
     if (!accepted) {
         throw Error(ExitCode::kInterrupted, "interrupted; the scripts go on: see 'qxpctl results'");
     }
     if (common.json) {
         console.Print(ToLine({{"name", name}, {"accepted", *accepted}}));
     } else if (*accepted) {
-        console.Remark(name + " was run; its results: qxpctl results " + ShellWord(name));
+        console.Remark("{} was run; its results: qxpctl results {}", name, ShellWord(name));
+    } else if (missing_from.empty()) {
+        console.Remark(
+            "{} was not accepted: the plugin refuses it, or there is no such file in the process directory; its log "
+            "tells which",
+            name);
     } else {
-        console.Remark(name + " was not accepted: " + ReasonNotAccepted(name, missing_from));
+        console.Remark("{} was not accepted: there is no such file in {}; put it there with: qxpctl drop --process {}",
+                       name, missing_from, ShellWord(name));
     }
     return *accepted ? ExitCode::kSuccess : ExitCode::kNegative;
 }
@@ -73,15 +68,10 @@ ExitCode RunOnce(const std::string& name, const Console& console, const CommonOp
 }  // namespace
 
 void AddRunOnceCommand(const CommandSetup& program) {
-    const auto name = std::make_shared<std::string>();
-    const CommandSetup command =
-        program.SubCommand("runonce", "Have the plugin run a policy file of its process directory");
+    const auto [command, name] = AddSubCommand(
+        program, "runonce", "Have the plugin run a policy file of its process directory", kFooter, RunOnce);
     command.Argument("NAME", *name, "The file's name, without a directory").Required();
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action(
-        [name](const Console& console, const CommonOptions& common) { return RunOnce(*name, console, common); });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

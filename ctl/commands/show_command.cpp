@@ -1,16 +1,16 @@
-#include <memory>
-
 #include "base/time_text.h"
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/client/results.h"
-#include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
-#include "ctl/terminal/table.h"
+#include "ctl/commands/run_view.h"
 #include "ctl/terminal/text.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxpbase::ShortTime;
 
 constexpr const char* kFooter =
     R"(Prints what the agent knows of a command: who sent it and when, its state and the reason, then each script's result and
@@ -23,39 +23,35 @@ Examples:
 Exit codes: 0 the command is known; 2 it is not; 3 the agent cannot be reached.)";
 
 std::string Head(const Command& command, const Stream& output) {
-    const auto label = [](const char* text) { return Cell{text, Color::kBold}; };
-    std::vector<Row> rows = {
-        {label("ID"), {command.id}},
-        {label("Command"), {command.command + ", " + Count(command.scripts, "script")}},
-        {label("State"), {StateName(command.state), StateColor(command.state)}},
+    std::vector<Row> rows;
+    const auto add = [&rows](const char* label, const std::string& text, Color color = Color::kPlain) {
+        rows.push_back({{label, Color::kBold}, {text, color}});
     };
+    add("ID", command.id);
+    add("Command", fmt::format("{}, {}", command.command, Count(command.scripts, "script")));
+    add("State", StateName(command.state), StateColor(command.state));
     if (!command.reason.empty()) {
-        rows.push_back({label("Reason"), {command.reason, StateColor(command.state)}});
+        add("Reason", command.reason, StateColor(command.state));
     }
-    rows.push_back({label("Sent by"), {command.submitter + ", received " + qxpbase::ShortTime(command.received)}});
+    add("Sent by", fmt::format("{}, received {}", command.submitter, ShortTime(command.received)));
     if (!command.finished.empty()) {
-        rows.push_back({label("Finished"), {qxpbase::ShortTime(command.finished)}});
+        add("Finished", ShortTime(command.finished));
     }
     for (const std::string& script : command.unreported) {
-        rows.push_back({label(IsFinal(command.state) ? "No result" : "Waiting"), {script}});
+        add(IsFinal(command.state) ? "No result" : "Waiting", script);
     }
-    return FormatTable(rows, output);
+    return output.Table(rows);
 }
 
 std::string ResultText(const RunResult& result, const Stream& output) {
-    const char* const state = result.succeeded ? "succeeded" : result.timed_out ? "timed out" : "failed";
-    std::string text = "\n" + output.Paint(Color::kBold, "==> " + OneLine(result.script_id) + " <==") + " " +
-                       output.Paint(result.succeeded ? Color::kGreen : Color::kRed, state);
-    if (!result.timed_out) {
-        text += " in " + OneLine(result.seconds) + " s";
-    }
-    text += ", started " + OneLine(result.start_time) + "\n" + output.Untrusted(result.output);
+    const std::string text = fmt::format("\n{} {}, started {}\n{}", RunHeading(result, output),
+                                         StateText(&result, FollowOutcome::kComplete, output),
+                                         OneLine(result.start_time), output.Untrusted(result.output));
     return text.back() == '\n' ? text : text + "\n";
 }
 
 std::string ReportText(const Report& report, const Stream& output) {
     const ReportContent content = ReadReportContent(report.content);
-    const std::string heading = "\n" + output.Paint(Color::kBold, "report " + std::to_string(report.cursor)) + ": ";
     std::string text;
     switch (content.kind) {
         case ReportContent::Kind::kResults:
@@ -64,14 +60,17 @@ std::string ReportText(const Report& report, const Stream& output) {
             }
             return text;
         case ReportContent::Kind::kRefusal:
-            return heading + output.Paint(Color::kRed, "refused by the plugin") + "\n";
+            text = output.Paint(Color::kRed, "refused by the plugin");
+            break;
         case ReportContent::Kind::kInterruption:
-            return heading + output.Paint(Color::kRed, "interrupted") +
-                   (content.reason.empty() ? "" : ": " + OneLine(content.reason)) + "\n";
+            text = output.Paint(Color::kRed, "interrupted") +
+                   (content.reason.empty() ? "" : ": " + OneLine(content.reason));
+            break;
         case ReportContent::Kind::kUnknown:
+            text = fmt::format("of an unknown form, {}; 'qxpctl show --json' shows it", SizeText(report.bytes));
             break;
     }
-    return heading + "of an unknown form, " + SizeText(report.bytes) + "; 'qxpctl show --json' shows it\n";
+    return fmt::format("\n{}: {}\n", output.Paint(Color::kBold, fmt::format("report {}", report.cursor)), text);
 }
 
 void PrintReports(const std::vector<Report>& reports, const Console& console) {
@@ -82,7 +81,7 @@ void PrintReports(const std::vector<Report>& reports, const Console& console) {
 
 // The agent's answer has the first of the reports; the others come page by page.
 ExitCode Show(const std::string& id, const Console& console, const CommonOptions& common) {
-    AgentClient agent(FindSocket(common.socket));
+    const AgentClient agent(FindSocket(common.socket));
     CommandDetail detail = agent.GetCommand(id);
     if (!common.json) {
         console.Print(Head(detail.command, console.Output()));
@@ -114,13 +113,10 @@ ExitCode Show(const std::string& id, const Console& console, const CommonOptions
 }  // namespace
 
 void AddShowCommand(const CommandSetup& program) {
-    const auto id = std::make_shared<std::string>();
-    const CommandSetup command = program.SubCommand("show", "Show one command with its results and outputs");
+    const auto [command, id] =
+        AddSubCommand(program, "show", "Show one command with its results and outputs", kFooter, Show);
     command.Argument("ID", *id, "The ID of the command, as run and submit gave it").Required();
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action([id](const Console& console, const CommonOptions& common) { return Show(*id, console, common); });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

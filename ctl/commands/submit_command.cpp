@@ -1,9 +1,8 @@
-#include <memory>
-
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
 #include "ctl/commands/ready_policy.h"
-#include "ctl/terminal/spinner.h"
+#include "ctl/terminal/progress.h"
 
 namespace qxpctl {
 
@@ -25,40 +24,35 @@ time.)";
 
 ExitCode Submit(const std::string& path, const Console& console, const CommonOptions& common) {
     const ReadyPolicy policy = ReadReadyPolicy(path, PolicyRoad::kCommand);
-    AgentClient agent(FindSocket(common.socket));
-    std::optional<Submission> submission;
-    {
-        Spinner spinner(console);
-        submission = agent.Submit(policy.document, [&spinner] {
-            spinner.Tick("sending");
-            return true;
-        });
-    }
-    const Command& command = submission.value().command;
-    const bool refused = command.state == CommandState::kRefused;
+    const AgentClient agent(FindSocket(common.socket));
+    Spinner spinner(console);
+    const auto [taken, command] = agent
+                                      .Submit(policy.document,
+                                              [&spinner] {
+                                                  spinner.Tick("sending");
+                                                  return true;
+                                              })
+                                      .value();
+    spinner.Clear();
     if (common.json) {
         Json result = command.document;
-        result["taken"] = submission->taken;
+        result["taken"] = taken;
         console.Print(ToLine(result));
     } else {
         console.Print(console.Output().Untrusted(command.id) + "\n");
-        console.Remark(std::string(submission->taken ? "taken" : "known already") + ", " + StateName(command.state) +
-                       (command.reason.empty() ? "" : ": " + command.reason));
+        console.Remark("{}, {}{}{}", taken ? "taken" : "known already", StateName(command.state),
+                       command.reason.empty() ? "" : ": ", command.reason);
     }
-    return refused ? ExitCode::kNegative : ExitCode::kSuccess;
+    return command.state == CommandState::kRefused ? ExitCode::kNegative : ExitCode::kSuccess;
 }
 
 }  // namespace
 
 void AddSubmitCommand(const CommandSetup& program) {
-    const auto policy = std::make_shared<std::string>();
-    const CommandSetup command = program.SubCommand("submit", "Send a policy to the agent of this machine");
+    const auto [command, policy] =
+        AddSubCommand(program, "submit", "Send a policy to the agent of this machine", kFooter, Submit);
     command.Argument("POLICY", *policy, "The policy document; '-' is the standard input").Required();
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action(
-        [policy](const Console& console, const CommonOptions& common) { return Submit(*policy, console, common); });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

@@ -1,8 +1,7 @@
 #include <filesystem>
-#include <memory>
 
 #include "base/input_file.h"
-#include "ctl/client/agent_http.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/commands/commands.h"
 #include "ctl/terminal/json.h"
 #include "ctl/terminal/text.h"
@@ -96,24 +95,19 @@ std::string AsJson(const PolicyForecast& forecast) {
 std::string AsText(const PolicyForecast& forecast, const Stream& output) {
     std::string text;
     for (const std::string& fault : forecast.faults) {
-        text += "policy: " + output.Paint(Color::kRed, "refused") + ": " + OneLine(fault) + "\n";
+        text += fmt::format("policy: {}: {}\n", output.Paint(Color::kRed, "refused"), OneLine(fault));
     }
     size_t number = 0;
     for (const ScriptForecast& script : forecast.scripts) {
-        text += "script " + std::to_string(++number);
-        if (!script.id.empty()) {
-            text += " (" + OneLine(script.id) + ")";
-        }
-        text += ": " + output.Paint(VerdictColor(script.verdict), VerdictName(script.verdict));
-        if (!script.reason.empty()) {
-            text += ": " + OneLine(script.reason);
-        }
-        text += "\n";
+        text += fmt::format("script {}{}: {}{}\n", ++number,
+                            script.id.empty() ? "" : fmt::format(" ({})", OneLine(script.id)),
+                            output.Paint(VerdictColor(script.verdict), VerdictName(script.verdict)),
+                            script.reason.empty() ? "" : ": " + OneLine(script.reason));
     }
     return text;
 }
 
-ExitCode Verify(const VerifyOptions& options, const Console& console, bool json) {
+ExitCode Verify(const VerifyOptions& options, const Console& console, const CommonOptions& common) {
     const TrustedKeys keys = ReadKeys(options);
     const qxppolicy::PolicyDocument document(
         qxpbase::ReadDocument(options.policy, qxppolicy::kMaxPolicyBytes, "policy"));
@@ -125,16 +119,15 @@ ExitCode Verify(const VerifyOptions& options, const Console& console, bool json)
     if (const qxppolicy::Fault fault = document.ValidateForAdmission(); forecast.faults.empty() && fault) {
         forecast.faults.push_back("an agent does not take it: " + *fault);
     }
-    console.Print(json ? AsJson(forecast) : AsText(forecast, console.Output()));
+    console.Print(common.json ? AsJson(forecast) : AsText(forecast, console.Output()));
     return forecast.IsGood() ? ExitCode::kSuccess : ExitCode::kNegative;
 }
 
 }  // namespace
 
 void AddVerifyCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<VerifyOptions>();
-    const CommandSetup command =
-        program.SubCommand("verify", "Tell which scripts of a policy the plugin would accept, and why not");
+    const auto [command, options] = AddSubCommand(
+        program, "verify", "Tell which scripts of a policy the plugin would accept, and why not", kFooter, Verify);
     command.Values("--key,-k", "FILE", options->key_files,
                    "A public key that the plugin trusts (PEM): the RSA key\n"
                    "it was built with, or an Ed25519 key; may be repeated");
@@ -142,10 +135,6 @@ void AddVerifyCommand(const CommandSetup& program) {
                   "The agent's directory of trusted Ed25519 keys\n[without --key: that of this installation]");
     command.Argument("POLICY", options->policy, "The policy document; '-' is the standard input").Required();
     command.JsonOption();
-    command.Footer(kFooter);
-    command.Action([options](const Console& console, const CommonOptions& common) {
-        return Verify(*options, console, common.json);
-    });
 }
 
 }  // namespace qxpctl

@@ -1,20 +1,21 @@
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <set>
 
-#include "base/whole_number.h"
+#include "base/time_text.h"
 #include "ctl/client/agent_client.h"
+#include "ctl/client/agent_socket.h"
 #include "ctl/client/retrying_request.h"
-#include "ctl/commands/command_view.h"
 #include "ctl/commands/commands.h"
-#include "ctl/terminal/interrupt.h"
+#include "ctl/commands/run_view.h"
+#include "ctl/terminal/progress.h"
 #include "ctl/terminal/text.h"
-#include "policy/rules.h"
 
 namespace qxpctl {
 
 namespace {
+
+using qxpbase::ShortTime;
 
 struct WatchOptions {
     std::vector<std::string> ids;
@@ -37,12 +38,40 @@ Examples:
 Exit codes: with IDs 0 every command was reported, 1 one was refused or interrupted, 4 the wait ended first; 3 the agent
 cannot be reached at first; 130 Ctrl-C.)";
 
-constexpr unsigned kPageLimit = 1000;
 // What a table begins with when no command is named.
 constexpr uint64_t kHistory = 1000;
-// An agent that answers a poll at once with nothing is not asked more often than this.
-constexpr std::chrono::milliseconds kMinPollInterval{250};
 constexpr TerminalSize kUnknownSize{80, 24};
+
+// How many of the expected results are there.
+std::string Progress(const Command& command) {
+    const uint64_t missing = std::min<uint64_t>(command.unreported.size(), command.expected);
+    return fmt::format("{}/{}", command.expected - missing, command.expected);
+}
+
+Row Headings() {
+    Row row;
+    for (const char* const text : {"RECEIVED", "STATE", "RESULTS", "COMMAND", "USER", "ID", "REASON"}) {
+        row.push_back({text, Color::kBold});
+    }
+    return row;
+}
+
+Row RowOf(const Command& command) {
+    return {{ShortTime(command.received)},
+            {StateName(command.state), StateColor(command.state)},
+            {Progress(command)},
+            {command.command},
+            {command.submitter},
+            {command.id},
+            {command.reason}};
+}
+
+// One line about a change, for a pipe.
+std::string LineOf(const Command& command) {
+    const std::string& time = command.finished.empty() ? command.received : command.finished;
+    return fmt::format("{}\t{}\t{}\t{}\t{}\n", OneLine(time), OneLine(command.id), StateName(command.state),
+                       Progress(command), OneLine(command.reason));
+}
 
 // A table at the bottom of the terminal that takes its own place again.
 class LiveTable {
@@ -61,13 +90,13 @@ public:
         });
         // One line for the headings, one for the cursor.
         newest.resize(std::min(newest.size(), std::max<size_t>(size.lines, 3) - 2));
-        std::vector<Row> rows{CommandHeadings()};
+        std::vector<Row> rows{Headings()};
         for (const Command* const command : newest) {
-            rows.push_back(CommandRow(*command));
+            rows.push_back(RowOf(*command));
         }
         // ECMA-48: cursor up, erase to the end of the screen.
-        const std::string back = lines_ > 0 ? "\033[" + std::to_string(lines_) + "A\r\033[J" : "";
-        console_.Print(back + FormatTable(rows, console_.Output(), size.columns));
+        const std::string back = lines_ > 0 ? fmt::format("\033[{}A\r\033[J", lines_) : "";
+        console_.Print(back + console_.Output().Table(rows, size.columns));
         lines_ = rows.size();
     }
     // Something else has been or will be written below it.
@@ -109,15 +138,14 @@ public:
             if (live_ && (first || changes > 0)) {
                 table_.Draw(commands_);
             }
-            if (Finished()) {
-                return Verdict();
+            if (!wanted_.empty() && commands_.size() == wanted_.size() && All(IsFinal)) {
+                const bool good = All([](CommandState state) { return state == CommandState::kReported; });
+                return good ? ExitCode::kSuccess : ExitCode::kNegative;
             }
             if (request_.Expired()) {
                 return ExitCode::kWaitTimedOut;
             }
-            const auto elapsed = RetryingRequest::Clock::now() - asked;
-            if (!first && changes == 0 && elapsed < kMinPollInterval &&
-                !request_.Pause(std::chrono::ceil<std::chrono::milliseconds>(kMinPollInterval - elapsed))) {
+            if (!first && changes == 0 && !request_.PauseAfter(asked)) {
                 return ExitCode::kInterrupted;
             }
         }
@@ -125,28 +153,28 @@ public:
 
 private:
     bool ReadChanges(bool wait, size_t& count) {
-        CommandFilter filter;
-        filter.after = sequence_;
-        filter.limit = kPageLimit;
-        filter.wait = wait ? request_.Left(AgentClient::kMaxPoll) : std::chrono::seconds(0);
+        CommandFilter filter{.after = sequence_};
+        if (wait) {
+            filter.wait = request_.Left(AgentClient::kMaxPoll);
+        }
         const std::optional<CommandPage> page = agent_.ListCommands(filter, request_.GetTick());
         if (!page) {
             return false;
         }
         for (const Command& command : page->commands) {
-            Take(command);
+            Note(command);
         }
         count = page->commands.size();
         sequence_ = std::max(sequence_, page->sequence);
         return true;
     }
 
-    void Take(const Command& command) {
+    void Note(const Command& command) {
         if (!wanted_.empty() && wanted_.count(command.id) == 0) {
             return;
         }
         if (!live_) {
-            console_.Print(json_ ? ToLine(command.document) : CommandLine(command));
+            console_.Print(json_ ? ToLine(command.document) : LineOf(command));
         }
         // A watch in a pipe goes on for months: it keeps only what it is to judge.
         if (live_ || !wanted_.empty()) {
@@ -154,24 +182,17 @@ private:
         }
     }
 
-    bool Finished() const {
-        return !wanted_.empty() && commands_.size() == wanted_.size() &&
-               std::all_of(commands_.begin(), commands_.end(),
-                           [](const auto& entry) { return IsFinal(entry.second.state); });
-    }
-
-    ExitCode Verdict() const {
-        const bool good = std::all_of(commands_.begin(), commands_.end(),
-                                      [](const auto& entry) { return entry.second.state == CommandState::kReported; });
-        return good ? ExitCode::kSuccess : ExitCode::kNegative;
+    template <typename Condition>
+    bool All(Condition condition) const {
+        return std::all_of(commands_.begin(), commands_.end(),
+                           [&](const auto& entry) { return condition(entry.second.state); });
     }
 
     void StartOverInANewStore() {
-        if (agent_.GetStatus().last_sequence >= sequence_) {
-            return;
+        if (agent_.GetStatus().last_sequence < sequence_) {
+            sequence_ = 0;
+            commands_.clear();
         }
-        sequence_ = 0;
-        commands_.clear();
     }
 
     const std::set<std::string> wanted_;
@@ -180,37 +201,23 @@ private:
     const bool live_;
     const InterruptGuard interrupt_;
     LiveTable table_;
-    AgentClient agent_;
+    const AgentClient agent_;
     RetryingRequest request_;
     std::map<std::string, Command> commands_;
     uint64_t sequence_ = 0;
 };
 
-std::optional<std::chrono::seconds> ReadWait(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    const std::optional<uint32_t> seconds = qxpbase::ParseNumber(text, qxppolicy::kMaxTimeoutSeconds);
-    if (!seconds) {
-        throw BadInput("--wait takes a whole number of seconds from 0 to " +
-                       std::to_string(qxppolicy::kMaxTimeoutSeconds) + ", not '" + text + "'");
-    }
-    return std::chrono::seconds(*seconds);
+ExitCode Watch(const WatchOptions& options, const Console& console, const CommonOptions& common) {
+    return Watcher(options, console, common, ParseWait(options.wait)).Run();
 }
 
 }  // namespace
 
 void AddWatchCommand(const CommandSetup& program) {
-    const auto options = std::make_shared<WatchOptions>();
-    const CommandSetup command = program.SubCommand("watch", "Show commands as they change");
+    const auto [command, options] = AddSubCommand(program, "watch", "Show commands as they change", kFooter, Watch);
     command.Arguments("ID", options->ids, "The commands to watch, to their end [all, until Ctrl-C]");
     command.Value("--wait", "SECONDS", options->wait, "How long to watch [for as long as it takes]");
-    command.SocketOption();
-    command.JsonOption();
-    command.Footer(kFooter);
-    command.Action([options](const Console& console, const CommonOptions& common) {
-        return Watcher(*options, console, common, ReadWait(options->wait)).Run();
-    });
+    AddAgentOptions(command);
 }
 
 }  // namespace qxpctl

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/unique_fd.h"
+
 namespace qxpctl {
 
 namespace {
@@ -25,10 +27,7 @@ bool ReadUntil(int descriptor, Clock::time_point deadline, std::string& output) 
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd ready{descriptor, POLLIN, 0};
         const int found = poll(&ready, 1, left > 0 ? static_cast<int>(left) : 0);
-        if (found == 0) {
-            return false;
-        }
-        if (found < 0 && errno != EINTR) {
+        if (found == 0 || (found < 0 && errno != EINTR)) {
             return false;
         }
         const ssize_t count = found > 0 ? read(descriptor, buffer.data(), buffer.size()) : 1;
@@ -68,24 +67,27 @@ ChildResult RunChild(const std::string& program, const std::vector<std::string>&
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         return {ChildResult::End::kNotStarted, errno, {}};
     }
+    const qxpbase::UniqueFd reader(ends[0]);
+    qxpbase::UniqueFd writer(ends[1]);
     pid_t child = 0;
-    const int failure = Spawn(program, arguments, ends[1], child);
-    close(ends[1]);
-    ChildResult result{ChildResult::End::kNotStarted, failure, {}};
-    if (failure == 0) {
-        const bool ended = ReadUntil(ends[0], Clock::now() + deadline, result.output);
-        if (!ended) {
-            kill(child, SIGKILL);
-        }
-        int status = 0;
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-        result.end = !ended                ? ChildResult::End::kTimedOut
-                     : WIFSIGNALED(status) ? ChildResult::End::kKilled
-                                           : ChildResult::End::kExited;
-        result.code = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    ChildResult result;
+    result.code = Spawn(program, arguments, writer.Get(), child);
+    if (result.code != 0) {
+        return result;
     }
-    close(ends[0]);
+    // With this end open too, the reader would never see the end.
+    writer.Reset();
+    const bool ended = ReadUntil(reader.Get(), Clock::now() + deadline, result.output);
+    if (!ended) {
+        kill(child, SIGKILL);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.end = !ended                ? ChildResult::End::kTimedOut
+                 : WIFSIGNALED(status) ? ChildResult::End::kKilled
+                                       : ChildResult::End::kExited;
+    result.code = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     return result;
 }
 

@@ -3,11 +3,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #include "base/errno_text.h"
 #include "ctl/terminal/error.h"
+#include "ctl/terminal/files.h"
 #include "ctl/terminal/text.h"
 
 namespace qxpctl {
@@ -16,24 +18,26 @@ namespace {
 
 bool WantsColor() {
     const char* const terminal = std::getenv("TERM");
-    return !std::getenv("NO_COLOR") && terminal && std::string_view(terminal) != "dumb";
+    return std::getenv("NO_COLOR") == nullptr && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
-// ECMA-48 select graphic rendition.
-std::string_view Sequence(Color color) {
-    switch (color) {
-        case Color::kGreen:
-            return "\033[32m";
-        case Color::kRed:
-            return "\033[31m";
-        case Color::kYellow:
-            return "\033[33m";
-        case Color::kBold:
-            return "\033[1m";
-        case Color::kPlain:
+bool BeginsCharacter(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
+}
+
+size_t CountColumns(std::string_view text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), BeginsCharacter));
+}
+
+// The beginning of a text that takes at most so many columns.
+std::string_view Cut(std::string_view text, size_t columns) {
+    size_t at = 0;
+    for (size_t seen = 0; at < text.size(); ++at) {
+        if (BeginsCharacter(text[at]) && seen++ == columns) {
             break;
+        }
     }
-    return "";
+    return text.substr(0, at);
 }
 
 }  // namespace
@@ -43,14 +47,38 @@ Stream::Stream(int descriptor)
 }
 
 std::string Stream::Paint(Color color, std::string_view text) const {
-    if (!color_ || color == Color::kPlain) {
-        return std::string(text);
-    }
-    return std::string(Sequence(color)).append(text).append("\033[0m");
+    return color_ && color != Color::kPlain ? fmt::format("\033[{}m{}\033[0m", static_cast<int>(color), text)
+                                            : std::string(text);
 }
 
 std::string Stream::Untrusted(std::string_view text) const {
     return terminal_ ? EscapeForTerminal(text) : std::string(text);
+}
+
+std::string Stream::Table(const std::vector<Row>& rows, size_t width) const {
+    std::vector<size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t at = 0; at < row.size(); ++at) {
+            widths[at] = std::max(widths[at], CountColumns(OneLine(row[at].text)));
+        }
+    }
+    std::string table;
+    for (const Row& row : rows) {
+        size_t left = width == 0 ? SIZE_MAX : width;
+        std::string gap;
+        for (size_t at = 0; at < row.size() && left > gap.size(); ++at) {
+            left -= gap.size();
+            const std::string whole = OneLine(row[at].text);
+            const std::string_view text = Cut(whole, left);
+            const size_t columns = CountColumns(text);
+            table += gap + Paint(row[at].color, text);
+            left -= columns;
+            gap.assign(widths[at] - columns + 2, ' ');
+        }
+        table += '\n';
+    }
+    return table;
 }
 
 std::optional<TerminalSize> Stream::Size() const {
@@ -62,32 +90,23 @@ std::optional<TerminalSize> Stream::Size() const {
 }
 
 int Stream::Write(std::string_view text) const {
-    while (!text.empty()) {
-        const ssize_t written = write(descriptor_, text.data(), text.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            return errno;
-        }
-        text.remove_prefix(static_cast<size_t>(written));
-    }
-    return 0;
+    return WriteAll(descriptor_, text);
 }
 
 void Console::Print(std::string_view text) const {
     if (const int failure = output_.Write(text); failure != 0) {
-        throw LocalFailure("cannot write to the standard output: " + qxpbase::ErrnoText(failure));
+        throw LocalFailure("cannot write to the standard output: {}", qxpbase::ErrnoText(failure));
     }
 }
 
 void Console::Remark(std::string_view text) const {
     // There is nowhere left to tell that this failed.
-    static_cast<void>(error_.Write("qxpctl: " + OneLine(text) + "\n"));
+    static_cast<void>(error_.Write(fmt::format("qxpctl: {}\n", OneLine(text))));
 }
 
 void Console::Warn(std::string_view text) const {
-    static_cast<void>(error_.Write("qxpctl: " + error_.Paint(Color::kYellow, "warning:") + " " + OneLine(text) + "\n"));
+    static_cast<void>(
+        error_.Write(fmt::format("qxpctl: {} {}\n", error_.Paint(Color::kYellow, "warning:"), OneLine(text))));
 }
 
 }  // namespace qxpctl

@@ -2,6 +2,9 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+
+#include <fmt/core.h>
 
 namespace qxpctl {
 
@@ -22,7 +25,7 @@ enum class ExitCode {
     kInterrupted = 130,
 };
 
-/// A failure that ends the command. The text is one line for the operator: what is wrong, and what to do about it.
+/// A failure that ends the program. The text is one line for the operator: what is wrong, and what to do about it.
 class Error : public std::runtime_error {
 public:
     Error(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
@@ -33,19 +36,18 @@ private:
     ExitCode code_;
 };
 
-class BadInput : public Error {
+/// A failure of one kind. Takes its text as it is, or as a format with its arguments.
+template <ExitCode Exit>
+class FailureOf : public Error {
 public:
-    explicit BadInput(const std::string& text) : Error(ExitCode::kBadInput, text) {}
+    explicit FailureOf(const std::string& text) : Error(Exit, text) {}
+    template <typename... Arguments>
+    explicit FailureOf(fmt::format_string<Arguments...> format, Arguments&&... arguments)
+        : Error(Exit, fmt::format(format, std::forward<Arguments>(arguments)...)) {}
 };
 
-class AgentUnavailable : public Error {
-public:
-    explicit AgentUnavailable(const std::string& text) : Error(ExitCode::kAgentUnavailable, text) {}
-};
-
-class LocalFailure : public Error {
-public:
-    explicit LocalFailure(const std::string& text) : Error(ExitCode::kLocalFailure, text) {}
-};
+using BadInput = FailureOf<ExitCode::kBadInput>;
+using AgentUnavailable = FailureOf<ExitCode::kAgentUnavailable>;
+using LocalFailure = FailureOf<ExitCode::kLocalFailure>;
 
 }  // namespace qxpctl

@@ -13,7 +13,6 @@
 
 #include "base/encoding.h"
 #include "base/errno_text.h"
-#include "base/unique_fd.h"
 #include "ctl/terminal/error.h"
 
 namespace qxpctl {
@@ -21,19 +20,13 @@ namespace qxpctl {
 namespace {
 
 namespace fs = std::filesystem;
+using qxpbase::ErrnoText;
+using qxpbase::UniqueFd;
 
-int WriteAll(int descriptor, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = write(descriptor, content.data(), content.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            return errno;
-        }
-        content.remove_prefix(static_cast<size_t>(written));
+void ThrowUnlessWritten(int failure, const std::string& path) {
+    if (failure != 0) {
+        throw LocalFailure("cannot write {}: {}", path, ErrnoText(failure));
     }
-    return 0;
 }
 
 std::string RandomSuffix() {
@@ -62,12 +55,8 @@ int RenameNoReplace(const std::string& from, const std::string& to) {
 // The rename itself must survive a crash too. A directory that cannot be synced is as durable as it gets.
 void SyncDirectoryOf(const std::string& path) {
     const fs::path parent = fs::path(path).parent_path();
-    const int descriptor = open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0) {
-        return;
-    }
-    static_cast<void>(fsync(descriptor));
-    close(descriptor);
+    const UniqueFd directory(open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    static_cast<void>(fsync(directory.Get()));
 }
 
 }  // namespace
@@ -81,37 +70,31 @@ StagedFile::StagedFile(const std::string& destination, mode_t mode) : destinatio
         }
     }
     if (destination_.empty() || destination_.back() == '/' || fs::is_directory(destination_, none)) {
-        throw BadInput("cannot write '" + destination + "': it names a directory, not a file");
+        throw BadInput("cannot write '{}': it names a directory, not a file", destination);
     }
     const fs::path path(destination_);
-    temporary_ = (path.parent_path() / ("." + path.filename().string() + "." + RandomSuffix())).string();
-    descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
-    if (descriptor_ < 0) {
-        throw BadInput("cannot write " + destination + ": " + qxpbase::ErrnoText(errno));
+    temporary_ = path.parent_path() / fmt::format(".{}.{}", path.filename().string(), RandomSuffix());
+    descriptor_.Reset(open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+    if (!descriptor_.IsOpen()) {
+        throw BadInput("cannot write {}: {}", destination, ErrnoText(errno));
     }
 }
 
 StagedFile::~StagedFile() {
-    if (descriptor_ >= 0) {
-        close(descriptor_);
-    }
     if (!temporary_.empty()) {
         unlink(temporary_.c_str());
     }
 }
 
 void StagedFile::Write(std::string_view content) {
-    int failure = WriteAll(descriptor_, content);
-    if (failure == 0 && fsync(descriptor_) != 0) {
+    int failure = WriteAll(descriptor_.Get(), content);
+    if (failure == 0 && fsync(descriptor_.Get()) != 0) {
         failure = errno;
     }
-    if (close(descriptor_) != 0 && failure == 0) {
+    if (close(descriptor_.Release()) != 0 && failure == 0) {
         failure = errno;
     }
-    descriptor_ = -1;
-    if (failure != 0) {
-        throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
-    }
+    ThrowUnlessWritten(failure, destination_);
 }
 
 void StagedFile::Commit(bool overwrite) {
@@ -122,11 +105,9 @@ void StagedFile::Commit(bool overwrite) {
         failure = errno;
     }
     if (failure == EEXIST) {
-        throw BadInput(destination_ + " exists already; name another file, or use --force to replace it");
+        throw BadInput("{} exists already; name another file, or use --force to replace it", destination_);
     }
-    if (failure != 0) {
-        throw LocalFailure("cannot write " + destination_ + ": " + qxpbase::ErrnoText(failure));
-    }
+    ThrowUnlessWritten(failure, destination_);
     temporary_.clear();
     SyncDirectoryOf(destination_);
 }
@@ -143,14 +124,23 @@ void StagedFile::CommitBoth(StagedFile& first, StagedFile& second, bool overwrit
     }
 }
 
+int WriteAll(int descriptor, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(descriptor, content.data(), content.size());
+        if (written >= 0) {
+            content.remove_prefix(static_cast<size_t>(written));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
 void WriteOutputFile(const std::string& path, std::string_view content) {
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        const qxpbase::UniqueFd special(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
-        const int failure = special.Get() < 0 ? errno : WriteAll(special.Get(), content);
-        if (failure != 0) {
-            throw LocalFailure("cannot write " + path + ": " + qxpbase::ErrnoText(failure));
-        }
+        const UniqueFd special(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+        ThrowUnlessWritten(special.IsOpen() ? WriteAll(special.Get(), content) : errno, path);
         return;
     }
     StagedFile file(path, 0666);

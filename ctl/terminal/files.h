@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
+
 namespace qxpctl {
 
 /// A new file beside its destination that takes its place in one step, or vanishes: whatever fails, the destination
@@ -28,8 +30,11 @@ public:
 private:
     std::string destination_;
     std::string temporary_;  // empty once committed
-    int descriptor_ = -1;
+    qxpbase::UniqueFd descriptor_;
 };
+
+/// Writes all of it to a descriptor. Returns 0, or the errno of the write that failed.
+int WriteAll(int descriptor, std::string_view content);
 
 /// Replaces a file through StagedFile; writes straight to a destination that is a pipe or a device.
 void WriteOutputFile(const std::string& path, std::string_view content);

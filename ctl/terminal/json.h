@@ -1,7 +1,9 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <cstdint>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 namespace qxpctl {
 
@@ -16,6 +18,29 @@ inline std::string ToText(const Json& document) {
 /// The same, as a line.
 inline std::string ToLine(const Json& document) {
     return ToText(document) + "\n";
+}
+
+/// A member of any JSON value; null when there is none.
+inline const Json& Member(const Json& object, const char* key) {
+    static const Json kNull;
+    const auto member = object.find(key);
+    return member == object.end() ? kNull : *member;
+}
+
+/// The value of a member, or what stands for one that is missing or of another type. T: as the library stores it, which
+/// is std::string, uint64_t, bool or Json::array_t.
+template <typename T>
+T MemberOr(const Json& object, const char* key, const T& otherwise = {}) {
+    const T* const value = Member(object, key).template get_ptr<const T*>();
+    return value != nullptr ? *value : otherwise;
+}
+
+inline std::string TextMember(const Json& object, const char* key, const std::string& otherwise = {}) {
+    return MemberOr(object, key, otherwise);
+}
+
+inline uint64_t NumberMember(const Json& object, const char* key, uint64_t otherwise = 0) {
+    return MemberOr(object, key, otherwise);
 }
 
 }  // namespace qxpctl

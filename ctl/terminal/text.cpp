@@ -1,23 +1,15 @@
 #include "ctl/terminal/text.h"
 
 #include <algorithm>
+#include <array>
+
+#include <fmt/core.h>
 
 #include "policy/text.h"
 
 namespace qxpctl {
 
 namespace {
-
-constexpr std::string_view kHexDigits = "0123456789abcdef";
-
-void AppendEscaped(std::string& to, std::string_view bytes) {
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        to += "\\x";
-        to += kHexDigits[byte >> 4];
-        to += kHexDigits[byte & 0x0F];
-    }
-}
 
 std::string Escape(std::string_view text, bool keep_layout) {
     std::string escaped;
@@ -28,7 +20,9 @@ std::string Escape(std::string_view text, bool keep_layout) {
         text.remove_prefix(part.size());
         const bool layout = part == "\n" || part == "\t";
         if (length == 0 || (qxppolicy::IsControl(part) && !(layout && keep_layout))) {
-            AppendEscaped(escaped, part);
+            for (const char byte : part) {
+                escaped += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+            }
         } else {
             escaped += part;
         }
@@ -53,13 +47,23 @@ std::string ShellWord(std::string_view text) {
     }
     std::string word = "'";
     for (const char c : text) {
-        if (c == '\'') {
-            word += "'\\''";
-        } else {
-            word += c;
-        }
+        word += c == '\'' ? std::string_view("'\\''") : std::string_view(&c, 1);
     }
     return word + "'";
+}
+
+std::string Count(size_t number, std::string_view noun) {
+    return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
+}
+
+std::string SizeText(uint64_t bytes) {
+    constexpr std::array<const char*, 5> kUnits = {"B", "KiB", "MiB", "GiB", "TiB"};
+    auto size = static_cast<double>(bytes);
+    size_t unit = 0;
+    for (; size >= 1024 && unit + 1 < kUnits.size(); ++unit) {
+        size /= 1024;
+    }
+    return fmt::format("{:.{}f} {}", size, unit == 0 ? 0 : 1, kUnits.at(unit));
 }
 
 }  // namespace qxpctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -14,5 +15,11 @@ std::string OneLine(std::string_view text);
 
 /// A word for a POSIX shell, quoted only when it must be.
 std::string ShellWord(std::string_view text);
+
+/// "1 script", "2 scripts".
+std::string Count(size_t number, std::string_view noun);
+
+/// Bytes in the largest unit that leaves a number of at least one, as in "1.5 MiB".
+std::string SizeText(uint64_t bytes);
 
 }  // namespace qxpctl

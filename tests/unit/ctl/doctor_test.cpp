@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "base/names.h"
-#include "ctl/client/socket_access.h"
+#include "ctl/client/agent_socket.h"
 #include "tests/unit/ctl/fake_journal.h"
 
 namespace qxpctl {

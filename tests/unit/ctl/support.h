@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "ctl/commands/command_line.h"
+#include "ctl/commands/commands.h"
 #include "ctl/terminal/json.h"
 #include "tests/support/temp_dir.h"
 

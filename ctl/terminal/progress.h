@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <string_view>
 
 #include "ctl/terminal/console.h"
@@ -8,10 +9,10 @@
 namespace qxpctl {
 
 /// A line at the bottom of the terminal that shows that work goes on and for how long. Silent when the standard error
-/// is no terminal, or when it is switched off.
+/// is no terminal.
 class Spinner {
 public:
-    explicit Spinner(const Console& console, bool enabled = true);
+    explicit Spinner(const Console& console) : console_(console) {}
     ~Spinner() { Clear(); }
     Spinner(const Spinner&) = delete;
     Spinner& operator=(const Spinner&) = delete;
@@ -26,11 +27,24 @@ private:
     using Clock = std::chrono::steady_clock;
 
     const Console& console_;
-    const bool enabled_;
     const Clock::time_point start_ = Clock::now();
     Clock::time_point drawn_{};
     unsigned step_ = 0;
     bool visible_ = false;
+};
+
+/// While it lives, Ctrl-C (SIGINT) is noted instead of ending the process. One at a time.
+class InterruptGuard {
+public:
+    InterruptGuard();
+    ~InterruptGuard();
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+    bool Interrupted() const;
+
+private:
+    struct sigaction previous_ {};
 };
 
 }  // namespace qxpctl

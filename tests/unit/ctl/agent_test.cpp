@@ -17,26 +17,6 @@ Report ReportOf(uint64_t cursor, const Json& document) {
     return report;
 }
 
-TEST(ResultCollectorTest, GathersOnePolicyFromManyReports) {
-    ResultCollector collector("p", {"a", "b", "c"});
-    EXPECT_THAT(collector.Add(ReportOf(1, ResultDocument("other", {RunEntry("a", "1", "")}))), IsEmpty());
-    const Json late = ResultDocument("p", {RunEntry("stranger", "1", ""), RunEntry("c", "1", "late")});
-    EXPECT_THAT(collector.Add(ReportOf(2, late)), testing::SizeIs(1));
-    EXPECT_THAT(collector.Add(ReportOf(2, ResultDocument("p", {RunEntry("b", "1", "")}))), IsEmpty()) << "seen before";
-    EXPECT_EQ(collector.PendingCount(), 2U);
-    EXPECT_THAT(collector.Add(ReportOf(5, ResultDocument("p", {RunEntry("c", "0", "again"), RunEntry("a", "1", "")}))),
-                testing::SizeIs(1));
-    EXPECT_EQ(collector.Find("c")->output, "late");
-    EXPECT_FALSE(collector.Complete());
-    collector.Add(ReportOf(6, ResultDocument("p", {RunEntry("b", "0", "", "")})));
-    EXPECT_TRUE(collector.Complete());
-    EXPECT_FALSE(collector.AllSucceeded());
-    EXPECT_TRUE(collector.Find("b")->timed_out);
-    EXPECT_FALSE(collector.Find("a")->timed_out);
-    EXPECT_FALSE(collector.Refused() || collector.Interrupted());
-    EXPECT_THAT(collector.Cursors(), ElementsAre(2, 5, 6));
-}
-
 TEST(ResultCollectorTest, DocumentsOfAnyShapeAreSurvivedAndAddNothing) {
     ResultCollector collector("p", {"a"});
     Json no_text = ResultDocument("p", {RunEntry("a", "1", "")});

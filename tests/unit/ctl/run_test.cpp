@@ -1,4 +1,4 @@
-// run: from the signed policy to the last word of its command, over whatever happens to the agent meanwhile.
+// run: from the signed policy to the final state of its command, over whatever happens to the agent meanwhile.
 
 #include <future>
 
@@ -27,9 +27,12 @@ protected:
 
 TEST_F(RunTest, CollectsEveryResultAndCountsFromTheLastCursor) {
     const std::string id = "p &=\xC3\xA9";
-    FakeJournal journal(Pages{{ResultDocument(id, {RunEntry("b", "1", "from b\033[31m\n")})},
-                              {},
-                              {ResultDocument(id, {RunEntry("a", "1", "from a\n")})}});
+    // Results of another policy, of a script that is not in this one, and those that were there before, add nothing.
+    FakeJournal journal(
+        Pages{{ResultDocument("other", {RunEntry("a", "0", "wrong")}),
+               ResultDocument(id, {RunEntry("stranger", "0", "wrong"), RunEntry("b", "1", "from b\033[31m\n")})},
+              {},
+              {ResultDocument(id, {RunEntry("b", "0", "again"), RunEntry("a", "1", "from a\n")})}});
     std::vector<std::string> targets;
     std::string sent;
     const auto agent = [&](const FakeAgent::Request& request) {
@@ -53,9 +56,9 @@ TEST_F(RunTest, CollectsEveryResultAndCountsFromTheLastCursor) {
                      "==> b <==\nfrom b\033[31m\n==> a <==\nfrom a\n"));
     EXPECT_EQ(sent, id);
     EXPECT_THAT(targets, ElementsAre("/v1/status", "/v1/commands", "/v1/reports?after=7&id=p%20%26%3D%C3%A9",
-                                     "/v1/reports?after=8&id=p%20%26%3D%C3%A9",
-                                     "/v1/reports?after=8&id=p%20%26%3D%C3%A9", "/v1/reports/acknowledge"));
-    EXPECT_THAT(journal.acknowledged, ElementsAre(8, 9));
+                                     "/v1/reports?after=9&id=p%20%26%3D%C3%A9",
+                                     "/v1/reports?after=9&id=p%20%26%3D%C3%A9", "/v1/reports/acknowledge"));
+    EXPECT_THAT(journal.acknowledged, ElementsAre(9, 10));
 }
 
 TEST_F(RunTest, TheExitCodeTellsHowItEnded) {

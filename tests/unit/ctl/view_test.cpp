@@ -107,39 +107,26 @@ std::string ReportPageAt(const std::string& target) {
     return page.dump();
 }
 
-TEST_F(ViewTest, ResultsAreListedToTheEndAndAcknowledgedOnceTheyArePrinted) {
-    std::vector<std::string> targets;
+TEST_F(ViewTest, ResultsAreListedOrFetchedAndAcknowledgedOnceTheyAreWritten) {
+    const std::string bytes("{\"a\":\"\xFF\"}\0\n", 11);
     std::string acknowledged;
     const auto agent = [&](const FakeAgent::Request& request) {
-        targets.push_back(request.target);
+        targets_.push_back(request.target);
         if (request.method == "POST") {
             acknowledged = request.body;
             return FakeAgent::Answer(200, R"({"acknowledged":2})");
         }
-        return FakeAgent::Answer(200, ReportPageAt(request.target));
+        return FakeAgent::Answer(200, request.target == "/v1/results/42" ? bytes : ReportPageAt(request.target));
     };
     const ToolResult list = Run(agent, {"results", "p", "--pending", "--acknowledge"});
     EXPECT_EQ(list.code, 0);
     EXPECT_EQ(std::count(list.output.begin(), list.output.end(), '\n'), 4);
     EXPECT_THAT(list.output, AllOf(HasSubstr("CURSOR"), HasSubstr("p1.json")));
-    EXPECT_THAT(targets[0], Has("id=p", "acknowledged=false", "documents=false"));
+    EXPECT_THAT(targets_[0], Has("id=p", "acknowledged=false", "documents=false"));
     EXPECT_EQ(acknowledged, R"({"cursors":[1,5]})");
-    EXPECT_EQ(Json::parse(Run(agent, {"results", "--json"}).output)["reports"].size(), 3U);
-
     acknowledged.clear();
+    EXPECT_EQ(Json::parse(Run(agent, {"results", "--json"}).output)["reports"].size(), 3U);
     EXPECT_EQ(Run(agent, {"results", "--acknowledge"}, FullDisk()).code, 5);
-    EXPECT_THAT(acknowledged, IsEmpty());
-}
-
-TEST_F(ViewTest, AResultFileIsFetchedByteForByte) {
-    const std::string bytes("{\"a\":\"\xFF\"}\0\n", 11);
-    std::string acknowledged;
-    const auto agent = [&](const FakeAgent::Request& request) {
-        if (request.method == "POST") {
-            acknowledged = request.body;
-        }
-        return FakeAgent::Answer(200, request.target == "/v1/results/42" ? bytes : R"({"acknowledged":1})");
-    };
     EXPECT_EQ(Run(agent, {"results", "--raw", "42"}).output, bytes);
     EXPECT_THAT(acknowledged, IsEmpty());
     EXPECT_EQ(Run(agent, {"results", "--raw", "42", "--output", directory_ / "r", "--acknowledge"}).code, 0);

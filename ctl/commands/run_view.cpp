@@ -71,7 +71,7 @@ std::string RunHeading(const RunResult& result, const Stream& output) {
 }
 
 std::string RunOutput(const RunResult& result, bool heading, const Stream& output) {
-    const std::string text = output.Untrusted(result.output);
+    std::string text = output.Untrusted(result.output);
     if (!heading) {
         return text;
     }

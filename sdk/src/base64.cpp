@@ -7,23 +7,23 @@
 #include <cstring>
 #include <string_view>
 
-#include "heap_text.h"
+#include "c_interface.h"
 
 namespace {
 
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
-constexpr size_t kQuantum = 4;       // characters that
-constexpr size_t kQuantumBytes = 3;  // stand for so many bytes
-constexpr size_t kBlock = 1024 * kQuantum;
+constexpr size_t kQuantum = 4;              // characters, that stand for
+constexpr size_t kQuantumBytes = 3;         // bytes
+constexpr size_t kBlock = 1024 * kQuantum;  // characters decoded at once
 
 bool IsInAlphabet(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
 }
 
 /// Decodes what it is fed, character by character, into a buffer that is large enough.
-class CDecoder {
+class Decoder {
 public:
-    explicit CDecoder(char* pOutput) : m_pOutput(reinterpret_cast<unsigned char*>(pOutput)) {}
+    explicit Decoder(char* output) : output_(reinterpret_cast<unsigned char*>(output)) {}
 
     /// False for a character that cannot stand here.
     bool Feed(char c) {
@@ -31,65 +31,65 @@ public:
             return true;
         }
         if (c == '=') {
-            ++m_uPadding;
-            return m_uPadding < kQuantumBytes;
+            ++padding_;
+            return padding_ < kQuantumBytes;
         }
-        if (m_uPadding > 0 || !IsInAlphabet(c)) {
+        if (padding_ > 0 || !IsInAlphabet(c)) {
             return false;
         }
-        m_aPending[m_uPending++] = c;
-        return m_uPending < kBlock || Flush();
+        pending_[pending_size_++] = c;
+        return pending_size_ < kBlock || Flush();
     }
 
     /// False when the text ends within a byte, or its padding does not complete it.
     bool Finish() {
-        const size_t uOver = m_uPending % kQuantum;
-        const size_t uMissing = uOver == 0 ? 0 : kQuantum - uOver;
-        if (uOver == 1 || (m_uPadding != 0 && m_uPadding != uMissing)) {
+        const size_t over = pending_size_ % kQuantum;
+        const size_t missing = over == 0 ? 0 : kQuantum - over;
+        if (over == 1 || (padding_ != 0 && padding_ != missing)) {
             return false;
         }
-        std::memset(&m_aPending[m_uPending], '=', uMissing);
-        m_uPending += uMissing;
+        std::memset(&pending_[pending_size_], '=', missing);
+        pending_size_ += missing;
         if (!Flush()) {
             return false;
         }
-        m_uDecoded -= uMissing;  // the decoder counts padding as bytes
+        decoded_size_ -= missing;  // the decoder counts padding as bytes
         return true;
     }
 
-    size_t DecodedSize() const { return m_uDecoded; }
+    size_t DecodedSize() const { return decoded_size_; }
 
 private:
     bool Flush() {
-        const int iDecoded = EVP_DecodeBlock(m_pOutput + m_uDecoded, m_aPending.data(), static_cast<int>(m_uPending));
-        m_uPending = 0;
-        m_uDecoded += iDecoded < 0 ? 0 : static_cast<size_t>(iDecoded);
-        return iDecoded >= 0;
+        const int decoded = EVP_DecodeBlock(output_ + decoded_size_, pending_.data(), static_cast<int>(pending_size_));
+        pending_size_ = 0;
+        decoded_size_ += decoded < 0 ? 0 : static_cast<size_t>(decoded);
+        return decoded >= 0;
     }
 
-    unsigned char* m_pOutput;
-    size_t m_uDecoded = 0;
-    std::array<unsigned char, kBlock> m_aPending = {};
-    size_t m_uPending = 0;
-    size_t m_uPadding = 0;
+    unsigned char* output_;
+    size_t decoded_size_ = 0;                         // bytes in output_
+    std::array<unsigned char, kBlock> pending_ = {};  // characters that are to be decoded
+    size_t pending_size_ = 0;
+    size_t padding_ = 0;  // how many '=' there were
 };
 
 }  // namespace
 
-unsigned char* base64Decode2(const char* pszText, size_t uSize, int* piDecodedSize) {
-    if (piDecodedSize != nullptr) {
-        *piDecodedSize = 0;
+unsigned char* base64Decode2(const char* text, size_t size, int* decoded_size) {
+    if (decoded_size != nullptr) {
+        *decoded_size = 0;
     }
-    const size_t uMostBytes = (uSize / kQuantum + 1) * kQuantumBytes;
-    if (pszText == nullptr || uMostBytes > INT_MAX) {
+    const size_t most_bytes = (size / kQuantum + 1) * kQuantumBytes;
+    if (text == nullptr || most_bytes > INT_MAX) {
         return nullptr;
     }
-    CHeapText pBytes = AllocateHeapText(uMostBytes + 1);
-    if (!pBytes) {
+    HeapText bytes = AllocateHeapText(most_bytes + 1);
+    if (bytes == nullptr) {
         return nullptr;
     }
-    CDecoder decoder(pBytes.get());
-    for (const char c : std::string_view(pszText, uSize)) {
+    Decoder decoder(bytes.get());
+    for (const char c : std::string_view(text, size)) {
         if (!decoder.Feed(c)) {
             return nullptr;
         }
@@ -97,13 +97,13 @@ unsigned char* base64Decode2(const char* pszText, size_t uSize, int* piDecodedSi
     if (!decoder.Finish()) {
         return nullptr;
     }
-    pBytes[decoder.DecodedSize()] = '\0';
-    if (piDecodedSize != nullptr) {
-        *piDecodedSize = static_cast<int>(decoder.DecodedSize());
+    bytes[decoder.DecodedSize()] = '\0';
+    if (decoded_size != nullptr) {
+        *decoded_size = static_cast<int>(decoder.DecodedSize());
     }
-    return reinterpret_cast<unsigned char*>(pBytes.release());
+    return reinterpret_cast<unsigned char*>(bytes.release());
 }
 
-char* base64Decode(const char* pszText, size_t uSize) {
-    return reinterpret_cast<char*>(base64Decode2(pszText, uSize, nullptr));
+char* base64Decode(const char* text, size_t size) {
+    return reinterpret_cast<char*>(base64Decode2(text, size, nullptr));
 }

@@ -1,7 +1,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "heap_text.h"
+#include "c_interface.h"
 #include "qxhost/json.h"
 #include "utf8.h"
 
@@ -10,55 +10,55 @@ namespace {
 constexpr size_t kEscapeLength = 6;  // \uXXXX
 constexpr uint32_t kReplacement = 0xFFFD;
 
-char* AppendEscape(char* pOut, uint32_t uUnit) {
+char* AppendEscape(char* out, uint32_t unit) {
     constexpr char kDigits[] = "0123456789abcdef";
-    *pOut++ = '\\';
-    *pOut++ = 'u';
-    for (int iShift = 12; iShift >= 0; iShift -= 4) {
-        *pOut++ = kDigits[uUnit >> iShift & 0xF];
+    *out++ = '\\';
+    *out++ = 'u';
+    for (int shift = 12; shift >= 0; shift -= 4) {
+        *out++ = kDigits[unit >> shift & 0xF];
     }
-    return pOut;
+    return out;
 }
 
-char* AppendCharacter(char* pOut, uint32_t uCode) {
-    if (uCode < 0x10000) {
-        return AppendEscape(pOut, uCode);
+char* AppendCharacter(char* out, uint32_t code) {
+    if (code < 0x10000) {
+        return AppendEscape(out, code);
     }
-    pOut = AppendEscape(pOut, 0xD800 + ((uCode - 0x10000) >> 10));
-    return AppendEscape(pOut, 0xDC00 + (uCode & 0x3FF));
+    out = AppendEscape(out, 0xD800 + ((code - 0x10000) >> 10));
+    return AppendEscape(out, 0xDC00 + (code & 0x3FF));
 }
 
 size_t CountNonAscii(const unsigned char* p) {
-    size_t uCount = 0;
+    size_t count = 0;
     for (; *p != 0; ++p) {
-        uCount += *p >> 7;
+        count += *p >> 7;
     }
-    return uCount;
+    return count;
 }
 
 }  // namespace
 
-char* QxJsonEncodeStr(const char* pszText) {
-    const auto* pIn = reinterpret_cast<const unsigned char*>(pszText);
-    const size_t uNonAscii = pszText == nullptr ? 0 : CountNonAscii(pIn);
-    if (uNonAscii == 0) {
+char* QxJsonEncodeStr(const char* text) {
+    const auto* in = reinterpret_cast<const unsigned char*>(text);
+    const size_t non_ascii = text == nullptr ? 0 : CountNonAscii(in);
+    if (non_ascii == 0) {
         return nullptr;
     }
     // No byte becomes more than one escape.
-    CHeapText pEncoded = AllocateHeapText(std::strlen(pszText) + uNonAscii * (kEscapeLength - 1) + 1);
-    if (!pEncoded) {
+    HeapText encoded = AllocateHeapText(std::strlen(text) + non_ascii * (kEscapeLength - 1) + 1);
+    if (encoded == nullptr) {
         return nullptr;
     }
-    char* pOut = pEncoded.get();
-    while (*pIn != 0) {
-        if (*pIn < 0x80) {
-            *pOut++ = static_cast<char>(*pIn++);
+    char* out = encoded.get();
+    while (*in != 0) {
+        if (*in < 0x80) {
+            *out++ = static_cast<char>(*in++);
             continue;
         }
-        const SCharacter character = DecodeUtf8(pIn);
-        pOut = AppendCharacter(pOut, character.uLength == 0 ? kReplacement : character.uCode);
-        pIn += character.uLength == 0 ? 1 : character.uLength;
+        const Character character = DecodeUtf8(in);
+        out = AppendCharacter(out, character.length == 0 ? kReplacement : character.code);
+        in += character.length == 0 ? 1 : character.length;
     }
-    *pOut = '\0';
-    return pEncoded.release();
+    *out = '\0';
+    return encoded.release();
 }

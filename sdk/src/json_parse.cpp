@@ -17,78 +17,78 @@ namespace {
 constexpr size_t kMaxDepth = 512;
 constexpr size_t kMaxDocumentSize = std::numeric_limits<uint32_t>::max() - 1;
 
-enum class EKind : uint8_t { Null, False, True, Number, Text, Key, Object, Array };
+enum class Kind : uint8_t { kNull, kFalse, kTrue, kNumber, kText, kKey, kObject, kArray };
 
 /// One value, or one key of an object, in document order: the children of a container follow it at once, and in an
 /// object each value follows its key. Numbers are texts.
-struct SNode {
-    uint32_t uSpan;    // how many nodes the subtree has, this one included
-    uint32_t uOffset;  // where the text of a Number, Text or Key begins in the document's buffer
-    uint32_t uLength;  // how long it is
-    EKind eKind;
+struct Node {
+    uint32_t span;    // how many nodes the subtree has, this one included
+    uint32_t offset;  // where the text of a kNumber, kText or kKey begins in the document's buffer
+    uint32_t length;  // how long it is
+    Kind kind;
 };
 
 /// Takes the events of the reader and lays down the nodes. An event refused ends the reading.
-class CNodeWriter : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CNodeWriter> {
+class NodeWriter : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, NodeWriter> {
 public:
-    CNodeWriter(std::vector<SNode>& nodes, const char* pBuffer) : m_nodes(nodes), m_pBuffer(pBuffer) {}
+    NodeWriter(std::vector<Node>& nodes, const char* buffer) : nodes_(nodes), buffer_(buffer) {}
 
     bool Default() { return false; }  // binary numbers, which are never asked for
-    bool Null() { return Add(EKind::Null); }
-    bool Bool(bool bValue) { return Add(bValue ? EKind::True : EKind::False); }
-    bool RawNumber(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Number, pText, uLength); }
-    bool String(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Text, pText, uLength); }
-    bool Key(const char* pText, rapidjson::SizeType uLength, bool) { return Add(EKind::Key, pText, uLength); }
-    bool StartObject() { return Open(EKind::Object); }
-    bool StartArray() { return Open(EKind::Array); }
+    bool Null() { return Add(Kind::kNull); }
+    bool Bool(bool value) { return Add(value ? Kind::kTrue : Kind::kFalse); }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool) { return Add(Kind::kNumber, text, length); }
+    bool String(const char* text, rapidjson::SizeType length, bool) { return Add(Kind::kText, text, length); }
+    bool Key(const char* text, rapidjson::SizeType length, bool) { return Add(Kind::kKey, text, length); }
+    bool StartObject() { return Open(Kind::kObject); }
+    bool StartArray() { return Open(Kind::kArray); }
     bool EndObject(rapidjson::SizeType) { return Close(); }
     bool EndArray(rapidjson::SizeType) { return Close(); }
 
 private:
-    bool Add(EKind eKind) {
-        m_nodes.push_back({1, 0, 0, eKind});
+    bool Add(Kind kind) {
+        nodes_.push_back({1, 0, 0, kind});
         return true;
     }
 
-    bool Add(EKind eKind, const char* pText, size_t uLength) {
-        m_nodes.push_back({1, static_cast<uint32_t>(pText - m_pBuffer), static_cast<uint32_t>(uLength), eKind});
+    bool Add(Kind kind, const char* text, size_t length) {
+        nodes_.push_back({1, static_cast<uint32_t>(text - buffer_), static_cast<uint32_t>(length), kind});
         return true;
     }
 
-    bool Open(EKind eKind) {
-        if (m_open.size() == kMaxDepth) {
+    bool Open(Kind kind) {
+        if (open_.size() == kMaxDepth) {
             return false;
         }
-        m_open.push_back(m_nodes.size());
-        return Add(eKind);
+        open_.push_back(nodes_.size());
+        return Add(kind);
     }
 
     bool Close() {
-        SNode& container = m_nodes[m_open.back()];
-        container.uSpan = static_cast<uint32_t>(m_nodes.size() - m_open.back());
-        m_open.pop_back();
+        Node& container = nodes_[open_.back()];
+        container.span = static_cast<uint32_t>(nodes_.size() - open_.back());
+        open_.pop_back();
         return true;
     }
 
-    std::vector<SNode>& m_nodes;
-    const char* const m_pBuffer;
-    std::vector<size_t> m_open;  // the containers around the next event, outermost first
+    std::vector<Node>& nodes_;
+    const char* const buffer_;
+    std::vector<size_t> open_;  // the containers around the next event, outermost first
 };
 
 /// The reader's own allocator leaves it to write through a null pointer when there is no memory.
-class CThrowingAllocator : public rapidjson::CrtAllocator {
+class ThrowingAllocator : public rapidjson::CrtAllocator {
 public:
-    void* Malloc(size_t uSize) { return Checked(CrtAllocator::Malloc(uSize), uSize); }
-    void* Realloc(void* pBlock, size_t uOldSize, size_t uNewSize) {
-        return Checked(CrtAllocator::Realloc(pBlock, uOldSize, uNewSize), uNewSize);
+    void* Malloc(size_t size) { return Checked(CrtAllocator::Malloc(size), size); }
+    void* Realloc(void* block, size_t old_size, size_t new_size) {
+        return Checked(CrtAllocator::Realloc(block, old_size, new_size), new_size);
     }
 
 private:
-    static void* Checked(void* pBlock, size_t uSize) {
-        if (pBlock == nullptr && uSize != 0) {
+    static void* Checked(void* block, size_t size) {
+        if (block == nullptr && size != 0) {
             throw std::bad_alloc();
         }
-        return pBlock;
+        return block;
     }
 };
 
@@ -99,41 +99,41 @@ namespace qxtools {
 /// The text, in which the reader has resolved the escapes in place, and the nodes that point into it.
 class __attribute__((visibility("hidden"))) CPJsonParse::CDocument {
 public:
-    explicit CDocument(const char* pszText) : m_strBuffer(pszText) {}
+    explicit CDocument(const char* text) : buffer_(text) {}
 
     bool Read() {
-        if (m_strBuffer.size() > kMaxDocumentSize) {
+        if (buffer_.size() > kMaxDocumentSize) {
             return false;
         }
         // Iterative, so that nesting costs no stack; numbers as texts, so that none is changed.
         constexpr unsigned int kFlags =
             rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
-        rapidjson::InsituStringStream stream(m_strBuffer.data());
-        CNodeWriter writer(m_nodes, m_strBuffer.data());
-        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, CThrowingAllocator> reader;
+        rapidjson::InsituStringStream stream(buffer_.data());
+        NodeWriter writer(nodes_, buffer_.data());
+        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator> reader;
         return !reader.Parse<kFlags>(stream, writer).IsError();
     }
 
-    SNode* Root() { return m_nodes.data(); }
-    std::string_view Text(const SNode& node) const { return {m_strBuffer.data() + node.uOffset, node.uLength}; }
+    Node* Root() { return nodes_.data(); }
+    std::string_view Text(const Node& node) const { return {buffer_.data() + node.offset, node.length}; }
 
 private:
-    std::string m_strBuffer;
-    std::vector<SNode> m_nodes;  // not empty once Read has succeeded
+    std::string buffer_;
+    std::vector<Node> nodes_;  // not empty once Read has succeeded
 };
 
 CPJsonParse::CPJsonParse() = default;
 CPJsonParse::~CPJsonParse() = default;
 
-bool CPJsonParse::LoadBuffer(const char* pszText) {
+bool CPJsonParse::LoadBuffer(const char* text) {
     m_pDocument.reset();
-    if (pszText == nullptr) {
+    if (text == nullptr) {
         return false;
     }
     try {
-        auto pDocument = std::make_unique<CDocument>(pszText);
-        if (pDocument->Read()) {
-            m_pDocument = std::move(pDocument);
+        auto document = std::make_unique<CDocument>(text);
+        if (document->Read()) {
+            m_pDocument = std::move(document);
         }
     } catch (const std::bad_alloc&) {
         return false;
@@ -141,55 +141,55 @@ bool CPJsonParse::LoadBuffer(const char* pszText) {
     return m_pDocument != nullptr;
 }
 
-void* CPJsonParse::GetNode(void* pParent, const char* pszKey) const {
-    if (!m_pDocument || pszKey == nullptr) {
+void* CPJsonParse::GetNode(void* parent, const char* key) const {
+    if (m_pDocument == nullptr || key == nullptr) {
         return nullptr;
     }
-    SNode* pObject = pParent == nullptr ? m_pDocument->Root() : static_cast<SNode*>(pParent);
-    if (pObject->eKind != EKind::Object) {
+    Node* object = parent == nullptr ? m_pDocument->Root() : static_cast<Node*>(parent);
+    if (object->kind != Kind::kObject) {
         return nullptr;
     }
-    const std::string_view wanted(pszKey);
-    SNode* const pEnd = pObject + pObject->uSpan;
-    for (SNode* pKey = pObject + 1; pKey != pEnd;) {
-        SNode* pValue = pKey + 1;
-        if (m_pDocument->Text(*pKey) == wanted) {
-            return pValue;
+    const std::string_view wanted(key);
+    Node* const end = object + object->span;
+    for (Node* member = object + 1; member != end;) {
+        Node* value = member + 1;
+        if (m_pDocument->Text(*member) == wanted) {
+            return value;
         }
-        pKey = pValue + pValue->uSpan;
+        member = value + value->span;
     }
     return nullptr;
 }
 
-bool CPJsonParse::GetAllNode(void* pNode, std::list<void*>& listNode) const {
-    if (!m_pDocument) {
+bool CPJsonParse::GetAllNode(void* node, std::list<void*>& nodes) const {
+    if (m_pDocument == nullptr) {
         return false;
     }
-    SNode* pParent = pNode == nullptr ? m_pDocument->Root() : static_cast<SNode*>(pNode);
-    if (pParent->eKind != EKind::Object && pParent->eKind != EKind::Array) {
+    Node* parent = node == nullptr ? m_pDocument->Root() : static_cast<Node*>(node);
+    if (parent->kind != Kind::kObject && parent->kind != Kind::kArray) {
         return false;
     }
-    SNode* const pEnd = pParent + pParent->uSpan;
-    for (SNode* pChild = pParent + 1; pChild != pEnd; pChild += pChild->uSpan) {
-        if (pChild->eKind != EKind::Key) {
-            listNode.push_back(pChild);
+    Node* const end = parent + parent->span;
+    for (Node* child = parent + 1; child != end; child += child->span) {
+        if (child->kind != Kind::kKey) {
+            nodes.push_back(child);
         }
     }
     return true;
 }
 
-CPString CPJsonParse::GetValue(void* pNode) const {
-    if (!m_pDocument || pNode == nullptr) {
+CPString CPJsonParse::GetValue(void* handle) const {
+    if (m_pDocument == nullptr || handle == nullptr) {
         return {};
     }
-    const SNode& node = *static_cast<const SNode*>(pNode);
-    switch (node.eKind) {
-        case EKind::True:
+    const Node& node = *static_cast<const Node*>(handle);
+    switch (node.kind) {
+        case Kind::kTrue:
             return "true";
-        case EKind::False:
+        case Kind::kFalse:
             return "false";
-        case EKind::Number:
-        case EKind::Text: {
+        case Kind::kNumber:
+        case Kind::kText: {
             const std::string_view text = m_pDocument->Text(node);
             return {text.data(), text.size()};
         }
@@ -198,8 +198,8 @@ CPString CPJsonParse::GetValue(void* pNode) const {
     }
 }
 
-bool CPJsonParse::IsString(void* pNode) const {
-    return m_pDocument && pNode != nullptr && static_cast<const SNode*>(pNode)->eKind == EKind::Text;
+bool CPJsonParse::IsString(void* node) const {
+    return m_pDocument != nullptr && node != nullptr && static_cast<const Node*>(node)->kind == Kind::kText;
 }
 
 }  // namespace qxtools

@@ -6,66 +6,66 @@
 #include <string>
 #include <string_view>
 
+#include "c_interface.h"
 #include "log_output.h"
 #include "log_text.h"
-#include "no_cancel.h"
 
 namespace {
 
 /// Whoever logs finds errno as it was, and is not cancelled meanwhile.
-class CCallerState {
+class CallerState {
 public:
-    CCallerState() = default;
-    ~CCallerState() { RestoreErrno(); }
-    CCallerState(const CCallerState&) = delete;
-    CCallerState& operator=(const CCallerState&) = delete;
+    CallerState() = default;
+    ~CallerState() { RestoreErrno(); }
+    CallerState(const CallerState&) = delete;
+    CallerState& operator=(const CallerState&) = delete;
 
-    void RestoreErrno() const { errno = m_iErrno; }
+    void RestoreErrno() const { errno = errno_before_; }
 
 private:
-    const int m_iErrno = errno;
-    const CNoCancel m_noCancel;
+    const int errno_before_ = errno;
+    const CancellationOff cancellation_off_;
 };
 
-ELogLevel FromModuleLevel(int iLevel) {
-    switch (iLevel) {
+LogLevel FromModuleLevel(int caller_level) {
+    switch (caller_level) {
         case 0:
         case 1:
-            return ELogLevel::Debug;
+            return LogLevel::kDebug;
         case 2:
-            return ELogLevel::Warn;
+            return LogLevel::kWarn;
         case 3:
-            return ELogLevel::Error;
+            return LogLevel::kError;
         default:
-            return ELogLevel::Info;
+            return LogLevel::kInfo;
     }
 }
 
-ELogLevel FromSourceLevel(int iLevel) {
-    switch (iLevel) {
+LogLevel FromSourceLevel(int caller_level) {
+    switch (caller_level) {
         case 3:
-            return ELogLevel::Warn;
+            return LogLevel::kWarn;
         case 4:
-            return ELogLevel::Error;
+            return LogLevel::kError;
         case 6:
-            return ELogLevel::Trace;
+            return LogLevel::kTrace;
         default:
-            return ELogLevel::Info;
+            return LogLevel::kInfo;
     }
 }
 
-std::string_view OrEmpty(const char* pszText) {
-    return pszText == nullptr ? "" : pszText;
+std::string_view OrEmpty(const char* text) {
+    return text == nullptr ? "" : text;
 }
 
 /// Runs what writes a record, if its level is on. A record for which memory is short is lost.
 template <typename Writer>
-void WhenOn(ELogLevel eLevel, const Writer& write) {
-    const CCallerState callerState;
+void WhenOn(LogLevel level, const Writer& write) {
+    const CallerState caller_state;
     try {
-        CLogOutput& output = CLogOutput::Instance();
-        if (output.IsOn(eLevel)) {
-            callerState.RestoreErrno();  // for %m
+        LogOutput& output = LogOutput::Instance();
+        if (output.IsOn(level)) {
+            caller_state.RestoreErrno();  // for %m
             write(output);
         }
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
@@ -74,20 +74,20 @@ void WhenOn(ELogLevel eLevel, const Writer& write) {
 
 }  // namespace
 
-void LogPrintC(int iModule, int iLevel, const char* pszFormat, ...) {
+void LogPrintC(int module, int caller_level, const char* format, ...) {
     va_list args;
-    va_start(args, pszFormat);
-    const ELogLevel eLevel = FromModuleLevel(iLevel);
-    WhenOn(eLevel, [&](CLogOutput& output) {
-        output.Write(eLevel, std::to_string(iModule), iLevel, FormatLogText(pszFormat, args));
+    va_start(args, format);
+    const LogLevel level = FromModuleLevel(caller_level);
+    WhenOn(level, [&](LogOutput& output) {
+        output.Write(level, std::to_string(module), caller_level, FormatLogText(format, args));
     });
     va_end(args);
 }
 
-bool QxSetLogLevel(const char* pszLevel) {
-    const CCallerState callerState;
+bool QxSetLogLevel(const char* level) {
+    const CallerState caller_state;
     try {
-        return CLogOutput::Instance().SetLeast(OrEmpty(pszLevel));
+        return LogOutput::Instance().SetLeast(OrEmpty(level));
     } catch (const std::exception&) {
         return false;
     }
@@ -99,26 +99,25 @@ CLogDebug* CLogDebug::Instance() {
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): not const in the binary interface
-bool CLogDebug::CheckLogLevel(int iLevel) {
-    bool bOn = false;
-    WhenOn(FromSourceLevel(iLevel), [&](CLogOutput&) { bOn = true; });
-    return bOn;
+bool CLogDebug::CheckLogLevel(int caller_level) {
+    bool is_on = false;
+    WhenOn(FromSourceLevel(caller_level), [&](LogOutput&) { is_on = true; });
+    return is_on;
 }
 
-void CLogDebug::LogPrint(int iLevel, const char* pszSource, const char* /*pszFunction*/, int /*iLine*/,
-                         const char* pszFormat, ...) {
+void CLogDebug::LogPrint(int caller_level, const char* source, const char* /*function*/, int /*line*/,
+                         const char* format, ...) {
     va_list args;
-    va_start(args, pszFormat);
-    const ELogLevel eLevel = FromSourceLevel(iLevel);
-    WhenOn(eLevel, [&](CLogOutput& output) {
-        output.Write(eLevel, OrEmpty(pszSource), iLevel, FormatLogText(pszFormat, args));
-    });
+    va_start(args, format);
+    const LogLevel level = FromSourceLevel(caller_level);
+    WhenOn(level,
+           [&](LogOutput& output) { output.Write(level, OrEmpty(source), caller_level, FormatLogText(format, args)); });
     va_end(args);
 }
 
-void CLogDebug::LogPrintStr(int iLevel, const char* pszSource, const char* /*pszFunction*/, int /*iLine*/,
-                            const char* pszText) {
-    const ELogLevel eLevel = FromSourceLevel(iLevel);
-    WhenOn(eLevel,
-           [&](CLogOutput& output) { output.Write(eLevel, OrEmpty(pszSource), iLevel, CutLogText(OrEmpty(pszText))); });
+void CLogDebug::LogPrintStr(int caller_level, const char* source, const char* /*function*/, int /*line*/,
+                            const char* text) {
+    const LogLevel level = FromSourceLevel(caller_level);
+    WhenOn(level,
+           [&](LogOutput& output) { output.Write(level, OrEmpty(source), caller_level, CutLogText(OrEmpty(text))); });
 }

@@ -27,27 +27,27 @@ constexpr int kOwnWarning = 2;  // the levels of LogPrintC
 constexpr int kOwnError = 3;
 
 /// The offset from UTC of the very second that is written; the formatter's own flag may lag a change by seconds.
-class CUtcOffset final : public spdlog::custom_flag_formatter {
+class UtcOffset final : public spdlog::custom_flag_formatter {
 public:
-    void format(const spdlog::details::log_msg& /*record*/, const std::tm& stTime, spdlog::memory_buf_t& out) override {
-        const long iMinutes = std::labs(stTime.tm_gmtoff) / 60;
-        fmt::format_to(std::back_inserter(out), "{}{:02}:{:02}", stTime.tm_gmtoff < 0 ? '-' : '+', iMinutes / 60,
-                       iMinutes % 60);
+    void format(const spdlog::details::log_msg& /*record*/, const std::tm& time, spdlog::memory_buf_t& out) override {
+        const long minutes = std::labs(time.tm_gmtoff) / 60;
+        fmt::format_to(std::back_inserter(out), "{}{:02}:{:02}", time.tm_gmtoff < 0 ? '-' : '+', minutes / 60,
+                       minutes % 60);
     }
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<CUtcOffset>(); }
+    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<UtcOffset>(); }
 };
 
 std::unique_ptr<spdlog::formatter> LineFormatter() {
-    auto pFormatter = std::make_unique<spdlog::pattern_formatter>();
-    pFormatter->add_flag<CUtcOffset>('*').set_pattern("%Y-%m-%dT%H:%M:%S.%e%* %l %v");
-    return pFormatter;
+    auto formatter = std::make_unique<spdlog::pattern_formatter>();
+    formatter->add_flag<UtcOffset>('*').set_pattern("%Y-%m-%dT%H:%M:%S.%e%* %l %v");
+    return formatter;
 }
 
 /// Writes each record to a descriptor with one write, so that with O_APPEND the records of several processes stay
 /// whole. The descriptor is never closed.
-class CDescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
+class DescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
 public:
-    explicit CDescriptorSink(int iFd) : base_sink(LineFormatter()), m_iFd(iFd) {}
+    explicit DescriptorSink(int fd) : base_sink(LineFormatter()), fd_(fd) {}
 
 private:
     void sink_it_(const spdlog::details::log_msg& record) override {
@@ -55,9 +55,9 @@ private:
         formatter_->format(record, line);
         std::string_view rest(line.data(), line.size());
         while (!rest.empty()) {
-            const ssize_t iWritten = write(m_iFd, rest.data(), rest.size());
-            if (iWritten >= 0) {
-                rest.remove_prefix(static_cast<size_t>(iWritten));
+            const ssize_t written = write(fd_, rest.data(), rest.size());
+            if (written >= 0) {
+                rest.remove_prefix(static_cast<size_t>(written));
             } else if (errno != EINTR) {
                 throw spdlog::spdlog_ex("cannot write a log record", errno);
             }
@@ -65,38 +65,38 @@ private:
     }
     void flush_() override {}
 
-    const int m_iFd;
+    const int fd_;
 };
 
-std::string_view Environment(const char* pszName) {
-    const char* pszValue = std::getenv(pszName);
-    return pszValue == nullptr ? "" : pszValue;
+std::string_view Environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
 }
 
-std::optional<ELogLevel> LevelOfName(std::string_view name) {
-    constexpr std::array<std::pair<std::string_view, ELogLevel>, 6> kLevels = {{{"trace", ELogLevel::Trace},
-                                                                                {"debug", ELogLevel::Debug},
-                                                                                {"info", ELogLevel::Info},
-                                                                                {"warn", ELogLevel::Warn},
-                                                                                {"error", ELogLevel::Error},
-                                                                                {"off", ELogLevel::Off}}};
-    for (const auto& [levelName, eLevel] : kLevels) {
-        if (levelName == name) {
-            return eLevel;
+std::optional<LogLevel> LevelOfName(std::string_view name) {
+    constexpr std::array<std::pair<std::string_view, LogLevel>, 6> kLevels = {{{"trace", LogLevel::kTrace},
+                                                                               {"debug", LogLevel::kDebug},
+                                                                               {"info", LogLevel::kInfo},
+                                                                               {"warn", LogLevel::kWarn},
+                                                                               {"error", LogLevel::kError},
+                                                                               {"off", LogLevel::kOff}}};
+    for (const auto& [known, level] : kLevels) {
+        if (known == name) {
+            return level;
         }
     }
     return std::nullopt;
 }
 
-spdlog::level::level_enum ToSpdlog(ELogLevel eLevel) {
-    switch (eLevel) {
-        case ELogLevel::Trace:
+spdlog::level::level_enum ToSpdlog(LogLevel level) {
+    switch (level) {
+        case LogLevel::kTrace:
             return spdlog::level::trace;
-        case ELogLevel::Debug:
+        case LogLevel::kDebug:
             return spdlog::level::debug;
-        case ELogLevel::Warn:
+        case LogLevel::kWarn:
             return spdlog::level::warn;
-        case ELogLevel::Error:
+        case LogLevel::kError:
             return spdlog::level::err;
         default:
             return spdlog::level::info;
@@ -104,37 +104,37 @@ spdlog::level::level_enum ToSpdlog(ELogLevel eLevel) {
 }
 
 /// Where records go, and why not where they were meant to.
-struct STarget {
-    spdlog::sink_ptr pSink;
-    std::string strProblem;  // empty when there is none
+struct Target {
+    spdlog::sink_ptr sink;
+    std::string problem;  // empty when there is none
 };
 
-STarget StandardError(std::string strProblem = {}) {
-    return {std::make_shared<CDescriptorSink>(STDERR_FILENO), std::move(strProblem)};
+Target StandardError(std::string problem = {}) {
+    return {std::make_shared<DescriptorSink>(STDERR_FILENO), std::move(problem)};
 }
 
-std::string ErrorText(int iErrno) {
-    return std::generic_category().message(iErrno);
+std::string ErrnoText(int error) {
+    return std::generic_category().message(error);
 }
 
-STarget OpenLogFile(const std::string& strPath) {
-    const int iFile = open(strPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0640);
-    if (iFile < 0) {
-        return StandardError(fmt::format("cannot open the log file {}: {}", strPath, ErrorText(errno)));
+Target OpenLogFile(const std::string& path) {
+    const int file = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0640);
+    if (file < 0) {
+        return StandardError(fmt::format("cannot open the log file {}: {}", path, ErrnoText(errno)));
     }
-    return {std::make_shared<CDescriptorSink>(iFile), {}};
+    return {std::make_shared<DescriptorSink>(file), {}};
 }
 
-STarget OpenJournal() {
+Target OpenJournal() {
     // The library drops records silently where there is no journal.
     constexpr const char* kSocket = "/run/systemd/journal/socket";
     if (access(kSocket, W_OK) != 0) {
-        return StandardError(fmt::format("cannot reach the journal at {}: {}", kSocket, ErrorText(errno)));
+        return StandardError(fmt::format("cannot reach the journal at {}: {}", kSocket, ErrnoText(errno)));
     }
     return {std::make_shared<spdlog::sinks::systemd_sink_mt>(program_invocation_short_name), {}};
 }
 
-STarget OpenTarget(std::string_view name) {
+Target OpenTarget(std::string_view name) {
     if (name.empty() || name == "stderr") {
         return StandardError();
     }
@@ -142,83 +142,83 @@ STarget OpenTarget(std::string_view name) {
 }
 
 /// "thread-name/tid"
-void AppendThread(std::string& strLine) {
-    std::array<char, 16> szName = {};  // TASK_COMM_LEN
-    prctl(PR_GET_NAME, szName.data());
-    AppendWord(strLine, szName.data());
-    strLine += '/';
-    strLine += std::to_string(gettid());
+void AppendThread(std::string& line) {
+    std::array<char, 16> name = {};  // TASK_COMM_LEN
+    prctl(PR_GET_NAME, name.data());
+    AppendWord(line, name.data());
+    line += '/';
+    line += std::to_string(gettid());
 }
 
-std::shared_ptr<spdlog::logger> MakeLogger(spdlog::sink_ptr pSink) {
-    auto pLogger = std::make_shared<spdlog::logger>(kOwnModule, std::move(pSink));
-    pLogger->set_level(spdlog::level::trace);  // what is on is decided before a text is formatted
-    return pLogger;
+std::shared_ptr<spdlog::logger> MakeLogger(spdlog::sink_ptr sink) {
+    auto logger = std::make_shared<spdlog::logger>(kOwnModule, std::move(sink));
+    logger->set_level(spdlog::level::trace);  // what is on is decided before a text is formatted
+    return logger;
 }
 
 }  // namespace
 
-CLogOutput& CLogOutput::Instance() {
-    static CLogOutput& output = *new CLogOutput();
+LogOutput& LogOutput::Instance() {
+    static LogOutput& output = *new LogOutput();
     return output;
 }
 
-CLogOutput::CLogOutput() : m_strTarget(Environment("QXHOST_LOG")) {
-    const std::string_view levelName = Environment("QXHOST_LOG_LEVEL");
-    const std::optional<ELogLevel> level = LevelOfName(levelName);
-    if (level == ELogLevel::Off) {
+LogOutput::LogOutput() : target_(Environment("QXHOST_LOG")) {
+    const std::string_view level_name = Environment("QXHOST_LOG_LEVEL");
+    const std::optional<LogLevel> level = LevelOfName(level_name);
+    if (level == LogLevel::kOff) {
         return;
     }
     OpenLogger();
-    if (!levelName.empty() && !level) {
-        Report(ELogLevel::Warn, fmt::format("QXHOST_LOG_LEVEL is \"{}\", not trace, debug, info, warn, error or off; "
+    if (!level_name.empty() && !level.has_value()) {
+        Report(LogLevel::kWarn, fmt::format("QXHOST_LOG_LEVEL is \"{}\", not trace, debug, info, warn, error or off; "
                                             "logging from info on",
-                                            levelName));
+                                            level_name));
     }
-    m_eLeast = level.value_or(ELogLevel::Info);
+    least_ = level.value_or(LogLevel::kInfo);
 }
 
-bool CLogOutput::SetLeast(std::string_view name) {
-    const std::optional<ELogLevel> level = LevelOfName(name);
-    if (!level) {
+bool LogOutput::SetLeast(std::string_view name) {
+    const std::optional<LogLevel> level = LevelOfName(name);
+    if (!level.has_value()) {
         return false;
     }
-    if (*level != ELogLevel::Off) {
-        const std::lock_guard lock(m_openMutex);
+    if (*level != LogLevel::kOff) {
+        const std::lock_guard lock(open_mutex_);
         OpenLogger();
     }
-    m_eLeast.store(*level, std::memory_order_release);
+    least_.store(*level, std::memory_order_release);
     return true;
 }
 
 // Nothing is opened while no level is on.
-void CLogOutput::OpenLogger() {
-    if (m_pLogger != nullptr) {
+void LogOutput::OpenLogger() {
+    if (logger_ != nullptr) {
         return;
     }
-    STarget target = OpenTarget(m_strTarget);
-    m_pLogger = MakeLogger(std::move(target.pSink));
-    if (!target.strProblem.empty()) {
-        Report(ELogLevel::Error, target.strProblem + "; logging to the standard error");
+    Target target = OpenTarget(target_);
+    logger_ = MakeLogger(std::move(target.sink));
+    if (!target.problem.empty()) {
+        Report(LogLevel::kError, target.problem + "; logging to the standard error");
     }
 }
 
-void CLogOutput::Report(ELogLevel eLevel, const std::string& strText) {
-    Write(eLevel, kOwnModule, eLevel == ELogLevel::Error ? kOwnError : kOwnWarning, CutLogText(strText));
+void LogOutput::Report(LogLevel level, const std::string& text) {
+    Write(level, kOwnModule, level == LogLevel::kError ? kOwnError : kOwnWarning, CutLogText(text));
 }
 
-void CLogOutput::Write(ELogLevel eLevel, std::string_view module, int iCallerLevel, const SLogText& text) {
-    std::string strRecord;
-    strRecord.reserve(text.strText.size() + 80);
-    AppendThread(strRecord);
-    strRecord += ' ';
-    AppendWord(strRecord, module);
-    strRecord += ' ';
-    strRecord += std::to_string(iCallerLevel);
-    strRecord += ' ';
-    AppendEscaped(strRecord, text.strText);
-    if (text.uCut > 0) {
-        strRecord += " (+" + std::to_string(text.uCut) + " bytes)";
+void LogOutput::Write(LogLevel level, std::string_view module, int caller_level, const LogText& text) {
+    std::string record;
+    record.reserve(text.text.size() + 80);
+    AppendThread(record);
+    record += ' ';
+    AppendWord(record, module);
+    record += ' ';
+    record += std::to_string(caller_level);
+    record += ' ';
+    AppendEscaped(record, text.text);
+    if (text.cut_bytes > 0) {
+        record += " (+" + std::to_string(text.cut_bytes) + " bytes)";
     }
-    m_pLogger->log(ToSpdlog(eLevel), spdlog::string_view_t(strRecord));
+    logger_->log(ToSpdlog(level), spdlog::string_view_t(record));
 }

@@ -14,122 +14,121 @@ bool IsUtf8Continuation(char c) {
 
 /// Where to cut a text of more than kMaxLogText bytes, of which at least kMaxLogText + 1 are given.
 size_t CutPosition(std::string_view text) {
-    constexpr size_t kLongestCharacter = 4;
-    for (size_t uCut = kMaxLogText; uCut > kMaxLogText - kLongestCharacter; --uCut) {
-        if (!IsUtf8Continuation(text[uCut])) {
-            return uCut;
+    for (size_t cut = kMaxLogText; cut > kMaxLogText - kLongestUtf8; --cut) {
+        if (!IsUtf8Continuation(text[cut])) {
+            return cut;
         }
     }
     return kMaxLogText;  // not UTF-8
 }
 
 /// @param head         the text, or as much of it as CutPosition needs.
-/// @param uFullLength  of the whole text.
-SLogText CutHead(std::string_view head, size_t uFullLength) {
-    if (uFullLength <= kMaxLogText) {
-        return {std::string(head.substr(0, uFullLength)), 0};
+/// @param full_length  of the whole text.
+LogText CutHead(std::string_view head, size_t full_length) {
+    if (full_length <= kMaxLogText) {
+        return {std::string(head.substr(0, full_length)), 0};
     }
-    const size_t uKept = CutPosition(head);
-    return {std::string(head.substr(0, uKept)), uFullLength - uKept};
+    const size_t kept = CutPosition(head);
+    return {std::string(head.substr(0, kept)), full_length - kept};
 }
 
-void AppendHex(std::string& strLine, char c) {
+void AppendHex(std::string& line, char c) {
     constexpr char kDigits[] = "0123456789abcdef";
-    const auto uByte = static_cast<unsigned char>(c);
-    strLine += "\\x";
-    strLine += kDigits[uByte >> 4];
-    strLine += kDigits[uByte & 0xF];
+    const auto byte = static_cast<unsigned char>(c);
+    line += "\\x";
+    line += kDigits[byte >> 4];
+    line += kDigits[byte & 0xF];
 }
 
 /// The second set of control characters, U+0080 to U+009F; terminals may take their bare bytes for them as well.
-bool IsC1(uint32_t uCode) {
-    return uCode >= 0x80 && uCode <= 0x9F;
+bool IsC1(uint32_t code) {
+    return code >= 0x80 && code <= 0x9F;
 }
 
 /// What could make a record look like another one: C1, the separators of lines and paragraphs, and the characters that
 /// change the direction of writing.
-bool IsMisleading(uint32_t uCode) {
-    return IsC1(uCode) || uCode == 0x061C || uCode == 0x200E || uCode == 0x200F ||
-           (uCode >= 0x2028 && uCode <= 0x202E) || (uCode >= 0x2066 && uCode <= 0x2069);
+bool IsMisleading(uint32_t code) {
+    return IsC1(code) || code == 0x061C || code == 0x200E || code == 0x200F || (code >= 0x2028 && code <= 0x202E) ||
+           (code >= 0x2066 && code <= 0x2069);
 }
 
-void AppendEscapedByte(std::string& strLine, char c) {
+void AppendEscapedByte(std::string& line, char c) {
     constexpr char kDel = 0x7F;
     if (c == '\\') {
-        strLine += "\\\\";
+        line += "\\\\";
     } else if (c == '\n') {
-        strLine += "\\n";
+        line += "\\n";
     } else if (c == '\t') {
-        strLine += "\\t";
+        line += "\\t";
     } else if (static_cast<unsigned char>(c) < ' ' || c == kDel || IsC1(static_cast<unsigned char>(c))) {
-        AppendHex(strLine, c);
+        AppendHex(line, c);
     } else {
-        strLine += c;
+        line += c;
     }
 }
 
 /// Appends the character that a non-empty text begins with and returns its length in bytes.
-size_t AppendEscapedCharacter(std::string& strLine, std::string_view text) {
-    const SCharacter character = DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size());
-    if (character.uLength == 0) {
-        AppendEscapedByte(strLine, text[0]);
+size_t AppendEscapedCharacter(std::string& line, std::string_view text) {
+    const Character character = DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    if (character.length == 0) {
+        AppendEscapedByte(line, text[0]);
         return 1;
     }
-    const std::string_view bytes = text.substr(0, character.uLength);
-    if (IsMisleading(character.uCode)) {
+    const std::string_view bytes = text.substr(0, character.length);
+    if (IsMisleading(character.code)) {
         for (const char c : bytes) {
-            AppendHex(strLine, c);
+            AppendHex(line, c);
         }
     } else {
-        strLine += bytes;
+        line += bytes;
     }
     return bytes.size();
 }
 
 }  // namespace
 
-SLogText CutLogText(std::string_view text) {
+LogText CutLogText(std::string_view text) {
     return CutHead(text, text.size());
 }
 
-SLogText FormatLogText(const char* pszFormat, va_list args) {
-    std::array<char, 512> szShort;
+LogText FormatLogText(const char* format, va_list args) {
+    std::array<char, 512> short_text;
     va_list again;
     va_copy(again, args);
-    const int iLength = std::vsnprintf(szShort.data(), szShort.size(), pszFormat, args);
-    SLogText text;
-    if (iLength < 0) {
-        text = CutLogText(pszFormat);
-    } else if (static_cast<size_t>(iLength) < szShort.size()) {
-        text.strText.assign(szShort.data(), static_cast<size_t>(iLength));
+    const int length = std::vsnprintf(short_text.data(), short_text.size(), format, args);
+    LogText text;
+    if (length < 0) {
+        text = CutLogText(format);
+    } else if (static_cast<size_t>(length) < short_text.size()) {
+        text.text.assign(short_text.data(), static_cast<size_t>(length));
     } else {
-        const auto uLength = static_cast<size_t>(iLength);
-        std::string strHead(std::min(uLength, kMaxLogText + 1), '\0');
+        const auto full_length = static_cast<size_t>(length);
+        std::string head(std::min(full_length, kMaxLogText + 1), '\0');
         // The analyzer takes an argument list that is passed on for an uninitialised one.
         // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-        std::vsnprintf(strHead.data(), strHead.size() + 1, pszFormat, again);
-        text = CutHead(strHead, uLength);
+        std::vsnprintf(head.data(), head.size() + 1, format, again);
+        text = CutHead(head, full_length);
     }
     va_end(again);
     return text;
 }
 
-void AppendEscaped(std::string& strLine, std::string_view text) {
+void AppendEscaped(std::string& line, std::string_view text) {
     while (!text.empty()) {
-        text.remove_prefix(AppendEscapedCharacter(strLine, text));
+        text.remove_prefix(AppendEscapedCharacter(line, text));
     }
 }
 
-void AppendWord(std::string& strLine, std::string_view name) {
+void AppendWord(std::string& line, std::string_view name) {
     if (name.empty()) {
-        strLine += '-';
+        line += '-';
     }
     while (!name.empty()) {
         if (name[0] == ' ') {
-            AppendHex(strLine, ' ');
+            AppendHex(line, ' ');
             name.remove_prefix(1);
         } else {
-            name.remove_prefix(AppendEscapedCharacter(strLine, name));
+            name.remove_prefix(AppendEscapedCharacter(line, name));
         }
     }
 }

@@ -11,7 +11,8 @@ class IMRReceiveComplete {
 public:
     virtual ~IMRReceiveComplete() = default;
 
-    /// Called on a thread of the bus, possibly on several at once.
+    /// A message has come. Called on a thread of the bus, possibly on several at once; may itself call the endpoint.
+    /// What it throws is the bus's to stop.
     /// @param stComponentID  the sender.
     /// @param i64MsgType     the message type.
     /// @param pData          the body, uiDataLength bytes, not NUL-terminated; valid only during the call.
@@ -26,10 +27,11 @@ class IMRSendComplete {
 public:
     virtual ~IMRSendComplete() = default;
 
-    /// Called on a thread of the bus.
+    /// The send has ended. Called on a thread of the bus, once; may itself call the endpoint.
     /// @param first   the outcome: 0 when the receiver took the message.
     /// @param second  the message type.
-    /// @param third, fourth  the receiver's answer and its length; null and 0 when there is none.
+    /// @param third, fourth  the receiver's answer and its length; null and 0 when there is none; valid only
+    ///                       during the call.
     /// @param fifth   the number that SendAsync gave out.
     /// @param sixth   the context given to SendAsync.
     virtual void SendCallback(int first, long second, const unsigned char* third, unsigned int fourth,
@@ -39,30 +41,36 @@ public:
 /// One component's connection to the bus. Owned by the host, which hands it over unattached (the plugin attaches it
 /// when it starts, and detaches it when it stops) and keeps it alive from SetCtx until the plugin object has been
 /// uninitialised; for good when a log line says then that threads are left, since they may still send. Every operation
-/// may be called from any thread. None may throw.
+/// may be called from any thread; a host has to offer all of them. None may throw. Where a result is an int, 0 is
+/// success and anything else a code of the host's own.
 class IXBusMREndPoint4 {
 public:
-    /// Attaches this endpoint to the bus as stComponentID. Returns 0, or non-zero when the name is taken or the
-    /// endpoint is attached already. A plugin that gets non-zero registers nothing and goes on without the bus.
+    /// Attaches this endpoint to the bus as stComponentID.
+    /// @return 0, or non-zero when the name is taken or the endpoint is attached already. A plugin that gets non-zero
+    ///         registers nothing and goes on without the bus.
     virtual int Initialize(const GUID& stComponentID) = 0;
 
-    /// Detaches the endpoint. Registrations end with it.
+    /// Detaches the endpoint. Registrations end with it. The result is for the host's own use; plugins ignore it.
     virtual int Uninitialize() = 0;
 
-    /// Sends a request and waits for its answer.
-    /// @param puiStatus, ppReply, puiReplyLength  the answer; the reply bytes belong to the endpoint, FreeReply
-    ///                                            releases them. Null and 0 when the answer is empty.
+    /// Sends a request and waits for its answer: the one operation that blocks for it.
+    /// @param pData, uiLength  the body; the caller's, read during the call only. May be null and 0.
+    /// @param puiStatus, ppReply, puiReplyLength  receive the answer of a success; the reply bytes belong to
+    ///                                            the endpoint, FreeReply releases them. Null and 0 when the answer is
+    ///                                            empty.
     /// @param uiTimeOut  in milliseconds.
     /// @return 0 when it was sent and answered in time.
     virtual int SendRequest(const GUID& stTarget, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
                             unsigned int* puiStatus, unsigned char** ppReply, unsigned int* puiReplyLength,
                             unsigned int uiTimeOut) = 0;
 
-    /// Releases a reply of SendRequest.
+    /// Releases a reply of this endpoint's SendRequest, once. Non-zero for anything else.
     virtual int FreeReply(unsigned char* pReply) = 0;
 
-    /// From now on messages of this type that are addressed to this component go to pSink, with pContext as the last
-    /// argument of the callback. Returns 0 on success.
+    /// From now on messages of this type that are addressed to this component go to pSink.
+    /// @param pSink     stays the caller's, until UnregisterReceive has returned.
+    /// @param pContext  the last argument of the callback; not looked at.
+    /// @return 0, or non-zero when the endpoint is not attached or the type is registered already.
     virtual int RegisterReceive(long i64MsgType, IMRReceiveComplete* pSink, void* pContext) = 0;
 
     /// Ends that delivery. Returns only when no delivery of this type is in flight, except when it is called from
@@ -70,8 +78,10 @@ public:
     /// that is not attached, is no error and changes nothing: a plugin unregisters also what it could not register.
     virtual int UnregisterReceive(long i64MsgType) = 0;
 
-    /// Answers a received message. The data is copied before the call returns: the caller's bytes may be gone then. A
-    /// token is good once; a second use returns non-zero and does nothing.
+    /// Answers a received message, from within its delivery or later. The data is copied before the call returns: the
+    /// caller's bytes may be gone then.
+    /// @param iStatus     goes to the sender as it is.
+    /// @param pReplyCtx   the token of the delivery. Good once; a second use returns non-zero and does nothing.
     virtual int Reply(int iStatus, long i64MsgType, const unsigned char* pData, unsigned int uiLength,
                       void* pReplyCtx) = 0;
 

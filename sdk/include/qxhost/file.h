@@ -1,7 +1,10 @@
 #pragma once
 
+// Any thread, and no cancellation point.
+
 extern "C" {
 
+/// Examines what a path leads to, of whatever kind it is.
 /// @param puSize  receives the size in bytes.
 /// @param puTime  receives the modification time in seconds since the epoch.
 /// @return false when the path is null or cannot be examined; the outputs are then unchanged. Null outputs are skipped.

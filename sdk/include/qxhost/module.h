@@ -1,6 +1,6 @@
 #pragma once
 
-/// The directory of the module (program or shared library) that holds an address.
+/// The directory of the module (program or shared library) that holds an address. Any thread.
 /// @param szBuffer  receives the absolute path, without a trailing slash (but "/" for the root), NUL-terminated;
 ///                  unchanged on failure. It is the place of the file itself, with symbolic links resolved, whatever
 ///                  name the module was loaded by; also when the file has been replaced or removed since.

@@ -40,7 +40,7 @@ protected:
         if (records.empty()) {
             return 0;
         }
-        const std::string& record = records.back().text;
+        const std::string& record = records.back();
         return std::stoul(record.substr(record.find(text) + text.size()));
     }
 

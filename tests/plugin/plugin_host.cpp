@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
 
 #include "base/encoding.h"
@@ -35,23 +35,7 @@ void BuildTree(const fs::path& root) {
     std::ofstream(root / "etc/plugins/qxpmaint/qxpmaint.conf") << "[qxpmaint]\ncheckcycle=1\n";
 }
 
-LogRecord ParseRecord(const std::string& line) {
-    LogRecord record;
-    std::istringstream in(line);
-    std::string time;
-    std::string thread;
-    in >> time >> record.severity >> thread >> record.source >> record.level;
-    Require(!in.fail(), "not a log record: " + line);
-    in.get();
-    std::getline(in, record.text);
-    return record;
-}
-
 }  // namespace
-
-std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
-    return out << record.severity << ' ' << record.source << ' ' << record.level << ' ' << record.text;
-}
 
 std::string Text(const Json& document, std::string path) {
     std::replace(path.begin(), path.end(), '.', '/');
@@ -132,18 +116,16 @@ std::vector<std::string> PluginHost::WaitForReports(size_t count, std::chrono::m
     return reports;
 }
 
-std::vector<LogRecord> PluginHost::Log() const {
-    std::vector<LogRecord> records;
+std::vector<std::string> PluginHost::LogWith(const std::string& part) const {
+    static const std::regex time_and_thread(R"(^[^ ]+ ([a-z]+) [^ ]+ )");
+    std::vector<std::string> records;
     std::ifstream file(Root() / "log");
     // A last line without its newline is still being written.
     for (std::string line; std::getline(file, line) && !file.eof();) {
-        records.push_back(ParseRecord(line));
+        if (line.find(part) != std::string::npos) {
+            records.push_back(
+                std::regex_replace(line, time_and_thread, "$1 ", std::regex_constants::format_first_only));
+        }
     }
-    return records;
-}
-
-std::vector<LogRecord> PluginHost::LogWith(const std::string& part) const {
-    std::vector<LogRecord> records = Log();
-    std::erase_if(records, [&](const LogRecord& record) { return record.text.find(part) == std::string::npos; });
     return records;
 }

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,18 +14,6 @@
 #include "qxhost/init_block.h"
 #include "tests/plugin/scripted_endpoint.h"
 #include "tests/support/temp_dir.h"
-
-/// One record of the host's log.
-struct LogRecord {
-    std::string severity;
-    std::string source;  ///< a module number or a source unit
-    int level = 0;
-    std::string text;
-
-    bool operator==(const LogRecord&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
 using Json = nlohmann::json;
 
@@ -88,10 +75,8 @@ public:
     /// Waits for count reports and returns the JSON text of each; throws when the deadline passes first.
     std::vector<std::string> WaitForReports(size_t count, std::chrono::milliseconds deadline = DEADLINE);
 
-    /// The log so far, in order.
-    std::vector<LogRecord> Log() const;
-    /// The records whose text contains a part.
-    std::vector<LogRecord> LogWith(const std::string& part) const;
+    /// The records of the log so far that contain a part, in order: "LEVEL module|source level text".
+    std::vector<std::string> LogWith(const std::string& part) const;
 
     decltype(&::create_plugin) create_plugin = nullptr;
     decltype(&::destroy_plugin) destroy_plugin = nullptr;

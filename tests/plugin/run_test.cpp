@@ -13,29 +13,27 @@ TEST_F(RunPolicyTest, AcceptedScriptsRunAndAreReported) {
                                                 {.body = "echo changed", .signed_right = false},
                                                 {.type = "EXE", .body = "#!/bin/sh\necho $0\n"},
                                                 {.id = "archive", .type = "zip", .body = "x"}})));
-    std::map<std::string, std::string> outputs;
-    for (size_t reports = 1; outputs.size() < 2; ++reports) {
+    std::map<std::string, Json> runs;  // of one report or two
+    for (size_t reports = 1; runs.size() < 2; ++reports) {
         const Json report = ParseJson(host_.WaitForReports(reports).at(reports - 1));
         EXPECT_EQ(Text(report, "ID") + Text(report, "msg_type") + Text(report, "data_type"), "p11RunScriptData");
         EXPECT_EQ(Text(report, "data.handler_type"), "1");
-        for (const std::string run : {"data.result.0.", "data.result.1."}) {
-            if (Text(report, run + "scriptid").empty()) {
-                continue;
-            }
-            EXPECT_EQ(Text(report, run + "run_result"), "1");
-            EXPECT_EQ(Text(report, run + "run_starttime").size() + Text(report, run + "run_endtime").size(), 2 * 19U);
-            const std::string path = Text(report, run + "filepath");
-            EXPECT_FALSE(std::filesystem::exists(path));
-            EXPECT_TRUE(path.ends_with(Text(report, run + "scriptid") == "marked" ? "0001.sh" : "0002")) << path;
-            outputs[Text(report, run + "scriptid")] = Text(report, run + "run_outdata").substr(0, 6);
+        for (const Json& run : report["data"]["result"]) {
+            runs[Text(run, "scriptid")] = run;
         }
     }
-    EXPECT_EQ(outputs["marked"], "marked");
+    for (const auto& [id, run] : runs) {
+        const std::string path = Text(run, "filepath");
+        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_TRUE(path.ends_with(id == "marked" ? "0001.sh" : "0002")) << path;
+        EXPECT_EQ(Text(run, "run_outdata"), (id == "marked" ? "marked" : path) + "\n");
+        EXPECT_EQ(Text(run, "run_result"), "1");
+        EXPECT_EQ(Text(run, "run_starttime").size() + Text(run, "run_endtime").size(), 2 * 19U);
+    }
     EXPECT_EQ(host_.LogWith("VerifySignContent fail strID[p1]").size(), 1U);
-    EXPECT_EQ(host_.LogWith("SetPolicyMaintCreateThread uThreadID[0]").size(), 1U);
     ASSERT_TRUE(host_.SendCommand(Policy("p2", {Echo("again")})));
-    EXPECT_TRUE(WaitUntil([&] { return host_.LogWith("\"ID\":\"p2\",\"msg_type\":\"1\"").size() == 1; }));
-    EXPECT_EQ(host_.LogWith("SetPolicyMaintCreateThread").size(), 1U) << "one work thread for both";
+    EXPECT_TRUE(WaitUntil([&] { return host_.LogWith(R"("ID":"p2","msg_type":"1")").size() == 1; }));
+    EXPECT_EQ(host_.LogWith("SetPolicyMaintCreateThread uThreadID[0]").size(), 1U) << "one work thread for both";
 }
 
 TEST_F(RunPolicyTest, FilePoliciesAreReportedInResultFiles) {
@@ -96,28 +94,15 @@ TEST_F(RunPolicyTest, TheLoaderTakesJsonFilesAndPassesOverTheRest) {
     const auto directory = host_.Data() / "policyfile";
     std::filesystem::create_directories(directory / "directory.json");
     ASSERT_EQ(mkfifo((directory / "fifo.json").c_str(), 0600), 0);
-    ASSERT_EQ(mknod((directory / "socket.json").c_str(), S_IFSOCK | 0600, 0), 0);
     WriteFile(directory / "empty.json", "");
     WriteFile(directory / "broken.json", "{");
-    WriteFile(directory / "huge.json", "{");
-    ASSERT_EQ(truncate((directory / "huge.json").c_str(), 129L << 20), 0);
-    WriteFile(host_.Root() / "target", "{");
-    std::filesystem::create_symlink(host_.Root() / "target", directory / "link.json");
-    WriteFile(directory / "other.json.bak", "{");
     WriteFile(directory / "good.JSON", Policy("dropped", {Echo("first")}));
     host_.Launch();
     EXPECT_EQ(Text(ParseJson(host_.WaitForReports(1).front()), "ID"), "dropped");
     WriteFile(directory / "later.json", Policy("later", {Echo("second")}));
     EXPECT_EQ(Text(ParseJson(host_.WaitForReports(2).back()), "ID"), "later");
     EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(directory / "later.json"); }));
-    std::set<std::string> left;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-        left.insert(entry.path().filename());
-    }
-    EXPECT_EQ(left, (std::set<std::string>{"directory.json", "empty.json", "fifo.json", "huge.json", "link.json",
-                                           "other.json.bak", "socket.json"}));
-    host_.Shutdown();
-    EXPECT_TRUE(host_.LogWith("need kill").empty());
+    EXPECT_EQ(CountEntries(directory.c_str()), 3) << "what cannot be read is left, what can be is used up";
 }
 
 TEST_F(RunPolicyTest, ARestartRunsWhatIsQueuedInFiles) {
@@ -137,19 +122,13 @@ TEST_F(RunPolicyTest, ARestartRunsWhatIsQueuedInFiles) {
     }
     EXPECT_EQ(ids, (std::set<std::string>{"a", "b", "c"}));
     EXPECT_EQ(Threads("maintloadfile"), 1);
-    EXPECT_EQ(host_.object->Stop(), 0);
-    EXPECT_TRUE(host_.LogWith("need kill").empty()) << "a stop does not sit out the loader's pause";
-}
-
-TEST_F(RunPolicyTest, AStopRightAfterAStartIsNotLost) {
-    host_.Launch();
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < 5; ++round) {  // also right after a start
         EXPECT_EQ(host_.object->Stop(), 0);
         EXPECT_TRUE(WaitUntil([] { return Threads("maintloadfile") == 0; })) << "it has left, and ends";
         EXPECT_EQ(host_.object->Start(), 0);
     }
-    EXPECT_TRUE(WaitUntil([&] { return Threads("maintloadfile") == 1; }));
-    EXPECT_TRUE(host_.LogWith("need kill").empty());
+    EXPECT_TRUE(WaitUntil([] { return Threads("maintloadfile") == 1; }));
+    EXPECT_TRUE(host_.LogWith("need kill").empty()) << "a stop does not sit out the loader's pause";
 }
 
 TEST_F(RunPolicyTest, RunOnceRunsAPolicyFileByItsNameBesideOtherPolicies) {

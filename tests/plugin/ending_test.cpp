@@ -92,22 +92,6 @@ TEST_F(EndingTest, StopAndCloseAreBoundedWhenTheHostNeverLetsGo) {
     ExpectNoThreadLeft();
 }
 
-TEST_F(EndingTest, AStopWaitsForADeliveryThatTheHostHolds) {
-    HoldSends();
-    host_.Launch();
-    // A refusal is sent within the delivery.
-    auto delivery = host_.endpoint.DeliverAsync(20001, SERVER_DATA, R"({"ID":"7","Command":"Reboot"})");
-    ASSERT_TRUE(host_.endpoint.WaitForCalls("SendAsync", 1));
-    auto stop = std::async(std::launch::async, [&] { return host_.object->Stop(); });
-    ASSERT_TRUE(host_.endpoint.WaitForCalls("UnregisterReceive", 1));
-    EXPECT_EQ(stop.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-    Release();
-    EXPECT_TRUE(delivery.get());
-    EXPECT_EQ(stop.get(), 0);
-    host_.Shutdown();
-    ExpectNoThreadLeft();
-}
-
 TEST_F(EndingTest, ALoaderThatAStopGaveUpLeavesTheOtherFilesAlone) {
     ShortenBounds();
     HoldSends();

@@ -1,6 +1,10 @@
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
+#include <map>
 #include <regex>
+#include <set>
 
 #include "base/names.h"
 #include "base/peer.h"
@@ -39,6 +43,21 @@ std::string WithoutTimes(const Json& object) {
     return std::regex_replace(object.dump(), kTime, R"("time")");
 }
 
+// The members that the document requires of a schema, from the first such line behind its name.
+std::string RequiredMembers(const std::string& schema) {
+    const std::string document = ReadFile(QXPAGENT_OPENAPI);
+    const size_t list = document.find("required: [", document.find("\n    " + schema + ":\n")) + 11;
+    return document.substr(list, document.find(']', list) - list);
+}
+
+std::string Members(const Json& object) {
+    std::string members;
+    for (const auto& [name, value] : object.items()) {
+        members += (members.empty() ? "" : ", ") + name;
+    }
+    return members;
+}
+
 TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
     Serve();
     agent_.submit_outcome = {SubmitStatus::kTaken, "", Command("c/é 1")};
@@ -52,6 +71,7 @@ TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
               R"("submitter":{"uid":1000,"gid":1001,"pid":4242,"user":"ops"},"received":"time",)"
               R"("delivered":"time","finished":null})",
               WithoutTimes(taken.Body()));
+    EXPECT_EQ(RequiredMembers("Command"), Members(taken.Body()));
     EXPECT_EQ(document, agent_.submitted) << "not a byte differs";
     EXPECT_THAT(agent_.submitter, FieldsAre(getuid(), getgid(), getpid(), qxpbase::UserName(getuid())));
     EXPECT_EQ("root", qxpbase::UserName(0));
@@ -117,6 +137,7 @@ TEST_F(HttpTest, ReportsComeWithTheirDocumentOrTheirText) {
         WithoutTimes(all["reports"][1]))
         << "bytes that are not UTF-8 are replaced";
     EXPECT_TRUE(all["reports"][2]["document"].is_null());
+    EXPECT_EQ(RequiredMembers("Report"), Members(all["reports"][0]));
     EXPECT_FALSE(Get("/v1/reports?documents=false").Body()["reports"][0].contains("document"));
     EXPECT_FALSE(agent_.report_query.with_text);
     Get("/v1/reports?id=a%20b%26c&source=file&acknowledged=false&after=2&limit=3&documents=true");
@@ -132,6 +153,7 @@ TEST_F(HttpTest, ResultFilesComeAsTheyWere) {
     const Json list = Get("/v1/results?id=f").Body();
     EXPECT_EQ(R"({"cursor":1,"id":"f","file":"f_1.json","bytes":22,"received":"time","acknowledged":null})",
               WithoutTimes(list["results"][0]));
+    EXPECT_EQ(RequiredMembers("Result"), Members(list["results"][0]));
     EXPECT_EQ(2, list["cursor"]);
     EXPECT_EQ(ReportSource::kFile, agent_.report_query.source);
     EXPECT_FALSE(agent_.report_query.with_text);
@@ -179,6 +201,7 @@ TEST_F(HttpTest, StatusAndHealthSayHowItIs) {
               R"("store":{"bytes":77,"fault":null},"data_directory":"","policy_directory":"",)"
               R"("process_directory":"","result_directory":"/x/result"})",
               WithoutTimes(Get("/v1/status").Body()));
+    EXPECT_EQ(RequiredMembers("Status"), Members(Get("/v1/status").Body()));
     EXPECT_EQ(R"({"status":"ok"})", Get("/v1/health").text);
 
     agent_.status.plugin_status = 1;
@@ -200,6 +223,7 @@ TEST_F(HttpTest, EveryErrorIsAProblemThatNamesItsCause) {
     EXPECT_EQ(404, unknown.status);
     EXPECT_EQ(R"({"type":"about:blank","title":"Not Found","status":404,"detail":"There is no path /v2/<x>."})",
               unknown.Body().dump());
+    EXPECT_EQ(RequiredMembers("Problem"), Members(unknown.Body()));
     EXPECT_EQ(405, Request("DELETE", "/v1/commands").status);
     EXPECT_EQ("POST, GET", Request("DELETE", "/v1/commands").Header("Allow"));
     EXPECT_EQ("GET", Post("/v1/commands/acknowledge", "{}").Header("Allow"));
@@ -220,6 +244,47 @@ TEST_F(HttpTest, EveryErrorIsAProblemThatNamesItsCause) {
         }
     }
     ExpectProblem(Get("/metrics?x=1"), 400, "\"x\"");
+}
+
+using Operations = std::map<std::string, std::set<std::string>>;  // "GET /path" and its query parameters
+
+Operations OfTheCode() {
+    Operations operations;
+    for (const Api::Route& route : Api::Routes()) {
+        auto& parameters = operations[std::string(route.method) + " " + std::string(route.path)];
+        parameters.insert(route.parameters.begin(), route.parameters.end());
+    }
+    return operations;
+}
+
+// The document keeps to a form that is read line by line: paths at two spaces, methods at four, one parameter a line.
+Operations OfTheDocument() {
+    Operations operations;
+    std::ifstream document(QXPAGENT_OPENAPI);
+    bool in_paths = false;
+    std::string path;
+    std::string operation;
+    for (std::string line; std::getline(document, line);) {
+        if (!line.empty() && line[0] != ' ') {
+            in_paths = line == "paths:";
+        } else if (in_paths && line.starts_with("  /")) {
+            path = line.substr(2, line.rfind(':') - 2);
+        } else if (in_paths && line.starts_with("    ") && line[4] != ' ') {
+            operation = line.substr(4, line.find(':') - 4);
+            std::transform(operation.begin(), operation.end(), operation.begin(), ::toupper);
+            operation += " " + path;
+            operations[operation];
+        } else if (in_paths && line.find("in: query") != std::string::npos) {
+            const size_t name = line.find("name: ") + 6;
+            operations[operation].insert(line.substr(name, line.find(',', name) - name));
+        }
+    }
+    return operations;
+}
+
+TEST(OpenApiTest, DocumentAndRoutesAreOfOneMind) {
+    ASSERT_GT(OfTheCode().size(), 10U);
+    EXPECT_EQ(OfTheCode(), OfTheDocument());
 }
 
 }  // namespace

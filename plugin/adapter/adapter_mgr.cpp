@@ -1,5 +1,6 @@
 #include "plugin/adapter/adapter_mgr.h"
 
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
@@ -170,4 +171,38 @@ void CqxpmaintMgr::Uninitialize() {
     m_pPluginFun->uninit();
     ClearInitParam(m_stPluginInit);
     ADAPTER_LOG(ADAPTER_LOG_TRACE, "Uninitialize", "qxpadapterplugin %s::Uninitialize End", CLASS_NAME);
+}
+
+int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
+                                   const unsigned char* data, unsigned int len) try {
+    if (!data || len == 0 || !*data) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", CLASS_NAME,
+                    static_cast<const void*>(data), static_cast<int>(len));
+        return -1;
+    }
+    const CqxpmaintMgr* pAdapterMgr = Instance();
+    if (!pAdapterMgr) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", CLASS_NAME);
+        return -1;
+    }
+    IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
+    if (!IsJsonDataType(json_data_type)) {
+        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
+                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", CLASS_NAME, json_data_type);
+        return -1;
+    }
+    if (!pEndPoint) {
+        return ADAPTER_E_INVALID_ARG;
+    }
+    // Straight from the caller's bytes: a report can be over a hundred MiB.
+    const auto* pszJson = reinterpret_cast<const char*>(data);
+    return SendEnvelope(*pEndPoint, json_data_type, "", "", value4, 1, {pszJson, strnlen(pszJson, len)});
+} catch (...) {
+    StopException(__FUNCTION__);
+    return -1;
+}
+
+void CqxpmaintMgr::AdapterNotifyToMgr(int, const unsigned char*) {
 }

@@ -4,8 +4,7 @@
 
 #include "plugin/adapter/adapter_mgr.h"
 #include "plugin/adapter/adapter_support.h"
-#include "plugin/adapter/connect_info.h"
-#include "plugin/adapter/guid_text.h"
+#include "plugin/adapter/bus_text.h"
 
 namespace {
 

@@ -4,6 +4,9 @@
 
 // What every file of the adapter uses: its results, its log source and its exception barrier.
 
+/// Marks the symbols that the library exports; all others are hidden.
+#define QXPMAINT_EXPORT __attribute__((visibility("default")))
+
 /// Results of the adapter's operations beside 0 and -1.
 inline constexpr int ADAPTER_E_NOT_READY = static_cast<int>(0xE0010000);
 inline constexpr int ADAPTER_E_NO_FUN_TABLE = static_cast<int>(0xE0010001);

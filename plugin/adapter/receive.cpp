@@ -3,8 +3,7 @@
 #include <algorithm>
 
 #include "plugin/adapter/adapter_support.h"
-#include "plugin/adapter/connect_info.h"
-#include "plugin/adapter/guid_text.h"
+#include "plugin/adapter/bus_text.h"
 
 namespace {
 

@@ -7,13 +7,10 @@
 #include <new>
 #include <string_view>
 
-#include "plugin/adapter/adapter_mgr.h"
 #include "plugin/adapter/adapter_support.h"
-#include "plugin/adapter/guid_text.h"
+#include "plugin/adapter/bus_text.h"
 
 namespace {
-
-constexpr char CLASS_NAME[] = "CqxpmaintMgr";
 
 constexpr unsigned int SEND_TIME_OUT_MS = 60000;
 
@@ -40,6 +37,12 @@ void PutU32(unsigned char* pTarget, uint32_t uValue) {
 
 void PutText(unsigned char* pTarget, std::string_view text) {
     memcpy(pTarget, text.data(), text.size());
+}
+
+}  // namespace
+
+bool IsJsonDataType(int json_data_type) {
+    return json_data_type == 1 || json_data_type == 2;
 }
 
 int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
@@ -73,12 +76,6 @@ int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* nam
                               static_cast<unsigned int>(uSize), s_pCompletionSink, nullptr, &ulOut, SEND_TIME_OUT_MS);
 }
 
-bool IsJsonDataType(int json_data_type) {
-    return json_data_type == 1 || json_data_type == 2;
-}
-
-}  // namespace
-
 int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
                              int value8, const char* json) {
     if (!ep || !name1 || !name2 || !json) {
@@ -88,38 +85,4 @@ int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const cha
         return ADAPTER_E_JSON_DATA_TYPE;
     }
     return SendEnvelope(*ep, json_data_type, name1, name2, value4, value8, json);
-}
-
-int CqxpmaintMgr::AdapterSendToMgr(int json_data_type, const char* /*name1*/, const char* /*name2*/, int value4,
-                                   const unsigned char* data, unsigned int len) try {
-    if (!data || len == 0 || !*data) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error data[%p] data_len[%d]", CLASS_NAME,
-                    static_cast<const void*>(data), static_cast<int>(len));
-        return -1;
-    }
-    const CqxpmaintMgr* pAdapterMgr = Instance();
-    if (!pAdapterMgr) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error pAdapterMgr is NULL", CLASS_NAME);
-        return -1;
-    }
-    IXBusMREndPoint4* pEndPoint = pAdapterMgr->m_pCompCtx;
-    if (!IsJsonDataType(json_data_type)) {
-        ADAPTER_LOG(ADAPTER_LOG_WARN, "AdapterSendToMgr",
-                    "*qxpadapterplugin %s::AdapterSendToMgr Error json_data_type[%d]", CLASS_NAME, json_data_type);
-        return -1;
-    }
-    if (!pEndPoint) {
-        return ADAPTER_E_INVALID_ARG;
-    }
-    // Straight from the caller's bytes: a report can be over a hundred MiB.
-    const auto* pszJson = reinterpret_cast<const char*>(data);
-    return SendEnvelope(*pEndPoint, json_data_type, "", "", value4, 1, {pszJson, strnlen(pszJson, len)});
-} catch (...) {
-    StopException(__FUNCTION__);
-    return -1;
-}
-
-void CqxpmaintMgr::AdapterNotifyToMgr(int, const unsigned char*) {
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "qxhost/bus.h"
 
 /// The agent's manager component, which takes the plugin's reports, and the type of these messages.
@@ -23,3 +25,10 @@ public:
 ///         json_data_type other than 1 and 2; 0xE0010003 when memory is short.
 int SendJsonComboDataAsyncEx(IXBusMREndPoint4* ep, int json_data_type, const char* name1, const char* name2, int value4,
                              int value8, const char* json);
+
+/// True for the two values that json_data_type may have.
+bool IsJsonDataType(int json_data_type);
+/// The same for arguments that were checked before, and a text that may be no C string: it is copied once, into the
+/// envelope, since a report can be over a hundred MiB.
+int SendEnvelope(IXBusMREndPoint4& endPoint, int json_data_type, const char* name1, const char* name2, int value4,
+                 int value8, std::string_view json);

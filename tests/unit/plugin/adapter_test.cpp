@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "plugin/adapter/adapter_mgr.h"
-#include "plugin/adapter/guid_text.h"
+#include "plugin/adapter/bus_text.h"
 #include "plugin/adapter/plugin_obj.h"
 #include "qxhost/init_block.h"
 #include "tests/plugin/scripted_endpoint.h"

@@ -5,10 +5,8 @@
 #include <cstring>
 #include <memory>
 
-#include "plugin/core/attempt.h"
-#include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/core/send_to_mgr.h"
+#include "plugin/core/report_sender.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/platform/qx_log_print.h"
 #include "qxhost/json.h"

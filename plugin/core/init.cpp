@@ -1,4 +1,4 @@
-#include "plugin/core/init.h"
+#include "plugin/core/plugin_core.h"
 
 #include <ini.h>
 #include <strings.h>
@@ -11,9 +11,8 @@
 
 #include "plugin/core/command.h"
 #include "plugin/core/loader.h"
-#include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/manager/maint_lock.h"
+#include "plugin/core/report_sender.h"
 #include "plugin/manager/maint_mgr.h"
 #include "qxhost/log.h"
 
@@ -107,6 +106,7 @@ bool UndoRegistration(PluginInitParam* pParam) {
 void PrepareManager() {
     LayOutDirectories();
     if (CMaintMgr* pMaintMgr = CMaintMgr::Instance()) {
+        pMaintMgr->SetReportSender(SendReportDataToServer);
         pMaintMgr->Init();
     } else {
         LogPrintC(NO_MANAGER_MODULE, 5, "qxpmaint init pMaintMgr is NULL");

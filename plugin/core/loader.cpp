@@ -1,20 +1,17 @@
 #include "plugin/core/loader.h"
 
+#include <dirent.h>
 #include <sys/prctl.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
-#include "plugin/core/attempt.h"
 #include "plugin/core/command.h"
-#include "plugin/core/directory_list.h"
-#include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/manager/maint_lock.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/manager/thread_gate.h"
-#include "plugin/platform/pause.h"
 #include "qxhost/file.h"
 #include "qxhost/log.h"
 
@@ -75,7 +72,33 @@ void Pause() {
     }
 }
 
+bool IsPassedOver(const dirent& entry) {
+    return entry.d_name[0] == '\0' || strcmp(entry.d_name, ".") == 0 || strcmp(entry.d_name, "..") == 0 ||
+           entry.d_type == DT_LNK || entry.d_type == DT_DIR;
+}
+
 }  // namespace
+
+bool GetDirJsonFileList(const char* pszDirectory, std::list<_FilePathInfo>& listFile) {
+    if (!pszDirectory || !*pszDirectory) {
+        return false;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> spDirectory(opendir(pszDirectory), closedir);
+    if (!spDirectory) {
+        return false;
+    }
+    while (const dirent* pEntry = readdir(spDirectory.get())) {
+        if (IsPassedOver(*pEntry)) {
+            continue;
+        }
+        CPString strFullPath;
+        strFullPath.Format("%s/%s", pszDirectory, pEntry->d_name);
+        if (strFullPath.Right(5).CompareNoCase(".json") == 0) {
+            listFile.push_back({strFullPath, pEntry->d_name});
+        }
+    }
+    return true;
+}
 
 void RequestLoaderEnd() {
     const CMaintLockGuard lock(g_LoadThreadLock);

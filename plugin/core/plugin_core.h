@@ -25,4 +25,19 @@ bool isrunning();
 /// Runs a policy file of the policyprocess directory and waits for its end; any thread. False when it was not run.
 bool RunOnceScriptTask(const char* pszID);
 
+// Parts of init. Under the lock of init; they log, and throw nothing.
+
+/// Reads the init parameter string, items "key=value" separated by ':', into g_szAgentType and g_szConfPath. False for
+/// null or an empty string.
+bool analyze_set_init_kv(const char* pszKv);
+/// The handler of inih's ini_parse: reads the check cycle. Always non-zero: every entry counts as handled.
+int qxpmaint_ini_parse_handler(void* pUser, const char* pszSection, const char* pszName, const char* pszValue);
+
+// Two checks of the sibling daemon, for callers to come. Any thread; they throw nothing.
+
+/// True when the process runs the daemon's executable.
+bool IsWardenProc(int iPid);
+/// The pid in the daemon's pid file, or -1.
+int GetWardenPid();
+
 }  // namespace qxpmaint_impl

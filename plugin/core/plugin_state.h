@@ -5,7 +5,10 @@
 #include <atomic>
 #include <cstdint>
 
+#include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_init_param.h"
+#include "plugin/platform/qx_log_print.h"
+#include "qxhost/log.h"
 
 namespace qxpmaint_impl {
 
@@ -40,5 +43,13 @@ extern std::atomic<bool> g_bRunning;
 extern pthread_mutex_t g_LoadThreadLock;
 extern unsigned long g_LoadThreadId;  // guarded by g_LoadThreadLock; 0: none
 extern int g_iLoadThreadState;        // guarded by g_LoadThreadLock: 0 stop requested, 1 running, 2 exited
+
+/// Does a step of an operation that goes on without it. False when the step threw, which a line has said.
+template <typename Step>
+bool Attempt(const char* pszOperation, const Step& step) {
+    return AttemptStep(
+        [&](const char* pszWhat) { LogPrintC(QXPMAINT_MODULE, 3, "**qxpmaint %s error[%s]", pszOperation, pszWhat); },
+        step);
+}
 
 }  // namespace qxpmaint_impl

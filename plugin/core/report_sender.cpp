@@ -1,4 +1,4 @@
-#include "plugin/manager/report_sender.h"
+#include "plugin/core/report_sender.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -6,9 +6,7 @@
 #include <cstring>
 #include <memory>
 
-#include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/core/send_to_mgr.h"
 #include "qxhost/json.h"
 #include "qxhost/log.h"
 
@@ -55,12 +53,7 @@ bool WriteResultFile(const char* pszSendData, unsigned int uDataSize, const CPSt
 
 }  // namespace
 
-}  // namespace qxpmaint_impl
-
 bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPString& strName) {
-    using qxpmaint_impl::EncodedText;
-    using qxpmaint_impl::g_qxpmaint_send_to_mgr;
-    using qxpmaint_impl::SendToMgr;
     if (!pJsonData || !*pJsonData) {
         LogPrintC(QXPMAINT_MODULE, 5, "*qxpmaint SendReportDataToServer pJsonData[%p] is NULL",
                   static_cast<const void*>(pJsonData));
@@ -77,9 +70,11 @@ bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPStri
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer bWriteFile[%d] uDataSize[%u] pszSendData[%s]",
               bWriteFile ? 1 : 0, uDataSize, pszSendData);
     if (bWriteFile) {
-        return qxpmaint_impl::WriteResultFile(pszSendData, uDataSize, strName);
+        return WriteResultFile(pszSendData, uDataSize, strName);
     }
     const int iRet = SendToMgr(pszSendData, uDataSize);
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint SendReportDataToServer g_qxpmaint_send_to_mgr iRet[%d]", iRet);
     return true;
 }
+
+}  // namespace qxpmaint_impl

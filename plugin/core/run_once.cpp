@@ -1,7 +1,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "plugin/core/directory_list.h"
+#include "plugin/core/loader.h"
 #include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
 #include "plugin/manager/maint_mgr.h"

@@ -6,10 +6,8 @@
 #include "plugin/core/loader.h"
 #include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/manager/maint_lock.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/manager/thread_gate.h"
-#include "plugin/platform/pause.h"
 #include "plugin/platform/test_point.h"
 #include "qxhost/log.h"
 

@@ -1,4 +1,4 @@
-#include "plugin/core/warden.h"
+#include "plugin/core/plugin_core.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 
-#include "plugin/core/plugin_core.h"
 #include "qxhost/log.h"
 
 namespace qxpmaint_impl {

@@ -1,29 +1,12 @@
-#include <unistd.h>
-
-#include <memory>
-
-#include "plugin/manager/attempt.h"
-#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
-#include "plugin/platform/pause.h"
 #include "plugin/platform/qx_log_print.h"
 
 namespace {
 
 constexpr long RUN_ONCE_WAIT_MS = 5000;
-/// What the host's wait returns when the time is over.
-constexpr unsigned int WAIT_TIMED_OUT = 258;
-/// How long a waiter keeps away from the event after it passed a signal on to the other one.
-constexpr std::chrono::milliseconds PASS_ON_PAUSE{20};
-/// How long a waiter keeps away from an event that cannot be waited on.
-constexpr std::chrono::milliseconds BROKEN_EVENT_PAUSE{300};
 
 }  // namespace
-
-unsigned int CMaintMgr::GetPRunScriptListSize() {
-    const CMaintLockGuard lock(m_csRunScriptList);
-    return static_cast<unsigned int>(m_PRunScriptList.size());
-}
 
 int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dwPolicyType) {
     if (!lpJsonData || !*lpJsonData) {
@@ -68,55 +51,12 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
     return 1;
 }
 
-// The work thread, if there is none. Never throws once the thread exists.
-void CMaintMgr::CreateWorkThread() {
-    const CMaintLockGuard lock(m_csWorkThread);
-    if (m_u64WorkThreadId != 0) {
-        return;
-    }
-    std::unique_ptr<WorkStart> spStart(new WorkStart{*this, CThreadTicket::ForNewThread(m_spGate)});
-    const int iResult = CMainTTool::MaintCreateThread(WorkThread, spStart.get(), m_u64WorkThreadId);
-    if (iResult == 0) {
-        static_cast<void>(spStart.release());  // the thread's
-    } else {
-        m_u64WorkThreadId = 0;  // the next admitted policy tries again, and so does the loader
-    }
-    Attempt("SetPolicy", [&] {
-        QXLogPrint(2, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
-                   "qxpmaint CMaintMgr::SetPolicyMaintCreateThread uThreadID[%u] m_u64WorkThreadId[%llu]",
-                   static_cast<unsigned int>(iResult), m_u64WorkThreadId);
-        if (iResult != 0) {
-            QXLogPrint(3, MAINT_LOG_SOURCE, "SetPolicy", __LINE__,
-                       "*qxpmaint CMaintMgr::SetPolicy MaintCreateThread Error[%d]", iResult);
-        }
-    });
-}
-
 void CMaintMgr::ResumeQueued() {
     if (m_bClosing || !GetWork() || !HasQueuedPolicy()) {
         return;
     }
     CreateWorkThread();
     CMainTTool::MaintSetEvent(m_hWorkEvent);
-}
-
-bool CMaintMgr::HasQueuedPolicy() {
-    const CMaintLockGuard lock(m_csPolicyList);
-    return !m_MaintPolicyList.empty();
-}
-
-// True when the event was signalled.
-bool CMaintMgr::WaitWorkEvent(long lMilliseconds) {
-    const unsigned int dwWait = CMainTTool::MaintWaitEvent(m_hWorkEvent, lMilliseconds);
-    if (dwWait != 0 && dwWait != WAIT_TIMED_OUT) {
-        MaintPause(BROKEN_EVENT_PAUSE);  // an event that fails at once must not make this a busy loop
-    }
-    return dwWait == 0;
-}
-
-void CMaintMgr::PassSignalOn() {
-    CMainTTool::MaintSetEvent(m_hWorkEvent);
-    MaintPause(PASS_ON_PAUSE);
 }
 
 int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {

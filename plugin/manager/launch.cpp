@@ -1,15 +1,24 @@
 #include <ctime>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 
-#include "plugin/manager/attempt.h"
-#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/manager/run_control.h"
 #include "plugin/manager/run_thread.h"
-#include "plugin/manager/script_file.h"
 #include "plugin/platform/qx_log_print.h"
 #include "plugin/platform/test_point.h"
+
+namespace {
+
+/// Held while a child is started, and over nothing else. A descriptor that is open for writing on a fresh executable
+/// and copied into another launch's child, for the moment before that executes, makes running the file fail with "Text
+/// file busy". popen returns once its child has executed: a launch that waits here meets no such copy of its own file,
+/// which was closed before.
+constinit std::mutex g_LaunchLock;
+
+}  // namespace
 
 CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*strLogPath*/, const CPString& strType,
                                   CPString& strParam) {
@@ -32,7 +41,7 @@ void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strComma
     const LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
     bool bStarted = false;
     {
-        const std::lock_guard lock(LaunchLock());
+        const std::lock_guard lock(g_LaunchLock);
         bStarted =
             CMainTTool::MaintCreateProcess(strCommand.c_str(), strParam.c_str(), stRunData.strLogPath.empty() ? 1 : 0,
                                            stRunData.stProcessInfo, &dwError);
@@ -54,16 +63,8 @@ void CMaintMgr::FinishWithoutThread(_RunScriptData& stRunData, int iError) {
                    "*qxpmaint CMaintMgr::CreateRunScript MaintCreateThread Error[%d] strPath[%s]", iError,
                    stRunData.strScriptPath.c_str());
     });
-    CRunControl& control = *stRunData.spControl;
-    control.Ticket.Release();
-    control.bThreadEnding = true;
-    if (stRunData.stProcessInfo.hProcess) {
-        CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
-        CRunThread::EndProcesses(control, std::chrono::milliseconds(0));
-        CRunThread::CloseStream(stRunData.spControl);
-        stRunData.stProcessInfo.hProcess = nullptr;
-    }
-    stRunData.dwRunState = RUN_FINISHED;
+    stRunData.spControl->Ticket.Release();
+    CRunThread::FinishWithoutThread(stRunData);
 }
 
 int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPath, unsigned int dwSequenceIndex,
@@ -121,42 +122,17 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
                    u64ThreadId, strPath.c_str());
     });
     TestPoint("launch listing");
-    bool bFinished = false;
+    ERunTold eTold = ERunTold::TELL_NOBODY;
     {
         const CMaintLockGuard lock(m_csRunScriptList);
         pRunData->u64ThreadId = u64ThreadId;
-        bFinished = pRunData->dwRunState == RUN_FINISHED;
+        eTold = FindRunRow(ERunActor::LAUNCHER, spControl->eState, ERunEvent::LISTED).eTold;
         m_PRunScriptList.splice(m_PRunScriptList.end(), listEntry);
         static_cast<void>(spRunData.release());  // the list owns it now
     }
     // The signal of a run that was over before it was listed may have been taken by a pass that could not see it.
-    if (bFinished) {
+    if (eTold == ERunTold::WORK_THREAD) {
         CMainTTool::MaintSetEvent(m_hWorkEvent);
     }
     return 0;
-}
-
-int CMaintMgr::CleanRunData(_RunScriptData* pRunData, int bKill) {
-    if (!pRunData) {
-        return 0;
-    }
-    if (bKill) {
-        const CMaintLockGuard lock(m_csRunScriptList);
-        CRunControl& control = *pRunData->spControl;
-        control.iStopFlag = 1;  // what piStopFlag points at, also before the thread has set that
-        for (void** phHandle : {&pRunData->stProcessInfo.hThread, &pRunData->stProcessInfo.hReadPipe,
-                                &pRunData->stProcessInfo.hWritePipe}) {
-            CMainTTool::CleanHandle(*phHandle);
-            *phHandle = nullptr;
-        }
-        // The stream is left to the run thread, which may be reading from it: woken here, it takes the read end away
-        // from the script, ends the processes and closes the stream, once.
-        pRunData->stProcessInfo.hProcess = nullptr;
-        control.Wake();
-        if (pRunData->u64ThreadId != 0 && !control.bThreadEnding) {
-            CancelThread(pRunData->u64ThreadId);
-        }
-    }
-    delete pRunData;
-    return 1;
 }

@@ -1,7 +1,6 @@
 #include <new>
 
-#include "plugin/manager/attempt.h"
-#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/platform/qx_log_print.h"
 #include "plugin/platform/test_point.h"
@@ -17,9 +16,6 @@ namespace {
 constexpr int CLOSE_WAIT_MS = 15000;
 /// A late policy may start runs while Close waits, so it looks again this often.
 constexpr milliseconds CLOSE_PASS{100};
-
-/// The last sequence number before the count begins again.
-constexpr uint32_t SEQUENCE_LAST = 0x7ffffffe;
 
 /// Makes "take the manager and count it" and "take the manager away" one step each.
 constinit std::mutex g_UseLock;
@@ -160,31 +156,4 @@ int CMaintMgr::UnInit() {
     QXLogPrintStr(6, MAINT_LOG_SOURCE, "UnInit", __LINE__, "qxpmaint CMaintMgr::UnInit begin");
     QXLogPrintStr(6, MAINT_LOG_SOURCE, "UnInit", __LINE__, "qxpmaint CMaintMgr::UnInit end");
     return 1;
-}
-
-int CMaintMgr::GetWork() {
-    const CMaintLockGuard lock(m_csWork);
-    return m_iWork;
-}
-
-void CMaintMgr::SetWork(int iWork) {
-    const CMaintLockGuard lock(m_csWork);
-    m_iWork = iWork;
-}
-
-unsigned int CMaintMgr::GetSequenceIndex() {
-    uint32_t dwLast = m_dwSequenceIndex.load();
-    uint32_t dwNext = 0;
-    do {
-        dwNext = dwLast < SEQUENCE_LAST ? dwLast + 1 : 1;
-    } while (!m_dwSequenceIndex.compare_exchange_weak(dwLast, dwNext));
-    return dwNext;
-}
-
-bool CMaintMgr::CleanOldLog() {
-    return true;
-}
-
-bool CMaintMgr::ReadLogFile(const CPString& /*strPath*/, CPString& /*strContent*/) {
-    return true;
 }

@@ -8,9 +8,9 @@
 #include <cerrno>
 
 CChunkReader::EState CChunkReader::Next(std::string_view& chunk) {
-    if (m_bHandedOut) {
+    if (m_bChunkBegins) {
         m_uChunk = 0;
-        m_bHandedOut = false;
+        m_bChunkBegins = false;
     }
     const size_t uTake = std::min(m_uRawEnd - m_uRawBegin, CHUNK_LIMIT - m_uChunk);
     const char* pNewline = static_cast<const char*>(memchr(m_szRaw + m_uRawBegin, '\n', uTake));
@@ -19,7 +19,7 @@ CChunkReader::EState CChunkReader::Next(std::string_view& chunk) {
     m_uChunk += uCopy;
     m_uRawBegin += uCopy;
     if (pNewline || m_uChunk == CHUNK_LIMIT || (m_bEnded && m_uChunk != 0)) {
-        m_bHandedOut = true;
+        m_bChunkBegins = true;
         chunk = {m_szChunk, m_uChunk};
         return EState::CHUNK;
     }

@@ -11,9 +11,11 @@ class CChunkReader {
 public:
     enum class EState { CHUNK, NEED_DATA, END };
 
-    /// Chunk: the next chunk is in chunk, valid until the next call. NeedData: call Fill once the descriptor is
-    /// readable. End: the output has ended, by its end or a read error.
+    /// CHUNK: the next chunk is in chunk, valid until the next call. NEED_DATA: call Fill once the descriptor is
+    /// readable. END: the output has ended, by its end or a read error.
     EState Next(std::string_view& chunk);
+    /// True when the next chunk begins with what is read next: none of it has been met yet.
+    bool ChunkBegins() const { return m_bChunkBegins; }
     /// One read of what is there; blocks if nothing is.
     void Fill(int iDescriptor);
 
@@ -25,7 +27,7 @@ private:
     size_t m_uRawEnd = 0;
     char m_szChunk[CHUNK_LIMIT];
     size_t m_uChunk = 0;
-    bool m_bHandedOut = false;
+    bool m_bChunkBegins = true;
     bool m_bEnded = false;
 };
 

@@ -1,5 +1,6 @@
 #include <cstdlib>
 
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/platform/qx_log_print.h"
 #include "plugin/platform/test_point.h"

@@ -1,5 +1,3 @@
-#include "plugin/manager/report_sender.h"
-
 #include <cjson/cJSON.h>
 
 #include <algorithm>
@@ -10,8 +8,8 @@
 #include <new>
 #include <string>
 
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
-#include "plugin/platform/pause.h"
 #include "plugin/platform/qx_log_print.h"
 
 namespace {
@@ -100,7 +98,7 @@ int CMaintMgr::SendResultToServer(const CPString& strID, std::list<_RunScriptDat
         report = PrintReport(strID, list, *this);
     }
     const CJsonText& spText = report.spText;
-    if (!spText || !*spText) {
+    if (!spText || !*spText || m_pfnSendReport == nullptr) {
         return 0;
     }
     if (report.uRuns < list.size()) {
@@ -111,7 +109,7 @@ int CMaintMgr::SendResultToServer(const CPString& strID, std::list<_RunScriptDat
     const bool bWriteFile =
         std::any_of(list.begin(), list.end(), [](const _RunScriptData& run) { return run.dwPolicyType == 2; });
     list.clear();  // the outputs are in the text now: a large report is held once while it is sent
-    return SendReportDataToServer(spText.get(), bWriteFile, strID) ? 1 : 0;
+    return m_pfnSendReport(spText.get(), bWriteFile, strID) ? 1 : 0;
 }
 
 CPString CMaintMgr::GetStrTime(long i64Time, unsigned int dwFormat) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <semaphore>
 
+#include "plugin/manager/run_states.h"
 #include "plugin/manager/thread_gate.h"
 #include "plugin/platform/child_process.h"
 
@@ -12,6 +13,7 @@ class CMaintMgr;
 
 /// What a run's record and its thread share; it lives until both have let go. The launcher waits until the thread holds
 /// it before it lists the record, so a record can be freed at any time after that without its thread reaching for it.
+/// Who owns what of a run: docs/decisions/001-who-owns-a-run.md.
 class CRunControl {
 public:
     CRunControl(CMaintMgr& mgr, CProcReader& reader);
@@ -31,16 +33,17 @@ public:
 
     /// Not 0: the record is freed or about to be, the thread must not touch it and ends what belongs to the run.
     int32_t iStopFlag = 0;
-    /// The thread has stored its result, or found the stop flag, and may be gone: it must not be cancelled any more.
-    bool bThreadEnding = false;
+    /// Written by the run thread alone (by the launcher when there is none), which therefore reads it without the lock.
+    ERunState eState = ERunState::CREATED;
+    void MoveTo(ERunState eTo) { eState = eTo == ERunState::SAME ? eState : eTo; }
 
     /// Released by the run thread when it holds this block.
     std::binary_semaphore Attached{0};
     /// The run thread's place in the gate, taken by the launcher.
     CThreadTicket Ticket;
-    /// Of the launcher, and from Attached on of the run thread.
+    /// Of the launcher, and from Attached on of the run thread. It also says whether the stream is still open.
     CChildProcess Child;
-    /// The child's stream was closed on a thread of its own, and so the child has been waited for.
+    /// Set by the thread that closed the stream, once the child has been waited for.
     std::atomic<bool> bChildReaped{false};
 
     /// Closes the child's stream, which waits for the child: here when the child has ended, otherwise on a thread of

@@ -3,10 +3,10 @@
 #include <cxxabi.h>
 #include <sys/prctl.h>
 
+#include <cassert>
 #include <exception>
 
-#include "plugin/manager/attempt.h"
-#include "plugin/manager/maint_lock.h"
+#include "plugin/manager/maint_log.h"
 #include "plugin/platform/process_tree.h"
 #include "plugin/platform/qx_log_print.h"
 #include "plugin/platform/test_point.h"
@@ -17,6 +17,7 @@ namespace {
 constexpr int WAIT_TICK_MS = 1000;
 /// What ended processes get between SIGTERM and SIGKILL.
 constexpr std::chrono::milliseconds END_GRACE{2000};
+constexpr std::chrono::milliseconds NO_GRACE{0};
 
 void SetThreadName(unsigned int dwSequenceIndex) {
     char szName[16] = {};
@@ -38,73 +39,89 @@ CRunThread::CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> sp
     Begin();
 }
 
-void CRunThread::Begin() {
-    if (!m_Mgr.GetWork()) {
-        m_ePhase = LeaveReading();
-        return;
-    }
-    unsigned int dwSequenceIndex = 0;
+// Moves the run on to another state. For what neither stores in the record nor closes the stream.
+void CRunThread::Happens(ERunEvent eEvent) {
+    CRunControl& control = *m_spControl;
+    const RunRow& row = FindRunRow(ERunActor::THREAD, control.eState, eEvent);
+    assert(row.eStore == ERunStore::STORE_NOTHING && row.eStream == ERunStream::LEAVE_STREAM);
     {
         const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
-        if (m_spControl->iStopFlag) {
-            m_ePhase = EPhase::OVER;
-            return;
+        control.MoveTo(row.eTo);
+    }
+    EndProcesses(control, row);
+}
+
+void CRunThread::Begin() {
+    TestPoint("run beginning");
+    if (!m_Mgr.GetWork()) {
+        LeaveReading();
+        return;
+    }
+    CRunControl& control = *m_spControl;
+    unsigned int dwSequenceIndex = 0;
+    bool bStopped = false;
+    {
+        const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
+        bStopped = control.iStopFlag != 0;
+        if (!bStopped) {
+            m_strCheckRet = m_pRunData->strCheckRet;
+            dwSequenceIndex = m_pRunData->dwSequenceIndex;
+            m_hRunEvent = m_pRunData->hRunEvent;
+            Outcome none;
+            Store(*m_pRunData, m_spControl, FindRunRow(ERunActor::THREAD, control.eState, ERunEvent::BEGINS), none);
         }
-        m_pRunData->piStopFlag = &m_spControl->iStopFlag;
-        m_pRunData->dwRunState = RUN_RUNNING;
-        m_strCheckRet = m_pRunData->strCheckRet;
-        dwSequenceIndex = m_pRunData->dwSequenceIndex;
-        m_hRunEvent = m_pRunData->hRunEvent;
-        m_pRunData->u64StartTick = CMainTTool::MaintGetTickCount();
+    }
+    if (bStopped) {
+        Happens(ERunEvent::STOP_SEEN);
+        return;
     }
     SetThreadName(dwSequenceIndex);
     m_iResult = m_strCheckRet.empty() ? 1 : 0;
 }
 
 bool CRunThread::Step() {
-    switch (m_ePhase) {
-        case EPhase::READING:
-            TestPoint("run reading");
-            m_ePhase = ReadStep();
-            break;
-        case EPhase::WAITING_FOR_EXIT:
-            TestPoint("run waiting");
-            m_ePhase = WaitStep();
-            break;
-        case EPhase::OVER:
-            break;
+    if (m_spControl->eState == ERunState::READING) {
+        TestPoint("run reading");
+        ReadStep();
+    } else if (m_spControl->eState == ERunState::WAITING) {
+        TestPoint("run waiting");
+        WaitStep();
     }
-    return m_ePhase != EPhase::OVER;
+    return m_spControl->eState == ERunState::READING || m_spControl->eState == ERunState::WAITING;
 }
 
-CRunThread::EPhase CRunThread::ReadStep() {
-    if (m_bChunkBegins && !m_Mgr.GetWork()) {
-        return LeaveReading();
+void CRunThread::ReadStep() {
+    // A line that comes in pieces is one chunk: whether the manager works is asked once for it, the stop flag each
+    // time.
+    if (m_Reader.ChunkBegins() && !m_Mgr.GetWork()) {
+        LeaveReading();
+        return;
     }
     if (StopRequested()) {
-        return EPhase::OVER;
+        Happens(ERunEvent::STOP_SEEN);
+        return;
     }
-    if (!m_spControl->Child.Stream()) {
-        return EPhase::OVER;
+    if (m_spControl->Child.Stream() == nullptr) {
+        Happens(ERunEvent::NO_STREAM);
+        return;
     }
     std::string_view chunk;
-    const CChunkReader::EState eState = m_Reader.Next(chunk);
-    m_bChunkBegins = eState == CChunkReader::EState::CHUNK;
-    if (eState == CChunkReader::EState::CHUNK) {
-        StoreChunk(chunk);
-    } else if (eState == CChunkReader::EState::NEED_DATA) {
-        WaitForOutput();
+    switch (m_Reader.Next(chunk)) {
+        case CChunkReader::EState::CHUNK:
+            StoreChunk(chunk);
+            break;
+        case CChunkReader::EState::NEED_DATA:
+            WaitForOutput();
+            break;
+        case CChunkReader::EState::END:
+            Happens(ERunEvent::OUTPUT_ENDED);
+            break;
     }
-    return eState == CChunkReader::EState::END ? EPhase::WAITING_FOR_EXIT : EPhase::READING;
 }
 
-// Output that nobody reads any more must not hold the script up: it meets a broken pipe, as after a close.
-CRunThread::EPhase CRunThread::LeaveReading() {
-    if (!m_spControl->Child.Stream()) {
-        return EPhase::OVER;
-    }
-    CloseReadEnd(m_spControl->Child.Stream(), m_spControl->WakeDescriptor());
-    return EPhase::WAITING_FOR_EXIT;
+// The script is left to end by itself, but its output, which nobody reads any more, must not hold it up.
+void CRunThread::LeaveReading() {
+    Happens(m_spControl->Child.Stream() != nullptr ? ERunEvent::NOT_WORKING : ERunEvent::NO_STREAM);
 }
 
 void CRunThread::StoreChunk(std::string_view chunk) {
@@ -115,6 +132,7 @@ void CRunThread::StoreChunk(std::string_view chunk) {
     }
 }
 
+// In poll and not in read: closing a descriptor wakes no reader, the wake descriptor does.
 void CRunThread::WaitForOutput() {
     const int iOutput = fileno(m_spControl->Child.Stream());
     pollfd arrWait[] = {{iOutput, POLLIN, 0}, {m_spControl->WakeDescriptor(), POLLIN, 0}};
@@ -125,21 +143,24 @@ void CRunThread::WaitForOutput() {
     }
 }
 
-CRunThread::EPhase CRunThread::WaitStep() {
+// The exit is waited for here, before the lock is taken for the last time: the close of the stream under that lock
+// would otherwise wait for the script, and all that looks at the list of runs with it.
+void CRunThread::WaitStep() {
     CRunControl& control = *m_spControl;
     if (StopRequested()) {
-        return EPhase::OVER;
+        Happens(ERunEvent::STOP_SEEN);
+        return;
     }
     control.Child.FindAgain();
-    // Of a child that is not known nothing tells the exit but the close of its stream, which nothing could wake.
+    // Nothing but the close of its stream tells of the exit of a child that is not known, and nothing could wake that.
     if (!control.Child.IsKnown()) {
         CRunControl::CloseStream(m_spControl);
     }
     if (control.bChildReaped || control.Child.HasExited()) {
-        return EPhase::OVER;
+        Happens(ERunEvent::PROCESS_EXITED);
+        return;
     }
     control.Child.WaitExit(control.WakeDescriptor(), WAIT_TICK_MS);
-    return EPhase::WAITING_FOR_EXIT;
 }
 
 bool CRunThread::StopRequested() {
@@ -147,66 +168,118 @@ bool CRunThread::StopRequested() {
     return m_spControl->iStopFlag != 0;
 }
 
-void CRunThread::Abandon() {
-    m_bAbandoned = true;
-    m_iResult = 0;
+void CRunThread::GiveUp(ERunEvent eEvent) {
+    Happens(eEvent);
 }
 
 void CRunThread::Finish() {
-    if (m_bAbandoned || StopRequested()) {
-        EndOnce();
+    TestPoint("run over");
+    if (m_spControl->eState == ERunState::EXITED && StopRequested()) {
+        Happens(ERunEvent::STOP_SEEN);
     }
-    // What may have to wait for the child is not done under the lock.
+    // A close that may have to wait for the child is not left to the lock.
     if (!m_spControl->Child.CanBeClosedNow()) {
         CloseStream(m_spControl);
     }
     TestPoint("run storing");
-    if (!StoreResult()) {
-        EndOnce();  // told to stop since the look above
-        CloseStream(m_spControl);
-    }
+    Outcome outcome{m_iResult, m_Capture.Take()};
+    const RunRow& row = Conclude(*m_pRunData, m_spControl, outcome);
     TestPoint("run stored");
-    CMainTTool::MaintSetEvent(m_hRunEvent);
+    if (row.eTold == ERunTold::WAITERS) {
+        CMainTTool::MaintSetEvent(m_hRunEvent);
+    }
 }
 
-// False when the run was told to stop: the record is not touched then.
-bool CRunThread::StoreResult() {
-    CPString strOutput = m_Capture.Take();
-    const CMaintLockGuard lock(m_Mgr.m_csRunScriptList);
-    m_spControl->bThreadEnding = true;
-    if (m_spControl->iStopFlag) {
-        return false;
+void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
+    CRunControl& control = *spControl;
+    const RunRow* pRow = &FindRunRow(ERunActor::THREAD, control.eState, ERunEvent::FINISH_FAILED);
+    {
+        const CMaintLockGuard lock(control.Mgr.m_csRunScriptList);
+        control.MoveTo(pRow->eTo);
     }
-    m_pRunData->strRunOutData = std::move(strOutput);
-    _CreateProcessInfo& stProcessInfo = m_pRunData->stProcessInfo;
-    for (void** phHandle : {&stProcessInfo.hThread, &stProcessInfo.hReadPipe, &stProcessInfo.hWritePipe}) {
-        CMainTTool::CleanHandle(*phHandle);
-        *phHandle = nullptr;
+    EndProcesses(control, *pRow);
+    if (control.eState == ERunState::KILLED) {
+        Outcome none;
+        pRow = &Conclude(stRunData, spControl, none);
     }
-    CloseStream(m_spControl);  // the child has ended: returns at once
-    stProcessInfo.hProcess = nullptr;
-    m_pRunData->dwRunState = RUN_FINISHED;
-    m_pRunData->iRunResult = m_iResult;
-    return true;
+    if (pRow->eTold == ERunTold::WORK_THREAD) {
+        CMainTTool::MaintSetEvent(control.Mgr.m_hWorkEvent);
+    }
 }
 
-void CRunThread::EndOnce() {
-    CRunControl& control = *m_spControl;
-    if (!control.Child.WasStarted() || m_bProcessesEnded) {
+void CRunThread::FinishWithoutThread(_RunScriptData& stRunData) {
+    CRunControl& control = *stRunData.spControl;
+    const RunRow& row = FindRunRow(ERunActor::LAUNCHER, control.eState, ERunEvent::NO_THREAD);
+    EndProcesses(control, row);
+    Outcome none;
+    Store(stRunData, stRunData.spControl, row, none);
+}
+
+// The last row of a run's thread. Whether the run was told to stop is decided under the same lock as the store: the
+// record of one that was may be freed already.
+const RunRow& CRunThread::Conclude(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl,
+                                   Outcome& outcome) {
+    CRunControl& control = *spControl;
+    const RunRow* pRow = nullptr;
+    {
+        const CMaintLockGuard lock(control.Mgr.m_csRunScriptList);
+        const ERunEvent eEvent = control.iStopFlag != 0 ? ERunEvent::STOP_AT_END : ERunEvent::MAY_STORE;
+        pRow = &FindRunRow(ERunActor::THREAD, control.eState, eEvent);
+        Store(stRunData, spControl, *pRow, outcome);
+    }
+    EndProcesses(control, *pRow);
+    if (pRow->eStream == ERunStream::CLOSE_LAST) {
+        CloseStream(spControl);
+    }
+    return *pRow;
+}
+
+// The stores of a row, and its new state. Under the lock, or before the record is listed.
+void CRunThread::Store(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl, const RunRow& row,
+                       Outcome& outcome) {
+    CRunControl& control = *spControl;
+    control.MoveTo(row.eTo);
+    switch (row.eStore) {
+        case ERunStore::STORE_NOTHING:
+        case ERunStore::FREE:
+            return;
+        case ERunStore::RUNNING:
+            stRunData.piStopFlag = &control.iStopFlag;
+            stRunData.dwRunState = RUN_RUNNING;
+            stRunData.u64StartTick = CMainTTool::MaintGetTickCount();
+            return;
+        case ERunStore::RESULT:
+        case ERunStore::FAILURE:
+            stRunData.strRunOutData = std::move(outcome.strOutput);
+            break;
+        case ERunStore::LOSS:
+            break;
+    }
+    stRunData.stProcessInfo.CleanFurtherHandles();
+    if (row.eStream == ERunStream::CLOSE_FIRST) {
+        CloseStream(spControl);
+    }
+    stRunData.stProcessInfo.hProcess = nullptr;
+    stRunData.dwRunState = RUN_FINISHED;
+    stRunData.iRunResult = row.eStore == ERunStore::RESULT ? outcome.iResult : 0;
+}
+
+// What a row says of output and processes. No lock is held: ending processes takes its time.
+void CRunThread::EndProcesses(CRunControl& control, const RunRow& row) {
+    CChildProcess& child = control.Child;
+    if (row.eOutput == ERunOutput::SHUT && child.Stream() != nullptr) {
+        CloseReadEnd(child.Stream(), control.WakeDescriptor());
+    }
+    if (row.eProcesses == ERunProcesses::LEAVE_PROCESSES || !child.WasStarted()) {
         return;
     }
-    m_bProcessesEnded = true;
-    if (control.Child.Stream()) {
-        CloseReadEnd(control.Child.Stream(), control.WakeDescriptor());
+    const bool bGrace = row.eProcesses == ERunProcesses::END;
+    if (bGrace) {
+        child.FindAgain();
     }
-    control.Child.FindAgain();
-    EndProcesses(control, END_GRACE);
-}
-
-void CRunThread::EndProcesses(CRunControl& control, std::chrono::milliseconds grace) {
+    const int iPid = child.Identity().iPid;
     CMaintMgr& mgr = control.Mgr;
-    const int iPid = control.Child.Identity().iPid;
-    switch (CProcessTree(control.Child, mgr.m_ProcReader, mgr.m_ProcessScan).End(grace)) {
+    switch (CProcessTree(child, mgr.m_ProcReader, mgr.m_ProcessScan).End(bGrace ? END_GRACE : NO_GRACE)) {
         case CProcessTree::EEnd::GONE:
             break;
         case CProcessTree::EEnd::LEFT:
@@ -226,6 +299,7 @@ void CRunThread::EndProcesses(CRunControl& control, std::chrono::milliseconds gr
     }
 }
 
+// Closes the stream without waiting for a child that lives on. A line says when that cannot be.
 void CRunThread::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
     if (CRunControl::CloseStream(spControl)) {
         return;
@@ -235,25 +309,6 @@ void CRunThread::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
                    "*qxpmaint CMaintMgr::RunScriptThread stream left open of pid[%d]",
                    spControl->Child.Identity().iPid);
     });
-}
-
-void CRunThread::FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl) {
-    CRunControl& control = *spControl;
-    if (control.Child.WasStarted()) {
-        EndProcesses(control, std::chrono::milliseconds(0));
-    }
-    CMaintMgr& mgr = control.Mgr;
-    {
-        const CMaintLockGuard lock(mgr.m_csRunScriptList);
-        control.bThreadEnding = true;
-        if (!control.iStopFlag) {
-            stRunData.stProcessInfo.hProcess = nullptr;
-            stRunData.dwRunState = RUN_FINISHED;
-            stRunData.iRunResult = 0;
-        }
-    }
-    CloseStream(spControl);
-    CMainTTool::MaintSetEvent(mgr.m_hWorkEvent);
 }
 
 namespace {
@@ -267,6 +322,8 @@ void FinishRun(CRunThread& run, _RunScriptData& stRunData, const std::shared_ptr
 }  // namespace
 
 void* CMaintMgr::RunScriptThread(void* pParam) {
+    // From the first line on: a cancellation is honoured in the loop below alone, where it unwinds this frame only and
+    // no lock is held.
     DisableCancellation();
     pthread_detach(pthread_self());
     CThreadTicket ticket;
@@ -295,11 +352,11 @@ void* CMaintMgr::RunScriptThread(void* pParam) {
                 CancellationPoint();
             }
         } catch (const abi::__forced_unwind&) {
-            run.Abandon();
+            run.GiveUp(ERunEvent::CANCELLED);
             FinishRun(run, *pRunData, spControl);
             throw;
         } catch (const std::exception& error) {
-            run.Abandon();
+            run.GiveUp(ERunEvent::STEP_FAILED);
             Attempt("RunScriptThread", [&] { LogFailedStep("RunScriptThread", error.what()); });
         }
         FinishRun(run, *pRunData, spControl);

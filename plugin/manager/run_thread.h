@@ -1,15 +1,18 @@
 #pragma once
 
-#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/manager/output_capture.h"
 #include "plugin/manager/run_control.h"
 
 /// What one run thread does, in steps that each wait at most a second: reads the script's output to its end, waits for
-/// the script to end, and stores the result, or ends the script when the run was told to stop. The thread that starts
-/// the child is not the one that waits for it: this one is, and it alone closes the stream.
+/// the script to end, and stores the result, or ends the script when the run was told to stop. What it does in which
+/// case is the table's to say (run_states.h). It is the one thread that waits for the child and closes its stream:
+/// docs/decisions/001-who-owns-a-run.md. Where it can be cancelled: 002-cancellation.md; how it ends processes:
+/// 004-ending-a-run.md.
 ///
 /// Used by one thread. It touches the record only under m_csRunScriptList and only while the stop flag is 0.
 class CRunThread {
@@ -18,48 +21,53 @@ public:
     /// the launcher go on.
     static std::shared_ptr<CRunControl> Attach(_RunScriptData& stRunData, CThreadTicket& ticket);
 
+    /// Begins the run. Throws when memory is short.
     CRunThread(_RunScriptData* pRunData, std::shared_ptr<CRunControl> spControl);
     CRunThread(const CRunThread&) = delete;
     CRunThread& operator=(const CRunThread&) = delete;
 
-    /// False when the run is over and Finish is to be called.
+    /// Reads or waits once. False when the run is over and Finish is to be called. Throws when memory is short.
     bool Step();
-    /// The thread ends before its run does: the processes are ended too, and the run has failed.
-    void Abandon();
+    /// The thread must end before its run is over, since it was cancelled or a step threw: ends the processes, and the
+    /// run has failed.
+    void GiveUp(ERunEvent eEvent);
+    /// Stores, closes and signals. Throws when memory is short.
     void Finish();
-    /// Finishes the run as a failed one after even that has failed: the child alone is killed, its output is lost.
+    /// Finishes the run as a failed one after the beginning or the finishing has failed: needs no memory.
     static void FinishWithoutMemory(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl);
-
-    // Steps of an ending, for whoever holds the run's child. They throw nothing.
-
-    /// Ends the processes of a run. A line says when some are left, or may be.
-    static void EndProcesses(CRunControl& control, std::chrono::milliseconds grace);
-    /// Closes the child's stream without waiting for a child that lives on. A line says when that cannot be.
-    static void CloseStream(const std::shared_ptr<CRunControl>& spControl);
+    /// The same for a run that has no thread, by its launcher, before it is listed.
+    static void FinishWithoutThread(_RunScriptData& stRunData);
 
 private:
-    enum class EPhase { READING, WAITING_FOR_EXIT, OVER };
+    /// What the thread knows of the run's end.
+    struct Outcome {
+        int32_t iResult = 0;
+        CPString strOutput;
+    };
 
     void Begin();
-    EPhase ReadStep();
-    EPhase LeaveReading();
-    EPhase WaitStep();
+    void Happens(ERunEvent eEvent);
+    void ReadStep();
+    void LeaveReading();
+    void WaitStep();
     void StoreChunk(std::string_view chunk);
     void WaitForOutput();
     bool StopRequested();
-    bool StoreResult();
-    void EndOnce();
+
+    // They throw nothing, so that an ending needs no memory.
+    static const RunRow& Conclude(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl,
+                                  Outcome& outcome);
+    static void Store(_RunScriptData& stRunData, const std::shared_ptr<CRunControl>& spControl, const RunRow& row,
+                      Outcome& outcome);
+    static void EndProcesses(CRunControl& control, const RunRow& row);
+    static void CloseStream(const std::shared_ptr<CRunControl>& spControl);
 
     CMaintMgr& m_Mgr;
     _RunScriptData* const m_pRunData;
     const std::shared_ptr<CRunControl> m_spControl;
-    EPhase m_ePhase = EPhase::READING;
-    bool m_bAbandoned = false;
-    bool m_bProcessesEnded = false;
-    bool m_bChunkBegins = true;
     int32_t m_iResult = 0;
     CPString m_strCheckRet;
-    void* m_hRunEvent = nullptr;
+    void* m_hRunEvent = nullptr;  // null until the run is reading: whoever waits is not told of one that never read
     CChunkReader m_Reader;
     COutputCapture m_Capture;
 };

@@ -1,5 +1,3 @@
-#include "plugin/manager/script_file.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cstring>
@@ -9,14 +7,9 @@
 #include <exception>
 #include <memory>
 
-#include "plugin/manager/attempt.h"
+#include "plugin/manager/maint_log.h"
 #include "plugin/manager/maint_mgr.h"
 #include "plugin/platform/qx_log_print.h"
-
-std::mutex& LaunchLock() {
-    static constinit std::mutex lock;
-    return lock;
-}
 
 // Where a script file is to be written: the policy's directory, created if need be, or the data directory.
 CPString CMaintMgr::ScriptDirectory(const _MaintPolicyDetail& stPolicy) {

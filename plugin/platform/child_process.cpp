@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <exception>
 
-#include "plugin/platform/pause.h"
+#include "plugin/platform/main_t_tool.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include "qxhost/base64.h"
@@ -77,6 +78,13 @@ bool ReadFileSize(FILE* pFile, uint32_t& uSize) {
 }
 
 }  // namespace
+
+void _CreateProcessInfo::CleanFurtherHandles() {
+    for (void** phHandle : {&hThread, &hReadPipe, &hWritePipe}) {
+        CMainTTool::CleanHandle(*phHandle);
+        *phHandle = nullptr;
+    }
+}
 
 bool CMainTTool::GetFileSizeTime(const char* pszPath, unsigned long long& u64Size, unsigned long long& u64Time) {
     return !IsEmpty(pszPath) && QxGetFileAttr(pszPath, &u64Size, &u64Time);
@@ -252,4 +260,14 @@ bool CMainTTool::RecursiveCreateDir(const char* pszPath) {
     // mkdir leaves out what the umask masks; the umask is the host's and stays as it is.
     chmod(pszPath, DIRECTORY_MODE);
     return true;
+}
+
+void MaintPause(std::chrono::milliseconds time) {
+    timespec stDeadline{};
+    clock_gettime(CLOCK_MONOTONIC, &stDeadline);
+    const long lNanoseconds = stDeadline.tv_nsec + time.count() % 1000 * 1'000'000;
+    stDeadline.tv_sec += time.count() / 1000 + lNanoseconds / 1'000'000'000;
+    stDeadline.tv_nsec = lNanoseconds % 1'000'000'000;
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &stDeadline, nullptr) == EINTR) {
+    }
 }

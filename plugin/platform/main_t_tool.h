@@ -1,5 +1,8 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -13,6 +16,9 @@ struct _CreateProcessInfo {
     void* hThread = nullptr;
     void* hReadPipe = nullptr;
     void* hWritePipe = nullptr;
+
+    /// Closes those of the further handles that are set.
+    void CleanFurtherHandles();
 };
 
 /// The operating-system services of the plugin: thin wrappers that tolerate null, report through their result alone and
@@ -64,4 +70,20 @@ public:
     static CPString MaintGetCltPath();
     /// Creates a directory and its missing parents, each with mode 0755. True when it exists or was created.
     static bool RecursiveCreateDir(const char* pszPath);
+};
+
+/// Sleeps for the whole time on the monotonic clock, however many signals arrive meanwhile. A sleep that a signal cuts
+/// short would make a bound counted in sleeps as short as a host's interval timer.
+void MaintPause(std::chrono::milliseconds time);
+
+/// Holds a critical section of the host, or any other mutex, for a scope.
+class CMaintLockGuard {
+public:
+    explicit CMaintLockGuard(pthread_mutex_t& lock) : m_pLock(&lock) { CMainTTool::MaintLock(m_pLock); }
+    ~CMaintLockGuard() { CMainTTool::MaintUnLock(m_pLock); }
+    CMaintLockGuard(const CMaintLockGuard&) = delete;
+    CMaintLockGuard& operator=(const CMaintLockGuard&) = delete;
+
+private:
+    pthread_mutex_t* m_pLock;
 };

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "plugin/platform/pause.h"
+#include "plugin/platform/main_t_tool.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;

@@ -9,13 +9,11 @@
 #include <vector>
 
 #include "plugin/core/command.h"
-#include "plugin/core/directory_list.h"
-#include "plugin/core/init.h"
+#include "plugin/core/loader.h"
 #include "plugin/core/plugin_core.h"
 #include "plugin/core/plugin_state.h"
-#include "plugin/core/warden.h"
+#include "plugin/core/report_sender.h"
 #include "plugin/manager/maint_mgr.h"
-#include "plugin/manager/report_sender.h"
 #include "qxhost/json.h"
 #include "tests/support/temp_dir.h"
 

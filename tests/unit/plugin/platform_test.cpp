@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "plugin/platform/pause.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

@@ -38,7 +38,7 @@ EAcceptance AcceptCommand(const CMaintMgrUse& maintMgr, const char* pJsonData, C
     }
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint recv msg:%s", pJsonData);
     {
-        // Gone before the manager reads the same text into nodes of its own: a document may be large.
+        // Freed before the manager parses the same text again: a document may be large.
         qxtools::CPJsonParse json;
         if (!json.LoadBuffer(pJsonData)) {
             QXLogPrint(3, CORE_LOG_SOURCE, RECV_FUNCTION, __LINE__,

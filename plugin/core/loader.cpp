@@ -49,6 +49,7 @@ void LoadFile(const _FilePathInfo& file) {
         return;
     }
     spJsonData.reset();
+    // Only now: a crash in between runs the policy again, the other order would lose it.
     remove(file.strFullPath.c_str());
 }
 

@@ -64,6 +64,7 @@ bool SendReportDataToServer(const char* pJsonData, bool bWriteFile, const CPStri
         LogPrintC(QXPMAINT_MODULE, 5, "*qxpmaint SendReportDataToServer g_qxpmaint_send_to_mgr is NULL");
         return false;
     }
+    // Null or empty: the text is plain ASCII as it stands.
     const EncodedText spEncoded(QxJsonEncodeStr(pJsonData), free);
     const char* pszSendData = spEncoded && *spEncoded ? spEncoded.get() : pJsonData;
     const auto uDataSize = static_cast<unsigned int>(strlen(pszSendData));

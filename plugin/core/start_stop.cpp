@@ -96,7 +96,7 @@ int qxpmaint_start() {
         LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_start pMaintMgr is NULL");
     }
     if (const int iError = CreateLoader(maintMgr ? maintMgr->Gate() : nullptr); iError != 0) {
-        errno = iError;  // as a host reads it, too
+        errno = iError;  // a host may read it as well
         LogPrintC(QXPMAINT_MODULE, 3,
                   "**qxpmaint qxploginmon_start pthread_create qxpmaint_loadpolicyfile_thread error[%d]", errno);
     }
@@ -107,6 +107,8 @@ int qxpmaint_start() {
 
 int qxpmaint_stop() {
     LogPrintC(QXPMAINT_MODULE, 5, "qxpmaint qxpmaint_stop in");
+    // The loader is told first and waited for last: it may be inside a scan while the manager stops, and both take
+    // time.
     RequestLoaderEnd();
     try {
         StopManager();

@@ -42,6 +42,8 @@ int CMaintMgr::SetPolicy(const char* lpJsonData, CPString strID, unsigned int dw
     if (isClosing()) {
         return 0;
     }
+    // The thread before the queue: what this throws refuses the policy, which must not be queued then. That the thread
+    // finds the queue empty does no harm, since the signal comes last.
     CreateWorkThread();
     {
         const CMaintLockGuard lock(m_csPolicyList);
@@ -78,6 +80,7 @@ int CMaintMgr::RunOnceTask(const std::list<_MaintPolicyDetail>& list) {
     if (!RunNewScript(list)) {
         return 0;
     }
+    // The list alone says when to end: a signal may have been for the work thread, or have merged with another.
     do {
         if (WaitWorkEvent(RUN_ONCE_WAIT_MS) && GetWork() && HasQueuedPolicy()) {
             PassSignalOn();  // it was meant for the work thread, which waits for the same event

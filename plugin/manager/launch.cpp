@@ -12,10 +12,10 @@
 
 namespace {
 
-/// Held while a child is started, and over nothing else. A descriptor that is open for writing on a fresh executable
-/// and copied into another launch's child, for the moment before that executes, makes running the file fail with "Text
-/// file busy". popen returns once its child has executed: a launch that waits here meets no such copy of its own file,
-/// which was closed before.
+/// Held while a child is started, and over nothing else. An executable cannot be run ("Text file busy") while any
+/// process has it open for writing, and a child that another launch forks has a copy of all descriptors until it
+/// executes its own program. popen returns only after that. So a launch closes its script file, takes this lock, and
+/// then knows that no other launch's child holds a copy.
 constinit std::mutex g_LaunchLock;
 
 }  // namespace
@@ -37,6 +37,8 @@ CPString CMaintMgr::GetRunCommand(const CPString& strPath, const CPString& /*str
 // Starts the process of a run. When that fails the run goes on without a stream and is reported with empty output.
 void CMaintMgr::StartProcess(_RunScriptData& stRunData, const CPString& strCommand, const CPString& strParam) {
     unsigned int dwError = 0;
+    // popen tells no pid. The children that this thread has before and after it tell which one is new: see
+    // docs/decisions/003-launching-a-child.md.
     m_ProcReader.Replenish();
     const LaunchMark stMark = CChildProcess::MarkLaunch(m_ProcReader);
     bool bStarted = false;
@@ -63,7 +65,7 @@ void CMaintMgr::FinishWithoutThread(_RunScriptData& stRunData, int iError) {
                    "*qxpmaint CMaintMgr::CreateRunScript MaintCreateThread Error[%d] strPath[%s]", iError,
                    stRunData.strScriptPath.c_str());
     });
-    stRunData.spControl->Ticket.Release();
+    stRunData.spControl->Ticket.Release();  // the place of the thread that there is not
     CRunThread::FinishWithoutThread(stRunData);
 }
 
@@ -82,7 +84,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
     if (!pRunData) {
         QXLogPrintStr(4, MAINT_LOG_SOURCE, "CreateRunScript", __LINE__,
                       "**qxpmaint CMaintMgr::CreateRunScript pRunData is NULL");
-        CMainTTool::MaintDeleteFile(strPath.c_str());  // no run has it that would delete it
+        CMainTTool::MaintDeleteFile(strPath.c_str());  // there is no run that would delete it
         return 0;
     }
     pRunData->dwPolicyType = stPolicy.dwPolicyType;
@@ -111,6 +113,7 @@ int CMaintMgr::CreateRunScript(const CPString& strPath, const CPString& strLogPa
 
     unsigned long long u64ThreadId = 0;
     if (const int iError = CMainTTool::MaintCreateThread(RunScriptThread, pRunData, u64ThreadId); iError == 0) {
+        // Until the thread holds the control block, the record must not be freed, so it must not be listed either.
         spControl->Attached.acquire();
     } else {
         u64ThreadId = 0;

@@ -1,3 +1,4 @@
+#include <cassert>
 #include <new>
 
 #include "plugin/manager/maint_log.h"
@@ -36,6 +37,7 @@ CMaintMgr::CMaintMgr() {
 }
 
 CMaintMgr::~CMaintMgr() {
+    assert(m_PRunScriptList.empty());
     CMainTTool::MaintDestroyEvent(m_hWorkEvent);
     // A barrier: waits for a thread that is still inside one of these sections.
     CMainTTool::MaintLock(&m_csRunScriptList);
@@ -78,7 +80,7 @@ CMaintMgrUse CMaintMgr::Use() {
     return {*pThis, CThreadTicket::ForCaller(pThis->m_spGate)};
 }
 
-// Takes the manager away from whoever comes from now on.
+// From now on nobody gets the manager any more.
 CMaintMgr* CMaintMgr::Withdraw() {
     const std::lock_guard lock(g_UseLock);
     CMaintMgr* pThis = m_pThis.exchange(nullptr);
@@ -90,6 +92,7 @@ CMaintMgr* CMaintMgr::Withdraw() {
 
 void CMaintMgr::Close() {
     const CCancellationOff cancellationOff;
+    // Withdrawn first, so that the number of those who use it can only fall.
     CMaintMgr* pThis = Withdraw();
     if (!pThis) {
         return;
@@ -106,6 +109,7 @@ void CMaintMgr::Close() {
                    "**qxpmaint CMaintMgr::Close threads[%u] still running after [%d]ms, the manager is left to them",
                    pThis->m_spGate->Count(), iWait);
     });
+    // Kept reachable, so that leak checkers tell it from a manager that was lost.
     pThis->m_pNextLeftBehind = g_pLeftBehind.load();
     while (!g_pLeftBehind.compare_exchange_weak(pThis->m_pNextLeftBehind, pThis)) {
     }
@@ -115,6 +119,7 @@ void CMaintMgr::Close() {
 bool CMaintMgr::EndWhatIsLeft(steady_clock::time_point deadline) {
     SetWork(0);
     do {
+        // Each time: the event wakes one waiter only, and a run-once may wait beside the work thread.
         CMainTTool::MaintSetEvent(m_hWorkEvent);
         if (GetPRunScriptListSize() != 0) {
             Attempt("Close", [this] { DisposeScriptList(MT_STOPPLUGIN); });  // what failed is tried again

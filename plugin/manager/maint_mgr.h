@@ -68,8 +68,8 @@ public:
     static void Close();
     /// Whom reports are handed to; without one they are not sent. To be called before Init.
     void SetReportSender(ReportSender pfnSendReport) { m_pfnSendReport = pfnSendReport; }
-    /// Lays out the data directory; a failure of that is met by whoever writes there. From then on Use gives the
-    /// manager away. Always 1. To be called once, before any other thread knows the manager.
+    /// Creates the data directory; when that fails, writing scripts fails later. From then on Use returns the manager.
+    /// Always 1. To be called once, before any other thread knows the manager.
     int Init();
     /// Lets work and run threads work. The work thread itself begins with the first policy. Always 1.
     int Start();

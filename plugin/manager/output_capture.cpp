@@ -54,6 +54,8 @@ void COutputCapture::Append(std::string_view chunk) {
         m_strOutput.append(chunk);
         return;
     }
+    // Before the chunk is added, so head and tail may each pass the limit by less than a chunk: the ring has room for
+    // it.
     while (m_uTailBytes > PART_LIMIT) {
         DropOldestChunk();
     }
@@ -100,6 +102,7 @@ void COutputCapture::PushTail(std::string_view chunk) {
     m_ChunkEnds[uEnd / WORD_BITS] |= uint64_t{1} << (uEnd % WORD_BITS);
 }
 
+// The tail is turned in place to begin at its oldest byte, so that no second buffer is needed.
 std::string COutputCapture::Take() {
     if (!m_ChunkEnds.empty()) {
         const auto ring = m_strOutput.begin() + static_cast<std::ptrdiff_t>(m_uRing);

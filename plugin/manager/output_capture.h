@@ -47,7 +47,7 @@ private:
     void DropOldestChunk();
     void PushTail(std::string_view chunk);
 
-    // The head, and once that is full room for the mark and the tail behind it, so that the output is put together in
+    // The head and, once that is full, room for the mark and the tail after it, so that the output is put together in
     // place. The tail is a ring of a fixed size: m_uTailBytes bytes from m_uTailBegin on. A set bit in m_ChunkEnds says
     // that a chunk ends with the byte of the same number.
     std::string m_strOutput;

@@ -100,6 +100,7 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
         if (!ReadMember(json, pScript, "sign", strSign)) {
             continue;
         }
+        // Before anything else of the script is looked at: what is not signed decides nothing.
         CMaintSign sign;
         if (!sign.VerifySignContent(strSign.c_str(), strScriptData.c_str())) {
             QXLogPrint(3, MAINT_LOG_SOURCE, "ParsePolicy", __LINE__,
@@ -115,6 +116,7 @@ int CMaintMgr::ParsePolicy(const char* lpJsonData, CPString strID, unsigned int 
         LogRecord(record, strSign);
         listAccepted.push_back(std::move(record));
     }
+    // All at once, at the end: what was thrown on the way leaves the caller's list as it was.
     list.splice(list.end(), listAccepted);
     return 1;
 }

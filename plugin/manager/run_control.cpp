@@ -5,6 +5,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cassert>
+
 #include "plugin/platform/main_t_tool.h"
 
 CRunControl::CRunControl(CMaintMgr& mgr, CProcReader& reader)
@@ -26,6 +28,8 @@ bool CRunControl::CloseStream(const std::shared_ptr<CRunControl>& spControl) {
         CMainTTool::CleanHandle(child.ReleaseStream());
         return true;
     }
+    // The block goes to the thread through the block itself: handing it over needs no memory.
+    assert(spControl->m_spForCloser == nullptr);
     spControl->m_spForCloser = spControl;
     spControl->m_pClosing = child.Stream();
     pthread_t threadId{};
@@ -41,6 +45,7 @@ void* CRunControl::CloseStreamThread(void* pParam) {
     DisableCancellation();
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, "qxmaintclose");
+    // Not counted by the manager's gate: it touches nothing of the manager, and may last as long as the child does.
     const std::shared_ptr<CRunControl> spControl = std::move(static_cast<CRunControl*>(pParam)->m_spForCloser);
     CMainTTool::CleanHandle(spControl->m_pClosing);
     spControl->bChildReaped = true;

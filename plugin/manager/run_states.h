@@ -4,7 +4,7 @@
 #include <span>
 
 // The life of a run as one table (run_states.cpp): what can happen to a run in each of its states, and what is then
-// stored, ended, closed, told and reported, and by whom. Who acts on a run looks the row up and does what it says.
+// stored, ended, closed, told and reported, and by whom. Whoever acts on a run looks the row up and does what it says.
 // Why it is so: docs/decisions/001-who-owns-a-run.md and 004-ending-a-run.md.
 
 /// Where a run is in its life. Its thread moves it on; the record's dwRunState is what a row stores of it.

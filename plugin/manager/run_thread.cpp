@@ -29,6 +29,7 @@ void SetThreadName(unsigned int dwSequenceIndex) {
 
 std::shared_ptr<CRunControl> CRunThread::Attach(_RunScriptData& stRunData, CThreadTicket& ticket) {
     std::shared_ptr<CRunControl> spControl = stRunData.spControl;
+    assert(spControl != nullptr && spControl->eState == ERunState::CREATED);
     ticket = CThreadTicket::Adopt(spControl->Ticket);
     spControl->Attached.release();
     return spControl;

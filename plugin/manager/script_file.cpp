@@ -73,7 +73,7 @@ void CMaintMgr::RunScript(const _MaintPolicyDetail& record) {
         GenScriptFile(strFullPath, record.strText, record.pText, record.iLength, bExec);
         CreateRunScript(strFullPath, "", dwSequence, record);
     } catch (...) {
-        CMainTTool::MaintDeleteFile(strFullPath.c_str());  // no run has it that would delete it
+        CMainTTool::MaintDeleteFile(strFullPath.c_str());  // there is no run that would delete it
         throw;
     }
 }

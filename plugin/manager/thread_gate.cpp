@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 
 using std::chrono::steady_clock;
 
@@ -15,6 +16,7 @@ void CThreadGate::Enter() {
 
 void CThreadGate::Leave() {
     const std::lock_guard lock(m_Lock);
+    assert(m_uCount > 0);
     if (--m_uCount == 0) {
         m_Empty.notify_all();
     }
@@ -22,6 +24,7 @@ void CThreadGate::Leave() {
 
 void CThreadGate::LeaveByEnding(std::list<EndingThread>& listRoom) {
     const std::lock_guard lock(m_Lock);
+    assert(m_uCount > 0 && listRoom.size() == 1);
     ForgetEnded();
     listRoom.front() = {static_cast<pid_t>(syscall(SYS_gettid)), steady_clock::now()};
     m_Ending.splice(m_Ending.end(), listRoom);
@@ -30,8 +33,10 @@ void CThreadGate::LeaveByEnding(std::list<EndingThread>& listRoom) {
     }
 }
 
+// The kernel says whether a thread is there. A thread's own last word would come too early: it runs this library's
+// code, or that of a destructor in the C library, after having said it.
 void CThreadGate::ForgetEnded() {
-    // A thread needs no longer than this to end after it has left; what has its number then is another one.
+    // A thread ends well within this time after it has left: a thread that has its number later is another one.
     const auto longAgo = steady_clock::now() - std::chrono::seconds(5);
     std::erase_if(m_Ending, [&](const EndingThread& thread) {
         return thread.left < longAgo || syscall(SYS_tgkill, getpid(), thread.iThread, 0) != 0;
@@ -88,6 +93,7 @@ CThreadTicket CThreadTicket::ForNewThread(std::shared_ptr<CThreadGate> spGate) {
 }
 
 CThreadTicket CThreadTicket::Adopt(CThreadTicket& ofCreator) {
+    assert(ofCreator.m_spGate != nullptr && !ofCreator.m_bAdopted);
     CThreadTicket ticket(std::move(ofCreator));
     ticket.m_bAdopted = true;
     return ticket;
@@ -126,6 +132,7 @@ bool CancelThread(pthread_t threadId) {
     return pthread_cancel(threadId) == 0;
 }
 
+// Enabled for the test alone: nowhere else is a cancellation welcome, least of all in a destructor that it would meet.
 void CancellationPoint() {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_testcancel();

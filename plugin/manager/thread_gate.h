@@ -12,7 +12,8 @@
 /// Counts the threads that run one manager's code, so that closing can wait until none is left. A thread is counted
 /// from before its creation until it is gone; a host's thread from its call into the plugin to its return.
 ///
-/// One a manager: a thread that the host never lets go keeps the manager that it uses, and no later one.
+/// Each manager has one: a thread that the host never lets go keeps the manager that it uses, and no later one. See
+/// docs/decisions/005-closing.md.
 class CThreadGate {
 public:
     /// False when a thread is still counted at the deadline.
@@ -63,7 +64,7 @@ private:
 };
 
 /// Switches the calling thread's cancellation off. Every thread of the plugin begins with it: from then on the thread
-/// ends early only at its own CancellationPoint, where it holds no lock.
+/// ends early only at its own CancellationPoint, where it holds no lock. See docs/decisions/002-cancellation.md.
 void DisableCancellation();
 
 /// The same for a scope, on a host's thread: a cancellation in the middle of the plugin's code would leave locks held.
@@ -78,8 +79,8 @@ private:
     int m_iBefore = 0;
 };
 
-/// Cancels a thread, if the C library can: what it needs for that it loads on first use, and ends the process when
-/// there is no memory for it. False when it cannot; what is cancelled here ends by itself too, only later.
+/// Cancels a thread. The C library loads a part of itself for the first cancellation, and ends the process if there is
+/// no memory for that: false then, and nothing is done. What is cancelled here ends by itself too, only later.
 bool CancelThread(pthread_t threadId);
 
 /// Ends the calling thread if it has been cancelled. To be called from a thread's body function and nowhere deeper, so

@@ -17,13 +17,15 @@ constexpr int STOP_POLL_MS = 300;
 
 }  // namespace
 
-// The work thread, if there is none. Never throws once the thread exists.
+// Creates the work thread if there is none. Does not throw any more once the thread exists.
+// run.
 void CMaintMgr::CreateWorkThread() {
     const CMaintLockGuard lock(m_csWorkThread);
     if (m_u64WorkThreadId != 0) {
         return;
     }
     std::unique_ptr<WorkStart> spStart(new WorkStart{*this, CThreadTicket::ForNewThread(m_spGate)});
+    // Under the lock: the thread stores nothing itself, and whether it is the work thread it asks under this lock.
     const int iResult = CMainTTool::MaintCreateThread(WorkThread, spStart.get(), m_u64WorkThreadId);
     if (iResult == 0) {
         static_cast<void>(spStart.release());  // the thread's
@@ -45,10 +47,12 @@ void CMaintMgr::WorkPass() {
     if (!WaitWorkEvent(TestableMilliseconds("WORK_WAIT", WORK_WAIT_MS)) || !GetWork()) {
         return;
     }
+    // Finished runs first: what is reported and freed makes room for the queued ones.
     DisposeScriptList(MT_RUNCOMPLETE);
     if (!IsWorkThread()) {
         return;  // given up by a stop while the host held a report: the queue is not this thread's any more
     }
+    // Taken as a whole, and run without the lock: whoever admits a policy does not wait for scripts being written.
     std::list<_MaintPolicyDetail> listPolicy;
     {
         const CMaintLockGuard lock(m_csPolicyList);
@@ -67,7 +71,7 @@ void CMaintMgr::TryWorkPass() {
     if (Attempt("WorkThread", [this] { WorkPass(); })) {
         return;
     }
-    // The signal is used up, and what it stood for may still be there.
+    // The pass has used its signal up without doing all that the signal stood for.
     if (HasQueuedPolicy() || HasFinishedRun()) {
         PassSignalOn();
     }
@@ -115,6 +119,10 @@ void* CMaintMgr::WorkThread(void* pParam) {
     return nullptr;
 }
 
+// The order: the flag first, so that nothing new is started; then the event, which ends the work thread's wait at once;
+// then its end is waited for, since a pass that is under way may still be starting runs; and only then are the runs put
+// away, or those would be left. A host that holds a report holds the work thread too. Cancelling it does not interrupt
+// the host, but lets it end as soon as the host lets it go.
 int CMaintMgr::Stop() {
     QXLogPrintStr(6, MAINT_LOG_SOURCE, "Stop", __LINE__, "qxpmaint CMaintMgr::Stop begin");
     const auto readWorkThreadId = [this] {

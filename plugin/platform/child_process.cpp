@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <exception>
 
@@ -50,6 +51,7 @@ LaunchMark CChildProcess::MarkLaunch(CProcReader& reader) {
 }
 
 void CChildProcess::Identify(FILE* pStream, const LaunchMark& stMark) {
+    assert(pStream != nullptr && !WasStarted());
     m_pStream = pStream;
     m_u64LaunchTime = stMark.u64StartTime;
     try {
@@ -76,6 +78,7 @@ void CChildProcess::FindAgain() {
     }
 }
 
+// Why through /proc: popen does not tell the pid, and waiting for any child would take the host's children away.
 // The new child of this thread, checked against the pipe where that can be read; 0 when there is none.
 pid_t CChildProcess::FindNewChild(const LaunchMark& stMark) {
     const auto children = m_Reader.ThreadChildren();
@@ -183,6 +186,7 @@ void CloseReadEnd(FILE* pStream, int iReplacement) {
         null = CUniqueDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
     }
     const int iSource = iReplacement < 0 ? null.Get() : iReplacement;
+    // Put over the number in one step: after a close, another thread could get the number, and pclose would close that.
     if (iSource >= 0) {
         dup3(iSource, fileno(pStream), O_CLOEXEC);
     }

@@ -18,7 +18,8 @@ struct LaunchMark {
     unsigned long long u64StartTime = 0;         ///< clock ticks since boot: no child of the launch is older
 };
 
-/// The child process of one run, as popen started it. popen tells no pid, so the child is looked for right after.
+/// The child process of one run, as popen started it. popen tells no pid, so the child is looked for right after. See
+/// docs/decisions/003-launching-a-child.md.
 /// Belongs to the launching thread until the run thread has taken over, then to that.
 class CChildProcess {
 public:
@@ -73,8 +74,8 @@ CUniqueDescriptor OpenPidFd(pid_t iPid);
 /// False when the kernel cannot signal through a pidfd.
 bool SignalPidFd(const CUniqueDescriptor& pidFd, int iSignal);
 
-/// poll, and a short pause when it fails at once (no memory, or a limit on descriptors below their number), so that a
-/// loop around it is no busy one. What poll returns.
+/// Polls, and pauses briefly when that fails at once (no memory, or a limit on descriptors below their number), so that
+/// a loop around it does not spin. Returns what poll returns.
 int PollOrPause(std::span<pollfd> waits, int iMilliseconds);
 
 /// Replaces the read end of a pipe by another descriptor of this process under the same number: the writer sees a

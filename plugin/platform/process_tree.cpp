@@ -197,6 +197,7 @@ CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
     if (grace.count() > 0) {
         eEnd = Freeze();
         while (eEnd != EEnd::GONE) {
+            // A stopped process acts on SIGTERM only once it goes on.
             Signal(SIGTERM);
             Signal(SIGCONT);
             const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
@@ -208,6 +209,7 @@ CProcessTree::EEnd CProcessTree::End(milliseconds grace) {
         }
         m_Frozen.clear();
     }
+    // In rounds, and frozen again in each: SIGKILL meets one process after the other, and those not yet met can fork.
     for (int iRound = 0; iRound < KILL_ROUNDS && eEnd != EEnd::GONE; ++iRound) {
         Freeze();
         Signal(SIGKILL);

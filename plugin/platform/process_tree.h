@@ -8,7 +8,8 @@
 #include "plugin/platform/process_scan.h"
 
 /// The processes of one run: its child, the child's descendants, and every process that holds the write end of the
-/// run's output pipe. A process that has left both tree and pipe before it is looked for is not found.
+/// run's output pipe. A process that has left both tree and pipe before it is looked for is not found. See
+/// docs/decisions/004-ending-a-run.md.
 class CProcessTree {
 public:
     /// What is known of the processes of a run after they were ended.

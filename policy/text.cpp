@@ -2,18 +2,18 @@
 
 #include <algorithm>
 
-#include "sdk/src/utf8.h"
+#include "qxhost/utf8.h"
 
 namespace qxppolicy {
 
 namespace {
 
-Character FirstCharacter(std::string_view text) {
+qxtools::Utf8Character FirstCharacter(std::string_view text) {
     if (text.empty()) {
         return {0, 0};
     }
     const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-    return bytes[0] < 0x80 ? Character{bytes[0], 1} : DecodeUtf8(bytes, text.size());
+    return bytes[0] < 0x80 ? qxtools::Utf8Character{bytes[0], 1} : qxtools::DecodeUtf8(bytes, text.size());
 }
 
 }  // namespace
@@ -34,7 +34,7 @@ bool IsValidUtf8(std::string_view text) {
 }
 
 bool IsControl(std::string_view sequence) {
-    const Character character = FirstCharacter(sequence);
+    const qxtools::Utf8Character character = FirstCharacter(sequence);
     const auto is_in = [code = character.code](uint32_t first, uint32_t last) { return code >= first && code <= last; };
     return character.length != 0 && (is_in(0, 0x1F) || is_in(0x7F, 0x9F) || is_in(0x61C, 0x61C) ||
                                      is_in(0x200E, 0x200F) || is_in(0x2028, 0x202E) || is_in(0x2066, 0x2069));

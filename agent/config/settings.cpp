@@ -98,7 +98,8 @@ Mistake SetList(std::vector<Item>& items, const std::string& text, const IsItem&
 
 Mistake SetDirectories(std::vector<fs::path>& directories, const std::string& text, const fs::path& /*directory*/) {
     return SetList(
-        directories, text, [](const std::string& item) { return !qxppolicy::ValidateScriptDirectory(item).has_value(); },
+        directories, text,
+        [](const std::string& item) { return !qxppolicy::ValidateScriptDirectory(item).has_value(); },
         "must be absolute paths parted by ':', of letters, digits and /._+@=,- alone");
 }
 

@@ -3,7 +3,7 @@
 
 #include "c_interface.h"
 #include "qxhost/json.h"
-#include "utf8.h"
+#include "qxhost/utf8.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ char* QxJsonEncodeStr(const char* text) {
             *out++ = static_cast<char>(*in++);
             continue;
         }
-        const Character character = DecodeUtf8(in);
+        const qxtools::Utf8Character character = qxtools::DecodeUtf8(in);
         out = AppendCharacter(out, character.length == 0 ? kReplacement : character.code);
         in += character.length == 0 ? 1 : character.length;
     }

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdio>
 
-#include "utf8.h"
+#include "qxhost/utf8.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ bool IsUtf8Continuation(char c) {
 
 /// Where to cut a text of more than kMaxLogText bytes, of which at least kMaxLogText + 1 are given.
 size_t CutPosition(std::string_view text) {
-    for (size_t cut = kMaxLogText; cut > kMaxLogText - kLongestUtf8; --cut) {
+    for (size_t cut = kMaxLogText; cut > kMaxLogText - qxtools::kLongestUtf8; --cut) {
         if (!IsUtf8Continuation(text[cut])) {
             return cut;
         }
@@ -69,7 +69,8 @@ void AppendEscapedByte(std::string& line, char c) {
 
 /// Appends the character that a non-empty text begins with and returns its length in bytes.
 size_t AppendEscapedCharacter(std::string& line, std::string_view text) {
-    const Character character = DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    const qxtools::Utf8Character character =
+        qxtools::DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size());
     if (character.length == 0) {
         AppendEscapedByte(line, text[0]);
         return 1;

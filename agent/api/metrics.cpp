@@ -37,7 +37,7 @@ public:
         auto& family =
             Family("qxpagent_commands",
                    "Commands in the journal, by state: received are queued for the plugin, delivered are with it and "
-                   "unfinished, the others have their final word.");
+                   "unfinished, the others are in a final state.");
         for (const auto& [state, count] : CommandsByState(store)) {
             family.Add({{"state", state}}, static_cast<double>(count));
         }

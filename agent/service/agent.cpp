@@ -156,7 +156,7 @@ void Agent::ConcludeCommands() {
     try {
         commands_->InterruptAll("The agent was stopped before every result was there; what was running was ended.");
     } catch (const StoreError& error) {
-        QXPAGENT_LOG(kLogError, "commands have no final word yet, the next start gives it: %s", error.what());
+        QXPAGENT_LOG(kLogError, "commands have no final state yet, the next start gives it: %s", error.what());
     }
 }
 

@@ -39,7 +39,7 @@ Exit codes:
        the installation is not well
   2    wrong options or input that cannot be used; nothing was done
   3    the agent cannot be reached or cannot take work
-  4    the wait ended before the final word; the scripts go on
+  4    the wait ended before the command did; its scripts go on
   5    a file or the standard output could not be written
   130  Ctrl-C while waiting; the scripts go on
 

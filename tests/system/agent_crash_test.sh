@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Kills the agent again and again while clients submit, scripts run and results come in, and then counts: no accepted
-# command is lost, each has one final word, no script ran twice, and each result is there once.
+# command is lost, each has one final state, no script ran twice, and each result is there once.
 #
 #   QXP_KILLS=200    how often it is killed (default 20)
 # shellcheck source=tests/system/lib.sh
@@ -79,7 +79,7 @@ doubled=$(uniq -d journal_ids | wc -l)
 jq -r 'select(.source != "agent") | .document as $d | $d.data.result[]? | $d.ID + " " + .scriptid' stored | sort >results
 twice=$(uniq -d results | wc -l)
 ran_twice=$(sort ran | uniq -d | wc -l)
-# A final word beside the state: the agent's report of an interruption, the plugin's of a refusal.
+# A final report beside the state: the agent's report of an interruption, the plugin's of a refusal.
 wrong_words=$(jq -n --slurpfile journal journal --slurpfile reports stored '
     ($reports | map(select(.source == "agent")) | group_by(.id) | map({key: .[0].id, value: length}) | from_entries)
         as $interrupted
@@ -95,11 +95,11 @@ echo "accepted $(wc -l <accepted_ids) commands, of which $(awk '$2 == 200' accep
 echo "journal: $(jq -r .state journal | sort | uniq -c | awk '{print $2, $1}' | paste -sd, -), lost $lost, doubled $doubled"
 echo "reports: $(jq -r .source stored | sort | uniq -c | awk '{print $2, $1}' | paste -sd, -)"
 echo "results $(wc -l <results), stored twice $twice; scripts that ran $(wc -l <ran), twice $ran_twice"
-echo "commands whose final word does not fit their reports $wrong_words, their results $incomplete"
+echo "commands whose final state does not fit their reports $wrong_words, their results $incomplete"
 expect "lost" 0 "$lost"
 expect "doubled" 0 "$doubled"
 expect "results stored twice" 0 "$twice"
 expect "scripts that ran twice" 0 "$ran_twice"
-expect "wrong final words" 0 "$wrong_words"
+expect "wrong final states" 0 "$wrong_words"
 expect "results that do not add up" 0 "$incomplete"
 [ "$(wc -l <accepted_ids)" -ge "$kills" ] || fail "too few commands were accepted to tell anything"

@@ -59,7 +59,7 @@ expect "exit code of the agent" 0 "$exit_status"
 start_agent
 expect "what was stored, after a restart" "$((stored + 1))" \
     "$(reports '[.reports[] | select(.source == "plugin" and .id != "again")] | length')"
-expect "commands without a final word" "" \
+expect "commands without a final state" "" \
     "$(api http://agent/v1/commands | jq -r '.commands[] | select(.state == "delivered" or .state == "received") | .id')"
 echo "$accepted commands before the disk was full, $stored reports kept"
 stop_agent TERM

@@ -88,7 +88,7 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     EXPECT_FALSE(store_->FindCommand("gone").has_value());
     EXPECT_EQ(Admission::kNew, store_->Admit(CommandOf("gone"), record)) << "as if it had never been there";
     store_->Withdraw("c");
-    EXPECT_TRUE(store_->FindCommand("c").has_value()) << "a final word is never taken back";
+    EXPECT_TRUE(store_->FindCommand("c").has_value()) << "a final state is never taken back";
 }
 
 TEST_F(StoreTest, ResultsAreCountedOnceEachAndEqualScriptIdsSeparately) {

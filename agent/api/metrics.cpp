@@ -66,7 +66,7 @@ std::vector<prometheus::MetricFamily> GaugesOf(const AgentStatus& status) {
                status.scripts_queued);
     gauges.Add("qxpagent_scripts_unreported",
                "Scripts of commands in state delivered that have no result yet: the plugin starts them at once, so "
-               "they are running, or just before or behind that.",
+               "they are starting, running or being reported.",
                status.scripts_waiting);
     gauges.AddCommands(store);
     gauges.Add("qxpagent_reports", "Reports in the store.", store.reports);

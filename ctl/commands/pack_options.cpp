@@ -72,7 +72,7 @@ std::string ScriptId(const std::string& file, const ScriptAttributes& attributes
     if (attributes.id) {
         return *attributes.id;
     }
-    const std::string name = std::filesystem::path(file).filename().string();
+    std::string name = std::filesystem::path(file).filename().string();
     if (const qxppolicy::Fault fault = qxppolicy::ValidateId(name)) {
         throw BadInput(fmt::format("the script id '{}' {}; give another with '{},id=NAME'", name, *fault, file));
     }

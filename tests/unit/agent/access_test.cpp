@@ -10,6 +10,7 @@
 namespace qxpagent {
 namespace {
 
+namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 // What a StartupError says; "none" without one.
@@ -23,16 +24,17 @@ std::string Refusal(const Function& function) {
     return "none";
 }
 
-mode_t ModeOf(const std::filesystem::path& path) {
+// The mode and the group of a file.
+using Access = std::pair<mode_t, gid_t>;
+Access AccessTo(const fs::path& path) {
     struct stat status {};
     EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
-    return status.st_mode & 07777U;
+    return {status.st_mode & 07777U, status.st_gid};
 }
 
-gid_t GroupOf(const std::filesystem::path& path) {
-    struct stat status {};
-    EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
-    return status.st_gid;
+// What the attempt to listen there is refused with.
+std::string RefusedListener(const fs::path& path, const std::string& group = "") {
+    return Refusal([&] { const qxphttp::UnixListener listener(path, "agent", group); });
 }
 
 class AccessTest : public testing::Test {
@@ -40,7 +42,7 @@ protected:
     void SetUp() override {
         for (const char* name : {"bin", "lib", "etc/trusted-keys", "etc/plugins/qxpmaint", "data/qxpagent",
                                  "data/qxpmaint/policyfile", "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
-            std::filesystem::create_directories(root_ / name);
+            fs::create_directories(root_ / name);
         }
         for (const char* name : {"bin/qxpagent", "lib/libqxpmaint.so", "etc/trusted-keys/ops.pub.pem",
                                  "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf", "data/qxpagent/agent.db",
@@ -57,10 +59,10 @@ protected:
     }
 
     const TempDir directory_;
-    const std::filesystem::path root_ = directory_.Path();
+    const fs::path root_ = directory_.Path();
     const Installation installation_{root_ / "bin", root_ / "data/qxpagent"};
-    const std::filesystem::path socket_ = installation_.agent_data / "agent.sock";
-    const std::filesystem::path store_ = installation_.agent_data / "agent.db";
+    const fs::path socket_ = installation_.agent_data / "agent.sock";
+    const fs::path store_ = installation_.agent_data / "agent.db";
     Options options_;
 };
 
@@ -71,15 +73,12 @@ TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
           "etc/trusted-keys/ops.pub.pem", "etc/plugins/qxpmaint/qxpmaint.conf", "etc/qxpagent.conf", "data",
           "data/qxpagent", "data/qxpagent/agent.db", "data/qxpagent/agent.db-wal", "data/qxpmaint",
           "data/qxpmaint/policyfile", "data/qxpmaint/policyprocess", "data/qxpmaint/result"}) {
-        const std::string path = *name != '\0' ? (root_ / name).string() : root_.string();
-        const mode_t mode = ModeOf(path);
-        ASSERT_EQ(0, chmod(path.c_str(), mode | S_IWOTH));
+        const std::string path = *name != '\0' ? directory_ / name : root_.string();
+        ASSERT_EQ(0, chmod(path.c_str(), AccessTo(path).first | S_IWOTH));
         const std::string refusal = Check();
         EXPECT_THAT(refusal, testing::EndsWith(": chmod o-w " + path)) << name;
         // The command that it names mends it.
-        const size_t command = refusal.find("chmod ");
-        ASSERT_NE(std::string::npos, command);
-        EXPECT_EQ(0, std::system(refusal.substr(command).c_str()));  // NOLINT(cert-env33-c)
+        EXPECT_EQ(0, std::system(refusal.substr(refusal.find("chmod ")).c_str()));  // NOLINT(cert-env33-c)
         EXPECT_EQ("none", Check()) << name;
     }
     ASSERT_EQ(0, chmod(root_.c_str(), 0770));
@@ -87,12 +86,12 @@ TEST_F(AccessTest, NothingThatIsTrustedMayBeWritableByOthers) {
 
     options_.store = root_ / "elsewhere" / "agent.db";
     EXPECT_EQ("none", Check()) << "what is not there yet";
-    std::filesystem::create_directory(root_ / "elsewhere");
+    fs::create_directory(root_ / "elsewhere");
     ASSERT_EQ(0, chmod((root_ / "elsewhere").c_str(), 0777));
     EXPECT_THAT(Check(), HasSubstr("elsewhere"));
 
     options_.store = store_;
-    std::filesystem::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
+    fs::create_symlink(root_ / "elsewhere", root_ / "etc" / "link");
     EXPECT_THAT(Check(), HasSubstr("etc/link can be changed by others"));
 }
 
@@ -112,7 +111,6 @@ TEST_F(AccessTest, AForeignOwnerOrGroupIsRefused) {
 }
 
 TEST_F(AccessTest, WhereALinkLeadsNobodyElseCanChangeTheWay) {
-    namespace fs = std::filesystem;
     fs::rename(root_ / "etc/trusted-keys", directory_ / "keys");
     fs::create_directories(directory_ / "way");
     fs::create_directory_symlink("../way/on", root_ / "etc/trusted-keys");
@@ -136,7 +134,7 @@ TEST_F(AccessTest, WhereALinkLeadsNobodyElseCanChangeTheWay) {
 
 TEST_F(AccessTest, FilesElsewhereAreExaminedToo) {
     const auto check_log = [this] { return Refusal([this] { CheckLogFile(options_); }); };
-    std::filesystem::create_directory(root_ / "other");
+    fs::create_directory(root_ / "other");
     options_.init_param = "agent_type=KSTL:conf_path=" + directory_.Write("other/plugin.conf", "");
     options_.log = directory_.Write("other/log", "");
     EXPECT_EQ("none", Check());
@@ -156,7 +154,6 @@ TEST_F(AccessTest, FilesElsewhereAreExaminedToo) {
 }
 
 TEST_F(AccessTest, ADirectoryForScriptsIsAllowedAndNobodyElseCanChangeTheWayToIt) {
-    namespace fs = std::filesystem;
     const std::vector<fs::path> allowed{root_ / "jobs", root_ / "none"};
     const auto why = [&](const std::string& path) {
         return ValidateScriptDirectory(root_ / path, allowed, root_).value_or("");
@@ -192,37 +189,36 @@ TEST_F(AccessTest, TheSocketsDirectoryIsPreparedOrRefused) {
     const auto prepare = [this] { return Refusal([this] { PrepareSocketDirectory(options_, installation_); }); };
     ASSERT_EQ(0, chmod(installation_.agent_data.c_str(), 0777));
     EXPECT_EQ("none", prepare());
-    EXPECT_EQ(0750U, ModeOf(installation_.agent_data));
-    EXPECT_EQ(getegid(), GroupOf(installation_.agent_data));
+    EXPECT_EQ(Access(0750, getegid()), AccessTo(installation_.agent_data));
 
     ASSERT_EQ(0, chmod((root_ / "data").c_str(), 0700));
     EXPECT_EQ("none", prepare());
-    EXPECT_EQ(0700U, ModeOf(root_ / "data")) << "no group is named";
-    options_.socket_group = std::to_string(geteuid() == 0 ? 4321 : getegid());
+    EXPECT_EQ(Access(0700, getegid()), AccessTo(root_ / "data")) << "no group is named";
+    const gid_t group = geteuid() == 0 ? 4321 : getegid();
+    options_.socket_group = std::to_string(group);
     EXPECT_EQ("none", prepare());
-    EXPECT_EQ(0710U, ModeOf(root_ / "data")) << "its members get to the socket";
-    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(root_ / "data")));
-    EXPECT_EQ(options_.socket_group, std::to_string(GroupOf(installation_.agent_data)));
+    EXPECT_EQ(Access(0710, group), AccessTo(root_ / "data")) << "its members get to the socket";
+    EXPECT_EQ(Access(0750, group), AccessTo(installation_.agent_data));
     EXPECT_EQ("none", Check());
     options_.socket_group.clear();
     EXPECT_EQ("none", prepare());
-    EXPECT_EQ(getegid(), GroupOf(root_ / "data")) << "an earlier group loses its way";
-    EXPECT_EQ(getegid(), GroupOf(installation_.agent_data));
+    EXPECT_EQ(getegid(), AccessTo(root_ / "data").second) << "an earlier group loses its way";
+    EXPECT_EQ(getegid(), AccessTo(installation_.agent_data).second);
 
-    const std::filesystem::path other = root_ / "run";
-    std::filesystem::create_directory(other);
+    const fs::path other = root_ / "run";
+    fs::create_directory(other);
     options_.socket = other / "agent.sock";
     ASSERT_EQ(0, chmod(other.c_str(), 0777));
     EXPECT_THAT(prepare(), HasSubstr("chmod o-w " + other.string()));
     for (const mode_t mode : {mode_t{01777}, mode_t{0755}}) {
         ASSERT_EQ(0, chmod(other.c_str(), mode));
         EXPECT_EQ("none", prepare());
-        EXPECT_EQ(mode, ModeOf(other)) << "a directory that is not ours stays as it is";
+        EXPECT_EQ(mode, AccessTo(other).first) << "a directory that is not ours stays as it is";
     }
     options_.socket = socket_;
-    for (const char* group : {"no-such-group", "4294967295", "4294967296"}) {
-        options_.socket_group = group;
-        EXPECT_THAT(prepare(), HasSubstr("There is no group \"" + std::string(group) + "\""));
+    for (const char* name : {"no-such-group", "4294967295", "4294967296"}) {
+        options_.socket_group = name;
+        EXPECT_THAT(prepare(), HasSubstr("There is no group \"" + std::string(name) + "\""));
     }
 }
 
@@ -232,59 +228,39 @@ TEST_F(AccessTest, TheSocketIsGivenToItsGroup) {
         const mode_t before = umask(0077);
         const qxphttp::UnixListener listener(path, "agent");
         umask(before);
-        EXPECT_EQ(0660U, ModeOf(path)) << "and not what the umask leaves";
-        EXPECT_EQ(getegid(), GroupOf(path));
+        EXPECT_EQ(Access(0660, getegid()), AccessTo(path)) << "and not what the umask leaves";
     }
-    EXPECT_THAT(Refusal([&] { const qxphttp::UnixListener listener(path, "agent", "no-such-group"); }),
-                HasSubstr("no-such-group"));
-    const std::string foreign = "4321";
+    EXPECT_THAT(RefusedListener(path, "no-such-group"), HasSubstr("no-such-group"));
     if (geteuid() != 0) {
-        EXPECT_THAT(Refusal([&] { const qxphttp::UnixListener listener(path, "agent", foreign); }),
-                    HasSubstr("Start as root"));
-        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_THAT(RefusedListener(path, "4321"), HasSubstr("Start as root"));
+        EXPECT_FALSE(fs::exists(path));
         return;
     }
-    const qxphttp::UnixListener listener(path, "agent", foreign);
-    EXPECT_EQ(4321U, GroupOf(path));
-    EXPECT_EQ(0660U, ModeOf(path));
-    options_.socket_group = foreign;
-    PrepareSocketDirectory(options_, installation_);
-    EXPECT_EQ(4321U, GroupOf(installation_.agent_data));
-    EXPECT_EQ("none", Check());
+    const qxphttp::UnixListener listener(path, "agent", "4321");
+    EXPECT_EQ(Access(0660, 4321), AccessTo(path));
 }
 
-TEST(UnixListenerTest, ReplacesTheDeadAndSparesTheLiving) {
+TEST(UnixListenerTest, SparesTheLivingAndWhatIsNotItsOwn) {
     const TempDir directory;
-    const std::filesystem::path path = directory.Path() / "agent.sock";
-    const auto refusal = [](const std::filesystem::path& socket_path) {
-        return Refusal([&] { const qxphttp::UnixListener listener(socket_path, "agent"); });
-    };
+    const fs::path path = directory.Path() / "agent.sock";
     {
         const qxphttp::UnixListener listener(path, "agent");
-        EXPECT_TRUE(std::filesystem::is_socket(path));
-        EXPECT_EQ(0660U, ModeOf(path));
-        EXPECT_THAT(refusal(path), HasSubstr("Another agent is running"));
-        std::filesystem::remove(directory / "agent.sock.lock");
-        EXPECT_THAT(refusal(path), HasSubstr("Another process is serving"));
-        EXPECT_TRUE(std::filesystem::exists(path));
+        EXPECT_THAT(RefusedListener(path), HasSubstr("Another agent is running"));
+        fs::remove(directory / "agent.sock.lock");
+        EXPECT_THAT(RefusedListener(path), HasSubstr("Another process is serving"));
+        EXPECT_TRUE(fs::exists(path));
     }
-    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_FALSE(fs::exists(path));
 
-    // What an agent that was killed leaves behind: a name that nobody listens on.
     {
         const qxphttp::UnixListener listener(path, "agent");
-        std::filesystem::rename(path, directory / "kept");
-    }
-    std::filesystem::rename(directory / "kept", path);
-    {
-        const qxphttp::UnixListener listener(path, "agent");
-        std::filesystem::remove(path);
+        fs::remove(path);
         directory.Write("agent.sock", "precious");
     }
-    EXPECT_THAT(refusal(path), HasSubstr("is not a socket"));
+    EXPECT_THAT(RefusedListener(path), HasSubstr("is not a socket"));
     EXPECT_EQ("precious", ReadFile(path)) << "what has taken its place is not removed";
-    EXPECT_THAT(refusal(directory / "missing/agent.sock"), HasSubstr("Create its directory"));
-    EXPECT_THAT(refusal(directory / std::string(120, 'x')), HasSubstr("longer than 107"));
+    EXPECT_THAT(RefusedListener(directory / "missing/agent.sock"), HasSubstr("Create its directory"));
+    EXPECT_THAT(RefusedListener(directory / std::string(120, 'x')), HasSubstr("longer than 107"));
 }
 
 }  // namespace

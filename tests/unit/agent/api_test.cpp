@@ -1,10 +1,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <regex>
-#include <set>
 
 #include "base/names.h"
 #include "base/peer.h"
@@ -32,11 +30,6 @@ Report ReportOf(const std::string& id, ReportSource source, const std::string& t
     return {0, id, source, "", kNoon, std::nullopt, 2, -1, text, text.size()};
 }
 
-void ExpectProblem(const Reply& reply, long status, const std::string& detail) {
-    EXPECT_EQ(status, reply.status) << detail << ": " << reply.text;
-    EXPECT_THAT(reply.Detail(), HasSubstr(detail));
-}
-
 // The text with "time" for each time. Those are local: only their form can be compared.
 std::string WithoutTimes(const Json& object) {
     static const std::regex kTime(R"("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.123[+-][0-9]{2}:[0-9]{2}")");
@@ -59,7 +52,6 @@ std::string Members(const Json& object) {
 }
 
 TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
-    Serve();
     agent_.submit_outcome = {SubmitStatus::kTaken, "", Command("c/é 1")};
     const std::string document = "{ \"ID\" : \"c-\\u00e9\", \"x\":[1.50] }\n";
     const Reply taken = Post("/v1/commands", document);
@@ -79,22 +71,23 @@ TEST_F(HttpTest, ACommandIsSubmittedAsItStandsWithItsSender) {
 
     agent_.submit_outcome.status = SubmitStatus::kKnown;
     EXPECT_EQ(200, Post("/v1/commands", document).status);
-    const std::vector<std::pair<SubmitStatus, int>> refusals = {
-        {SubmitStatus::kConflict, 409},       {SubmitStatus::kUnacceptable, 422},  {SubmitStatus::kNotRunning, 503},
-        {SubmitStatus::kBusy, 503},           {SubmitStatus::kStorageFailed, 503}, {SubmitStatus::kStorageFull, 507},
-        {SubmitStatus::kNotAcknowledged, 504}};
-    for (const auto& [status, code] : refusals) {
+    using enum SubmitStatus;
+    for (const auto& [status, code] : {std::pair(kConflict, 409),
+                                       {kUnacceptable, 422},
+                                       {kNotRunning, 503},
+                                       {kBusy, 503},
+                                       {kStorageFailed, 503},
+                                       {kStorageFull, 507},
+                                       {kNotAcknowledged, 504}}) {
         agent_.submit_outcome = {status, "Because of \"x\".", std::nullopt};
         const Reply reply = Post("/v1/commands", document);
-        EXPECT_EQ(code, reply.status);
-        EXPECT_EQ("Because of \"x\".", reply.Detail());
+        ExpectProblem(reply, code, "Because of \"x\".");
         EXPECT_EQ(code == 503 ? "2" : "", reply.Header("Retry-After"));
         EXPECT_NE("Internal Server Error", reply.Body()["title"]) << code;
     }
 }
 
 TEST_F(HttpTest, CommandsAreListedAndShown) {
-    Serve();
     EXPECT_EQ(R"({"commands":[],"sequence":5})", Get("/v1/commands?after=5").text);
     EXPECT_EQ(100U, agent_.command_query.limit);
     agent_.commands = {Command("a"), Command("b/c d")};
@@ -117,35 +110,32 @@ TEST_F(HttpTest, CommandsAreListedAndShown) {
 }
 
 TEST_F(HttpTest, ReportsComeWithTheirDocumentOrTheirText) {
-    Serve();
     EXPECT_EQ(R"({"reports":[],"cursor":5})", Get("/v1/reports?after=5").text);
     agent_.AddReport(ReportOf("a b&c", ReportSource::kPlugin, R"({"ID":"a b&c","z":1,"a":[null]})"));
     agent_.AddReport(ReportOf("", ReportSource::kFile, "{\"ID\":\xff"));
     agent_.AddReport(ReportOf("deep", ReportSource::kPlugin, std::string(100000, '[')));
     agent_.reports[1].file = "r.json";
     agent_.reports[1].acknowledged = kNoon;
-    const Json all = Get("/v1/reports?id=a%20b%26c&source=file&acknowledged=false&after=2&limit=3").Body();
+    const Json all =
+        Get("/v1/reports?id=a%20b%26c&source=file&acknowledged=false&after=2&limit=3&documents=true").Body();
+    EXPECT_THAT(agent_.report_query, FieldsAre("a b&c", ReportSource::kFile, false, 2U, 3U, true, milliseconds(0)));
     ASSERT_EQ(3U, all["reports"].size());
     EXPECT_EQ(3, all["cursor"]);
     EXPECT_EQ(R"({"cursor":1,"id":"a b&c","source":"plugin","file":null,"received":"time","acknowledged":null,)"
               R"("json_data_type":2,"value":-1,"bytes":31,"document":{"ID":"a b&c","z":1,"a":[null]}})",
               WithoutTimes(all["reports"][0]));
-    EXPECT_EQ(
-        "{\"cursor\":2,\"id\":\"\",\"source\":\"file\",\"file\":\"r.json\",\"received\":\"time\","
-        "\"acknowledged\":\"time\",\"json_data_type\":2,\"value\":-1,\"bytes\":7,\"document\":null,"
-        "\"text\":\"{\\\"ID\\\":\xef\xbf\xbd\"}",
-        WithoutTimes(all["reports"][1]))
+    EXPECT_EQ(R"({"cursor":2,"id":"","source":"file","file":"r.json","received":"time","acknowledged":"time",)"
+              R"("json_data_type":2,"value":-1,"bytes":7,"document":null,"text":"{\"ID\":)"
+              "\xef\xbf\xbd\"}",
+              WithoutTimes(all["reports"][1]))
         << "bytes that are not UTF-8 are replaced";
     EXPECT_TRUE(all["reports"][2]["document"].is_null());
     EXPECT_EQ(RequiredMembers("Report"), Members(all["reports"][0]));
     EXPECT_FALSE(Get("/v1/reports?documents=false").Body()["reports"][0].contains("document"));
     EXPECT_FALSE(agent_.report_query.with_text);
-    Get("/v1/reports?id=a%20b%26c&source=file&acknowledged=false&after=2&limit=3&documents=true");
-    EXPECT_THAT(agent_.report_query, FieldsAre("a b&c", ReportSource::kFile, false, 2U, 3U, true, milliseconds(0)));
 }
 
 TEST_F(HttpTest, ResultFilesComeAsTheyWere) {
-    Serve();
     const std::string bytes("{\"ID\": 1.50,\n\"x\":\"\xff\"}\0", 22);
     agent_.AddReport(ReportOf("f", ReportSource::kFile, bytes));
     agent_.AddReport(ReportOf("p", ReportSource::kPlugin, "{}"));
@@ -160,24 +150,23 @@ TEST_F(HttpTest, ResultFilesComeAsTheyWere) {
     const Reply result = Get("/v1/results/1");
     EXPECT_EQ("application/json", result.Type());
     EXPECT_EQ(bytes, result.text);
-    for (const char* target : {"/v1/results/2", "/v1/results/9", "/v1/results/x", "/v1/results/1x", "/v1/results/-1"}) {
-        EXPECT_EQ(404, Get(target).status) << target;
+    for (const std::string cursor : {"2", "9", "x", "1x", "-1"}) {
+        EXPECT_EQ(404, Get("/v1/results/" + cursor).status) << cursor;
     }
 }
 
 TEST_F(HttpTest, ReportsAreAcknowledgedByCursorOrUpToOne) {
-    Serve();
     EXPECT_EQ(R"({"acknowledged":2})", Post("/v1/reports/acknowledge", R"({"cursors":[5,9]})").text);
     EXPECT_EQ((std::vector<uint64_t>{5, 9}), agent_.acknowledged);
     EXPECT_EQ(R"({"acknowledged":4})", Post("/v1/reports/acknowledge", R"({"up_to":7})").text);
     EXPECT_EQ(7U, agent_.acknowledged_up_to);
+    agent_.acknowledged.clear();
     const std::map<std::string, std::vector<std::string>> wrong = {
         {"JSON object", {"", "[1]", std::string(60000, '[')}},
         {"either", {"{}", R"({"cursors":[1],"up_to":1})"}},
         {"\"cursor\"", {R"({"cursor":[1]})"}},
         {"\"cursors\"", {R"({"cursors":1})", R"({"cursors":[1,-1]})", R"({"cursors":["1"]})"}},
         {"\"up_to\"", {R"({"up_to":1.0})", R"({"up_to":9223372036854775808})"}}};
-    agent_.acknowledged.clear();
     for (const auto& [detail, bodies] : wrong) {
         for (const std::string& body : bodies) {
             ExpectProblem(Post("/v1/reports/acknowledge", body), 400, detail);
@@ -194,7 +183,6 @@ TEST_F(HttpTest, StatusAndHealthSayHowItIs) {
     agent_.status.result_directory = "/x/result";
     agent_.status.scripts_waiting = 6;
     agent_.status.store = {5, 4, 9, kNoon, 77, 31, {{CommandState::kReported, 8}}, ""};
-    Serve();
     EXPECT_EQ(R"({"version":"1.2.3","plugin_status":2,"plugin_version":"","uptime_seconds":12,)"
               R"("commands":{"received":0,"delivered":0,"refused":0,"reported":8,"interrupted":0},"last_sequence":31,)"
               R"("reports":{"stored":5,"pending":4,"last_cursor":9,"oldest_pending":"time"},"scripts_waiting":6,)"
@@ -218,73 +206,45 @@ TEST_F(HttpTest, StatusAndHealthSayHowItIs) {
 }
 
 TEST_F(HttpTest, EveryErrorIsAProblemThatNamesItsCause) {
-    Serve();
     const Reply unknown = Get("/v2/%3Cx%3E");
-    EXPECT_EQ(404, unknown.status);
     EXPECT_EQ(R"({"type":"about:blank","title":"Not Found","status":404,"detail":"There is no path /v2/<x>."})",
               unknown.Body().dump());
     EXPECT_EQ(RequiredMembers("Problem"), Members(unknown.Body()));
-    EXPECT_EQ(405, Request("DELETE", "/v1/commands").status);
+    EXPECT_THAT(Request("DELETE", "/v1/commands").head, testing::StartsWith("HTTP/1.1 405"));
     EXPECT_EQ("POST, GET", Request("DELETE", "/v1/commands").Header("Allow"));
-    EXPECT_EQ("GET", Post("/v1/commands/acknowledge", "{}").Header("Allow"));
-    const std::map<std::string, std::vector<std::string>> wrong = {
-        {"after", {"reports?after=x", "reports?after=-1", "reports?after=", "reports?after=99999999999999999999"}},
-        {"wait", {"reports?wait=61", "reports?wait=1.5", "reports?wait", "reports?wait=0&wait=0"}},
-        {"\"wiat\"", {"reports?wiat=1"}},
-        {"limit", {"reports?limit=0", "results?limit=1001"}},
-        {"\"source\"", {"results?source=file"}},
-        {"plugin, file, agent", {"reports?source=disk"}},
-        {"false, true", {"reports?acknowledged=yes"}},
-        {"received, delivered, refused, reported, interrupted", {"commands?state=done"}},
-        {"\"id\"", {"commands?id=1"}},
-        {"\"x\"", {"status?x=%00%ff"}}};
-    for (const auto& [detail, targets] : wrong) {
-        for (const std::string& target : targets) {
-            ExpectProblem(Get("/v1/" + target), 400, detail);
-        }
+    for (const std::string target :
+         {"v1/reports?after=x", "v1/reports?after=-1", "v1/reports?after=", "v1/reports?after=99999999999999999999",
+          "v1/reports?wait=61", "v1/reports?wait=1.5", "v1/reports?wait", "v1/reports?wait=0&wait=0",
+          "v1/reports?wiat=1", "v1/reports?limit=0", "v1/results?limit=1001", "v1/results?source=file",
+          "v1/commands?id=1", "v1/status?x=%00%ff", "metrics?x=1"}) {
+        const size_t name = target.find('?') + 1;
+        ExpectProblem(Get("/" + target), 400, "\"" + target.substr(name, target.find('=') - name) + "\"");
     }
-    ExpectProblem(Get("/metrics?x=1"), 400, "\"x\"");
-}
-
-using Operations = std::map<std::string, std::set<std::string>>;  // "GET /path" and its query parameters
-
-Operations OfTheCode() {
-    Operations operations;
-    for (const Api::Route& route : Api::Routes()) {
-        auto& parameters = operations[std::string(route.method) + " " + std::string(route.path)];
-        parameters.insert(route.parameters.begin(), route.parameters.end());
-    }
-    return operations;
+    ExpectProblem(Get("/v1/reports?source=disk"), 400, "plugin, file, agent");
+    ExpectProblem(Get("/v1/reports?acknowledged=yes"), 400, "false, true");
+    ExpectProblem(Get("/v1/commands?state=done"), 400, "received, delivered, refused, reported, interrupted");
 }
 
 // The document keeps to a form that is read line by line: paths at two spaces, methods at four, one parameter a line.
-Operations OfTheDocument() {
-    Operations operations;
-    std::ifstream document(QXPAGENT_OPENAPI);
-    bool in_paths = false;
-    std::string path;
-    std::string operation;
-    for (std::string line; std::getline(document, line);) {
-        if (!line.empty() && line[0] != ' ') {
-            in_paths = line == "paths:";
-        } else if (in_paths && line.starts_with("  /")) {
-            path = line.substr(2, line.rfind(':') - 2);
-        } else if (in_paths && line.starts_with("    ") && line[4] != ' ') {
-            operation = line.substr(4, line.find(':') - 4);
-            std::transform(operation.begin(), operation.end(), operation.begin(), ::toupper);
-            operation += " " + path;
-            operations[operation];
-        } else if (in_paths && line.find("in: query") != std::string::npos) {
-            const size_t name = line.find("name: ") + 6;
-            operations[operation].insert(line.substr(name, line.find(',', name) - name));
+TEST(OpenApiTest, DocumentAndRoutesAreOfOneMind) {
+    const std::string document = ReadFile(QXPAGENT_OPENAPI);
+    const auto count = [&](const char* line) {
+        const std::regex regex(line);
+        return std::distance(std::sregex_iterator(document.begin(), document.end(), regex), std::sregex_iterator());
+    };
+    std::ptrdiff_t parameters = 0;
+    for (const Api::Route& route : Api::Routes()) {
+        const size_t at = document.find("\n  " + std::string(route.path) + ":\n");
+        ASSERT_NE(std::string::npos, at) << route.path;
+        const std::string path = document.substr(at, document.find("\n  /", at + 1) - at);
+        EXPECT_THAT(path, HasSubstr(route.method == "GET" ? "\n    get:" : "\n    post:")) << route.path;
+        for (const auto& parameter : route.parameters) {
+            EXPECT_THAT(path, HasSubstr("{name: " + std::string(parameter) + ", in: query")) << route.path;
+            ++parameters;
         }
     }
-    return operations;
-}
-
-TEST(OpenApiTest, DocumentAndRoutesAreOfOneMind) {
-    ASSERT_GT(OfTheCode().size(), 10U);
-    EXPECT_EQ(OfTheCode(), OfTheDocument());
+    EXPECT_EQ(std::ssize(Api::Routes()), count("\n    (get|put|post|delete|patch):"));
+    EXPECT_EQ(parameters, count("in: query"));
 }
 
 }  // namespace

@@ -138,16 +138,6 @@ TEST_F(CommandServiceTest, TheAnswerTellsWhatCameOfIt) {
     EXPECT_EQ(6, counters_.commands_taken.Value());
 }
 
-TEST_F(CommandServiceTest, WhatNeverReachedThePluginCanBeSentAgain) {
-    PluginSays(kBusQueueFull);
-    EXPECT_EQ(SubmitStatus::kBusy, Submit(Document("c")));
-    PluginSays(kBusUndelivered);
-    EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c")));
-    EXPECT_FALSE(store_->FindCommand("c").has_value());
-    PluginSays(kBusOk);
-    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c")));
-}
-
 TEST_F(CommandServiceTest, AStoreThatCannotBeWrittenTakesNoCommand) {
     std::unique_ptr<SQLite::Database> lock = Lock();
     EXPECT_EQ(SubmitStatus::kStorageFailed, Submit(Document("c")));
@@ -182,21 +172,24 @@ TEST_F(CommandServiceTest, AStoreThatCannotBeWrittenTakesNoCommand) {
 }
 
 TEST_F(CommandServiceTest, SubmissionsOfOneIdFollowEachOther) {
-    Happening inside;
-    Happening release;
+    Gate gate;
     plugin_ = [&](const std::string&) {
-        inside.Set();
-        EXPECT_TRUE(release.Wait());
+        EXPECT_TRUE(gate.Pass());
         return kBusUndelivered;
     };
     const auto submit = [&] { EXPECT_EQ(SubmitStatus::kNotRunning, Submit(Document("c"))) << "it was taken back"; };
     std::thread first(submit);
-    EXPECT_TRUE(inside.Wait());
+    EXPECT_TRUE(gate.reached.Wait());
     std::thread second(submit);
-    release.Set();
+    gate.open.Set();
     first.join();
     second.join();
     EXPECT_EQ(2U, delivered_.size());
+    PluginSays(kBusQueueFull);
+    EXPECT_EQ(SubmitStatus::kBusy, Submit(Document("c")));
+    EXPECT_FALSE(store_->FindCommand("c").has_value());
+    PluginSays(kBusOk);
+    EXPECT_EQ(SubmitStatus::kTaken, Submit(Document("c"))) << "what never reached the plugin can be sent again";
 }
 
 TEST_F(CommandServiceTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAWord) {
@@ -220,7 +213,7 @@ TEST_F(CommandServiceTest, ARestartNeverDeliversTwiceAndLeavesNoCommandWithoutAW
     Submit(Document("new"));
     commands_->RetryPending();
     EXPECT_EQ(CommandState::kInterrupted, StateOf("running"));
-    EXPECT_EQ(std::vector<std::string>{"b"}, store_->FindCommand("running")->unreported);
+    EXPECT_EQ(Names{"b"}, Find("running").unreported);
     EXPECT_EQ(CommandState::kReported, StateOf("done"));
     EXPECT_EQ(CommandState::kReported, StateOf("late"));
     EXPECT_EQ(CommandState::kDelivered, StateOf("journalled"));
@@ -253,7 +246,7 @@ TEST_F(CommandServiceTest, ACommandWhoseReportsAreLostGetsItsFinalWord) {
     lose("c", RunText("a", "2", ""));
     EXPECT_EQ(CommandState::kInterrupted, StateOf("c"));
     EXPECT_THAT(store_->FindCommand("c")->reason, HasSubstr("a report was lost"));
-    EXPECT_EQ((std::vector<std::string>{"a", "a"}), store_->FindCommand("c")->unreported);
+    EXPECT_EQ((Names{"a", "a"}), Find("c").unreported);
 
     auto lock = Lock();
     commands_->ReportLost(ReadReport(R"({"ID":"refused","msg_type":"4"})"));

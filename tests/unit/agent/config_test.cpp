@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 
@@ -54,51 +55,40 @@ protected:
 
 TEST_F(ConfigTest, EveryMistakeIsNamedWithItsLine) {
     const std::string longest = "init-param=" + std::string(kMostConfigLineBytes - 11, 'x');
-    Write(
-        "; comment\n"                 // 1
-        "socket = /a\n"               // 2: before the section
-        "[qxpagent]\n"                //
-        "sokcet = /a\n"               // 4: unknown
-        "   log-level = loud\n"       // 5: bad value; the white space in front does not matter
-        "log-level = warn ; why\r\n"  // 6: given twice
-        "probe =\n"                   // 7: unknown
-        "plugin\n"                    // 8: no '='
-        "\n# comment = too\n"         //
-        "retention-days = 0\n"        // 11
-        "retention-size = 9GB\n"      // 12
-        "online = nowhere\n"          // 13
-        "socket =\n"                  // 14
-        "[other]\n"                   // 15
-        "x = 1\n"                     //
-        "[qxpagent\n"                 // 17
-        "[qxpagent]\n" +              //
-        longest +
-        "\n" +                               // 19: the longest that is right
-        longest + "y\n" +                    // 20
-        std::string("store = a\0b\n", 12) +  // 21
-        "leftover-days = 3");                // 22: without its newline
+    // Lines of which the last is wrong, and what is said of it.
+    const std::vector<std::pair<std::string, const char*>> wrong = {
+        {"; comment\nsocket = /a\n", "\"socket\" stands before the section [qxpagent]"},
+        {"[qxpagent]\nsokcet = /a\n", "there is no key \"sokcet\""},
+        {"   log-level = loud\n", "\"log-level\" must be trace, debug, info, warn, error or off"},
+        {"log-level = warn ; why\r\n", "\"log-level\" is given twice, first in line 5"},
+        {"plugin\n", "a '=' is missing"},
+        {"\n# comment = too\nretention-days = 0\n",
+         "\"retention-days\" must be a whole number of days from 1 to 36500"},
+        {"retention-size = 9GB\n",
+         "\"retention-size\" must be a number of bytes from 1, or of KiB, MiB or GiB, as in 512MiB"},
+        {"online = nowhere\n", "\"online\" must be ADDRESS:PORT, with a port from 1 to 65535"},
+        {"socket =\n", "\"socket\" must be a path"},
+        {"[other]\n", "there is no section [other], only [qxpagent]"},
+        {"x = 1\n[qxpagent\n", "a ']' is missing"},
+        {"[qxpagent]\n" + longest + "\n" + longest + "y\n", "the line is longer than 196 bytes"},
+        {std::string("store = a\0b\n", 12), "the line holds a NUL byte"}};
+    std::string text;
+    std::vector<std::string> mistakes;
+    for (const auto& [lines, mistake] : wrong) {
+        text += lines;
+        mistakes.push_back(file_ + ":" + std::to_string(std::ranges::count(text, '\n')) + ": " + mistake);
+    }
+    text += "leftover-days = 3";  // without its newline
+    Write(text);
     const LoadedOptions loaded = Load({});
-    EXPECT_THAT(
-        loaded.mistakes,
-        ElementsAre(file_ + ":2: \"socket\" stands before the section [qxpagent]",
-                    file_ + ":4: there is no key \"sokcet\"",
-                    file_ + ":5: \"log-level\" must be trace, debug, info, warn, error or off",
-                    file_ + ":6: \"log-level\" is given twice, first in line 5",
-                    file_ + ":7: there is no key \"probe\"", file_ + ":8: a '=' is missing",
-                    file_ + ":11: \"retention-days\" must be a whole number of days from 1 to 36500",
-                    file_ + ":12: \"retention-size\" must be a number of bytes from 1, or of KiB, MiB or GiB, "
-                            "as in 512MiB",
-                    file_ + ":13: \"online\" must be ADDRESS:PORT, with a port from 1 to 65535",
-                    file_ + ":14: \"socket\" must be a path",
-                    file_ + ":15: there is no section [other], only [qxpagent]", file_ + ":17: a ']' is missing",
-                    file_ + ":20: the line is longer than 196 bytes", file_ + ":21: the line holds a NUL byte"));
+    EXPECT_EQ(mistakes, loaded.mistakes);
     EXPECT_EQ(longest.substr(11), loaded.options.init_param);
     EXPECT_EQ(hours(3 * 24), loaded.options.retention.leftover_age);
 
     const auto checked = Parse({"--check-config"});
     testing::internal::CaptureStderr();
     EXPECT_EQ(kExitUsage, PrintMistakes(*checked, loaded));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(file_ + ":20: "));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(mistakes.back()));
 }
 
 TEST_F(ConfigTest, AFileThatIsNotThereOrCannotBeRead) {
@@ -117,33 +107,27 @@ TEST_F(ConfigTest, OptionsWinOverTheFileAndTheFileOverTheEnvironment) {
         "[qxpagent]\nsocket=s.sock\nplugin = /p.so\nlog-level: warn\nretention-days=2\nretention-size=3 MiB\n"
         "leftover-days=1\nonline=[::1]:9\nsocket-group=ops\nstore=../x.db\ninit-param=a=b:c=d\n"
         "script-directories=/a:/b/c\nscript-environment=A:b_2\n");
-    Options options = Load({}).options;
-    EXPECT_THAT(options, FieldsAre(installation_.bin / "s.sock", "/p.so", "a=b:c=d", Optional(FieldsAre("::1", "9")),
-                                   "/env.log", "warn", "ops", directory_.Path() / "x.db", ElementsAre("/a", "/b/c"),
-                                   ElementsAre("A", "b_2"), FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
+    EXPECT_THAT(Load({}).options,
+                FieldsAre(installation_.bin / "s.sock", "/p.so", "a=b:c=d", Optional(FieldsAre("::1", "9")), "/env.log",
+                          "warn", "ops", directory_.Path() / "x.db", ElementsAre("/a", "/b/c"), ElementsAre("A", "b_2"),
+                          FieldsAre(hours(48), uint64_t{3} << 20, hours(24))))
         << "the socket is relative to the program's directory";
 
-    options = Load({"--socket", "t.sock", "--log-level", "info", "--online", "", "--retention-size", "4096"}).options;
+    const Options options =
+        Load({"--socket", "t.sock", "--log-level", "info", "--online", "", "--retention-size", "4096"}).options;
     EXPECT_EQ(std::filesystem::current_path() / "t.sock", options.socket) << "relative to the working directory";
     EXPECT_EQ("info", options.log_level);
     EXPECT_FALSE(options.online.has_value());
     EXPECT_EQ(4096U, options.retention.bytes);
     EXPECT_EQ(hours(48), options.retention.age);
 
-    const std::vector<std::pair<std::string, std::string>> wrong = {{"--socket", ""},
-                                                                    {"--script-directories", "/a:b"},
-                                                                    {"--script-directories", "/a::/b"},
-                                                                    {"--script-environment", "A:B C"},
-                                                                    {"--log-level", "Info"},
-                                                                    {"--online", "x:0"},
-                                                                    {"--leftover-days", "1.5"},
-                                                                    {"--retention-size", "MiB"},
-                                                                    {"--verbose", "1"},
-                                                                    {"--retention-size", "9999999999GiB"}};
-    for (const auto& [option, value] : wrong) {
-        EXPECT_FALSE(Parse({option, value}).has_value()) << option;
+    for (const std::string option :
+         {"--socket=", "--script-directories=/a:b", "--script-directories=/a::/b", "--script-environment=A:B C",
+          "--log-level=Info", "--online=x:0", "--leftover-days=1.5", "--retention-size=MiB",
+          "--retention-size=9999999999GiB", "--verbose=1"}) {
+        EXPECT_FALSE(Parse({option}).has_value()) << option;
         EXPECT_EQ(kExitUsage, exit_code_) << option;
-        EXPECT_THAT(error_text_, HasSubstr(option));
+        EXPECT_THAT(error_text_, HasSubstr(option.substr(0, option.find('='))));
     }
 }
 
@@ -174,18 +158,16 @@ TEST_F(ConfigTest, TheDefaultFileNamesEveryKeyAndChangesNothing) {
 
 TEST_F(ConfigTest, TheHandbookAgreesWithTheTableOfSettings) {
     const std::string handbook = ReadFile(QXPAGENT_HANDBOOK);
-    const std::regex row(R"(\n\| `([a-z-]+)` \| (.+) \| (restart|reload) \| )");
-    std::sregex_iterator found(handbook.begin(), handbook.end(), row);
+    const auto rows = [&](const std::string& name, const std::string& value, const std::string& change) {
+        const std::regex row("\n\\| `" + name + "` \\| " + value + " \\| " + change + " \\| ");
+        return std::distance(std::sregex_iterator(handbook.begin(), handbook.end(), row), std::sregex_iterator());
+    };
     for (const Setting& setting : Settings()) {
-        ASSERT_NE(std::sregex_iterator(), found) << "no row for " << setting.name;
-        EXPECT_EQ(setting.name, found->str(1));
-        EXPECT_EQ(setting.reloadable ? "reload" : "restart", found->str(3)) << setting.name;
-        if (*setting.default_value != '\0') {
-            EXPECT_EQ("`" + std::string(setting.default_value) + "`", found->str(2)) << setting.name;
-        }
-        ++found;
+        const std::string value =
+            *setting.default_value != '\0' ? "`" + std::string(setting.default_value) + "`" : ".+";
+        EXPECT_EQ(1, rows(setting.name, value, setting.reloadable ? "reload" : "restart")) << setting.name;
     }
-    EXPECT_EQ(std::sregex_iterator(), found);
+    EXPECT_EQ(std::ssize(Settings()), rows("[a-z-]+", ".+", "[a-z]+"));
 }
 
 TEST_F(ConfigTest, AReloadAppliesWhatItCanAndNamesTheRest) {
@@ -203,23 +185,18 @@ TEST_F(ConfigTest, AReloadAppliesWhatItCanAndNamesTheRest) {
     Write(
         "[qxpagent]\nretention-days=3\nretention-size=1MiB\nleftover-days=9\nlog-level=error\nsocket=/other\n"
         "online=h:1\n");
-    ReloadOutcome outcome = reload();
-    EXPECT_THAT(outcome.applied, ElementsAre("log-level", "retention-days", "retention-size"));
-    EXPECT_THAT(outcome.needs_restart, ElementsAre("socket", "online"));
+    const auto changeable = ElementsAre("log-level", "retention-days", "retention-size");
+    EXPECT_THAT(reload(), FieldsAre(changeable, ElementsAre("socket", "online"), IsEmpty()));
     EXPECT_THAT(noted, ElementsAre(FieldsAre(hours(72), uint64_t{1} << 20, hours(5 * 24))))
         << "the option of the command line comes first";
     EXPECT_FALSE(CLogDebug::Instance()->CheckLogLevel(3));
 
     Write("[qxpagent]\nretention-days=4\nlog-level=loud\n");
-    outcome = reload();
-    EXPECT_THAT(outcome.mistakes, ElementsAre(HasSubstr(":3: ")));
-    EXPECT_THAT(outcome.applied, IsEmpty());
+    EXPECT_THAT(reload(), FieldsAre(IsEmpty(), IsEmpty(), ElementsAre(HasSubstr(":3: "))));
     EXPECT_EQ(1U, noted.size()) << "a file with a mistake changes nothing";
 
     std::filesystem::remove(file_);
-    outcome = reload();
-    EXPECT_THAT(outcome.applied, ElementsAre("log-level", "retention-days", "retention-size"));
-    EXPECT_THAT(outcome.needs_restart, IsEmpty());
+    EXPECT_THAT(reload(), FieldsAre(changeable, IsEmpty(), IsEmpty()));
     EXPECT_EQ(Retention().age, noted.back().age);
     EXPECT_TRUE(CLogDebug::Instance()->CheckLogLevel(2));
 }

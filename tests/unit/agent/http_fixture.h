@@ -1,9 +1,9 @@
 #pragma once
 
-#include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <future>
 #include <nlohmann/json.hpp>
@@ -36,11 +36,10 @@ public:
     }
     std::vector<Report> ListReports(const ReportQuery& query) override {
         ThrowFault();
-        std::unique_lock lock(mutex_);
         report_query = query;
         if (query.wait.count() > 0) {
             waiting.Set();
-            changed_.wait_for(lock, query.wait, [this] { return ended_ || !reports.empty(); });
+            WaitUntil([this] { return changed.IsSet(); }, query.wait);
         }
         return reports;
     }
@@ -68,17 +67,11 @@ public:
         return status;
     }
 
-    /// Adds a report and wakes who waits for one.
+    /// Adds a report and ends what waits for one.
     void AddReport(Report report) {
-        const std::lock_guard lock(mutex_);
         report.cursor = reports.size() + 1;
         reports.push_back(std::move(report));
-        changed_.notify_all();
-    }
-    void EndWaits() {
-        const std::lock_guard lock(mutex_);
-        ended_ = true;
-        changed_.notify_all();
+        changed.Set();
     }
 
     SubmitOutcome submit_outcome;
@@ -95,6 +88,7 @@ public:
     std::atomic<int> running{0};  // calls of RunOnce that wait for the finish
     Happening finish;
     Happening waiting;
+    Happening changed;  // ends every wait for reports
 
 private:
     void ThrowFault() const {
@@ -102,65 +96,59 @@ private:
             throw StoreError(fault);
         }
     }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool ended_ = false;
 };
 
 struct Reply {
-    std::shared_ptr<CURL> curl{curl_easy_init(), curl_easy_cleanup};
-    long status = 0;
-    std::string text;
-
+    explicit Reply(const std::string& answer) {
+        const size_t end = answer.find("\r\n\r\n");
+        if (end != std::string::npos) {
+            status = std::stol(answer.substr(9));
+            head = answer.substr(0, end + 2);
+            text = answer.substr(end + 4);
+        }
+    }
     std::string Type() const { return Header("Content-Type"); }
     std::string Header(const std::string& name) const {
-        curl_header* header = nullptr;
-        return curl_easy_header(curl.get(), name.c_str(), 0, CURLH_HEADER, -1, &header) == CURLHE_OK ? header->value
-                                                                                                     : "";
+        const size_t at = head.find("\r\n" + name + ": ") + name.size() + 4;
+        return head.find("\r\n" + name + ": ") == std::string::npos ? "" : head.substr(at, head.find('\r', at) - at);
     }
     nlohmann::ordered_json Body() const { return nlohmann::ordered_json::parse(text, nullptr, false); }
     std::string Detail() const { return Type() == "application/problem+json" ? Body().value("detail", "") : ""; }
+
+    long status = 0;
+    std::string head;
+    std::string text;
 };
+
+inline void ExpectProblem(const Reply& reply, long status, const std::string& detail) {
+    EXPECT_EQ(status, reply.status) << detail << ": " << reply.text;
+    EXPECT_THAT(reply.Detail(), testing::HasSubstr(detail));
+}
 
 /// The API over a real Unix socket.
 class HttpTest : public testing::Test {
 protected:
-    void Serve(const qxphttp::Limits& limits = {}) {
+    HttpTest() { Serve(); }
+
+    void Serve(const qxphttp::Limits& limits = {}) { Serve(api_, limits); }
+
+    void Serve(Api& api, const qxphttp::Limits& limits = {}) {
+        StopServing();
         listener_ = std::make_unique<qxphttp::UnixListener>(socket_, "agent");
         server_ = std::make_unique<qxphttp::Server>(
-            *listener_, api_, [](qxphttp::Severity, const std::string&) {}, limits);
+            *listener_, api, [](qxphttp::Severity, const std::string&) {}, limits);
     }
-
-    Reply Request(const std::string& method, const std::string& target, const std::string& body = "",
-                  const char* header = nullptr) const {
-        Reply reply;
-        CURL* const curl = reply.curl.get();
-        const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
-            header != nullptr ? curl_slist_append(nullptr, header) : nullptr, curl_slist_free_all);
-        curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
-        curl_easy_setopt(curl, CURLOPT_URL, ("http://agent" + target).c_str());
-        curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_FORBID_REUSE, 1L);
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, AppendBody);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
-        if (method != "GET") {
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-            curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
-        }
-        curl_easy_perform(curl);
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.status);
-        return reply;
+    void StopServing() {
+        server_.reset();
+        listener_.reset();
+    }
+    Reply Request(const std::string& method, const std::string& target, const std::string& body = "") const {
+        const std::string length = method == "GET" ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
+        return Reply(
+            Raw(method + " " + target + " HTTP/1.1\r\nHost: agent\r\nConnection: close\r\n" + length + "\r\n" + body));
     }
     Reply Get(const std::string& target) const { return Request("GET", target); }
     Reply Post(const std::string& target, const std::string& body) const { return Request("POST", target, body); }
-    std::future<Reply> GetLater(const std::string& target) const {
-        return std::async(std::launch::async, [this, target] { return Get(target); });
-    }
 
     int Connect() const {
         sockaddr_un address{};
@@ -172,13 +160,15 @@ protected:
     }
 
     // What a connection of its own answers to these bytes, at most so many.
-    std::string Raw(const std::string& request, size_t most = 100000) const {
+    std::string Raw(const std::string& request, size_t most = SIZE_MAX) const {
         const int fd = Connect();
-        if (!request.empty()) {  // a refused connection may be shut by now
-            EXPECT_EQ(static_cast<ssize_t>(request.size()), send(fd, request.data(), request.size(), MSG_NOSIGNAL));
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL);  // a refused connection may be shut by now
+        std::string answer;
+        std::array<char, 65536> buffer{};
+        for (ssize_t size = 1; size > 0 && answer.size() < most;) {
+            size = recv(fd, buffer.data(), std::min(buffer.size(), most - answer.size()), 0);
+            answer.append(buffer.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
         }
-        std::string answer(most, '\0');
-        answer.resize(static_cast<size_t>(std::max<ssize_t>(0, recv(fd, answer.data(), most, MSG_WAITALL))));
         close(fd);
         return answer;
     }
@@ -189,12 +179,6 @@ protected:
     Api api_{agent_};
     std::unique_ptr<qxphttp::UnixListener> listener_;
     std::unique_ptr<qxphttp::Server> server_;
-
-private:
-    static size_t AppendBody(char* data, size_t size, size_t count, void* reply) {
-        static_cast<Reply*>(reply)->text.append(data, size * count);
-        return size * count;
-    }
 };
 
 }  // namespace qxpagent

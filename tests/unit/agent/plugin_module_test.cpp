@@ -15,31 +15,30 @@ namespace {
 
 // A plugin that records its calls. One at a time: entry points are plain functions.
 struct FakePlugin {
-    std::vector<std::string> calls;
+    std::string calls;
     bool refuse_create = false;
     int initialize_result = 0;
     int start_result = 0;
     bool pipe_signal_blocked = true;
-    Happening run_once_entered;
-    Happening run_once_leave;
+    Gate run_once;
 };
 FakePlugin* g_fake = nullptr;
 
 int Called(const char* name, int result = 0) {
-    g_fake->calls.emplace_back(name);
+    g_fake->calls.append(name).append(" ");
     return result;
 }
 
 PluginEntryPoints FakeEntryPoints() {
     static PluginObjInterface object = {
         [](void* block) {
-            g_fake->calls.emplace_back(static_cast<QxInitBlock*>(block)->pszInitParam == nullptr ? "default" : "given");
+            Called(static_cast<QxInitBlock*>(block)->pszInitParam == nullptr ? "default" : "given");
             return Called("Initialize", g_fake->initialize_result);
         },
         [] { Called("Uninitialize"); },
         [] { return Called("Start", g_fake->start_result); },
         [] { return Called("Stop"); },
-        [] { return g_fake->calls.back() == "Stop" ? 3U : 2U; },
+        [] { return g_fake->calls.ends_with("Stop ") ? 3U : 2U; },
         [](void*) -> void* { return nullptr; },
         [](void*) { Called("SetCtx"); },
         [](void*) { return 0; },
@@ -58,8 +57,7 @@ PluginEntryPoints FakeEntryPoints() {
         sigset_t mask;
         pthread_sigmask(SIG_SETMASK, nullptr, &mask);
         g_fake->pipe_signal_blocked = sigismember(&mask, SIGPIPE) == 1;
-        g_fake->run_once_entered.Set();
-        EXPECT_TRUE(g_fake->run_once_leave.Wait());
+        EXPECT_TRUE(g_fake->run_once.Pass());
         return name == std::string("good.json") ? 0 : -1;
     };
     return entry_points;
@@ -69,7 +67,6 @@ class PluginModuleTest : public testing::Test {
 protected:
     PluginModuleTest() { g_fake = &fake_; }
     ~PluginModuleTest() override { g_fake = nullptr; }
-    using Calls = std::vector<std::string>;
 
     FakePlugin fake_;
     MessageBus bus_;
@@ -88,9 +85,7 @@ TEST_F(PluginModuleTest, GoesThroughItsLifeInOrder) {
         EXPECT_TRUE(plugin.Finish());
         EXPECT_EQ(4U, plugin.Status());
     }
-    EXPECT_EQ(
-        (Calls{"CreateObject", "SetCtx", "default", "Initialize", "Start", "Stop", "Uninitialize", "DestroyObject"}),
-        fake_.calls);
+    EXPECT_EQ("CreateObject SetCtx default Initialize Start Stop Uninitialize DestroyObject ", fake_.calls);
 }
 
 TEST_F(PluginModuleTest, AStepThatFailsUndoesExactlyTheStepsBefore) {
@@ -102,13 +97,11 @@ TEST_F(PluginModuleTest, AStepThatFailsUndoesExactlyTheStepsBefore) {
         return fake_.calls;
     };
     fake_.start_result = -1;
-    EXPECT_EQ(
-        (Calls{"CreateObject", "SetCtx", "given", "Initialize", "Start", "Stop", "Uninitialize", "DestroyObject"}),
-        calls_of_failed_start());
+    EXPECT_EQ("CreateObject SetCtx given Initialize Start Stop Uninitialize DestroyObject ", calls_of_failed_start());
     fake_.initialize_result = -2;
-    EXPECT_EQ((Calls{"CreateObject", "SetCtx", "given", "Initialize", "DestroyObject"}), calls_of_failed_start());
+    EXPECT_EQ("CreateObject SetCtx given Initialize DestroyObject ", calls_of_failed_start());
     fake_.refuse_create = true;
-    EXPECT_EQ((Calls{"CreateObject"}), calls_of_failed_start());
+    EXPECT_EQ("CreateObject ", calls_of_failed_start());
 }
 
 TEST_F(PluginModuleTest, RunningOnceDelaysTheEndAndIsRefusedAfterTheStop) {
@@ -124,11 +117,11 @@ TEST_F(PluginModuleTest, RunningOnceDelaysTheEndAndIsRefusedAfterTheStop) {
         EXPECT_TRUE(sigismember(&pipe, SIGPIPE)) << "the caller's mask is restored";
         return accepted;
     });
-    ASSERT_TRUE(fake_.run_once_entered.Wait());
+    ASSERT_TRUE(fake_.run_once.reached.Wait());
     plugin.Stop();
     EXPECT_EQ(std::nullopt, plugin.RunOnce("good.json"));
     auto finish = std::async(std::launch::async, [&] { return plugin.Finish(); });
-    fake_.run_once_leave.Set();
+    fake_.run_once.open.Set();
     EXPECT_TRUE(finish.get());
     EXPECT_EQ(std::optional<bool>(true), run.get());
     EXPECT_FALSE(fake_.pipe_signal_blocked) << "scripts would inherit it";

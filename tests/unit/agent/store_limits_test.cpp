@@ -1,4 +1,4 @@
-// What the store does about its limits: retention, no room, a lock of another process.
+// What the store does about its limits: retention, no room, a lock of another process; a file damaged, or not ours.
 #include <gmock/gmock.h>
 
 #include <thread>
@@ -10,6 +10,7 @@ namespace qxpagent {
 namespace {
 
 using std::chrono::hours;
+using testing::FieldsAre;
 
 TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     const WallTime now = std::chrono::system_clock::now();
@@ -23,7 +24,6 @@ TEST_F(StoreTest, RetentionTakesTheAcknowledgedFirstAndNeverAnOpenCommand) {
     const uint64_t rest = store_->Bytes() - 4000;
 
     // How many commands, reports, and of these unacknowledged ones are removed.
-    using testing::FieldsAre;
     EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 2500}, now), FieldsAre(0U, 2U, 0U));
     EXPECT_EQ((List{1, 3}), Cursors());
     EXPECT_THAT(store_->Retain({.age = hours(1), .bytes = rest + 1500}, now), FieldsAre(0U, 1U, 1U));
@@ -54,7 +54,6 @@ TEST_F(StoreTest, AFullStoreRefusesNewWorkAndKeepsWhatIsThere) {
     options_.max_bytes = 300000;
     Open();
     Deliver("c");
-    const std::string text = ResultText("c", RunText("a", "t", "f"));
     size_t stored = 0;
     const auto fill = [&] {
         for (; stored < 100; ++stored) {
@@ -68,14 +67,14 @@ TEST_F(StoreTest, AFullStoreRefusesNewWorkAndKeepsWhatIsThere) {
     CommandRecord record;
     EXPECT_THROW(store_->Admit(big, record), StoreFullError);
     EXPECT_FALSE(store_->FindCommand("big").has_value());
-    EXPECT_NE(std::string::npos, store_->Figures().fault.find("no room")) << store_->Figures().fault;
+    EXPECT_THAT(store_->Figures().fault, testing::HasSubstr("no room"));
     EXPECT_EQ(CommandState::kDelivered, Find("c").state);
     EXPECT_EQ("document of c", store_->CommandText("c"));
 
     store_->Retain({.bytes = 100000}, std::chrono::system_clock::now());
     store_->Probe();
     EXPECT_EQ("", store_->Figures().fault);
-    EXPECT_NE(0U, Append(text));
+    EXPECT_NE(0U, Append(ResultText("c", RunText("a", "t", "f"))));
     EXPECT_EQ(CommandState::kReported, Find("c").state);
 }
 
@@ -94,6 +93,93 @@ TEST_F(StoreTest, ALockedStoreRefusesAndGoesOnAfterwards) {
     std::thread leaving([&] { store_.reset(); });
     EXPECT_NO_THROW(Store next(options_)) << "one that is about to end is waited for";
     leaving.join();
+}
+
+class StoreFileTest : public StoreTest {
+protected:
+    // The sizes of the files that were set aside.
+    List Aside() const {
+        List sizes;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.Path())) {
+            if (entry.path().string().find("corrupt-") != std::string::npos) {
+                sizes.push_back(entry.file_size());
+            }
+        }
+        return sizes;
+    }
+    void AppendMany() {
+        for (int i = 0; i < 50; ++i) {
+            Append(ResultText("c", std::string(3000, ' ')));
+        }
+    }
+    void ExpectRefusal(const char* why) const {
+        EXPECT_THAT([this] { Store{options_}; },
+                    testing::ThrowsMessage<qxpbase::StartupError>(testing::HasSubstr(why)));
+    }
+};
+
+TEST_F(StoreFileTest, ADamagedStoreIsSetAsideWhole) {
+    AppendMany();
+    store_.reset();
+    const std::string good = ReadFile(options_.path);
+    List aside;
+    // No database at all, a page of it, pages near its end.
+    for (const auto& [from, to] :
+         {std::pair<size_t, size_t>{0, 100}, {4096, 8192}, {good.size() / 4096 / 2 * 4096, good.size()}}) {
+        std::string bad = good;
+        for (size_t i = from; i < to; ++i) {
+            bad[i] = static_cast<char>(i * 31);
+        }
+        directory_.Write("agent.db", bad);
+        Open();
+        EXPECT_EQ(List{}, Cursors()) << from;
+        EXPECT_EQ(1U, Append("{}"));
+        store_.reset();
+        aside.push_back(good.size());
+        ASSERT_EQ(aside, Aside()) << from;
+    }
+}
+
+TEST_F(StoreFileTest, DamageThatIsMetMakesTheNextStartCheckAllOfIt) {
+    const auto suspect = [&] { return std::filesystem::exists(directory_ / "agent.db.suspect"); };
+    StoreReport(*store_, ReportOf("large", std::string(size_t{32} << 20, ' ')), {});
+    AppendMany();
+    options_.check_for = std::chrono::milliseconds(1);  // far from enough for all of it
+    Open();
+    {
+        std::fstream file(options_.path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(-8 * 4096, std::ios::end);
+        file << std::string(8 * 4096, 'Z');
+    }
+    EXPECT_THROW(Cursors({.id = "c"}), StoreError);
+    EXPECT_TRUE(suspect());
+    Open();
+    EXPECT_EQ(1U, Aside().size());
+    EXPECT_FALSE(suspect());
+    directory_.Write("agent.db.suspect", "");
+    Open();
+    EXPECT_EQ(1U, Aside().size());
+    EXPECT_FALSE(suspect()) << "nothing was found";
+}
+
+TEST_F(StoreFileTest, WhatIsNotOursToReplaceIsLeftAlone) {
+    store_.reset();
+    const auto execute = [this](const char* statement) {
+        SQLite::Database(options_.path.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec(statement);
+    };
+    execute("PRAGMA user_version=99");
+    ExpectRefusal("newer");
+    options_.path = directory_.Path() / "other.db";
+    execute("CREATE TABLE t(x)");
+    const std::string content = ReadFile(options_.path);
+    ExpectRefusal("another program");
+    EXPECT_EQ(content, ReadFile(options_.path)) << "not a byte of it is changed";
+    options_.path = directory_.Path() / "nowhere" / "agent.db";
+    ExpectRefusal("--store");
+    options_.path = directory_.Path() / "directory.db";
+    std::filesystem::create_directory(options_.path);
+    ExpectRefusal("directory.db");
+    EXPECT_EQ(List{}, Aside());
 }
 
 }  // namespace

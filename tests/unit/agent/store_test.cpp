@@ -50,19 +50,13 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     EXPECT_EQ(Admission::kNew, store_->Admit(CommandOf("c"), record));
     EXPECT_EQ(CommandState::kReceived, record.state);
     EXPECT_EQ("document of c", store_->CommandText("c"));
-    EXPECT_EQ(1U, store_->ScriptsWithoutResult().queued);
-    EXPECT_EQ(0U, store_->ScriptsWithoutResult().unreported);
-    EXPECT_EQ(Admission::kKnown, store_->Admit(CommandOf("c"), record));
-    NewCommand other = CommandOf("c");
-    other.sha256 = "another";
-    EXPECT_EQ(Admission::kConflict, store_->Admit(other, record));
+    EXPECT_THAT(store_->ScriptsWithoutResult(), FieldsAre(1U, 0U));
 
     uint64_t sequence = record.sequence;
     const auto grows = [&] { return std::exchange(sequence, Find("c").sequence) < sequence; };
     EXPECT_TRUE(store_->MarkDelivered("c"));
     EXPECT_TRUE(grows());
-    EXPECT_EQ(0U, store_->ScriptsWithoutResult().queued);
-    EXPECT_EQ(1U, store_->ScriptsWithoutResult().unreported);
+    EXPECT_THAT(store_->ScriptsWithoutResult(), FieldsAre(0U, 1U));
     EXPECT_FALSE(store_->MarkDelivered("c")) << "never twice";
     store_->MarkReceived("c");
     EXPECT_TRUE(grows());
@@ -72,7 +66,6 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
     EXPECT_EQ(1U, store_->Interrupt("c", "power \"cut\""));
     EXPECT_TRUE(grows());
     EXPECT_FALSE(store_->Interrupt("c", "again").has_value());
-    EXPECT_TRUE(grows() || Find("c").sequence == sequence);
     store_->Refuse("c", "late");
     Append(ResultText("c", RunText("a", "t", "f")));
     EXPECT_THAT(Find("c"),
@@ -83,10 +76,6 @@ TEST_F(StoreTest, ACommandIsAdmittedOnceAndEndsOnce) {
                                                     R"({"ID":"c","msg_type":"5","data_type":"CommandInterrupted",)"
                                                     R"("data":{"reason":"power \"cut\"","unreported":["a"]}})")));
 
-    Deliver("gone");
-    store_->Withdraw("gone");
-    EXPECT_FALSE(store_->FindCommand("gone").has_value());
-    EXPECT_EQ(Admission::kNew, store_->Admit(CommandOf("gone"), record)) << "as if it had never been there";
     store_->Withdraw("c");
     EXPECT_TRUE(store_->FindCommand("c").has_value()) << "a final state is never taken back";
 }
@@ -108,42 +97,23 @@ TEST_F(StoreTest, ResultsAreCountedOnceEachAndEqualScriptIdsSeparately) {
     EXPECT_TRUE(Find("c").finished.has_value());
     EXPECT_EQ(Names{}, Find("c").unreported);
     EXPECT_EQ(5U, Cursors().size()) << "every report is kept, counted or not";
-
-    Deliver("r");
-    Append(R"({"ID":"r","msg_type":"4","data_type":"RunScriptNormal"})");
-    EXPECT_EQ(CommandState::kRefused, Find("r").state);
-    EXPECT_EQ("too many", Find("r").reason);
-
-    Deliver("nothing to run", {});
-    EXPECT_EQ(CommandState::kDelivered, Find("nothing to run").state);
-    store_->FinishIfReported("nothing to run");
-    EXPECT_EQ(CommandState::kReported, Find("nothing to run").state);
 }
 
 TEST_F(StoreTest, AStateOfAFileIsStoredOnce) {
-    Deliver("c", {"a", "b"});
-    const std::string text = ResultText("c", RunText("a", "t", "f"));
-    Report report = ReportOf("c", text);
-    report.source = ReportSource::kFile;
-    report.file = "c1.json";
     const auto append = [&](int64_t modified, const char* sha256) {
-        return store_->Append(report, text, ReadReport(text), FileMark{"c1.json", modified, text.size(), sha256})
-            .cursor;
+        return store_->Append(ReportOf("c"), "{}", {}, FileMark{"c1.json", modified, 2, sha256}).cursor;
     };
     EXPECT_EQ(1U, append(5, "sha"));
     EXPECT_EQ(0U, append(5, "sha"));
     EXPECT_EQ(2U, append(6, "sha"));
     EXPECT_EQ(3U, append(5, "other"));
-    EXPECT_EQ(Names{"b"}, Find("c").unreported) << "the run counts once";
-    EXPECT_EQ("c1.json", store_->ListReports({.source = ReportSource::kFile}).at(0).file);
-    EXPECT_TRUE(store_->HasFile("c1.json", 6, text.size()));
-    EXPECT_FALSE(store_->HasFile("c1.json", 7, text.size()));
-
+    EXPECT_TRUE(store_->HasFile("c1.json", 6, 2));
+    EXPECT_FALSE(store_->HasFile("c1.json", 7, 2));
     const WallTime later = std::chrono::system_clock::now() + hours(1);
     store_->ForgetFiles(later, {"c1.json"});
-    EXPECT_TRUE(store_->HasFile("c1.json", 6, text.size()));
+    EXPECT_TRUE(store_->HasFile("c1.json", 6, 2));
     store_->ForgetFiles(later, {});
-    EXPECT_FALSE(store_->HasFile("c1.json", 6, text.size()));
+    EXPECT_FALSE(store_->HasFile("c1.json", 6, 2));
 }
 
 TEST_F(StoreTest, ListsAreBoundedInNumberAndSize) {
@@ -198,21 +168,20 @@ TEST_F(StoreTest, AWaitEndsWithAMatchItsTimeOrTheStop) {
     play("ping", "pong", true);
     other.join();
 
-    std::atomic<pid_t> waiter{0};
-    auto delivered = std::async(std::launch::async, [&] {
-        waiter = gettid();
-        return store_->ListCommands({.state = CommandState::kDelivered, .wait = DEADLINE}).size();
-    });
-    EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(waiter); }));
+    const auto wait = [](const auto& query) {
+        std::atomic<pid_t> waiter{0};
+        auto found = std::async(std::launch::async, [&waiter, query] {
+            waiter = gettid();
+            return query();
+        });
+        EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(waiter); }));
+        return found;
+    };
+    auto delivered =
+        wait([&] { return store_->ListCommands({.state = CommandState::kDelivered, .wait = DEADLINE}).size(); });
     Deliver("c");
     EXPECT_EQ(1U, delivered.get());
-
-    waiter = 0;
-    auto stopped = std::async(std::launch::async, [&] {
-        waiter = gettid();
-        return Cursors({.id = "never", .wait = 2 * DEADLINE});
-    });
-    EXPECT_TRUE(WaitUntil([&] { return ThreadSleeps(waiter); }));
+    auto stopped = wait([&] { return Cursors({.id = "never", .wait = 2 * DEADLINE}); });
     store_->StopWaiting();
     EXPECT_EQ(std::future_status::ready, stopped.wait_for(DEADLINE));
     EXPECT_EQ(List{}, stopped.get());

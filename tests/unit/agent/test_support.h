@@ -25,6 +25,16 @@ private:
     std::atomic<bool> set_{false};
 };
 
+/// Where a thread is held: it says that it is there, and goes on once the gate is open.
+struct Gate {
+    bool Pass() {
+        reached.Set();
+        return open.Wait();
+    }
+    Happening reached;
+    Happening open;
+};
+
 struct Received {
     GUID sender;
     long type;

@@ -1,7 +1,6 @@
 // The agent's client and the commands that send, against a server that answers as told.
 
 #include "ctl/client/agent_client.h"
-#include "ctl/client/results.h"
 #include "tests/unit/ctl/fake_journal.h"
 
 namespace qxpctl {
@@ -10,39 +9,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-Report ReportOf(uint64_t cursor, const Json& document) {
-    Report report;
-    report.cursor = cursor;
-    report.content = document;
-    return report;
-}
-
-TEST(ResultCollectorTest, DocumentsOfAnyShapeAreSurvivedAndAddNothing) {
-    ResultCollector collector("p", {"a"});
-    Json no_text = ResultDocument("p", {RunEntry("a", "1", "")});
-    no_text["data"]["result"][0]["scriptid"] = 1;
-    uint64_t cursor = 0;
-    for (const Json& document :
-         {Json(), Json(7), Json::array({1}), Json{{"ID", 1}}, Json{{"ID", "p"}, {"msg_type", "1"}},
-          Json{{"ID", "p"}, {"msg_type", "1"}, {"data", "x"}},
-          Json{{"ID", "p"}, {"msg_type", "1"}, {"data", {{"result", 1}}}}, Json{{"ID", "p"}, {"msg_type", 4}},
-          ResultDocument("p", {Json(1), Json::object()}), no_text, Refusal("other"), Interruption("other", "x")}) {
-        EXPECT_THAT(collector.Add(ReportOf(++cursor, document)), IsEmpty()) << document;
-    }
-    EXPECT_FALSE(collector.Refused() || collector.Interrupted());
-    collector.Add(ReportOf(++cursor, Refusal("p")));
-    EXPECT_TRUE(collector.Refused());
-    collector.Add(ReportOf(++cursor, Json{{"ID", "p"}, {"msg_type", "5"}, {"data", 7}}));
-    EXPECT_TRUE(collector.Interrupted());
-}
-
 TEST_F(AgentTest, AnAgentThatIsNotThereIsSaidInOneLine) {
-    const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
-    EXPECT_THAT(RunTool({"submit", "--socket", Socket(), policy}), Ends(3, Has(Socket(), "start qxpagent")));
+    EXPECT_THAT(RunTool({"submit", "--socket", Socket(), PolicyFile()}), Ends(3, Has(Socket(), "start qxpagent")));
     {
         const FakeAgent left_behind(Socket(), [](const auto&) { return std::nullopt; });
     }
-    EXPECT_THAT(RunTool({"--socket", Socket(), "submit", policy}), Ends(3, HasSubstr("nothing answers on")));
+    EXPECT_THAT(RunTool({"--socket", Socket(), "submit", PolicyFile()}), Ends(3, HasSubstr("nothing answers on")));
     EXPECT_EQ(RunTool(RunCommand({directory_.Write("a.sh", "echo")})).code, 3);
 }
 
@@ -85,12 +57,10 @@ TEST_F(AgentTest, AnswersThatNoAgentGivesAreNamedAsSuch) {
     }
     // Text that an answer brings stays on its line.
     answer = FakeAgent::Answer(400, R"({"detail":"a\u001b[31m\nb"})");
-    EXPECT_THAT(RunTool({"submit", directory_.Write("p.json", R"({"ID":"p"})")}).remarks,
-                HasSubstr("a\\x1b[31m\\x0ab"));
+    EXPECT_THAT(RunTool({"submit", PolicyFile()}).remarks, HasSubstr("a\\x1b[31m\\x0ab"));
 }
 
 TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
-    const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
     const std::tuple<int, int, const char*> cases[] = {
         {400, 2, "the agent refuses: in its words."},
         {409, 2, "in its words; pack it with another ID"},
@@ -106,38 +76,23 @@ TEST_F(AgentTest, EachRefusalOfACommandHasItsExitCodeAndTheAgentsOwnWords) {
         if (status == 503) {
             answer.insert(answer.find("Content-Length"), "Retry-After: 9\r\n");
         }
-        EXPECT_THAT(Run([&](const auto&) { return answer; }, {"submit", policy}), Ends(code, HasSubstr(remark), ""))
+        EXPECT_THAT(Run([&](const auto&) { return answer; }, {"submit", PolicyFile()}),
+                    Ends(code, HasSubstr(remark), ""))
             << status;
     }
-    EXPECT_THAT(Run([&](const auto&) { return FakeAgent::Answer(413, "<html>"); }, {"submit", policy}).remarks,
+    EXPECT_THAT(
+        Run([](const auto&) { return FakeAgent::Answer(404, R"({"detail":"No such command."})"); }, {"show", "x"}),
+        Ends(2, HasSubstr("No such command.")));
+    EXPECT_THAT(Run([&](const auto&) { return FakeAgent::Answer(413, "<html>"); }, {"submit", PolicyFile()}).remarks,
                 HasSubstr("the agent refuses: status 413"));
 }
 
 TEST_F(AgentTest, SubmitTellsWhatBecameOfThePolicy) {
-    const std::string policy = directory_.Write("p.json", R"({"ID":"p"})");
-    EXPECT_THAT(Run(FakeJournal(), {"submit", policy}), Ends(0, "qxpctl: taken, delivered\n", "p\n"));
-    EXPECT_THAT(Run(FakeJournal({}, {.state = "reported", .status = 200}), {"submit", policy}).remarks,
+    EXPECT_THAT(Run(FakeJournal(), {"submit", PolicyFile()}), Ends(0, "qxpctl: taken, delivered\n", "p\n"));
+    EXPECT_THAT(Run(FakeJournal({}, {.state = "reported", .status = 200}), {"submit", PolicyFile()}).remarks,
                 HasSubstr("known already, reported"));
-    EXPECT_THAT(Run(FakeJournal({}, {.state = "refused", .reason = "too many"}), {"submit", "--json", policy}),
+    EXPECT_THAT(Run(FakeJournal({}, {.state = "refused", .reason = "too many"}), {"submit", "--json", PolicyFile()}),
                 Ends(1, _, Has(R"("taken":true)", R"("state":"refused")", R"("reason":"too many")")));
-}
-
-TEST_F(AgentTest, AnIdThatTheAgentWouldNotTakeIsNotSent) {
-    const std::pair<std::string, const char*> cases[] = {
-        {std::string(128, 'i'), "the agent refuses: it was asked"},
-        {"\xC3\xA9", "the agent refuses: it was asked"},
-        {"a\"", "'\"'"},
-        {std::string(129, 'i'), "p.json has no usable \"ID\": it is longer than 128 bytes"},
-        {"", "it is empty"},
-        {"a/b", "holds '/'"},
-        {"a\nb", "control character"},
-    };
-    for (const auto& [id, remark] : cases) {
-        const std::string policy = directory_.Write("p.json", Json{{"ID", id}, {"Command", "Reboot"}}.dump());
-        EXPECT_THAT(
-            Run([](const auto&) { return FakeAgent::Answer(400, R"({"detail":"it was asked"})"); }, {"submit", policy}),
-            Ends(2, HasSubstr(remark)));
-    }
 }
 
 }  // namespace

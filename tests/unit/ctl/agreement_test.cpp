@@ -78,9 +78,7 @@ TEST_F(AgreementTest, OnScriptsOfEveryKind) {
         add([&other](Json& script) { script["sign"] = other; });
     }
     std::string upper = sign;
-    for (char& digit : upper) {
-        digit = static_cast<char>(toupper(digit));
-    }
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     add([&upper](Json& script) { script["sign"] = upper; });
     list.push_back(7);
     list.push_back(Json::array({good}));

@@ -118,12 +118,12 @@ TEST_F(DoctorTest, EveryBadKeyIsNamed) {
 TEST_F(DoctorTest, TheAgentsOwnWordsOnItsConfigurationArePassedOn) {
     Program("#!/bin/sh\n[ \"$*\" = --check-config ] && echo 'line 2: bad' && echo 'line 3: no such key' >&2\nexit 1\n");
     EXPECT_THAT(Texts(Examine(), "fail", "configuration"), Has("line 2: bad; mend it", "line 3: no such key; mend it"));
-    Program("#!/bin/sh\nexit 1\n");
-    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("does not say why"));
-    Program("#!/bin/sh\nkill -SEGV $$\n");
-    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("killed by signal 11"));
-    Program("#!/nowhere/sh\n");
-    EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr("cannot be run"));
+    for (const auto& [script, words] : {std::pair{"#!/bin/sh\nexit 1\n", "does not say why"},
+                                        {"#!/bin/sh\nkill -SEGV $$\n", "killed by signal 11"},
+                                        {"#!/nowhere/sh\n", "cannot be run"}}) {
+        Program(script);
+        EXPECT_THAT(Texts(Examine(), "fail", "configuration"), HasSubstr(words));
+    }
     std::filesystem::remove(directory_ / "bin/qxpagent");
     EXPECT_NE(Texts(Examine(), "fail", "configuration"), "");
 }

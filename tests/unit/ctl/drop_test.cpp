@@ -25,7 +25,8 @@ protected:
 TEST_F(DropTest, AFileGetsItsNameOnlyOnceItIsComplete) {
     const std::string policy = Policy("a.json", "a");
     const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    ASSERT_GE(inotify_add_watch(watch, (directory_ / "in").c_str(), IN_ALL_EVENTS), 0);
+    constexpr uint32_t kChanges = IN_ALL_EVENTS & ~(IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE);
+    ASSERT_GE(inotify_add_watch(watch, (directory_ / "in").c_str(), kChanges), 0);
     ASSERT_EQ(Drop({policy}).code, 0);
     EXPECT_EQ(ReadFile(directory_ / "in/a.json"), ReadFile(policy));
 
@@ -38,26 +39,23 @@ TEST_F(DropTest, AFileGetsItsNameOnlyOnceItIsComplete) {
         inotify_event event{};
         memcpy(&event, events.data() + at, sizeof(event));
         const char* const name = events.data() + at + sizeof(event);
-        if (event.len > 0 && std::string(name) == "a.json") {
+        if (event.len > 0 && std::string(name).ends_with(".json")) {
+            EXPECT_STREQ(name, "a.json");
             of_name |= event.mask;
-        } else if (event.len > 0) {
-            EXPECT_FALSE(std::string(name).ends_with(".json")) << name;
         }
         at += static_cast<ssize_t>(sizeof(event) + event.len);
     }
-    EXPECT_EQ(of_name & (IN_ALL_EVENTS & ~(IN_OPEN | IN_ACCESS | IN_CLOSE_NOWRITE)), uint32_t{IN_MOVED_TO});
+    EXPECT_EQ(of_name, uint32_t{IN_MOVED_TO});
 }
 
 TEST_F(DropTest, OneBadFileKeepsAllOut) {
     const std::string good = Policy("good", "good");
     const std::pair<std::string, const char*> cases[] = {
         {directory_.Write("text.json", "not"), "is not a JSON document"},
-        {directory_.Write("cut.json", R"({"ID":"a","param":)"), "is not a JSON document"},
         {directory_.Write("nul.json", std::string(R"({"ID":"a"})") + '\0'), "NUL byte"},
         {directory_.Write("empty.json", ""), "is empty"},
         {directory_.Write("none.json", R"({"ID":"a","param":{"scriptinfo":[]}})"), "no list of scripts"},
         {Policy("id.json", ""), "no usable \"ID\""},
-        {Policy("slash.json", "a/b"), "no usable \"ID\""},
         {directory_ / "missing.json", "No such file"},
         {Policy("good.json", "other"), "would get the same name"},
     };
@@ -86,12 +84,11 @@ TEST_F(DropTest, AWaitingFileIsReplacedOnlyWhenAsked) {
 
 TEST_F(DropTest, TheAgentIsAskedForTheDirectory) {
     std::filesystem::create_directory(directory_ / "once");
-    const auto status = [&](const FakeAgent::Request&) {
-        Json document = FakeJournal::StatusObject(0, 0);
-        document["policy_directory"] = directory_ / "in";
-        document["process_directory"] = directory_ / "once";
-        return FakeAgent::Answer(200, document.dump());
-    };
+    Json document = FakeJournal::StatusObject(0, 0);
+    document["policy_directory"] = directory_ / "in";
+    document["process_directory"] = directory_ / "once";
+    const Json no_health;
+    const auto status = Saying(document, no_health);
     EXPECT_EQ(Run(status, {"drop", Policy("a.json", "a")}).code, 0);
     EXPECT_THAT(Dropped(), ElementsAre("a.json"));
     // A run-once policy has its name for an ID.

@@ -137,15 +137,16 @@ protected:
     ~AgentTest() override { unsetenv("QXPAGENT_SOCKET"); }
 
     std::string Socket() const { return directory_ / "agent.sock"; }
+    /// The file of a policy "p" that is fit to be sent.
+    std::string PolicyFile() const { return directory_.Write("p.json", R"({"ID":"p"})"); }
 
     /// The arguments that run a script through the whole command.
-    std::vector<std::string> RunCommand(const std::vector<std::string>& more) const {
+    std::vector<std::string> RunCommand(std::vector<std::string> more) const {
         if (!std::filesystem::exists(directory_ / "k.key.pem")) {
             EXPECT_EQ(RunTool({"keygen", "--out", directory_ / "k"}).code, 0);
         }
-        std::vector<std::string> arguments{"run", "--key", directory_ / "k.key.pem"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return arguments;
+        more.insert(more.begin(), {"run", "--key", directory_ / "k.key.pem"});
+        return more;
     }
     /// Runs a sub-command against a fake agent of its own.
     ToolResult Run(const FakeAgent::Handler& handler, const std::vector<std::string>& arguments,

@@ -19,32 +19,20 @@ TEST(ScriptArgumentTest, WrongAttributesAreRefusedWithTheirName) {
         {"a,b.sh", "'b.sh' is not of the form"},
         {"a,colour=red", "no attribute 'colour'"},
         {"a,id=x,id=y", "'id=' is given twice"},
-        {"a,type=", "the type ''"},
-        {"a,type=../x", "the type '../x'"},
         {"a,type=py", "none of sh, exe, bat, vbs and zip"},
-        {"a,id=", "is empty"},
         {"a,id=x/y", "holds '/'"},
-        {"a,id=x\ny", "control character"},
-        {"a,id=\xFF", "not UTF-8"},
         {"a,timeout=30s", "time-out '30s'"},
         {"a,timeout=-1", "time-out '-1'"},
         {"a,timeout=", "time-out ''"},
         {"a,timeout=4294968", "time-out '4294968'"},
         {"a,action=4294967296", "action '4294967296'"},
-        {"a,path=opt/x", "not an absolute path"},
-        {"a,path=/opt/../etc", "holds '..'"},
-        {"a,path=/opt/..", "holds '..'"},
         {"a,path=/opt/$(reboot)", "than letters"},
-        {"a,path=/opt/a b", "than letters"},
         {"a,check=one\ntwo", "check marker"},
     };
     for (const auto& [argument, fault] : cases) {
         EXPECT_THAT([&text = argument] { ParseScriptArgument(text); }, ThrowsMessage<BadInput>(HasSubstr(fault)))
             << argument;
     }
-    EXPECT_NO_THROW(ParseScriptArgument("a,id=" + std::string(128, 'i')));
-    EXPECT_THROW(ParseScriptArgument("a,id=" + std::string(129, 'i')), BadInput);
-    EXPECT_NO_THROW(ParseScriptArgument("a,path=/opt/..x/a_b@c+d=e\\,f-g"));
     const ScriptArgument escaped = ParseScriptArgument("C:\\new\\\\x\\,y,id=a=b");
     EXPECT_EQ(escaped.file, "C:\\new\\x,y");
     EXPECT_EQ(escaped.attributes.id, "a=b");
@@ -54,13 +42,13 @@ TEST(ScriptTypeTest, IsToldFromTheInterpreterTheNameAndThePermissions) {
     const auto guess = [](const char* name, const char* content, bool executable = false) -> std::string {
         return GuessType(name, {content, executable});
     };
-    EXPECT_EQ(guess("a", "#!/bin/sh -e\necho"), "sh");
-    EXPECT_EQ(guess("a", "#! /usr/bin/env -S X=1 bash -e\n"), "sh");
-    EXPECT_EQ(guess("a", "#!/bin/dash"), "sh");
+    for (const char* const content : {"#!/bin/sh -e\necho", "#! /usr/bin/env -S X=1 bash -e\n", "#!/bin/dash"}) {
+        EXPECT_EQ(guess("a", content), "sh") << content;
+    }
     EXPECT_EQ(guess("a.sh", "echo"), "sh");
-    EXPECT_EQ(guess("a", "#!/bin/zsh\n"), "exe");
-    EXPECT_EQ(guess("a", "#!/usr/bin/env python3\n"), "exe");
-    EXPECT_EQ(guess("a", "\177ELF\2"), "exe");
+    for (const char* const content : {"#!/bin/zsh\n", "#!/usr/bin/env python3\n", "\177ELF\2"}) {
+        EXPECT_EQ(guess("a", content), "exe") << content;
+    }
     EXPECT_EQ(guess("a", "anything", true), "exe");
     EXPECT_THROW(guess("a", "echo #!/bin/sh"), BadInput);
     EXPECT_THROW(guess("a.txt", "#!"), BadInput);
@@ -119,16 +107,12 @@ TEST_F(InputTest, EachUnusableScriptOrKeyGetsOneLineThatNamesIt) {
     Shell("openssl genpkey -algorithm ed25519 -aes256 -pass pass:x -out locked.pem");
     const std::string key = "k.key.pem";
     for (const auto& [signer, script, fault] :
-         std::vector<std::array<std::string, 3>>{{key, "missing.sh", "missing.sh: No such file"},
-                                                 {key, "empty.sh", "empty.sh is empty"},
-                                                 {key, "directory", "directory is a directory"},
+         std::vector<std::array<std::string, 3>>{{key, "empty.sh", "empty.sh is empty"},
                                                  {key, "fifo", "fifo is not a regular file"},
                                                  {key, "large.sh", "large.sh is larger than 39321600 bytes"},
                                                  {key, "nul.sh", "nul.sh holds a NUL byte"},
                                                  {key, "unknown", "type=sh or type=exe"},
-                                                 {"missing.pem", "a.sh", "missing.pem: No such file"},
                                                  {"a.sh", "a.sh", "a.sh is not a private key"},
-                                                 {"k.pub.pem", "a.sh", "k.pub.pem is a public key"},
                                                  {"long.pem", "a.sh", "2048 bits"},
                                                  {"three.pem", "a.sh", "exponent 65537"},
                                                  {"x25519.pem", "a.sh", "X25519"},
@@ -159,20 +143,18 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
         {{"pack", script}, "--key"},
         {{"pack", "--key", key}, "SCRIPT"},
         {{"pack", "--key", key, "--id=", script}, "'--id=' has no value"},
-        {{"pack", "--key", key, "--id", "", script}, "policy ID '' is empty"},
         {{"pack", "--key", key, "--id", "a/b", script}, "policy ID 'a/b'"},
         {{"pack", "--key", key, "--command", "Reboot", script}, "'Reboot' is none of"},
         {{"pack", "--key", key, "--timeout", "soon", script}, "time-out 'soon'"},
         {{"verify", script}, "--trust-dir"},
+        {{"verify", "--key", directory_ / "k.pub.pem", script}, "a.sh is not a JSON document"},
         {{"verify", "--key", key, script}, "is a private key"},
         {{"keygen", "--scheme", "dsa", "--out", script}, "dsa"},
         {{"run", "--key", key, script + ",type=zip"}, "runs no scripts of the type 'zip'"},
         {{"run", "--key", key, "--wait", "1h", script}, "--wait"},
         {{"submit", script}, "a.sh is not a JSON document"},
-        {{"watch", "--wait", "1h"}, "--wait"},
-        {{"pack", "--key", key, "--type", "py", script}, "the type 'py'"},
+        {{"submit", directory_.Write("id.json", R"({"ID":"a/b"})")}, "id.json has no usable \"ID\": it holds '/'"},
         {{"runonce", ".."}, "names a directory"},
-        {{"runonce", "a\xC2\x85.json"}, "control character"},
         {{"drop", "--process", "--directory", directory_ / ".", directory_.Write("a\"b.json", "{}")},
          "ID of the results"},
         {{"results", "p", "--raw", "1"}, "ID"},
@@ -187,11 +169,10 @@ TEST_F(InputTest, WrongOptionsSayWhatIsWrongAndWhereToLook) {
 
 TEST_F(InputTest, AnOutputFileIsReplacedWholeOrNotAtAll) {
     const std::string policy = directory_.Write("policy.json", "old");
-    const std::vector<std::string> pack{"pack", "--json", "--key", directory_ / "k.key.pem", directory_ / "a.sh", "-o"};
-    const auto to = [&pack](const std::string& file) {
-        std::vector<std::string> arguments = pack;
-        arguments.push_back(file);
-        return arguments;
+    const std::string key = directory_ / "k.key.pem";
+    const std::string script = directory_ / "a.sh";
+    const auto to = [&](const std::string& file) -> std::vector<std::string> {
+        return {"pack", "--json", "--key", key, script, "-o", file};
     };
     const auto names = Names(directory_.Path());
     EXPECT_EQ(RunToolWithFileLimit(100, to(policy)), 5);
@@ -204,7 +185,7 @@ TEST_F(InputTest, AnOutputFileIsReplacedWholeOrNotAtAll) {
     EXPECT_TRUE(std::filesystem::is_symlink(directory_ / "link.json"));
     EXPECT_EQ(Json::parse(ReadFile(policy))["ID"], Json::parse(summary.output)["id"]);
 
-    EXPECT_THAT(RunTool({"pack", "--key", directory_ / "k.key.pem", directory_ / "a.sh"}, FullDisk()),
+    EXPECT_THAT(RunTool({"pack", "--key", key, script}, FullDisk()),
                 Ends(5, HasSubstr("standard output: No space left")));
 }
 

@@ -15,10 +15,10 @@ bool IsReportPoll(const FakeAgent::Request& request) {
 class RunTest : public AgentTest {
 protected:
     // Runs one script "a.sh" under the ID "p".
-    ToolResult RunOne(const FakeAgent::Handler& handler, const std::vector<std::string>& options = {}) {
-        auto arguments = RunCommand({"--id", "p", directory_.Write("a.sh", "x")});
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        return Run(handler, arguments);
+    ToolResult RunOne(const FakeAgent::Handler& handler, std::vector<std::string> options = {},
+                      int output = MemoryFile()) {
+        options.insert(options.begin(), {"--id", "p", directory_.Write("a.sh", "x")});
+        return Run(handler, RunCommand(options), output);
     }
     static Json Success(const std::string& output = "out\n") {
         return ResultDocument("p", {RunEntry("a.sh", "1", output)});
@@ -69,14 +69,28 @@ TEST_F(RunTest, TheExitCodeTellsHowItEnded) {
     const auto ran = [](const char* result, const char* output, const char* end) {
         return FakeJournal(Pages{{ResultDocument("p", {RunEntry("a.sh", result, output, end)})}});
     };
+    Json no_text = RunEntry("a.sh", "1", "");
+    no_text["scriptid"] = 1;
     const std::tuple<FakeAgent::Handler, std::vector<std::string>, testing::Matcher<ToolResult>> cases[] = {
+        // Documents of any shape are survived and add nothing.
+        {FakeJournal(Pages{
+             {Json(), Json(7), Json::array({1}), Json{{"ID", 1}}, Json{{"ID", "p"}, {"msg_type", "1"}},
+              Json{{"ID", "p"}, {"msg_type", "1"}, {"data", "x"}},
+              Json{{"ID", "p"}, {"msg_type", "1"}, {"data", {{"result", 1}}}}, Json{{"ID", "p"}, {"msg_type", 4}},
+              ResultDocument("p", {Json(1), Json::object(), no_text}), Refusal("other"), Interruption("other", "x")},
+             {Success()}}),
+         {},
+         Ends(0, _, "out\n")},
+        {FakeJournal(Pages{{Json{{"ID", "p"}, {"msg_type", "5"}, {"data", 7}}}}),
+         {},
+         Ends(1, HasSubstr("interrupted"))},
         {ran("0", "no marker", "x"), {}, Ends(1, HasSubstr("a.sh: failed"), "no marker")},
         {ran("0", "", ""), {"--json"}, Ends(1, _, HasSubstr(R"("state":"timed out")"))},
         {ran("1", "\xC3\xA9\033\n", "x"),
          {"--json"},
          Ends(0, _, Has(R"("outcome":"succeeded")", R"("output":"\u00e9\u001b\n")"))},
         {FakeJournal(Pages{{Success()}}, {.source = "file"}), {"--command", "RunScriptFile"}, Ends(0, _, "out\n")},
-        {FakeJournal(Pages{{Json(), Refusal("p")}}),
+        {FakeJournal(Pages{{Refusal("p")}}),
          {},
          Ends(1, Has("a.sh: refused", "the policy p was refused: the plugin trusts another key"), "")},
         // Its state alone tells, without a report.
@@ -120,8 +134,7 @@ TEST_F(RunTest, APolicyThatTheAgentKnowsShowsTheResultsThatItHas) {
 TEST_F(RunTest, ReportsAreAcknowledgedOnlyWhenTheyHaveBeenPrinted) {
     for (const char* form : {"--wait=60", "--json"}) {
         FakeJournal journal(Pages{{Success()}});
-        EXPECT_THAT(Run(std::ref(journal), RunCommand({"--id", "p", directory_.Write("a.sh", "x"), form}), FullDisk()),
-                    Ends(5, HasSubstr("No space left")));
+        EXPECT_THAT(RunOne(std::ref(journal), {form}, FullDisk()), Ends(5, HasSubstr("No space left")));
         EXPECT_THAT(journal.acknowledged, IsEmpty());
     }
     FakeJournal kept(Pages{{Success()}});

@@ -6,10 +6,6 @@
 namespace qxpctl {
 namespace {
 
-std::string Commands(const std::vector<Json>& commands, uint64_t sequence) {
-    return FakeAgent::Answer(200, Json{{"commands", commands}, {"sequence", sequence}}.dump());
-}
-
 class ViewTest : public AgentTest {
 protected:
     // An agent whose commands change with every poll; the last page is repeated.
@@ -21,7 +17,9 @@ protected:
             }
             const size_t page = targets_.size();
             targets_.push_back(request.target);
-            return page < pages.size() ? Commands(pages[page], 20 + page) : Commands({}, 20 + pages.size());
+            const std::vector<Json> commands = page < pages.size() ? pages[page] : std::vector<Json>();
+            const Json answer = {{"commands", commands}, {"sequence", 20 + std::min(page, pages.size())}};
+            return FakeAgent::Answer(200, answer.dump());
         };
     }
     std::vector<std::string> targets_;
@@ -41,10 +39,8 @@ TEST_F(ViewTest, StatusShowsProblemsAndTellsThemByItsExitCode) {
     EXPECT_THAT(
         Run(agent, {"status"}),
         Ends(1, _, Has("failing", "no\\x0aplugin", "initialised", "takes nothing: disk full", "the oldest for")));
-    const ToolResult json = Run(agent, {"status", "--json"});
-    EXPECT_EQ(json.code, 1);
-    EXPECT_EQ(Json::parse(json.output)["health"]["problems"][0], "no\nplugin");
-    EXPECT_EQ(Json::parse(json.output)["plugin_status"], 1);
+    EXPECT_THAT(Run(agent, {"status", "--json"}),
+                Ends(1, _, Has(R"("problems":["no\nplugin"])", R"("plugin_status":1)")));
 }
 
 TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
@@ -84,10 +80,6 @@ TEST_F(ViewTest, ShowTellsEachScriptsResultAndEachReason) {
     };
     EXPECT_THAT(Run(paging, {"show", "p"}), Ends(0, _, Has("report 3", "report 4", "report 9: refused")));
     EXPECT_EQ(Json::parse(Run(paging, {"show", "p", "--json"}).output)["reports"].size(), 5U);
-
-    EXPECT_THAT(Run([](const auto&) { return FakeAgent::Answer(404, R"({"detail":"There is no such command."})"); },
-                    {"show", "x"}),
-                Ends(2, HasSubstr("There is no such command.")));
 }
 
 // Two pages of reports, then nothing.
@@ -119,9 +111,8 @@ TEST_F(ViewTest, ResultsAreListedOrFetchedAndAcknowledgedOnceTheyAreWritten) {
         return FakeAgent::Answer(200, request.target == "/v1/results/42" ? bytes : ReportPageAt(request.target));
     };
     const ToolResult list = Run(agent, {"results", "p", "--pending", "--acknowledge"});
-    EXPECT_EQ(list.code, 0);
+    EXPECT_THAT(list, Ends(0, _, Has("CURSOR", "p1.json")));
     EXPECT_EQ(std::count(list.output.begin(), list.output.end(), '\n'), 4);
-    EXPECT_THAT(list.output, AllOf(HasSubstr("CURSOR"), HasSubstr("p1.json")));
     EXPECT_THAT(targets_[0], Has("id=p", "acknowledged=false", "documents=false"));
     EXPECT_EQ(acknowledged, R"({"cursors":[1,5]})");
     acknowledged.clear();

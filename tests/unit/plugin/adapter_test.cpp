@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <limits>
 #include <stdexcept>
 
 #include "plugin/adapter/adapter_mgr.h"
@@ -49,19 +48,16 @@ int Notify(int type, const char* text) {
 
 using Calls = std::vector<std::string>;
 
-// What a thread ends with: null, or PTHREAD_CANCELED when it was unwound.
-void* ThreadResult(std::function<void()> body) {
-    static int not_joined;
-    pthread_t thread{};
-    void* result = &not_joined;
+bool IsCancelled(std::function<void()> body) {
     const auto run = [](void* argument) -> void* {
         (*static_cast<std::function<void()>*>(argument))();
         return nullptr;
     };
-    if (pthread_create(&thread, nullptr, run, &body) == 0) {
-        pthread_join(thread, &result);
-    }
-    return result;
+    pthread_t thread{};
+    void* result = nullptr;
+    EXPECT_EQ(pthread_create(&thread, nullptr, run, &body), 0);
+    EXPECT_EQ(pthread_join(thread, &result), 0);
+    return result == PTHREAD_CANCELED;
 }
 
 class AdapterTest : public testing::Test {
@@ -77,11 +73,6 @@ protected:
         manager_->m_pPluginFun = &table_;
         manager_->plugin_name = "F87FC278-D443-4C25-95CB-58D6C48E9128";
         manager_->SetCtx(&endpoint_);
-        SetHandlers();
-    }
-    ~AdapterTest() override { CqxpmaintMgr::DestroyInstance(); }
-
-    void SetHandlers() {
         PluginInitParam& param = manager_->m_stPluginInit;
         param.plugin_recv = Recv;
         param.plugin_connect = Connect;
@@ -89,6 +80,7 @@ protected:
         param.notify_mgr_to_plugin = Notify;
         manager_->m_stReceive.m_pPluginInit = &param;
     }
+    ~AdapterTest() override { CqxpmaintMgr::DestroyInstance(); }
 
     Calls Receive(long type, const GUID& sender, const std::string& body) {
         g_calls.clear();
@@ -105,8 +97,7 @@ protected:
 };
 
 TEST(GuidText, BothFormsAreReadAndOneIsWritten) {
-    const GUID guid = ParseGuid("f87fc278-D443-4C25-95CB-58D6C48E9128");
-    EXPECT_TRUE(guid == PLUGIN);
+    EXPECT_TRUE(ParseGuid("f87fc278-D443-4C25-95CB-58D6C48E9128") == PLUGIN);
     EXPECT_TRUE(ParseGuid("{F87FC278-D443-4C25-95CB-58D6C48E9128}") == PLUGIN);
     EXPECT_EQ(FormatGuid(PLUGIN), "F87FC278-D443-4C25-95CB-58D6C48E9128");
     EXPECT_TRUE(ParseGuid(nullptr) == GUID{});
@@ -116,20 +107,16 @@ TEST(GuidText, BothFormsAreReadAndOneIsWritten) {
 // Little-endian numbers, names padded to 64 bytes with NULs, and the text with a NUL behind it.
 std::string Envelope(uint32_t type, int value4, int value8, std::string name1, std::string name2,
                      const std::string& json) {
-    std::string bytes;
-    const auto put = [&](uint32_t number) {
-        for (int shift = 0; shift < 32; shift += 8) {
-            bytes += static_cast<char>(number >> shift);
+    const auto bytes = [](auto number) {
+        std::string text(4, '\0');
+        for (size_t at = 0; at < 4; ++at) {
+            text[at] = static_cast<char>(static_cast<uint32_t>(number) >> 8 * at);
         }
+        return text;
     };
     name1.resize(64);
     name2.resize(64);
-    for (const uint32_t number : {type, static_cast<uint32_t>(value4), static_cast<uint32_t>(value8), 0U}) {
-        put(number);
-    }
-    bytes += name1 + name2;
-    put(static_cast<uint32_t>(json.size()));
-    return bytes + json + '\0';
+    return bytes(type) + bytes(value4) + bytes(value8) + bytes(0) + name1 + name2 + bytes(json.size()) + json + '\0';
 }
 
 TEST_F(AdapterTest, EnvelopeIsLaidOutByteForByte) {
@@ -318,14 +305,12 @@ TEST_F(AdapterTest, ACancelledHostThreadUnwindsToItsEnd) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "AddressSanitizer takes the frames of a forced unwinding for live ones";
 #endif
-    const auto cancel_this_thread = [] {
+    endpoint_.script.during_request = g_during_recv = [] {
         pthread_cancel(pthread_self());
         pthread_testcancel();
     };
-    endpoint_.script.during_request = cancel_this_thread;
-    EXPECT_EQ(ThreadResult([] { CqxpmaintPluginObj::Start(); }), PTHREAD_CANCELED);
-    g_during_recv = cancel_this_thread;
-    EXPECT_EQ(ThreadResult([this] { Receive(20001, SERVER_DATA, "{}"); }), PTHREAD_CANCELED);
+    EXPECT_TRUE(IsCancelled([] { CqxpmaintPluginObj::Start(); }));
+    EXPECT_TRUE(IsCancelled([this] { Receive(20001, SERVER_DATA, "{}"); }));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "plugin/core/command.h"
@@ -23,10 +24,8 @@ bool g_bEncodesToNothing = false;
 
 // In place of the host's: a library that returns an empty text for what needs no encoding.
 extern "C" char* QxJsonEncodeStr(const char* text) {
-    if (g_bEncodesToNothing) {
-        return strdup("");
-    }
-    return reinterpret_cast<decltype(&QxJsonEncodeStr)>(dlsym(RTLD_NEXT, "QxJsonEncodeStr"))(text);
+    const auto encode = reinterpret_cast<decltype(&QxJsonEncodeStr)>(dlsym(RTLD_NEXT, "QxJsonEncodeStr"));
+    return g_bEncodesToNothing ? strdup("") : encode(text);
 }
 
 namespace qxpmaint_impl {
@@ -44,9 +43,6 @@ int KeepSent(int type, const char* name1, const char* name2, int value, const un
     return 5;  // a failing callback changes nothing
 }
 
-void Ignore(int, const unsigned char*) {
-}
-
 class CoreTest : public testing::Test {
 protected:
     CoreTest() {
@@ -59,7 +55,7 @@ protected:
 
     int Init(const std::string& kv) {
         param_ = {};
-        param_.notify_to_mgr = Ignore;
+        param_.notify_to_mgr = [](int, const unsigned char*) {};
         param_.send_to_mgr = KeepSent;
         param_.kv = kv.c_str();
         return qxpmaint_init(&param_);
@@ -100,9 +96,8 @@ TEST_F(CoreTest, ConfigurationFile) {
 
 TEST_F(CoreTest, InitFailuresLeaveThePluginUninitialised) {
     EXPECT_EQ(qxpmaint_init(nullptr), -1);
-    PluginInitParam incomplete{};
-    incomplete.send_to_mgr = KeepSent;
-    EXPECT_EQ(qxpmaint_init(&incomplete), -1);
+    param_.send_to_mgr = KeepSent;
+    EXPECT_EQ(qxpmaint_init(&param_), -1) << "incomplete";
     EXPECT_EQ(Init("conf_path=" + (directory_ / "missing.conf")), -2);
     EXPECT_EQ(InitWith("[qxpmaint\n"), -2);
     EXPECT_EQ(param_.plugin_recv, nullptr);
@@ -125,16 +120,19 @@ TEST_F(CoreTest, JsonFilesOfADirectory) {
     ASSERT_EQ(mkfifo((directory_ / "f.json").c_str(), 0600), 0);
     std::list<_FilePathInfo> files;
     EXPECT_TRUE(GetDirJsonFileList(directory_.Path().c_str(), files));
-    std::vector<std::string> names;
+    std::set<std::string> paths;
     for (const auto& file : files) {
         EXPECT_EQ(file.strFullPath.Str(), directory_ / file.strFileName.Str());
-        names.push_back(file.strFileName.Str());
+        paths.insert(file.strFileName.Str());
     }
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{".json", "a.JSON", "c.json", "f.json"}));
+    EXPECT_EQ(paths, (std::set<std::string>{".json", "a.JSON", "c.json", "f.json"}));
     EXPECT_FALSE(GetDirJsonFileList((directory_ / "missing").c_str(), files));
     EXPECT_FALSE(GetDirJsonFileList("", files));
     EXPECT_FALSE(GetDirJsonFileList(nullptr, files));
+}
+
+std::string Refusal(const std::string& command) {
+    return R"({"ID":"7","msg_type":"4","data_type":")" + command + "\"}";
 }
 
 TEST_F(CoreTest, RefusedCommandsAreAnsweredWhenTheyHaveAnId) {
@@ -144,14 +142,11 @@ TEST_F(CoreTest, RefusedCommandsAreAnsweredWhenTheyHaveAnId) {
         EXPECT_EQ(plugin_recv_handler(message), 0);
         return g_sent.empty() ? std::string("(none)") : g_sent.front();
     };
-    EXPECT_EQ(replyTo(R"({"ID":"7","Command":"Reboot"})"), R"({"ID":"7","msg_type":"4","data_type":"Reboot"})");
-    EXPECT_EQ(replyTo(R"({"ID":7})"), R"({"ID":"7","msg_type":"4","data_type":""})");
-    EXPECT_EQ(replyTo(R"({"ID":"7","Command":"runscriptnormal"})"),
-              R"({"ID":"7","msg_type":"4","data_type":"runscriptnormal"})");
-    EXPECT_EQ(replyTo(R"({"ID":"7","Command":"RunScriptNormal"})"),
-              R"({"ID":"7","msg_type":"4","data_type":"RunScriptNormal"})");
-    EXPECT_EQ(replyTo(R"({"ID":"7","Command":"RunScriptFile","param":{"scriptinfo":[]}})"),
-              R"({"ID":"7","msg_type":"4","data_type":"RunScriptFile"})");
+    for (const std::string command : {"Reboot", "runscriptnormal", "RunScriptNormal"}) {
+        EXPECT_EQ(replyTo((R"({"ID":"7","Command":")" + command + "\"}").c_str()), Refusal(command));
+    }
+    EXPECT_EQ(replyTo(R"({"ID":7})"), Refusal(""));
+    EXPECT_EQ(replyTo(R"({"ID":"7","Command":"RunScriptFile","param":{"scriptinfo":[]}})"), Refusal("RunScriptFile"));
     EXPECT_EQ(replyTo("{\"ID\":\"\xc3\xa9\",\"Command\":\"x\"}"), R"({"ID":"\u00e9","msg_type":"4","data_type":"x"})");
     const std::string longId(300, 'i');
     EXPECT_EQ(replyTo(("{\"ID\":\"" + longId + "\"}").c_str()), ("{\"ID\":\"" + longId).substr(0, 255));
@@ -172,8 +167,6 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
     g_u64ResultFileIndex = 0;
 
     EXPECT_TRUE(SendReportDataToServer("{\"a\":\"\xc3\xa9\"}", false, "x"));
-    ASSERT_EQ(g_sent.size(), 1U);
-    EXPECT_EQ(g_sent[0], R"({"a":"\u00e9"})");
     EXPECT_TRUE(SendReportDataToServer("{\"n\":1}", true, "res_"));
     EXPECT_TRUE(SendReportDataToServer("\xff", true, "res_"));
     EXPECT_EQ(ReadFile(directory_ / "res_1.json"), "{\"n\":1}");
@@ -183,13 +176,9 @@ TEST_F(CoreTest, ReportsAreSentOrWritten) {
     EXPECT_FALSE(SendReportDataToServer(nullptr, false, "x"));
     std::filesystem::create_symlink("/dev/full", directory_ / "full4.json");
     EXPECT_FALSE(SendReportDataToServer("{}", true, "full")) << "a full disk is an error";
-    EXPECT_EQ(g_sent.size(), 1U);
-
     g_bEncodesToNothing = true;
     EXPECT_TRUE(SendReportDataToServer("{\"a\":1}", false, "x"));
-    EXPECT_EQ(g_sent.back(), "{\"a\":1}") << "sent as it is";
-    EXPECT_TRUE(SendReportDataToServer("{\"a\":1}", true, "plain"));
-    EXPECT_EQ(ReadFile(directory_ / "plain5.json"), "{\"a\":1}");
+    EXPECT_EQ(g_sent, (std::vector<std::string>{R"({"a":"\u00e9"})", R"({"a":1})"})) << "plain text as it is";
     g_bEncodesToNothing = false;
 }
 

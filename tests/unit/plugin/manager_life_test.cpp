@@ -56,11 +56,10 @@ TEST_F(RunTest, UninitIsCompleteAndLeavesTheCallersCancellationAsItWasWhateverFa
         manager_->Stop();  // no work thread: leaves the run alone
         EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U);
         g_pfnTestPoint = [](const char* point) {
-            if (std::string_view(point) != "disposing") {
-                return;
+            if (std::string_view(point) == "disposing") {
+                g_pfnTestPoint = nullptr;
+                throw std::bad_alloc();
             }
-            g_pfnTestPoint = nullptr;
-            throw std::bad_alloc();
         };
         pthread_setcancelstate(before, nullptr);
         EXPECT_NO_THROW(qxpmaint_impl::uninit());

@@ -7,81 +7,45 @@
 
 namespace {
 
-struct Order {
-    const char* point;
-    const char* script;  ///< One that takes its thread to that place.
-};
-
-std::ostream& operator<<(std::ostream& out, const Order& order) {
-    return out << order.point;
-}
-
-class RunOrderTest : public RunTest, public testing::WithParamInterface<Order> {
-protected:
-    RunOrderTest() {
-        LaunchAlone(GetParam().script);
-        EXPECT_TRUE(barrier_.WaitReached());
+TEST_F(RunTest, ARunMayBeDisposedOfCancelledOrClosedAtEachStage) {
+    const std::pair<const char*, const char*> stages[] = {
+        {"run attached", "sleep 1000"}, {"run reading", "sleep 1000"}, {"run waiting", "exec >&-; sleep 1000"},
+        {"run storing", "echo x"},      {"run stored", "echo x"},
+    };
+    for (const auto& [point, script] : stages) {
+        for (const std::string end : {"disposed", "cancelled", "closed"}) {
+            SCOPED_TRACE(point + (" " + end));
+            ForgetReports();
+            Barrier barrier(point);
+            LaunchAlone(script);
+            ASSERT_TRUE(barrier.WaitReached());
+            if (end == "closed") {
+                std::thread closing([] { qxpmaint_impl::uninit(); });
+                // The close has ended the run and waits for its thread, which is held here.
+                EXPECT_TRUE(WaitUntil([&] { return manager_->GetPRunScriptListSize() == 0; }));
+                EXPECT_EQ(gate_->Count(), 1U);
+                barrier.Release();
+                closing.join();
+                EXPECT_EQ(gate_->Count(), 0U);
+                InitManager();
+                continue;
+            }
+            if (end == "cancelled") {
+                pthread_cancel(barrier.Thread());
+            } else {
+                manager_->DisposeScriptList(MT_STOPPLUGIN);
+                EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
+                Launch(Script("echo next"));  // may get the memory and the descriptors of the one before
+            }
+            barrier.Release();
+            auto results = Collect();
+            EXPECT_EQ(results.size(), 1U) << "a cancelled run is finished and reported";
+            EXPECT_EQ(results["script"].output == "next\n", end == "disposed");
+            EXPECT_TRUE(WaitThreadsGone());
+            EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
+            EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+        }
     }
-    void ExpectNothingLeft() {
-        EXPECT_TRUE(WaitThreadsGone());
-        EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
-        EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors_);
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-    }
-
-    Barrier barrier_{GetParam().point};
-};
-
-TEST_P(RunOrderTest, Disposed) {
-    manager_->DisposeScriptList(MT_STOPPLUGIN);
-    EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
-    Launch(Script("echo next"));  // may get the memory and the descriptors of the one before
-    barrier_.Release();
-    auto results = Collect();
-    ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results["script"].output, "next\n");
-    ExpectNothingLeft();
-}
-
-TEST_P(RunOrderTest, Cancelled) {
-    pthread_cancel(barrier_.Thread());
-    barrier_.Release();
-    EXPECT_EQ(Collect().size(), 1U) << "the run is finished and reported";
-    ExpectNothingLeft();
-}
-
-TEST_P(RunOrderTest, Closed) {
-    std::thread closing([] { qxpmaint_impl::uninit(); });
-    // The close has ended the run and waits for its thread, which is held here.
-    EXPECT_TRUE(WaitUntil([&] { return manager_->GetPRunScriptListSize() == 0; }));
-    EXPECT_EQ(gate_->Count(), 1U);
-    barrier_.Release();
-    closing.join();
-    EXPECT_EQ(gate_->Count(), 0U);
-}
-
-INSTANTIATE_TEST_SUITE_P(EachStage, RunOrderTest,
-                         testing::Values(Order{"run attached", "sleep 1000"}, Order{"run reading", "sleep 1000"},
-                                         Order{"run waiting", "exec >&-; sleep 1000"}, Order{"run storing", "echo x"},
-                                         Order{"run stored", "echo x"}),
-                         [](const auto& order) { return std::string(order.param.point).substr(4); });
-
-TEST_F(RunTest, ARunThatFinishesBeforeItIsListedIsReportedAllTheSame) {
-    Barrier barrier("launch listing");
-    std::thread launcher([&] { Launch(Script("echo quick")); });
-    ASSERT_TRUE(barrier.WaitReached());
-    EXPECT_TRUE(WaitThreadsGone()) << "the run is over";
-    // A work thread takes the signal of the run's end, and finds nothing.
-    pthread_t worker{};
-    ASSERT_EQ(pthread_create(&worker, nullptr, CMaintMgr::WorkThread, nullptr), 0);
-    EXPECT_TRUE(WaitUntil([&] { return barrier.Count("disposing") == 1; }));
-    EXPECT_EQ(manager_->GetPRunScriptListSize(), 0U);
-    barrier.Release();
-    launcher.join();
-    EXPECT_TRUE(WaitUntil([] { return Reported().size() == 1; })) << "there was another signal";
-    EXPECT_EQ(Reported().at(0).output, "quick\n");
-    manager_->Stop();
-    EXPECT_TRUE(WaitUntil([] { return CountThreads("qxpmaintwork") == 0; }));
 }
 
 }  // namespace

@@ -2,14 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <csignal>
 
-#include <list>
 #include <map>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "plugin/core/plugin_core.h"
 #include "plugin/manager/maint_mgr.h"
@@ -17,6 +12,10 @@
 #include "qxhost/json.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
+#include "tests/unit/plugin/descriptor_limit.h"
+
+/// A time-out in seconds that is 0 as 32 bits of milliseconds.
+inline constexpr unsigned int OVER_AT_ONCE = 1U << 29U;
 
 inline std::mutex g_reportsLock;
 inline std::list<std::string> g_reports;  // guarded by g_reportsLock
@@ -28,7 +27,9 @@ inline int KeepReport(int /*type*/, const char* /*name1*/, const char* /*name2*/
     return 0;
 }
 
-inline void Ignore(int, const unsigned char*) {
+inline void ForgetReports() {
+    const std::lock_guard lock(g_reportsLock);
+    g_reports.clear();
 }
 
 struct Result {
@@ -44,10 +45,7 @@ struct Result {
 class RunTest : public testing::Test {
 protected:
     RunTest() {
-        {
-            const std::lock_guard lock(g_reportsLock);
-            g_reports.clear();
-        }
+        ForgetReports();
         InitManager();
         descriptors_ = CountEntries("/proc/self/fd");
     }
@@ -61,7 +59,7 @@ protected:
 
     void InitManager() {
         PluginInitParam param{};
-        param.notify_to_mgr = Ignore;
+        param.notify_to_mgr = [](int, const unsigned char*) {};
         param.send_to_mgr = KeepReport;
         param.kv = "agent_type=KSTL";
         EXPECT_EQ(qxpmaint_impl::qxpmaint_init(&param), 0);
@@ -82,14 +80,19 @@ protected:
 
     void Launch(const _MaintPolicyDetail& script) { manager_->RunNewScript({script}); }
 
-    // Runs a script as the very child of this process, without a shell between that would hold the output open.
-    void LaunchAlone(const std::string& body, const std::string& id = "script") {
+    std::string WriteProgram(const std::string& body, const std::string& id) {
         const std::string path = directory_.Write("alone-" + id, "#!/bin/bash\n" + body + "\n");
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        return path;
+    }
+    // Runs a program as the very child of this process, without a shell between that would hold the output open.
+    void LaunchProgram(const std::string& path, const std::string& id, unsigned int time_out = 0) {
         auto script = Script("", id);
         script.strType = "exe";
+        script.dwTimeOut = time_out;
         manager_->CreateRunScript("exec " + path, "", manager_->GetSequenceIndex(), script);
     }
+    void LaunchAlone(const std::string& body) { LaunchProgram(WriteProgram(body, "script"), "script"); }
 
     // Disposes of finished runs until none is listed, and returns what was reported, by script.
     std::map<std::string, Result> Collect() {
@@ -102,6 +105,15 @@ protected:
             results[result.script] = result;
         }
         return results;
+    }
+
+    // Disposes of finished runs until one is reported, which is the first.
+    Result WaitForReport() {
+        EXPECT_TRUE(WaitUntil([&] {
+            manager_->DisposeScriptList(MT_RUNCOMPLETE);
+            return !Reported().empty();
+        }));
+        return Reported().at(0);
     }
 
     static std::vector<Result> Reported() {

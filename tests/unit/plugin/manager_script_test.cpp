@@ -11,21 +11,6 @@
 
 namespace {
 
-TEST_F(RunTest, ABackgroundChildThatKeepsTheOutputKeepsItsRunAndEndsWithIt) {
-    Launch(Script("(echo $BASHPID > '" + (directory_ / "pid") + "'; exec sleep 1000) & echo parent is done"));
-    const pid_t pid = PidIn("pid");
-    Launch(Script("echo done", "other"));
-    EXPECT_TRUE(WaitUntil([&] {
-        manager_->DisposeScriptList(MT_RUNCOMPLETE);
-        return Reported().size() == 1;
-    }));
-    EXPECT_EQ(Reported()[0].script, "other");
-    EXPECT_EQ(manager_->GetPRunScriptListSize(), 1U) << "the output of the first has not ended";
-    EXPECT_TRUE(ProcessRuns(pid));
-    manager_->DisposeScriptList(MT_STOPPLUGIN);
-    ExpectGone(pid);
-}
-
 TEST_F(RunTest, ADaemonThatHasLeftTreeAndOutputIsLeftAlone) {
     const std::string pid_file = directory_ / "pid";
     Launch(Script("setsid bash -c 'echo $$ > \"" + pid_file + "\"; exec sleep 1000' </dev/null >/dev/null 2>&1 & " +
@@ -84,13 +69,11 @@ TEST_F(RunTest, FreshExecutablesAreNeverBusyBesideOtherLaunches) {
             Launch(script);
         }
     };
-    std::vector<std::thread> launchers;
+    std::vector<std::jthread> launchers;
     for (const char* name : {"a", "b", "c"}) {
         launchers.emplace_back(launch, name);
     }
-    for (std::thread& launcher : launchers) {
-        launcher.join();
-    }
+    launchers.clear();  // waits for them
     const auto results = Collect();
     EXPECT_EQ(results.size(), 3U * EACH);
     for (const auto& [script, result] : results) {

@@ -84,16 +84,15 @@ TEST(Event, LosesNoWakeUpBetweenTwoThreads) {
     }
 }
 
-void* WaitForEver(void* event) {
-    QxWaitEventTimeout(event, -1);
-    return nullptr;
-}
-
 TEST(Event, CancelledWaiterLeavesTheEventUsable) {
     const Event event = MakeEvent(false);
+    const auto wait_for_ever = [](void* awaited) -> void* {
+        QxWaitEventTimeout(awaited, -1);
+        return nullptr;
+    };
     for (int i = 0; i < 20; ++i) {
         pthread_t waiter = {};
-        ASSERT_EQ(pthread_create(&waiter, nullptr, WaitForEver, event.get()), 0);
+        ASSERT_EQ(pthread_create(&waiter, nullptr, wait_for_ever, event.get()), 0);
         ASSERT_EQ(pthread_cancel(waiter), 0);
         void* result = nullptr;
         ASSERT_EQ(pthread_join(waiter, &result), 0);
@@ -105,18 +104,12 @@ TEST(Event, CancelledWaiterLeavesTheEventUsable) {
 TEST(CriticalSection, IsReEntrantForItsOwnerOnly) {
     pthread_mutex_t section;
     QxInitializeCriticalSection(&section);
-    EXPECT_EQ(pthread_mutex_lock(&section), 0);
-    EXPECT_EQ(pthread_mutex_lock(&section), 0);
-    const auto free_for_others = [&] {
-        const auto lock_and_unlock = [&] {
-            return pthread_mutex_trylock(&section) == 0 && pthread_mutex_unlock(&section) == 0;
-        };
-        return std::async(std::launch::async, lock_and_unlock).get();
-    };
+    const auto lock = [&] { return pthread_mutex_trylock(&section) == 0; };
+    EXPECT_TRUE(lock() && lock());
     pthread_mutex_unlock(&section);
-    EXPECT_FALSE(free_for_others());
+    EXPECT_FALSE(std::async(std::launch::async, lock).get());
     pthread_mutex_unlock(&section);
-    EXPECT_TRUE(free_for_others());
+    EXPECT_TRUE(std::async(std::launch::async, [&] { return lock() && pthread_mutex_unlock(&section) == 0; }).get());
     QxDeleteCriticalSection(&section);
 }
 

@@ -27,7 +27,7 @@ TEST(ReadFileData, GivesTheBytesOfARegularFileAndANul) {
     const std::string content = "{\"a\"\0:1}\n"s;
     const std::string file = directory.Write("policy.json", content);
     fs::create_symlink("policy.json", directory.Path() / "link");
-    for (const fs::path& path : {fs::path(file), directory.Path() / "link"}) {
+    for (const std::string& path : {file, directory / "link"}) {
         const FileData data = Read(path);
         ASSERT_TRUE(data) << path;
         EXPECT_EQ(std::string(data.get(), content.size() + 1), content + '\0');

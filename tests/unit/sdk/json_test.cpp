@@ -40,7 +40,7 @@ std::string Repeated(const std::string& part, size_t count) {
 }
 
 std::string NestedArrays(size_t depth) {
-    return Repeated("[", depth) + Repeated("]", depth);
+    return std::string(depth, '[') + std::string(depth, ']');
 }
 
 TEST(JsonParse, FindsMembersAndChildrenInDocumentOrder) {

@@ -175,9 +175,7 @@ TEST(Log, KeepsErrnoAndFormatsIt) {
     InProcess({{"QXHOST_LOG", "/dev/full"}}, [] {
         errno = ENOENT;
         LogPrintC(93, 3, "cannot be written");
-        if (errno != ENOENT) {
-            _exit(1);
-        }
+        _exit(errno == ENOENT ? 0 : 1);
     });
 }
 #pragma GCC diagnostic pop
@@ -218,22 +216,17 @@ TEST(Log, RecordsOfSeveralThreadsAndProcessesStayWhole) {
     const std::string file = directory.Path() / "agent.log";
     InProcess({{"QXHOST_LOG", file}}, [] {
         const pid_t second = fork();
-        {
-            std::vector<std::jthread> threads;
-            threads.reserve(3);
-            for (int thread = 0; thread < 3; ++thread) {
-                threads.emplace_back([thread] {
-                    const std::string text(static_cast<size_t>(thread) * 3000 + 10, static_cast<char>('a' + thread));
-                    for (size_t i = 0; i < kRecords; ++i) {
-                        LogPrintC(93, 5, "%s", text.c_str());
-                    }
-                });
-            }
+        std::vector<std::jthread> threads;
+        for (const auto& text : {std::string(10, 'a'), std::string(3010, 'b'), std::string(6010, 'c')}) {
+            threads.emplace_back([text] {
+                for (size_t i = 0; i < kRecords; ++i) {
+                    LogPrintC(93, 5, "%s", text.c_str());
+                }
+            });
         }
+        threads.clear();  // waits for them
         int status = 0;
-        if (second != 0 && (waitpid(second, &status, 0) != second || status != 0)) {
-            _exit(1);
-        }
+        _exit(second == 0 || (waitpid(second, &status, 0) == second && status == 0) ? 0 : 1);
     });
     std::map<std::string, size_t> counts;
     for (const std::string& record : Records(ReadFile(file))) {

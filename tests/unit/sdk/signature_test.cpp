@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -25,10 +26,6 @@ Key NewKey(const char* type = "ED25519") {
     return {qxppolicy::KeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{512})), qxppolicy::Scheme::kEd25519};
 }
 
-std::string PublicPem(const Key& key) {
-    return qxppolicy::WriteKeyPair(key).public_pem;
-}
-
 bool Valid(const std::string& signature, const std::string& data = kScript) {
     const int result = qxchksign_buffer(signature.c_str(), reinterpret_cast<const unsigned char*>(data.data()),
                                         static_cast<unsigned int>(data.size()));
@@ -40,6 +37,10 @@ class Signature : public testing::Test {
 protected:
     Signature() { QxSetTrustDirectory(directory_.Path().c_str()); }
     ~Signature() override { QxSetTrustDirectory(nullptr); }
+
+    std::string WriteKey(const std::string& name, const Key& key) const {
+        return directory_.Write(name, qxppolicy::WriteKeyPair(key).public_pem);
+    }
 
     const TempDir directory_;
 };
@@ -55,9 +56,7 @@ TEST_F(Signature, AcceptsTheKnownAnswer) {
         "085ac1e43e15996e458f3613d0f11d8c387b2eaeb4302aeeb00d291612bb0c00";
     EXPECT_TRUE(Valid(signature, "\x72"));
     EXPECT_FALSE(Valid(signature, "\x73"));
-    for (char& c : signature) {
-        c = static_cast<char>(std::toupper(c));
-    }
+    std::transform(signature.begin(), signature.end(), signature.begin(), toupper);
     EXPECT_TRUE(Valid(signature, "\x72"));
 }
 
@@ -65,15 +64,15 @@ TEST_F(Signature, TrustsTheKeysThatAreInTheDirectoryAtTheMoment) {
     const Key first = NewKey();
     const Key second = NewKey();
     EXPECT_FALSE(Valid(Sign(first, kScript))) << "no key yet";
-    const std::string file = directory_.Write("first.pem", PublicPem(first));
+    const std::string file = WriteKey("first.pem", first);
     EXPECT_TRUE(Valid(Sign(first, kScript)));
     EXPECT_FALSE(Valid(Sign(second, kScript)));
-    directory_.Write("second.pem", PublicPem(second));
+    WriteKey("second.pem", second);
     EXPECT_TRUE(Valid(Sign(second, kScript)));
     EXPECT_TRUE(Valid(Sign(first, ""), ""));
     fs::remove(file);
     EXPECT_FALSE(Valid(Sign(first, kScript)));
-    fs::create_symlink(directory_.Write("first.txt", PublicPem(first)), directory_.Path() / "link.pem");
+    fs::create_symlink(WriteKey("first.txt", first), directory_.Path() / "link.pem");
     EXPECT_TRUE(Valid(Sign(first, kScript)));
     QxSetTrustDirectory((directory_.Path() / "missing").c_str());
     EXPECT_FALSE(Valid(Sign(second, kScript)));
@@ -82,7 +81,7 @@ TEST_F(Signature, TrustsTheKeysThatAreInTheDirectoryAtTheMoment) {
 TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     const Key key = NewKey();
     const std::string signature = Sign(key, kScript);
-    const std::string pem = PublicPem(key);
+    const std::string pem = qxppolicy::WriteKeyPair(key).public_pem;
     directory_.Write("key.pem.bak", pem);
     directory_.Write(".key.pem", pem);
     directory_.Write("large.pem", std::string(65536, '#') + '\n' + pem);
@@ -94,8 +93,8 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
     directory_.Write("text.pem", "not a key\n");
     directory_.Write("cut.pem", pem.substr(0, pem.size() / 2));
     const Key rsa = NewKey("RSA");  // of 512 bits, so that its signatures are as long
-    directory_.Write("rsa.pem", PublicPem(rsa));
-    directory_.Write("agreement.pem", PublicPem(NewKey("X25519")));
+    WriteKey("rsa.pem", rsa);
+    WriteKey("agreement.pem", NewKey("X25519"));
     fs::create_directory(directory_.Path() / "directory.pem");
     ASSERT_EQ(mkfifo((directory_.Path() / "fifo.pem").c_str(), 0600), 0);
     const long descriptors = CountEntries("/proc/self/fd");
@@ -109,7 +108,7 @@ TEST_F(Signature, PassesOverFilesThatAreNotTrustedKeys) {
 
 TEST_F(Signature, RefusesEveryOtherSignatureText) {
     const Key key = NewKey();
-    directory_.Write("key.pem", PublicPem(key));
+    WriteKey("key.pem", key);
     const std::string good = Sign(key, kScript);
     ASSERT_TRUE(Valid(good));
     for (const std::string& bad :
@@ -127,7 +126,7 @@ TEST_F(Signature, RefusesEveryOtherSignatureText) {
 
 TEST_F(Signature, IsCheckedWhileTheDirectoryIsChanged) {
     const Key key = NewKey();
-    directory_.Write("key.pem", PublicPem(key));
+    WriteKey("key.pem", key);
     const std::string signature = Sign(key, kScript);
     std::jthread setter([&](const std::stop_token& stop) {
         while (!stop.stop_requested()) {

@@ -87,7 +87,7 @@ std::span<const RunRow> RunTable() {
     return RUN_TABLE;
 }
 
-const RunRow& FindRunRow(ERunActor eBy, ERunState eState, ERunEvent eEvent) {
+const RunRow& FindRunRow([[maybe_unused]] ERunActor eBy, ERunState eState, ERunEvent eEvent) {
     const auto* pRow = std::find_if(std::begin(RUN_TABLE), std::end(RUN_TABLE),
                                     [&](const RunRow& row) { return row.eEvent == eEvent && row.stFrom.Has(eState); });
     assert(pRow != std::end(RUN_TABLE) && pRow->eBy == eBy);

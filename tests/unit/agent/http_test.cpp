@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -37,7 +38,7 @@ TEST_F(HttpTest, ARequestWhoseEndNobodyKnowsIsAnsweredOnceAndIsTheLast) {
           "Transfer-Encoding: chunked\r\nContent-Length: 20", "Transfer-Encoding: gzip",
           "Transfer-Encoding: gzip, chunked", "Content-Length: 20x", "Content-Length: -20", "Content-Length: 20, 20",
           "Content-Length: 99999999999999999999"}) {
-        const std::string answer = Raw(kRunOnce + framing + "\r\n\r\n" + body);
+        const std::string answer = Raw(fmt::format("{}{}\r\n\r\n{}", kRunOnce, framing, body));
         EXPECT_THAT(answer, testing::MatchesRegex("HTTP/1.1 (400|413|501) .*\r\n\r\n\\{[^\n]*\\}")) << framing;
         EXPECT_EQ(answer.rfind("HTTP/1.1"), 0U) << framing;
     }

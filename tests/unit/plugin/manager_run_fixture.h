@@ -81,7 +81,7 @@ protected:
     void Launch(const _MaintPolicyDetail& script) { manager_->RunNewScript({script}); }
 
     std::string WriteProgram(const std::string& body, const std::string& id) {
-        const std::string path = directory_.Write("alone-" + id, "#!/bin/bash\n" + body + "\n");
+        std::string path = directory_.Write("alone-" + id, "#!/bin/bash\n" + body + "\n");
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
         return path;
     }
